@@ -1,0 +1,61 @@
+# The two commands of the README, plus bench and install. Every target first installs
+# whatever Debian packages are missing, so a fresh machine needs nothing but make.
+
+BUILD      ?= build
+BUILD_SAN  ?= build-sanitize
+JOBS       ?= $(shell nproc)
+PREFIX     ?= /usr/local
+CMAKE_ARGS ?=
+
+PACKAGES := g++ cmake make pkg-config python3 binutils \
+            googletest libgtest-dev libbenchmark-dev \
+            zlib1g-dev libbz2-dev libbrotli-dev libzstd-dev libavro-dev libjansson-dev \
+            libcli11-dev nlohmann-json3-dev libfmt-dev \
+            bzip2 brotli zstd pigz
+
+SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
+
+.PHONY: all deps build build-sanitize test demo bench install clean
+
+all: build
+
+deps:
+	@missing=""; for p in $(PACKAGES); do \
+	  dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+
+$(BUILD_SAN)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_SANITIZE=ON \
+	  -DNVBDLL_BUILD_BENCH=OFF $(CMAKE_ARGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+build-sanitize: deps $(BUILD_SAN)/CMakeCache.txt
+	cmake --build $(BUILD_SAN) -j $(JOBS)
+
+# The whole suite twice: a normal build, then one under ASan and UBSan.
+test: build build-sanitize
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(BUILD_SAN) --output-on-failure -j $(JOBS)
+
+demo: build
+	./scripts/demo.sh $(BUILD)
+
+bench: build
+	./scripts/bench.sh $(BUILD)
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD) $(BUILD_SAN)

@@ -1,0 +1,135 @@
+/* nvbdll: reads and writes the raw log streams of a GNSS receiver.
+ *
+ * Reading: nvbdll_initNVBLib once, nvbdll_GetNVBStateHandle, then per record a getter
+ * (nvbdll_getNVBRecord, or by byte following `more`), nvbdll_processNVBRecord and
+ * nvbdll_retrieveDATRecord; at status 1 free the handle and the library.
+ * All state lives in the object behind the handle; options are fields of that object. */
+#ifndef NVBDLL_H
+#define NVBDLL_H
+
+#include "nvbdll_platform.h"
+#include "records.h"
+#include "state.h"
+#include "status.h"
+
+NVB_EXTERN_C_BEGIN
+
+/*! nvbdll_getNVBLibVersion() :
+ *  Writes the version as "8.97 " (major, minor, one blank) into `text`.
+ *  @return : the length written, 5. The caller provides at least 6 bytes. */
+NVBDLL_API int nvbdll_getNVBLibVersion(char* text);
+
+/*! nvbdll_initNVBLib() :
+ *  Builds the process-wide Huffman tree, freeing any earlier one first. Call once before
+ *  any other function, and never beside anything else.
+ *  @return : 0. */
+NVBDLL_API int nvbdll_initNVBLib(void);
+
+/*! nvbdll_freeNVBLib() :
+ *  Frees the Huffman tree. No state may be reading a Huffman stream afterwards.
+ *  @return : 0. */
+NVBDLL_API int nvbdll_freeNVBLib(void);
+
+/*! nvbdll_GetNVBStateHandle() :
+ *  Allocates an expand state with its record structures, set to the defaults.
+ *  Does not build the Huffman tree (see nvbdll_initNVBLib).
+ *  @return : the state, or NULL when it can't be allocated. */
+NVBDLL_API nvb_expand_t* nvbdll_GetNVBStateHandle(void);
+
+/*! nvbdll_FreeNVBStateHandle() :
+ *  Frees an expand state and everything it owns. NULL is allowed.
+ *  @return : NULL. */
+NVBDLL_API nvb_expand_t* nvbdll_FreeNVBStateHandle(nvb_expand_t* state);
+
+/*! nvbdll_newExpandState() :
+ *  Rebuilds the Huffman tree, then as nvbdll_GetNVBStateHandle. Rebuilding leaves any
+ *  state already reading a Huffman stream on freed nodes.
+ *  @return : the state, or NULL. */
+NVBDLL_API nvb_expand_t* nvbdll_newExpandState(void);
+
+/*! nvbdll_freeExpandState() :
+ *  Frees only the 19 record structures that a host builds itself (DAT header, 5, 11, 12,
+ *  15, 16, 17, 19, 21, 25, 26, 27, 28, 29, 30, 31, 40, 98, 99) and the state. NULL is
+ *  allowed. Use it only for a state whose structures the host allocated. */
+NVBDLL_API void nvbdll_freeExpandState(nvb_expand_t* state);
+
+/*! nvbdll_initNVBExpandState() :
+ *  Returns a state to its defaults, stream detection included. This also clears the table
+ *  of record structures, which the host must then fill again.
+ *  @return : true on success. */
+NVBDLL_API bool nvbdll_initNVBExpandState(nvb_expand_t* state);
+
+/*! nvbdll_resetNVBExpandState() :
+ *  Clears the delta histories of the compact codecs, for use after a jump in the input.
+ *  Buffers, stream mode and flags stay. */
+NVBDLL_API void nvbdll_resetNVBExpandState(nvb_expand_t* state);
+
+/*! nvbdll_getNVBRecord() :
+ *  Reads the next record of `file`, Huffman decoding on.
+ *  @return : the record type (>0) when a record stands in the frame buffer (status 0 or 18),
+ *            0 when none, -1 on a failure that *status tells (1 at the end of the file). */
+NVBDLL_API int32_t nvbdll_getNVBRecord(nvb_expand_t* state, FILE* file, uint8_t* status);
+
+/*! nvbdll_getNVARecord() :
+ *  As nvbdll_getNVBRecord, Huffman decoding off. A block stream is still recognised. */
+NVBDLL_API int32_t nvbdll_getNVARecord(nvb_expand_t* state, FILE* file, uint8_t* status);
+
+/*! nvbdll_getNVBRecordByByte() :
+ *  One step of the reader with one new byte (haveByte 1) or none (haveByte 0).
+ *  *more is 1 when another record can be taken without a new byte: call again with
+ *  haveByte 0 until it is 0.
+ *  @return : as nvbdll_getNVBRecord; status 3 when called without a byte and none is queued. */
+NVBDLL_API int32_t nvbdll_getNVBRecordByByte(nvb_expand_t* state, uint8_t byte, uint8_t* status,
+                                             uint8_t haveByte, uint8_t* more);
+
+/*! nvbdll_getNVARecordByByte() :
+ *  One step with one new byte, no Huffman and no stream detection: bytes go straight to
+ *  the frame assembler. */
+NVBDLL_API int32_t nvbdll_getNVARecordByByte(nvb_expand_t* state, uint8_t byte, uint8_t* status);
+
+/*! nvbdll_processNVBRecord() :
+ *  Expands and decodes the record that the last getter left in the frame buffer.
+ *  `unused` is not read. *recordType receives the plain type, 65535 for none.
+ *  @return : length of the DAT form, 0 when nothing is delivered.
+ *  Statuses: 2 checksum, 5 end byte, 7 expansion failed. */
+NVBDLL_API uint32_t nvbdll_processNVBRecord(nvb_expand_t* state, uint32_t unused,
+                                            uint16_t* recordType, uint8_t* status);
+
+/*! nvbdll_retrieveDATRecord() :
+ *  Writes the DAT form of the record just decoded into `out`, which must hold the length
+ *  that nvbdll_processNVBRecord returned. `recordType` must be the type it reported.
+ *  @return : true when written in a form its type defines; false for a wrong type or a
+ *            NULL `out` (nothing written) and for types carried as generic bodies. */
+NVBDLL_API bool nvbdll_retrieveDATRecord(nvb_expand_t* state, int16_t recordType, uint8_t* out);
+
+/*! nvbdll_convertRecNN() :
+ *  Twelve names of one function: nvbdll_processNVBRecord with the type thrown away.
+ *  @return : the DAT length, 0 when nothing is delivered. */
+NVBDLL_API uint32_t nvbdll_convertRec11(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec12(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec15(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec17(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec19(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec21(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec25(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec26(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec27(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec28(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec29(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+NVBDLL_API uint32_t nvbdll_convertRec40(nvb_expand_t* state, uint8_t unused, uint8_t* status);
+
+/*! nvbdll_processTypeXX() :
+ *  Single step for a host with a dispatch of its own: copies the frame buffer to the
+ *  plain frame buffer.
+ *  @return : false. */
+NVBDLL_API bool nvbdll_processTypeXX(nvb_expand_t* state);
+
+/*! nvbdll_readRec16Buffer() :
+ *  Reads an opaque record 16 from `frame` (a frame buffer of the state's layout) into the
+ *  state's Rec16 and DAT header.
+ *  @return : the DAT length (frame length minus 3), 0 without a Rec16 structure. */
+NVBDLL_API uint16_t nvbdll_readRec16Buffer(uint8_t* frame, nvb_expand_t* state);
+
+NVB_EXTERN_C_END
+
+#endif

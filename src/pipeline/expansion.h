@@ -1,0 +1,20 @@
+#ifndef NVB_PIPELINE_EXPANSION_H
+#define NVB_PIPELINE_EXPANSION_H
+
+#include <nvbdll/state.h>
+
+#include <cstdint>
+
+namespace nvb {
+
+// Expands the frame that the getter left (by `currentType`), checks its end byte and,
+// in framed levels, its checksum, runs the reader of its type and the thinning.
+// Returns the DAT length, 0 when nothing is delivered; `recordType` is 65535 for none.
+std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std::uint8_t& status);
+
+// Whether the current block level holds framed records with real checksums.
+[[nodiscard]] bool isFramedLevel(std::uint8_t blockLevel);
+
+}  // namespace nvb
+
+#endif

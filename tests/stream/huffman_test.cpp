@@ -1,0 +1,167 @@
+#include "stream/huffman.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+class Huffman : public ::testing::Test {
+protected:
+    void SetUp() override {
+        nvb::huffmanFree();
+        ASSERT_TRUE(nvb::huffmanBuild());
+    }
+
+    static std::string bitsOf(std::uint16_t symbol) {
+        const nvb::HuffmanCode& code = nvb::huffmanCodeOf(symbol);
+        std::string bits;
+        for (int bit = code.length - 1; bit >= 0; --bit) bits += ((code.code >> bit) & 1u) != 0 ? '1' : '0';
+        return bits;
+    }
+};
+
+TEST_F(Huffman, CodesOfTheNamedSymbolsAreTheKnownOnes) {
+    EXPECT_EQ(bitsOf(0), "100");
+    EXPECT_EQ(bitsOf(32), "00010");
+    EXPECT_EQ(bitsOf(255), "00111");
+    EXPECT_EQ(bitsOf(nvb::kHuffmanEndSymbol), "10111001111");
+}
+
+TEST_F(Huffman, CodeLengthsFollowTheKnownDistribution) {
+    std::map<int, int> lengths;
+    for (std::uint16_t symbol = 0; symbol < nvb::kHuffmanSymbolCount; ++symbol) {
+        ++lengths[nvb::huffmanCodeOf(symbol).length];
+    }
+    const std::map<int, int> expected = {{3, 1}, {4, 1}, {5, 4}, {6, 7}, {7, 19}, {8, 47}, {9, 75}, {10, 101}, {11, 2}};
+    EXPECT_EQ(lengths, expected);
+}
+
+TEST_F(Huffman, WeightsSumToTheMeasuredTotal) {
+    std::uint64_t total = 0;
+    for (std::uint16_t symbol = 0; symbol < nvb::kHuffmanSymbolCount; ++symbol) total += nvb::huffmanCodeOf(symbol).weight;
+    EXPECT_EQ(total, 12127276u);
+}
+
+TEST_F(Huffman, CodesArePrefixFree) {
+    std::vector<std::string> codes;
+    for (std::uint16_t symbol = 0; symbol < nvb::kHuffmanSymbolCount; ++symbol) codes.push_back(bitsOf(symbol));
+    for (std::size_t i = 0; i < codes.size(); ++i) {
+        for (std::size_t j = 0; j < codes.size(); ++j) {
+            if (i == j) continue;
+            ASSERT_NE(codes[j].rfind(codes[i], 0), 0u) << i << " is a prefix of " << j;
+        }
+    }
+}
+
+TEST_F(Huffman, BuildRefusesWhileATreeExists) { EXPECT_FALSE(nvb::huffmanBuild()); }
+
+TEST_F(Huffman, RandomBytesSurviveEncodeAndDecodeAcrossEndSymbolsAndFlushes) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 50; ++round) {
+        std::vector<std::uint8_t> plain(random() % 3000);
+        for (auto& byte : plain) byte = static_cast<std::uint8_t>(random());
+        // Encode in chunks, each closed by an end symbol and a flush, as a writer does
+        // every 600 records.
+        nvb_huffman_encoder_t encoder{};
+        std::vector<std::uint8_t> coded(plain.size() * 2 + 64);
+        std::size_t used = 0;
+        std::size_t chunkEnd = 0;
+        std::vector<std::size_t> chunkEnds;
+        while (chunkEnd < plain.size()) {
+            const std::size_t next = std::min(plain.size(), chunkEnd + 1 + random() % 700);
+            used += nvb::huffmanEncodeBuffer(encoder, plain.data() + chunkEnd, coded.data() + used,
+                                             static_cast<std::uint16_t>(next - chunkEnd));
+            used += static_cast<std::size_t>(nvb::huffmanEncodeSymbol(encoder, nvb::kHuffmanEndSymbol, coded.data() + used, false));
+            used += static_cast<std::size_t>(nvb::huffmanEncodeSymbol(encoder, 0, coded.data() + used, true));
+            chunkEnds.push_back(next);
+            chunkEnd = next;
+        }
+        std::vector<std::uint8_t> decoded;
+        const void* position = nullptr;
+        nvb::huffmanDecodeByte(position, 0, nullptr, true);
+        int endSymbols = 0;
+        for (std::size_t i = 0; i < used; ++i) {
+            std::uint8_t out[8];
+            const int count = nvb::huffmanDecodeByte(position, coded[i], out, false);
+            if (count < 0) {
+                ++endSymbols;
+                continue;
+            }
+            decoded.insert(decoded.end(), out, out + count);
+        }
+        EXPECT_EQ(decoded, plain);
+        EXPECT_EQ(endSymbols, static_cast<int>(chunkEnds.size()));
+    }
+}
+
+TEST_F(Huffman, SymbolZeroReturnsToTheRootAfterThreeBits) {
+    // 100 100 10: two zero bytes, and the position one edge below the root.
+    const void* position = nullptr;
+    nvb::huffmanDecodeByte(position, 0, nullptr, true);
+    std::uint8_t out[8] = {};
+    EXPECT_EQ(nvb::huffmanDecodeByte(position, 0b10010010, out, false), 2);
+    EXPECT_EQ(out[0], 0);
+    EXPECT_EQ(out[1], 0);
+    EXPECT_NE(position, static_cast<const void*>(nvb::huffmanRoot()));
+    // The next bit 0 completes a third symbol 0 (100).
+    EXPECT_EQ(nvb::huffmanDecodeByte(position, 0b00000000, out, false) >= 1, true);
+    EXPECT_EQ(out[0], 0);
+}
+
+TEST_F(Huffman, EndSymbolThrowsAwayTheRestOfItsByte) {
+    // End symbol, then symbol 0 completing in the same byte: 10111001 11110010 0...
+    // The decoder reports -1 and drops the symbol behind the end.
+    nvb_huffman_encoder_t encoder{};
+    std::uint8_t coded[8] = {};
+    int used = nvb::huffmanEncodeSymbol(encoder, nvb::kHuffmanEndSymbol, coded, false);
+    used += nvb::huffmanEncodeSymbol(encoder, 0, coded + used, false);
+    used += nvb::huffmanEncodeSymbol(encoder, 0, coded + used, false);
+    used += nvb::huffmanEncodeSymbol(encoder, 0, coded + used, true);
+    ASSERT_EQ(used, 3);
+    EXPECT_EQ(coded[1], 0b11110010);
+    const void* position = nullptr;
+    nvb::huffmanDecodeByte(position, 0, nullptr, true);
+    std::uint8_t out[8];
+    EXPECT_EQ(nvb::huffmanDecodeByte(position, coded[0], out, false), 0);
+    EXPECT_EQ(nvb::huffmanDecodeByte(position, coded[1], out, false), -1);
+    EXPECT_EQ(position, static_cast<const void*>(nvb::huffmanRoot()));
+}
+
+TEST_F(Huffman, FlushPadsWithZeroBitsAndWritesNothingWhenNothingIsPending) {
+    nvb_huffman_encoder_t encoder{};
+    std::uint8_t out[4] = {0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(nvb::huffmanEncodeSymbol(encoder, 0, out, true), 0);
+    EXPECT_EQ(out[0], 0xFF);
+    int used = nvb::huffmanEncodeSymbol(encoder, nvb::kHuffmanEndSymbol, out, false);
+    ASSERT_EQ(used, 1);  // eight of the eleven bits
+    EXPECT_EQ(nvb::huffmanEncodeSymbol(encoder, 0, out + used, true), 1);
+    EXPECT_EQ(out[0], 0b10111001);
+    EXPECT_EQ(out[1], 0b11100000);
+    EXPECT_EQ(encoder.bitCount, 0);
+}
+
+TEST_F(Huffman, EncoderWithoutOutputCountsTheSameBytes) {
+    nvb_huffman_encoder_t counted{};
+    nvb_huffman_encoder_t stored{};
+    std::uint8_t out[8];
+    int countedTotal = 0;
+    int storedTotal = 0;
+    for (int symbol = 0; symbol <= 256; ++symbol) {
+        countedTotal += nvb::huffmanEncodeSymbol(counted, static_cast<std::uint16_t>(symbol), nullptr, false);
+        storedTotal += nvb::huffmanEncodeSymbol(stored, static_cast<std::uint16_t>(symbol), out, false);
+    }
+    EXPECT_EQ(countedTotal, storedTotal);
+}
+
+TEST_F(Huffman, DecodingWithoutATreeDeliversNothing) {
+    nvb::huffmanFree();
+    const void* position = nullptr;
+    std::uint8_t out[8];
+    EXPECT_EQ(nvb::huffmanDecodeByte(position, 0x80, out, false), 0);
+}
+
+}  // namespace
