@@ -50,7 +50,8 @@ NVBDLL_API nvb_expand_t* nvbdll_newExpandState(void);
 /*! nvbdll_freeExpandState() :
  *  Frees only the 19 record structures that a host builds itself (DAT header, 5, 11, 12,
  *  15, 16, 17, 19, 21, 25, 26, 27, 28, 29, 30, 31, 40, 98, 99) and the state. NULL is
- *  allowed. Use it only for a state whose structures the host allocated. */
+ *  allowed. Use it only for a state whose structures the host allocated with C++ scalar
+ *  new (`new Rec27`, `operator new(4)` for the DAT header); it reaches nothing else. */
 NVBDLL_API void nvbdll_freeExpandState(nvb_expand_t* state);
 
 /*! nvbdll_initNVBExpandState() :

@@ -4,6 +4,9 @@
 
 #include "records_auxiliary.h"
 #include "records_measurement.h"
+#include "records_navigation.h"
 #include "records_position.h"
+#include "records_rec33.h"
+#include "records_receiver.h"
 
 #endif

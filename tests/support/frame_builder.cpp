@@ -47,7 +47,12 @@ Bytes concat(std::initializer_list<Bytes> parts) {
     return all;
 }
 
+void ensureHuffmanTree() {
+    if (nvb::huffmanRoot() == nullptr) nvb::huffmanBuild();
+}
+
 Bytes huffmanEncode(const Bytes& plain, bool endSymbolFirst) {
+    ensureHuffmanTree();
     nvb_huffman_encoder_t encoder{};
     Bytes out(plain.size() * 2 + 16);
     std::size_t used = 0;
@@ -60,6 +65,23 @@ Bytes huffmanEncode(const Bytes& plain, bool endSymbolFirst) {
     }
     used += static_cast<std::size_t>(nvb::huffmanEncodeSymbol(encoder, 0, out.data() + used, true));
     out.resize(used);
+    return out;
+}
+
+Bytes huffmanEncodeChunks(std::initializer_list<Bytes> chunks) {
+    ensureHuffmanTree();
+    nvb_huffman_encoder_t encoder{};
+    Bytes out;
+    std::uint8_t scratch[4];
+    auto emit = [&](std::uint16_t symbol, bool flush) {
+        const int count = nvb::huffmanEncodeSymbol(encoder, symbol, scratch, flush);
+        out.insert(out.end(), scratch, scratch + count);
+    };
+    for (const Bytes& chunk : chunks) {
+        for (const std::uint8_t byte : chunk) emit(byte, false);
+        emit(nvb::kHuffmanEndSymbol, false);
+        emit(0, true);
+    }
     return out;
 }
 

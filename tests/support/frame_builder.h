@@ -24,6 +24,10 @@ Bytes concat(std::initializer_list<Bytes> parts);
 // The Huffman coding of a byte stream, as the writer of a byte stream produces it.
 Bytes huffmanEncode(const Bytes& plain, bool endSymbolFirst = false);
 
+// Huffman coding of several chunks, each closed by an end symbol and zero padding, as a
+// byte-stream writer closes every 600 records.
+Bytes huffmanEncodeChunks(std::initializer_list<Bytes> chunks);
+
 }  // namespace nvbtest
 
 #endif

@@ -1,0 +1,45 @@
+#include "support/frame_builder.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+using nvbtest::Bytes;
+using nvbtest::concat;
+
+// A small Huffman-coded log in two chunks, each closed by an end symbol, with one
+// frame whose checksum is wrong in the first.
+Bytes exampleLog() {
+    Bytes damaged = nvbtest::plainFrame(14, Bytes(20, 0x14));
+    damaged[10] ^= 0x01;
+    const Bytes first = concat({nvbtest::junk(12, 5), nvbtest::plainFrame(14, Bytes(20, 0x14)),
+                                nvbtest::plainFrame(16, Bytes{4, 1, 2, 3, 4, 5}), damaged});
+    const Bytes second = concat({nvbtest::plainFrame(23, Bytes(33, 0x23)), nvbtest::plainFrame(14, Bytes(9, 0x41))});
+    return nvbtest::huffmanEncodeChunks({first, second});
+}
+
+TEST(ExampleLog, WritesTheExampleLogAndReadsItBack) {
+    const Bytes log = exampleLog();
+    const char* target = std::getenv("NVBDLL_EXAMPLE_LOG");
+    if (target != nullptr) {
+        std::FILE* file = std::fopen(target, "wb");
+        ASSERT_NE(file, nullptr);
+        std::fwrite(log.data(), 1, log.size(), file);
+        std::fclose(file);
+    }
+    nvbtest::Handle handle;
+    const auto events = nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile);
+    const auto dats = nvbtest::deliveredDat(events);
+    ASSERT_EQ(dats.size(), 4u);
+    EXPECT_EQ(dats[1][3], 16);
+    int damaged = 0;
+    for (const auto& event : events) damaged += event.status == 2 ? 1 : 0;
+    EXPECT_EQ(damaged, 1);
+}
+
+}  // namespace

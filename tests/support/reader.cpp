@@ -1,0 +1,95 @@
+#include "support/reader.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace nvbtest {
+
+Handle::Handle() {
+    nvbdll_initNVBLib();
+    state_ = nvbdll_GetNVBStateHandle();
+    if (state_ == nullptr) throw std::runtime_error("no expand state");
+}
+
+Handle::~Handle() { nvbdll_FreeNVBStateHandle(state_); }
+
+namespace {
+
+void processAnnounced(nvb_expand_t* state, ReadEvent& event) {
+    if (event.result <= 0 || (event.status != 0 && event.status != 18)) return;
+    event.datLength = nvbdll_processNVBRecord(state, 0, &event.type, &event.processStatus);
+    if (event.delivered()) {
+        event.dat.assign(event.datLength + 64u, 0);
+        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(event.type), event.dat.data());
+        event.dat.resize(event.datLength);
+    }
+}
+
+bool worthKeeping(const ReadEvent& event) { return event.result != 0 || event.status != 0; }
+
+std::vector<ReadEvent> readFromFile(nvb_expand_t* state, const Bytes& stream, bool huffman) {
+    std::vector<ReadEvent> events;
+    std::FILE* file = std::tmpfile();
+    if (!stream.empty()) std::fwrite(stream.data(), 1, stream.size(), file);
+    std::rewind(file);
+    for (int guard = 0; guard < 10'000'000; ++guard) {
+        ReadEvent event;
+        event.result = huffman ? nvbdll_getNVBRecord(state, file, &event.status)
+                               : nvbdll_getNVARecord(state, file, &event.status);
+        if (event.status == 1) break;
+        processAnnounced(state, event);
+        if (worthKeeping(event)) events.push_back(event);
+    }
+    std::fclose(file);
+    return events;
+}
+
+}  // namespace
+
+std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Getter getter) {
+    if (getter == Getter::NvbFile) return readFromFile(state, stream, true);
+    if (getter == Getter::NvaFile) return readFromFile(state, stream, false);
+    std::vector<ReadEvent> events;
+    for (const std::uint8_t byte : stream) {
+        ReadEvent event;
+        std::uint8_t more = 0;
+        if (getter == Getter::NvbByByte) {
+            event.result = nvbdll_getNVBRecordByByte(state, byte, &event.status, 1, &more);
+        } else {
+            event.result = nvbdll_getNVARecordByByte(state, byte, &event.status);
+        }
+        processAnnounced(state, event);
+        if (worthKeeping(event)) events.push_back(event);
+        while (more == 1) {
+            ReadEvent next;
+            next.result = nvbdll_getNVBRecordByByte(state, 0, &next.status, 0, &more);
+            processAnnounced(state, next);
+            if (worthKeeping(next)) events.push_back(next);
+        }
+    }
+    return events;
+}
+
+std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events) {
+    std::vector<Bytes> dats;
+    for (const ReadEvent& event : events) {
+        if (event.delivered()) dats.push_back(event.dat);
+    }
+    return dats;
+}
+
+std::string writeTempFile(const Bytes& bytes, const std::string& suffix) {
+    std::string path = "/tmp/nvbdll-test-XXXXXX" + suffix;
+    const int fd = mkstemps(path.data(), static_cast<int>(suffix.size()));
+    if (fd < 0) throw std::runtime_error("no temporary file");
+    if (!bytes.empty() && write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+        close(fd);
+        throw std::runtime_error("short write");
+    }
+    close(fd);
+    return path;
+}
+
+}  // namespace nvbtest

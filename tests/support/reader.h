@@ -1,0 +1,54 @@
+#ifndef NVB_TESTS_READER_H
+#define NVB_TESTS_READER_H
+
+#include <nvbdll/nvbdll.h>
+
+#include "support/frame_builder.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace nvbtest {
+
+// An expand state for one test, with the library initialised.
+class Handle {
+public:
+    Handle();
+    ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    nvb_expand_t* operator->() const { return state_; }
+    nvb_expand_t* get() const { return state_; }
+
+private:
+    nvb_expand_t* state_;
+};
+
+// What a host sees of one getter result that is not "nothing yet".
+struct ReadEvent {
+    std::int32_t result = 0;      // getter result
+    std::uint8_t status = 0;      // getter status
+    std::uint16_t type = 0;       // type reported by nvbdll_processNVBRecord
+    std::uint32_t datLength = 0;  // its result
+    std::uint8_t processStatus = 0;
+    Bytes dat;                    // DAT form when delivered
+
+    bool delivered() const { return datLength > 0 && processStatus == 0; }
+};
+
+enum class Getter { NvbFile, NvaFile, NvbByByte, NvaByByte };
+
+// Feeds `stream` through one getter, following `more`, and processes every record that
+// the getter announces, as a host following the calling order does.
+std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Getter getter);
+
+// The DAT forms that were delivered, in order.
+std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events);
+
+// Writes bytes to a new temporary file and returns its path.
+std::string writeTempFile(const Bytes& bytes, const std::string& suffix);
+
+}  // namespace nvbtest
+
+#endif
