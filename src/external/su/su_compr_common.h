@@ -1,0 +1,150 @@
+#ifndef NVB_EXTERNAL_SU_SU_COMPR_COMMON_H
+#define NVB_EXTERNAL_SU_SU_COMPR_COMMON_H
+
+// The arithmetic under every compact codec. A field is the big-endian bytes that stand in
+// the plain record, read as an unsigned number modulo 256^width; differences, predictions
+// and reconstructions work on those bytes, so a reconstruction is bit-exact whatever the
+// field means. Nothing here allocates or keeps state; scratch is 8 bytes on the stack.
+//
+// Stream cursors. Every coder takes its stream as a ByteReader (expand side) or a
+// ByteWriter (compress side), passed by reference and advanced in place. Both carry the end
+// of their buffer and a sticky `failed` flag. A read or write that would pass the end does
+// nothing, leaves the cursor where it was and sets `failed`, so a codec may run a whole
+// record and test the flag once. Input that fits behaves exactly as with a bare pointer.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace nvb {
+
+// The widest field a delta coder takes; every delta scratch area is this size.
+inline constexpr std::size_t kMaxDeltaWidth = 8;
+
+// The failures of the expanders, as the compact formats number them: 6 a nibble code above
+// 8 or a nibble stream that ends early; 8 a length code above the field's width, a wide
+// delta stream that ends early, or a destination without room.
+inline constexpr std::uint8_t kStatusBadNibbleCode = 6;
+inline constexpr std::uint8_t kStatusBadDeltaLength = 8;
+
+struct ByteReader {
+    const std::uint8_t* pos;
+    const std::uint8_t* end;
+    bool failed = false;
+};
+
+struct ByteWriter {
+    std::uint8_t* pos;
+    std::uint8_t* end;
+    bool failed = false;
+};
+
+[[nodiscard]] inline ByteReader makeByteReader(const std::uint8_t* data, std::size_t size) {
+    return ByteReader{data, data + size};
+}
+
+[[nodiscard]] inline ByteWriter makeByteWriter(std::uint8_t* data, std::size_t capacity) {
+    return ByteWriter{data, data + capacity};
+}
+
+[[nodiscard]] inline std::size_t bytesLeft(const ByteReader& reader) {
+    return static_cast<std::size_t>(reader.end - reader.pos);
+}
+
+[[nodiscard]] inline std::size_t spaceLeft(const ByteWriter& writer) {
+    return static_cast<std::size_t>(writer.end - writer.pos);
+}
+
+// Takes `count` bytes into `destination` (may be null to skip them). False, with nothing
+// taken and `failed` set, when fewer are left.
+[[nodiscard]] bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count);
+[[nodiscard]] bool readByte(ByteReader& reader, std::uint8_t& value);
+
+// Appends bytes; when they don't all fit, appends none and sets `failed`.
+void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count);
+void writeByte(ByteWriter& writer, std::uint8_t value);
+
+// a := a + b modulo 256^width. Returns the carry out of the first byte. a and b may alias.
+std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+
+// a := a - b modulo 256^width. Returns 1 when a borrow leaves the first byte. a and b may
+// alias.
+std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+
+// a[i] - b[i] at the first byte where the strings differ, 0 when they are equal or width is
+// 0. Its sign is that of a - b; its size is not.
+[[nodiscard]] std::int16_t bigCompare(const std::uint8_t* a, const std::uint8_t* b,
+                                      std::size_t width);
+
+// Bytes left after dropping leading zero bytes; 0 for an all-zero string. With
+// `keepSignBit` a first significant byte of 128 or more counts one byte more, so the result
+// can be width + 1.
+[[nodiscard]] std::size_t bigTrimmedLength(const std::uint8_t* bytes, std::size_t width,
+                                           bool keepSignBit);
+
+// Arithmetic shift right of the whole string by 0 to 8 bits; the top bit of the first byte
+// fills from the left. A larger count is asserted and leaves the string as it was.
+void bigShiftRight(std::uint8_t* bytes, unsigned bitCount, std::size_t width);
+
+// out := 2 * newer - older modulo 256^width: the next value at a constant rate of change.
+// out may alias either input.
+void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
+                    std::size_t width);
+
+// Small delta, compress side: d = new - reference as unsigned big-endian numbers of `width`
+// (0 to 4) bytes, as a signed 32-bit difference. Within low..high the code is d in its low
+// 8 bits (the caller masks it to its bit field) and nothing is written; otherwise the code
+// is `escape` and the `width` bytes of new go to the stream.
+std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8_t escape,
+                            const std::uint8_t* newField, const std::uint8_t* reference,
+                            std::size_t width, ByteWriter& stream);
+
+// Small delta, expand side: the escape takes `width` raw bytes from the stream; any other
+// code is added to the reference, or, when it shares a bit with the escape, read as the
+// negative number of its bit field. False, with the destination untouched, when the stream
+// is short.
+[[nodiscard]] bool expandSmallDelta(std::uint8_t* destination, std::uint8_t escape,
+                                    std::uint8_t code, ByteReader& stream,
+                                    const std::uint8_t* reference, std::size_t width);
+
+// Wide delta, compress side. Unchanged is code 0; otherwise the magnitude of new minus
+// reference, trimmed but keeping a free top bit for the sign (set: new is below), in n
+// bytes with code n, or, when n reaches rawCode, the `width` raw bytes of new with code
+// rawCode. A field whose code 0 means raw (rawCode 0) needs its own writer.
+std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
+                           std::size_t width, std::uint8_t rawCode, ByteWriter& stream);
+
+// Wide delta, expand side. Code rawCode takes `width` raw bytes; code 0 gives the reference
+// and reads nothing; other codes take `code` sign-magnitude bytes. Returns 0, or
+// kStatusBadDeltaLength when the code is above the width, the width above 8 or the stream
+// short; then neither the destination nor the cursor has moved.
+[[nodiscard]] std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width,
+                                           std::uint8_t code, std::uint8_t rawCode,
+                                           ByteReader& stream, const std::uint8_t* reference);
+
+// Nibble delta, compress side: 0 unchanged; n (1 to 3) magnitude bytes, plus 4 when new is
+// below the reference, the sign living in the code; 8 and the raw field when the magnitude
+// needs 4 or more bytes.
+std::uint8_t codeNibbleDelta(const std::uint8_t* newField, const std::uint8_t* reference,
+                             std::size_t width, ByteWriter& stream);
+
+// Nibble delta, expand side. The new value replaces the reference in place (except after a
+// raw code 8, which leaves it) and is appended to the destination. Returns 0;
+// kStatusBadNibbleCode when the code is above 8 or the stream is short;
+// kStatusBadDeltaLength when the destination has no room. A failure changes nothing.
+[[nodiscard]] std::uint8_t expandNibbleDelta(std::uint8_t code, std::size_t width,
+                                             std::uint8_t* reference, ByteReader& stream,
+                                             ByteWriter& destination);
+
+// The system byte of a satellite row: system in the low 6 bits, two more bits on top.
+[[nodiscard]] inline std::uint8_t packSystemByte(std::uint8_t system, std::uint8_t topBits) {
+    return static_cast<std::uint8_t>((topBits << 6) | system);
+}
+
+inline void unpackSystemByte(std::uint8_t byte, std::uint8_t& system, std::uint8_t& topBits) {
+    system = byte & 63;
+    topBits = byte >> 6;
+}
+
+}  // namespace nvb
+
+#endif
