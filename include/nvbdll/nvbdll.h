@@ -7,6 +7,7 @@
 #ifndef NVBDLL_H
 #define NVBDLL_H
 
+#include "compact_steps.h"
 #include "nvbdll_platform.h"
 #include "records.h"
 #include "state.h"
