@@ -16,9 +16,10 @@ void resetRec35Assembly(rec35_assembly_t& assembly) {
 void freeRec35Assembly(rec35_assembly_t& assembly) {
     std::free(assembly.payload.data);
     assembly.payload = io_buffer_t{0, 0, nullptr};
-    for (auto*& slot : assembly.slots) {
-        std::free(slot);
-        slot = nullptr;
+    // The state is packed: slots are reached by index, never bound by reference.
+    for (std::size_t i = 0; i < NVB_REC35_SUBTYPES; ++i) {
+        std::free(assembly.slots[i]);
+        assembly.slots[i] = nullptr;
     }
 }
 
@@ -26,7 +27,7 @@ void freeRec35Content(rec35_content_t* content) {
     if (content == nullptr) return;
     std::free(content->schema_text.data);
     std::free(content->raw_area);
-    for (void* record : content->records) std::free(record);
+    for (std::size_t i = 0; i < NVB_REC35_SUBTYPES; ++i) std::free(content->records[i]);
     std::free(content->test_area);
     ::operator delete(content);
 }

@@ -24,7 +24,10 @@ int takeInputByte(nvb_frame_assembly_t& assembly, std::uint8_t byte, bool huffma
         assembly.bytes[assembly.fill++] = byte;
         return 1;
     }
-    const int decoded = huffmanDecodeByte(assembly.huffmanPosition, byte, assembly.decoded, false);
+    // The state is packed: the position is copied out rather than bound by reference.
+    const void* position = assembly.huffmanPosition;
+    const int decoded = huffmanDecodeByte(position, byte, assembly.decoded, false);
+    assembly.huffmanPosition = position;
     if (decoded > 0) {
         std::memcpy(assembly.bytes + assembly.fill, assembly.decoded, static_cast<std::size_t>(decoded));
         assembly.fill = static_cast<std::uint16_t>(assembly.fill + decoded);
@@ -80,7 +83,9 @@ void resetFrameAssembly(nvb_frame_assembly_t& assembly) {
     std::memset(assembly.bytes, 0, sizeof assembly.bytes);
     assembly.fill = 0;
     std::memset(assembly.decoded, 0, sizeof assembly.decoded);
-    huffmanDecodeByte(assembly.huffmanPosition, 0, assembly.decoded, true);
+    const void* position = nullptr;
+    huffmanDecodeByte(position, 0, assembly.decoded, true);
+    assembly.huffmanPosition = position;
 }
 
 }  // namespace nvb
