@@ -103,6 +103,9 @@ NVBDLL_API nvb_expand_t* nvbdll_FreeNVBStateHandle(nvb_expand_t* state) {
 
 NVBDLL_API void nvbdll_freeExpandState(nvb_expand_t* state) {
     if (state == nullptr) return;
+    // What the library allocated inside the state is the library's to release.
+    freeRec35Assembly(state->rec35Assembly);
+    rcleanFree(state->rclean);
     void** slots = slotsOf(state->records);
     for (const std::size_t slot : kHostOwnedSlots) ::operator delete(slots[slot]);
     ::operator delete(state);
