@@ -166,6 +166,7 @@ typedef struct nvb_expand_t {
     uint8_t moreRecords;
     uint32_t headerCount;
     rinex_control_t outputControl;
+    uint8_t resyncPending; /* the search handed reading a partial block: its decoding reports 18 */
 } nvb_expand_t;
 
 typedef struct nvb_encode_t {

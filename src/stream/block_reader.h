@@ -14,13 +14,25 @@ namespace nvb {
 // One step of the block reader: takes the byte (when haveByte), decodes a block the
 // moment its last byte arrives, and hands out the next record of the decoded block.
 // Returns the record type, 0 for none yet, -1 on a failure that `status` tells.
-int feedBlockByte(nvb_expand_t& state, bool haveByte, std::uint8_t byte, std::uint8_t& more,
-                  std::uint8_t& status);
+int feedBlockByte(nvb_expand_t& state, bool haveByte, std::uint8_t byte, std::uint8_t& more, std::uint8_t& status);
 
 // Takes the next record out of the block output buffer into the frame buffer, rebuilding
 // a frame from a bare record. Returns its type; 0 when the buffer is empty; 255 with
-// status 3 on failure.
+// status 3 on failure, the rest of the block thrown away.
 int nextBlockRecord(nvb_expand_t& state, std::uint8_t& more, std::uint8_t& status);
+
+// Decodes the block at the front of the block input buffer into the block output buffer.
+// Returns 1 when a block was consumed, 0 when more bytes are needed, -1 on a failure that
+// `status` tells. A block that is too long or fails to decompress starts the search for
+// the next block start at once, which may already decode one (the result is then 1).
+[[nodiscard]] int decodeBlock(nvb_expand_t& state, std::uint8_t& status);
+
+// Looks for a plausible block start after damage. Returns true when it has decoded a
+// content block.
+[[nodiscard]] bool searchBlockStart(nvb_expand_t& state, std::uint8_t& status);
+
+// Removes `count` bytes from the front of the block input buffer; zero or less does nothing.
+void discardInput(nvb_expand_t& state, std::int64_t count);
 
 }  // namespace nvb
 

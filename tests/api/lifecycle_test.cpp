@@ -1,5 +1,7 @@
 #include <nvbdll/nvbdll.h>
 
+#include "support/frame_builder.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -35,7 +37,7 @@ TEST(Lifecycle, NewHandleHasTheDefaults) {
     EXPECT_EQ(state->convertRec35Sub19, 1);
     EXPECT_EQ(state->keepAllSvBlocks, 0);
     EXPECT_EQ(state->blockLevel, 0);
-    EXPECT_EQ(state->rclean.interval, -1);
+    EXPECT_EQ(nvbtest::copyOf(state->rclean.interval), -1);
     EXPECT_EQ(state->rec35Assembly.schema_swallow, 1);
     // Every structure slot is allocated and cleared.
     void* const* slots = reinterpret_cast<void* const*>(&state->records);
@@ -66,7 +68,7 @@ TEST(Lifecycle, ResetLeavesHeaderAndBlockBuffersAlone) {
     nvbdll_resetNVBExpandState(state);
     EXPECT_EQ(state->headerAccepted, 0);
     EXPECT_EQ(state->blockInput[7], 0x5A);
-    EXPECT_EQ(state->blockBytes, 33u);
+    EXPECT_EQ(nvbtest::copyOf(state->blockBytes), 33u);
     EXPECT_EQ(state->detectPending, 0);  // a reset does not bring detection back
     EXPECT_EQ(state->epochHistory.previous.nSv, 0);
     nvbdll_FreeNVBStateHandle(state);

@@ -8,6 +8,13 @@ namespace nvbtest {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The states are packed: a test reads a wide field by value before comparing it, since
+// the comparison macros bind references.
+template <typename T>
+T copyOf(T value) {
+    return value;
+}
+
 // A plain frame of `type` around `body` (the bytes from offset 3, or from offset 4 for
 // types that keep a high length byte there): start byte, length, type, body, checksum, end.
 Bytes plainFrame(std::uint8_t type, const Bytes& body);
