@@ -8,6 +8,7 @@
 #define NVBDLL_H
 
 #include "compact_steps.h"
+#include "encode.h"
 #include "nvbdll_platform.h"
 #include "records.h"
 #include "state.h"
@@ -131,6 +132,70 @@ NVBDLL_API bool nvbdll_processTypeXX(nvb_expand_t* state);
  *  state's Rec16 and DAT header.
  *  @return : the DAT length (frame length minus 3), 0 without a Rec16 structure. */
 NVBDLL_API uint16_t nvbdll_readRec16Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec11Buffer() :
+ *  Reads a plain record 11 from `frame` (a frame buffer of the state's layout: 5120 bytes
+ *  then the 16-bit length) into the state's Rec11 and DAT header. The residual bytes of
+ *  latitude and longitude are added when the length leaves room for them.
+ *  @return : the DAT length, 2 x nSv + 82; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec11Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec17Buffer() :
+ *  Reads a plain record 17 from `frame` into the state's Rec17 and DAT header, and
+ *  rebuilds Doppler from carrier phase against `aux`: two Rec17 areas (the previous
+ *  epoch and the predictions), normally the state's record 17 work.
+ *  @return : the DAT length, 21 + 48 per satellite + 24 per second frequency; 0 without
+ *            the structures or `aux`. */
+NVBDLL_API uint16_t nvbdll_readRec17Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t* aux);
+
+/*! nvbdll_readRec27Buffer() :
+ *  Reads a plain record 27 from `frame` (its body starts four bytes in) into the state's
+ *  Rec27 and DAT header. Doppler is rebuilt against `previous`, two Rec27 areas (the
+ *  previous epoch and the predictions), as `dopplerControl` asks: 1 the wire's Doppler
+ *  only, 2 always from phase, 3 from phase where the wire has none. System 5 becomes 7
+ *  and 7 becomes 10 as the map flags ask; unless `keepAllSvBlocks`, satellites whose
+ *  tracking state is not usable are removed. `recordType` is not read.
+ *  @return : the DAT length; 0 without the structures or `previous`, with more than 116
+ *            satellites or 6 measurements to a satellite, or with no satellites.
+ *  A `dopplerControl` other than 1 to 3 prints a message and ends the process (exit 2). */
+NVBDLL_API uint16_t nvbdll_readRec27Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t* previous,
+                                           uint32_t recordType, uint8_t dopplerControl, uint8_t mapSystem5To7,
+                                           uint8_t mapSystem7To10, uint8_t keepAllSvBlocks);
+
+/*! nvbdll_readRec27Stream() :
+ *  As nvbdll_readRec27Buffer, given the body alone (the bytes from offset 4 of a frame
+ *  buffer; 5116 bytes are readable behind `body`). All satellites are kept. */
+NVBDLL_API uint16_t nvbdll_readRec27Stream(uint8_t* body, nvb_expand_t* state, uint8_t* previous,
+                                           uint32_t recordType, uint8_t dopplerControl, uint8_t mapSystem5To7,
+                                           uint8_t mapSystem7To10);
+
+/*! nvbdll_readRec29Buffer() :
+ *  Reads a plain record 29 from `frame` into the state's Rec29 and DAT header, mapping
+ *  the systems of its satellite list as the two flags ask. With more than 116 satellites
+ *  only the first block is decoded.
+ *  @return : the DAT length; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec29Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7,
+                                           uint8_t mapSystem7To10);
+
+/*! nvbdll_convertRec29toRec11() :
+ *  Fills `out` (cleared first) from the position record `in`; with a non-NULL `datHeader`
+ *  also its DAT header (0x74, length low, length high, 11).
+ *  @return : the DAT length, 2 x (nSv + 41); 0 when `in` or `out` is NULL. */
+NVBDLL_API uint16_t nvbdll_convertRec29toRec11(uint8_t* datHeader, Rec29* in, Rec11* out);
+
+/*! nvbdll_convertRec27toRec17() :
+ *  Fills `out` (cleared first) with the GPS satellites of `in`, at most 24. `mode` picks
+ *  the second frequency: 0 track 2, 1 another track, 2 track 2 else another, 3 another
+ *  else track 2, others none. With a non-NULL `datHeader` also its DAT header.
+ *  @return : the DAT length; 0 when `in` or `out` is NULL. */
+NVBDLL_API uint16_t nvbdll_convertRec27toRec17(uint8_t* datHeader, Rec27* in, Rec17* out, uint8_t mode);
+
+/*! nvbdll_convertRec17toRec27() :
+ *  Fills `out` (cleared first) from `in`, with `week` as its week. Slips are numbered
+ *  by two process-wide counter tables that are never reset, so converting the same
+ *  record twice gives other slip counts. With a non-NULL `datHeader` also its DAT header.
+ *  @return : the DAT length; 0 when `in` or `out` is NULL. */
+NVBDLL_API uint16_t nvbdll_convertRec17toRec27(uint16_t week, uint8_t* datHeader, Rec17* in, Rec27* out);
 
 NVB_EXTERN_C_END
 

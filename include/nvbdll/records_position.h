@@ -81,8 +81,9 @@ typedef struct Rec11 {
     uint32_t time;
     uint8_t fixStatus;
     uint8_t nSv;
-    uint8_t channel[NVB_REC11_MAX_SV];
-    uint8_t svId[NVB_REC11_MAX_SV];
+    /* nSv channel bytes, then nSv satellite bytes right behind them: the DAT form is the
+     * structure as it stands, 2 x nSv + 82 bytes long. */
+    uint8_t lists[2 * NVB_REC11_MAX_SV];
 } Rec11;
 
 #pragma pack(pop)

@@ -1,10 +1,15 @@
 #include "pipeline/expansion.h"
 
 #include "common/byte_sum.h"
+#include "common/rclean.h"
+#include "records/measurement_records.h"
 #include "records/opaque_records.h"
+#include "records/position_records.h"
 #include "stream/framing.h"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
 
 namespace nvb {
@@ -30,14 +35,29 @@ struct RecordRoute {
 
 std::uint16_t readGeneric(nvb_expand_t& state) { return readGenericRecord(state.plainFrame, state); }
 std::uint16_t read16(nvb_expand_t& state) { return readRec16(state.plainFrame, state); }
+std::uint16_t read11(nvb_expand_t& state) { return readRec11(state.plainFrame, state); }
+std::uint16_t read17(nvb_expand_t& state) { return readRec17(state.plainFrame, state, state.rec17Work); }
+std::uint16_t read29(nvb_expand_t& state) {
+    return readRec29(state.plainFrame, state, state.mapSystem5To7 != 0, state.mapSystem7To10 != 0);
+}
+std::uint16_t read27(nvb_expand_t& state) {
+    const Rec27ReadOptions options{state.dopplerControl, state.mapSystem5To7 != 0, state.mapSystem7To10 != 0,
+                                   state.keepAllSvBlocks != 0};
+    const ByteView body = frameBytes(state.plainFrame).subspan(4);
+    return readRec27(body, state, state.previousEpochs, options);
+}
 
 // Every record type's road through the pipeline, in one place. A compact type whose
 // codec is missing has no route and is reported as type 65535 with length 0.
 constexpr std::array<RecordRoute, 256> makeRoutes() {
     std::array<RecordRoute, 256> routes{};
+    routes[11] = {11, nullptr, read11, Thinning::Position11};
     routes[14] = {14, nullptr, readGeneric, Thinning::None};
     routes[16] = {16, nullptr, read16, Thinning::None};
+    routes[17] = {17, nullptr, read17, Thinning::Epoch17};
     routes[23] = {23, nullptr, readGeneric, Thinning::None};
+    routes[27] = {27, nullptr, read27, Thinning::Epoch27};
+    routes[29] = {29, nullptr, read29, Thinning::Position29};
     routes[90] = {90, nullptr, nullptr, Thinning::None};
     return routes;
 }
@@ -45,6 +65,52 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
 constexpr std::array<RecordRoute, 256> kRoutes = makeRoutes();
 
 void copyFrameAsPlain(nvb_expand_t& state) { std::memcpy(&state.plainFrame, &state.frame, sizeof state.frame); }
+
+// Records 11 and 17 take the interval in whole seconds, so 0.5 s keeps every epoch;
+// 27 and 29 round it to the millisecond. The difference is deliberate.
+std::int32_t wholeSecondsAsMs(float seconds) {
+    return static_cast<std::int32_t>(std::min(std::trunc(static_cast<double>(seconds)), 2147483.0)) * 1000;
+}
+
+std::int32_t roundedMs(float seconds) {
+    return static_cast<std::int32_t>(std::min(static_cast<double>(seconds) * 1000.0 + 0.5, 2147483647.0));
+}
+
+// Asks the thinning about a record the reader delivered; returns the length that stays
+// (0 when dropped) and counts what is delivered.
+std::uint32_t thin(nvb_expand_t& state, Thinning thinning, std::uint32_t length) {
+    if (length == 0) return 0;
+    const nvb_record_table_t& records = state.records;
+    const float positions = state.positionInterval;
+    const float measurements = state.measurementInterval;
+    bool keep = true;
+    switch (thinning) {
+        case Thinning::None:
+            return length;
+        case Thinning::Position11:
+            if (positions > 0) keep = rcleanPosition11(state.rclean, *records.rec11, wholeSecondsAsMs(positions));
+            break;
+        case Thinning::Position29:
+            if (positions > 0) keep = rcleanPosition29(state.rclean, *records.rec29, roundedMs(positions));
+            break;
+        case Thinning::Epoch17:
+            if (measurements > 0) {
+                keep = rcleanEpoch17(state.rclean, *records.rec17, wholeSecondsAsMs(measurements),
+                                     &state.rclean.droppedSlipList);
+            }
+            break;
+        case Thinning::Epoch27:
+            if (measurements > 0) keep = rcleanEpoch27(state.rclean, *records.rec27, roundedMs(measurements));
+            break;
+    }
+    if (!keep) return 0;
+    if (thinning == Thinning::Position11 || thinning == Thinning::Position29) {
+        ++state.positionCount;
+    } else {
+        ++state.measurementCount;
+    }
+    return length;
+}
 
 }  // namespace
 
@@ -94,7 +160,7 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
     }
     recordType = route.reportedType;
     if (route.read == nullptr) return 0;
-    return route.read(state);
+    return thin(state, route.thinning, route.read(state));
 }
 
 }  // namespace nvb

@@ -1,7 +1,10 @@
 #include "pipeline/serialisation.h"
 
+#include "records/field_codec.h"
+
 #include <nvbdll/records.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace nvb {
@@ -28,6 +31,139 @@ void copyGeneric(const nvb_expand_t& state, std::uint8_t* out, std::size_t count
     std::memcpy(out + 4, state.records.generic->data, count);
 }
 
+struct PlainStructure {
+    const void* data;
+    std::size_t size;
+};
+
+// Types whose DAT form is their structure as it stands, with the size allocated for it;
+// a length that claims more than the structure holds is cut to it.
+PlainStructure plainStructureOf(const nvb_expand_t& state, std::int16_t type) {
+    const nvb_record_table_t& records = state.records;
+    switch (type) {
+        case 5: return {records.rec5, 106};
+        case 11: return {records.rec11, sizeof(Rec11)};
+        case 12: return {records.rec12, 832};
+        case 15: return {records.rec15, 120};
+        case 16: return {records.rec16, 250};
+        case 19: return {records.rec19, 259};
+        case 21: return {records.rec21, 186};
+        case 25: return {records.rec25, 204};
+        case 26: return {records.rec26, 139};
+        case 28: return {records.rec28, 214};
+        case 31: return {records.rec31, 260};
+        case 32: return {records.rec32, 99};
+        case 33: return {records.rec33, 464};
+        case 40: return {records.rec40, 187};
+        case 98: return {records.rec98, 1032};
+        case 99: return {records.rec99, 4103};
+        default: return {nullptr, 0};
+    }
+}
+
+void writeRec27Dat(Rec27& rec, DatWriter& out) {
+    const int svCount = std::min<int>(rec.nSv, NVB_MAX_SV);
+    std::uint8_t firstAntenna = 0;
+    for (int i = 0; i < svCount; ++i) firstAntenna += rec.sv[i].antennaNumber == 0 ? 1 : 0;
+    datWrite(out, rec.epochHeaderLen);
+    datWrite(out, rec.weekNum);
+    datWrite(out, rec.receiveTime);
+    datWrite(out, rec.clkOffset);
+    // The count stands where nSv would, and only counts the first antenna's satellites,
+    // while every satellite follows.
+    datWrite(out, firstAntenna);
+    datWrite(out, rec.epochFlags);
+    if ((rec.epochFlags & 0x02) != 0) datWrite(out, rec.clkDrift);
+    if ((rec.epochFlags & 0x10) != 0) datWrite(out, rec.raimFault);
+    if ((rec.epochFlags & 0x20) != 0) {
+        const ClockSystemBlock& clock = rec.clock;
+        const std::size_t count = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
+        datWrite(out, clock.blockLength);
+        datWrite(out, clock.referenceSystem);
+        datWrite(out, clock.count);
+        datPut(out, clock.rt_clktype, count);
+        datPut(out, clock.systemClockOffset, 8 * count);
+    }
+    for (int i = 0; i < svCount; ++i) {
+        Rec27Sv& sv = rec.sv[i];
+        // The packed system byte repeats the low two bits of the system on top, and is
+        // stored back: a second retrieval of the same record packs it again.
+        sv.rt_sattype = static_cast<std::uint8_t>(sv.rt_sattype * 65);
+        datWrite(out, sv.svBlockLen);
+        datWrite(out, sv.svId);
+        datWrite(out, sv.rt_sattype);
+        datWrite(out, sv.channel);
+        datWrite(out, sv.nMeas);
+        datWrite(out, sv.elevation);
+        datWrite(out, sv.azimuth);
+        datWrite(out, sv.svFlags);
+        if ((sv.svFlags & 0x80) != 0) {
+            datWrite(out, sv.svFlags2);
+            if ((sv.svFlags2 & 0x80) != 0) datPut(out, &sv.geomSlipCount, 3);
+        }
+        const int measCount = std::min<int>(sv.nMeas, NVB_MAX_MEAS);
+        for (int j = 0; j < measCount; ++j) {
+            const Rec27Meas& meas = sv.meas[j];
+            datWrite(out, meas.measBlockLen);
+            datWrite(out, meas.blockType);
+            datWrite(out, meas.trackType);
+            datWrite(out, meas.snr);
+            datWrite(out, meas.range);
+            datWrite(out, meas.phase);
+            datWrite(out, meas.doppler);
+            datWrite(out, meas.slipCount);
+            datWrite(out, meas.measFlags1);
+            if ((meas.measFlags1 & 0x80) != 0) {
+                datWrite(out, meas.measFlags2);
+                if ((meas.measFlags2 & 0x80) != 0) datWrite(out, meas.measFlags3);
+            }
+        }
+    }
+}
+
+void writeRec17Dat(const Rec17& rec, DatWriter& out) {
+    datWrite(out, rec.receiveTime);
+    datWrite(out, rec.clkOffset);
+    datWrite(out, rec.nSv);
+    const int count = std::min<int>(rec.nSv, NVB_REC17_MAX_SV);
+    for (int i = 0; i < count; ++i) {
+        const Rec17Sv& sv = rec.sv[i];
+        datPut(out, &sv.svId, 4);
+        datWrite(out, sv.elevation);
+        datWrite(out, sv.azimuth);
+        datPut(out, &sv.snr, 5 * sizeof(double));
+        if ((sv.svFlags & 0x01) != 0) {
+            datPut(out, &sv.snr2, 3 * sizeof(double));
+            if ((sv.svFlags2 & 0x20) != 0) datWrite(out, sv.last);
+        }
+    }
+}
+
+// The clock block of a record 29 is not part of this form, although its DAT length
+// counts it.
+void writeRec29Dat(const Rec29& rec, DatWriter& out) {
+    constexpr std::size_t kFirstTwoBlocks = 108;
+    datPut(out, &rec, kFirstTwoBlocks);
+    if (rec.fixType >= 3 && rec.fixType <= 6) {
+        datWrite(out, rec.block3Len);
+        datWrite(out, rec.corrInfo);
+        datWrite(out, rec.corrAge);
+        datWrite(out, rec.corrFlags);
+        if ((rec.corrFlags & 0x01) != 0) datWrite(out, rec.corrExtra);
+        if ((rec.corrFlags & 0x02) != 0) datPut(out, rec.corrVector, 3 * sizeof(float));
+        if ((rec.corrFlags & 0x04) != 0) datWrite(out, rec.corrCount);
+    }
+    if ((rec.posFlags & 0x02) != 0) {
+        datWrite(out, rec.block4Len);
+        datWrite(out, rec.auxValueA);
+        datWrite(out, rec.auxValueB);
+        datWrite(out, rec.auxStatus);
+        if ((rec.auxStatus & 0x01) != 0) datWrite(out, rec.auxExtra);
+    }
+    datWrite(out, rec.svListLen);
+    datPut(out, rec.sv, 3u * std::min<std::size_t>(rec.numSVs, NVB_MAX_SV));
+}
+
 }  // namespace
 
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out) {
@@ -40,16 +176,32 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
         copyGeneric(state, out, body);
         return false;
     }
+    // The field-by-field forms never write beyond the length their header announces,
+    // which is what the caller made room for.
+    DatWriter fields{out + 4, body};
     switch (recordType) {
-        case 16:
-            if (state.records.rec16 == nullptr) return false;
-            std::memcpy(out + 4, state.records.rec16->data,
-                        body < sizeof state.records.rec16->data ? body : sizeof state.records.rec16->data);
+        case 17:
+            if (state.records.rec17 == nullptr) return false;
+            writeRec17Dat(*state.records.rec17, fields);
+            return true;
+        case 27:
+            if (state.records.rec27 == nullptr) return false;
+            writeRec27Dat(*state.records.rec27, fields);
+            return true;
+        case 29:
+            if (state.records.rec29 == nullptr) return false;
+            writeRec29Dat(*state.records.rec29, fields);
             return true;
         default:
-            copyGeneric(state, out, body);
-            return false;
+            break;
     }
+    if (const PlainStructure plain = plainStructureOf(state, recordType); plain.size > 0) {
+        if (plain.data == nullptr) return false;
+        std::memcpy(out + 4, plain.data, std::min(body, plain.size));
+        return true;
+    }
+    copyGeneric(state, out, body);
+    return false;
 }
 
 }  // namespace nvb

@@ -1,0 +1,234 @@
+#include "pipeline/encoding.h"
+
+#include <nvbdll/records.h>
+
+#include "common/byte_sum.h"
+#include "common/rclean.h"
+#include "external/su/codec_histories.h"
+#include "records/dat_parser.h"
+#include "records/measurement_records.h"
+#include "records/position_records.h"
+#include "rec35/rec35_assembly.h"
+#include "stream/block_writer.h"
+#include "stream/huffman.h"
+
+#include <cstring>
+
+namespace nvb {
+
+namespace {
+
+constexpr std::uint8_t kNotWritable = 15;
+constexpr std::uint8_t kNoCallback = 16;
+constexpr std::uint32_t kNoReference = 0xFFFFFFFFu;
+
+// The interval of the encode path: seconds times 1000, truncated, for every type.
+std::int32_t intervalMs(float seconds) { return static_cast<std::int32_t>(seconds * 1000.0); }
+
+// Closes a plain frame whose body has been written behind `header` bytes of head.
+void closePlainFrame(nvb_frame_t& frame, std::uint32_t length) {
+    const std::uint16_t sum = byteSum(frame.data, length - 3);
+    writeU16BigEndian(frame.data + length - 3, sum);
+    frame.data[length - 1] = 0x03;
+    frame.length = static_cast<std::uint16_t>(length);
+}
+
+// Records 14, 22, 23, 24: the generic area as the body, behind the type byte.
+bool writeGenericFrame(nvb_encode_t& state, std::uint8_t type) {
+    const std::uint32_t body = state.records.datHeader[1] >= 4 ? state.records.datHeader[1] - 4u : 0u;
+    const std::uint32_t length = body + 6;
+    if (length > 255 || state.records.generic == nullptr) return false;
+    std::memset(&state.frame, 0, sizeof state.frame);
+    state.frame.data[0] = 0x02;
+    state.frame.data[1] = static_cast<std::uint8_t>(length);
+    state.frame.data[2] = type;
+    std::memcpy(state.frame.data + 3, state.records.generic->data, body);
+    closePlainFrame(state.frame, length);
+    return true;
+}
+
+// Record 16: the subtype from the DAT header at offset 3, then the body.
+bool writeRec16Frame(nvb_encode_t& state) {
+    const std::uint32_t body = state.records.datHeader[1] >= 4 ? state.records.datHeader[1] - 4u : 0u;
+    const std::uint32_t length = body + 7;
+    if (length > 255 || state.records.rec16 == nullptr) return false;
+    std::memset(&state.frame, 0, sizeof state.frame);
+    state.frame.data[0] = 0x02;
+    state.frame.data[1] = static_cast<std::uint8_t>(length);
+    state.frame.data[2] = 16;
+    state.frame.data[3] = state.records.datHeader[2];
+    std::memcpy(state.frame.data + 4, state.records.rec16->data, body);
+    closePlainFrame(state.frame, length);
+    return true;
+}
+
+// The compact carrier of a family takes the plain frame and leaves its own in `frame`.
+// Until a family's coder is wired the plain frame goes out as it is, which any reader takes.
+void handToCompactCoder(nvb_encode_t& state) { std::memcpy(&state.frame, &state.plainFrame, sizeof state.frame); }
+
+// Older readers take at most three measurements a satellite and no clock block: the GPS
+// term of the clock block moves to the single drift field.
+void applyLegacyToRec27(Rec27& rec) {
+    for (std::size_t i = 0; i < rec.nSv && i < NVB_MAX_SV; ++i) {
+        if (rec.sv[i].nMeas > 3) rec.sv[i].nMeas = 3;
+    }
+    if ((rec.epochFlags & 0x20) == 0) return;
+    rec.epochFlags = static_cast<std::uint8_t>(rec.epochFlags & ~0x20);
+    for (std::size_t i = 0; i < rec.clock.count && i < NVB_MAX_CLOCK_TERMS; ++i) {
+        if (rec.clock.rt_clktype[i] == 2) {
+            rec.clkDrift = static_cast<float>(rec.clock.systemClockOffset[i]);
+            rec.epochFlags = static_cast<std::uint8_t>(rec.epochFlags | 0x02);
+            break;
+        }
+    }
+}
+
+// The per-type step before and including the writer. Returns false when the record is
+// dropped or can't be written; the frame to go out then stands in `frame`.
+bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
+    switch (type) {
+        case 14: case 22: case 23: case 24:
+            if (writeGenericFrame(state, type)) return true;
+            status = kNotWritable;
+            return false;
+        case 16:
+            if (writeRec16Frame(state)) return true;
+            status = kNotWritable;
+            return false;
+        case 11: {
+            Rec11& rec = *state.records.rec11;
+            if (state.positionInterval > 0 && !rcleanPosition11(state.rclean, rec, intervalMs(state.positionInterval))) {
+                return false;
+            }
+            writeRec11(rec, state.plainFrame);
+            handToCompactCoder(state);
+            ++state.positionCount;
+            return true;
+        }
+        case 17: {
+            Rec17& rec = *state.records.rec17;
+            if (state.measurementInterval > 0 &&
+                !rcleanEpoch17(state.rclean, rec, intervalMs(state.measurementInterval), &state.rclean.droppedSlipList)) {
+                return false;
+            }
+            writeRec17(rec, state.plainFrame);
+            handToCompactCoder(state);
+            ++state.measurementCount;
+            return true;
+        }
+        case 27: {
+            Rec27& rec = *state.records.rec27;
+            if (state.measurementInterval > 0 && !rcleanEpoch27(state.rclean, rec, intervalMs(state.measurementInterval))) {
+                return false;
+            }
+            if (state.legacyMode == 1) applyLegacyToRec27(rec);
+            writeRec27(rec, state.plainFrame, state.fileFormat, state.epochKeepDoppler != 0);
+            handToCompactCoder(state);
+            ++state.measurementCount;
+            return true;
+        }
+        case 29: {
+            Rec29& rec = *state.records.rec29;
+            if (state.positionInterval > 0 && !rcleanPosition29(state.rclean, rec, intervalMs(state.positionInterval))) {
+                return false;
+            }
+            if (state.legacyMode == 1) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags & ~0x10);
+            if (state.rec29BitSeen == 0) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags | 0x04);
+            writeRec29(rec, state.plainFrame);
+            handToCompactCoder(state);
+            ++state.positionCount;
+            return true;
+        }
+        default:
+            // Types whose writers are not part of this library yet are refused.
+            return false;
+    }
+}
+
+}  // namespace
+
+void initEncodeState(nvb_encode_t& state) {
+    std::memset(&state.records, 0, sizeof state.records);
+    std::memset(state.output, 0, sizeof state.output);
+    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
+    std::memset(&state.frame, 0, sizeof state.frame);
+    resetRec35Assembly(state.rec35Assembly);
+    state.huffmanEncoder = nvb_huffman_encoder_t{0, 0};
+    resetEncodeState(state);
+    state.lastEpochReferenceTime = kNoReference;
+    state.lastPositionReferenceTime = kNoReference;
+    state.lastSolutionReferenceTime = kNoReference;
+    state.lastObsReferenceTime = kNoReference;
+    state.lastSubframeReferenceTime = kNoReference;
+    rcleanInit(state.rclean);
+    state.positionInterval = 0;
+    state.measurementInterval = 0;
+    state.positionCount = 0;
+    state.measurementCount = 0;
+    state.recordCount = 0;
+    state.compressionMethod = 0;
+    state.compressionLevel = 0;
+    state.blockFill = 0;
+    state.legacyMode = 0;
+    state.epochForceReference = 0;
+    state.forcePositionReference = 0;
+    state.dropMask = 0;
+    state.scrambleBlocks = 0;
+    state.rec35Mode = 0;
+    state.writeContext = nullptr;
+    state.writeReserved = 0;
+    state.restartHeader = 0;
+    state.headerPending = 1;
+    state.headerTag = 255;
+    state.writeCallback = writeToFile;
+}
+
+void resetEncodeState(nvb_encode_t& state) {
+    resetPositionHistory(state.positionHistory);
+    resetObsHistory(state.secondGenHistory);
+    resetSubframeCache(state.subframeCache);
+    resetEpochHistory(state.epochHistory);
+    resetSolutionHistory(state.solutionHistory);
+    resetListState(state.listState);
+}
+
+void releaseEncodeInternals(nvb_encode_t& state) {
+    rcleanFree(state.rclean);
+    freeRec35Assembly(state.rec35Assembly);
+}
+
+std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
+    status = 0;
+    if (dat == nullptr || parseDATRecord(state, dat, state.dropMask) == 0) return 0;
+    const std::uint8_t type = state.records.datHeader[3];
+    if (type == 29 && state.records.rec29 != nullptr && (state.records.rec29->posFlags & 0x04) == 0) {
+        state.rec29BitSeen = 1;
+    }
+    state.flushBlock = state.restartHeader != 0 ? 1 : 0;
+    if (state.writeCallback == nullptr) {
+        status = kNoCallback;
+        return 0;
+    }
+    if (state.compressionMethod >= 3 && state.compressionMethod <= 7) state.outputLength = 0;
+    if (type < 5 || type > 99) return 0;
+    if (!writeRecord(state, type, status)) return 0;
+    ++state.recordCount;
+    if (state.compressionMethod == 0) return writeHuffmanRecord(state);
+    return appendToBlock(state, status);
+}
+
+std::uint32_t finalizeDatProcessing(nvb_encode_t& state) {
+    if (state.compressionMethod != 0) {
+        std::uint8_t swallowed = 0;
+        setBlockTarget(state);
+        return emitBlock(state, swallowed);
+    }
+    int written = huffmanEncodeSymbol(state.huffmanEncoder, kHuffmanEndSymbol, state.output, false);
+    written += huffmanEncodeSymbol(state.huffmanEncoder, 0, state.output + written, true);
+    if (written <= 0) return 0;
+    if (state.writeCallback != nullptr) state.writeCallback(state.output, static_cast<std::uint32_t>(written), state.writeContext);
+    state.outputLength = 0;
+    return static_cast<std::uint32_t>(written);
+}
+
+}  // namespace nvb

@@ -1,0 +1,161 @@
+#ifndef NVB_RECORDS_FIELD_CODEC_H
+#define NVB_RECORDS_FIELD_CODEC_H
+
+#include <nvbdll/state.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace nvb {
+
+// Byte order of the two encodings, process-wide. The stream form is big-endian: with
+// hostSwapStream at 1 (always) the float readers reverse its bytes into the little-endian
+// host. The DAT form is native: hostSwapDAT stays 0, and only when it is set does DAT
+// parsing reverse each item of even width after copying it.
+extern std::uint8_t hostSwapStream;
+extern std::uint8_t hostSwapDAT;
+
+// The bytes a stream-form reader may look at. A read past the end gives zeros, so a
+// record whose counts lie about its length never leaves its work buffer.
+using ByteView = std::span<const std::uint8_t>;
+
+inline ByteView frameBytes(const nvb_frame_t& frame) {
+    return ByteView(frame.data, sizeof frame.data);
+}
+
+[[nodiscard]] inline std::uint8_t getByte(ByteView bytes, std::size_t offset) {
+    return offset < bytes.size() ? bytes[offset] : std::uint8_t{0};
+}
+
+// 2^exponent built from its bits: exact, and cheaper than ldexp on the reader's path.
+[[nodiscard]] inline double powerOfTwo(int exponent) {
+    if (exponent > -1022 && exponent < 1023) {
+        return std::bit_cast<double>(static_cast<std::uint64_t>(exponent + 1023) << 52);
+    }
+    return std::ldexp(1.0, exponent);
+}
+
+// Big-endian unsigned value of up to 8 bytes.
+[[nodiscard, gnu::always_inline]] inline std::uint64_t getBigEndian(ByteView bytes, std::size_t offset,
+                                                                    unsigned width) {
+    std::uint64_t value = 0;
+    if (offset + width <= bytes.size()) {
+        for (unsigned i = 0; i < width; ++i) value = (value << 8) | bytes[offset + i];
+    } else {
+        for (unsigned i = 0; i < width; ++i) value = (value << 8) | getByte(bytes, offset + i);
+    }
+    return value;
+}
+
+// Big-endian unsigned value of `width` bytes, 0 to 4; width 0 gives 0.
+[[nodiscard]] inline std::uint32_t getUint(ByteView bytes, std::size_t offset, unsigned width) {
+    return static_cast<std::uint32_t>(getBigEndian(bytes, offset, std::min(width, 4u)));
+}
+
+[[nodiscard]] float getFloat(ByteView bytes, std::size_t offset);
+[[nodiscard]] double getDouble(ByteView bytes, std::size_t offset);
+
+// A scaled field of 1 to 8 bytes: the first four carry the sign (when signed) and the
+// value times 2^(exponent + 8 x further bytes); the further bytes are added unsigned
+// times 2^exponent. Inline, so that the readers' constant widths fold.
+[[nodiscard, gnu::always_inline]] inline double getScaled(ByteView bytes, std::size_t offset, unsigned width,
+                                                          int exponent, bool isSigned) {
+    width = std::min(width, 8u);
+    const unsigned head = std::min(width, 4u);
+    const unsigned tail = width - head;
+    const auto pattern = static_cast<std::uint32_t>(getBigEndian(bytes, offset, head));
+    double value = 0.0;
+    if (isSigned && head == 4) {
+        value = static_cast<std::int32_t>(pattern);
+    } else if (isSigned && head > 0 && (pattern >> (8 * head - 1)) != 0) {
+        value = static_cast<double>(static_cast<std::int64_t>(pattern) - (std::int64_t{1} << (8 * head)));
+    } else {
+        value = pattern;
+    }
+    double result = value * powerOfTwo(exponent + static_cast<int>(8 * tail));
+    if (tail > 0) result += static_cast<double>(getBigEndian(bytes, offset + head, tail)) * powerOfTwo(exponent);
+    return result;
+}
+
+void getBytes(std::uint8_t* destination, ByteView bytes, std::size_t offset, std::size_t count);
+
+// The writer's view of a frame buffer: the frame's length is the write position. A write
+// that would pass the 5120 bytes is dropped and flags `overflow`, and the frame is then
+// not to be used.
+struct WriteBuffer {
+    nvb_frame_t& frame;
+    bool overflow = false;
+};
+
+void putByte(WriteBuffer& out, std::uint8_t value);
+void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count);
+void putU16(WriteBuffer& out, std::uint16_t value);
+void putU32(WriteBuffer& out, std::uint32_t value);
+void putF32(WriteBuffer& out, float value);
+void putF64(WriteBuffer& out, double value);
+// Scaled writers: x times 2^power, rounded half away from zero, low bytes kept.
+void putScaled1(WriteBuffer& out, double x, int power);
+void putScaled2(WriteBuffer& out, double x, int power);
+void putScaled3(WriteBuffer& out, double x, int power);
+void putScaled4(WriteBuffer& out, double x, int power);
+void putScaled6(WriteBuffer& out, double x, int power);
+// Writes the truncated head of x times 2^power in four bytes and returns the rounded
+// residual in 1/256 of the head's unit, at most 127; the caller places it.
+[[nodiscard]] std::uint8_t putScaled4Split(WriteBuffer& out, double x, int power);
+// Writes x times 2^power in the fewest signed big-endian bytes, at least minBytes, and
+// returns that count. A value that needs more than maxBytes ends the process.
+unsigned putScaledVar(WriteBuffer& out, double x, int power, unsigned minBytes, unsigned maxBytes);
+// Overwrites a byte already written (a length placeholder).
+void patchByte(WriteBuffer& out, std::size_t at, std::uint8_t value);
+
+// The rounding of every scaled writer: half away from zero, then toward zero. A value
+// beyond 64 bits (or not a number) gives the pattern 0x8000000000000000.
+[[nodiscard]] std::int64_t roundScaled(double x, int power);
+
+// Closes a frame written from offset 0: total length (position + 3) into offset 1 and,
+// for types with a high length byte, offset 3; then checksum and end byte. Returns the
+// frame length, or 0 when the frame did not fit its buffer.
+std::uint16_t closeFrame(WriteBuffer& out, bool highLengthByte);
+
+// A DAT record as the parsers walk it: fields are copied item by item in native order;
+// bytes past `length` read as zero.
+struct DatReader {
+    const std::uint8_t* data;
+    std::size_t length;
+    std::size_t position = 0;
+};
+
+// Copies `count` items of `size` bytes; with hostSwapDAT set each item of even size is
+// reversed in place.
+void datCopy(DatReader& in, void* destination, std::size_t count, std::size_t size);
+
+template <class T>
+[[nodiscard]] T datRead(DatReader& in) {
+    T value{};
+    datCopy(in, &value, 1, sizeof value);
+    return value;
+}
+
+// The same walk on the output side, for the field-by-field DAT forms: a write past
+// `capacity` is dropped, so a form never outgrows the length its header announces.
+struct DatWriter {
+    std::uint8_t* data;
+    std::size_t capacity;
+    std::size_t position = 0;
+};
+
+void datPut(DatWriter& out, const void* source, std::size_t size);
+
+// Takes the value by copy: fields of the packed structures can't be bound by reference.
+template <class T>
+void datWrite(DatWriter& out, T value) {
+    datPut(out, &value, sizeof value);
+}
+
+}  // namespace nvb
+
+#endif

@@ -1,0 +1,254 @@
+#include <nvbdll/nvbdll.h>
+
+#include "support/measurement_epochs.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+using nvbtest::addSatellite;
+using nvbtest::addSignal;
+using Bytes = std::vector<std::uint8_t>;
+
+std::unique_ptr<Rec29> position() {
+    auto rec = std::make_unique<Rec29>();
+    rec->latPos = 45.0;
+    rec->lonPos = -90.0;
+    rec->hgtPos = 250.5;
+    rec->latVel = 0.5;
+    rec->lonVel = -1.5;
+    rec->hgtVel = 0.25;
+    rec->clkOffset = 0.5f;
+    rec->clkDrift = 2.0f;
+    rec->pdop = 1.75f;
+    rec->time = 302400000;
+    return rec;
+}
+
+TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnits) {
+    auto in = position();
+    in->numSVsUsed = 2;
+    Rec11 out{};
+    std::uint8_t header[4] = {};
+    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), &out), 2 * (2 + 41));
+    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 86, 0, 11}));
+    EXPECT_EQ(+out.latitude, 0.25);
+    EXPECT_EQ(+out.longitude, -0.5);
+    EXPECT_EQ(+out.height, 250.5);
+    EXPECT_EQ(+out.clockOffset, 0.5 * 299792.458);
+    EXPECT_EQ(+out.clockDrift, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487);
+    EXPECT_EQ(+out.pdop, 1.75);
+    EXPECT_EQ(+out.velocity2, -1.5);
+    EXPECT_EQ(+out.time, 302400000u);
+    EXPECT_EQ(out.nSv, 2);
+    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 86) << "without a header only the length";
+    EXPECT_EQ(nvbdll_convertRec29toRec11(header, nullptr, &out), 0);
+    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), nullptr), 0);
+}
+
+TEST(ConvertRec29ToRec11, FixStatusComesFromModeTypeAndInfo) {
+    struct Case {
+        std::uint8_t fixMode, fixType, fixInfo, positionValid, expected;
+    };
+    const Case cases[] = {
+        {1, 0, 0, 1, 0x00}, {3, 1, 0, 0, 0x12}, {4, 2, 0, 0, 0x53}, {5, 5, 0, 1, 0xC5}, {5, 4, 0, 0, 0x4C},
+        {5, 6, 0, 1, 0xCD}, {2, 7, 3, 0, 0x30}, {9, 3, 0, 1, 0xC0}, {3, 8, 3, 1, 0x22}, {5, 3, 0, 2, 0x44},
+    };
+    for (const Case& c : cases) {
+        auto in = position();
+        in->fixMode = c.fixMode;
+        in->fixType = c.fixType;
+        in->fixInfo = c.fixInfo;
+        in->positionValid = c.positionValid;
+        Rec11 out{};
+        nvbdll_convertRec29toRec11(nullptr, in.get(), &out);
+        EXPECT_EQ(out.fixStatus, c.expected) << "mode " << int(c.fixMode) << " type " << int(c.fixType);
+    }
+}
+
+TEST(ConvertRec29ToRec11, UsedSatellitesFillTheListsAndTheRestStaysZero) {
+    auto in = position();
+    const Rec29SvEntry entries[] = {{5, 0, 2}, {6, 0, 0}, {7, 2, 2}, {8, 0, 1}, {9, 3, 3}};
+    in->numSVs = 5;
+    for (int k = 0; k < 5; ++k) in->sv[k] = entries[k];
+    in->numSVsUsed = 4;
+    Rec11 out{};
+    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 2 * (4 + 41));
+    const Bytes lists(out.lists, out.lists + 8);
+    EXPECT_EQ(lists, (Bytes{0, 1, 2, 0, 5, 7 + 51, 9, 0}));
+}
+
+// A GPS satellite with one first-frequency signal of the given flags.
+Rec27Sv& gpsSatellite(Rec27& epoch, std::uint8_t svId, std::uint8_t track, std::uint8_t flags1,
+                      std::uint8_t svFlags = 0) {
+    Rec27Sv& sv = addSatellite(epoch, svId, 0, svFlags);
+    sv.elevation = 30;
+    sv.azimuth = 200;
+    Rec27Meas& l1 = addSignal(sv, 0, track, 2e7, 1e8, flags1);
+    l1.snr = 455;
+    l1.doppler = -500.5f;
+    return sv;
+}
+
+TEST(ConvertRec27ToRec17, TakesOnlyGpsAndMapsTheFirstFrequencyFlags) {
+    auto epoch = nvbtest::newEpoch(1000.0, 0.25f);
+    addSignal(addSatellite(*epoch, 3, 2), 0, 0, 2e7, 0.0);
+    Rec17 out{};
+    std::uint8_t header[4] = {};
+    EXPECT_EQ(nvbdll_convertRec27toRec17(header, epoch.get(), &out, 0), 21);
+    EXPECT_EQ(out.nSv, 0);
+
+    gpsSatellite(*epoch, 7, 1, 0x08 | 0x40 | 0x20 | 0x03, 0x04);
+    gpsSatellite(*epoch, 9, 0, 0x07);
+    EXPECT_EQ(nvbdll_convertRec27toRec17(header, epoch.get(), &out, 0), 21 + 2 * 48);
+    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 117, 0, 17}));
+    EXPECT_EQ(+out.receiveTime, 1000.0);
+    EXPECT_EQ(+out.clkOffset, 0.25);
+    ASSERT_EQ(out.nSv, 2);
+    const Rec17Sv& slipped = out.sv[0];
+    EXPECT_EQ(slipped.svId, 7);
+    EXPECT_EQ(+slipped.elevation, 30);
+    EXPECT_EQ(+slipped.azimuth, 200);
+    EXPECT_EQ(+slipped.snr, 45.5);
+    EXPECT_EQ(slipped.svFlags, 0xC0 | 0x02 | 0x08 | 0x10);
+    EXPECT_EQ(slipped.svFlags2, 0x08 | 0x01 | 0x80) << "block flag, track 1, no Doppler";
+    EXPECT_EQ(+slipped.doppler, 0.0);
+    EXPECT_EQ(slipped.svFlags3, 3);
+    EXPECT_EQ(out.sv[1].svFlags2, 0x00);
+    EXPECT_EQ(+out.sv[1].doppler, -500.5);
+}
+
+TEST(ConvertRec27ToRec17, TheModePicksTheSecondFrequencySignal) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    Rec27Sv& both = gpsSatellite(*epoch, 7, 0, 0x03);
+    addSignal(both, 1, 2, 2e7 + 1.0, 11.0, 0x0B).snr = 300;  // slot 0, with a slip mark
+    addSignal(both, 1, 9, 2e7 + 2.0, 22.0, 0x03).snr = 310;  // slot 1
+    Rec27Sv& otherOnly = gpsSatellite(*epoch, 8, 0, 0x03);
+    addSignal(otherOnly, 1, 3, 2e7 + 3.0, 33.0, 0x03);
+    struct Case {
+        std::uint8_t mode;
+        double firstDifference;  // 0: no second frequency
+        double secondDifference;
+    };
+    const Case cases[] = {{0, 1.0, 0.0}, {1, 2.0, 3.0}, {2, 1.0, 3.0}, {3, 2.0, 3.0}, {4, 0.0, 0.0}};
+    for (const Case& c : cases) {
+        Rec17 out{};
+        const int seconds = (c.firstDifference != 0.0 ? 1 : 0) + (c.secondDifference != 0.0 ? 1 : 0);
+        EXPECT_EQ(nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, c.mode), 21 + 2 * 48 + 24 * seconds)
+            << "mode " << int(c.mode);
+        EXPECT_EQ(+out.sv[0].rangeDiff2, c.firstDifference) << "mode " << int(c.mode);
+        EXPECT_EQ(+out.sv[1].rangeDiff2, c.secondDifference) << "mode " << int(c.mode);
+    }
+    Rec17 out{};
+    nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 0);
+    EXPECT_EQ(out.sv[0].svFlags, 0xC0 | 0x21 | 0x04);
+    EXPECT_EQ(out.sv[0].svFlags2, 0x04 | 0x80) << "track 2 sets 0x04";
+    EXPECT_EQ(+out.sv[0].snr2, 30.0);
+    EXPECT_EQ(+out.sv[0].phase2, 11.0);
+    nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 1);
+    EXPECT_EQ(out.sv[0].svFlags, 0xC0 | 0x21);
+    EXPECT_EQ(out.sv[0].svFlags2, 0x06 | 0x80) << "track 9 sets 0x06";
+}
+
+TEST(ConvertRec27ToRec17, TheSecondFrequencyTrackSetsItsFlagBits) {
+    struct Case {
+        std::uint8_t track, expected;
+    };
+    // 0x80: the first signal carries no Doppler.
+    const Case cases[] = {{0, 0x80}, {1, 0x82}, {2, 0x84}, {9, 0x86}, {3, 0x80}, {5, 0x80}, {7, 0x80}};
+    for (const Case& c : cases) {
+        auto epoch = nvbtest::newEpoch(1000.0);
+        addSignal(gpsSatellite(*epoch, 7, 0, 0x03), 1, c.track, 2e7, 0.0, 0x03);
+        Rec17 out{};
+        nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 3);
+        EXPECT_EQ(out.sv[0].svFlags2, c.expected) << "track " << int(c.track);
+    }
+}
+
+TEST(ConvertRec27ToRec17, AtMost24SatellitesAreTaken) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    for (int i = 0; i < 30; ++i) gpsSatellite(*epoch, static_cast<std::uint8_t>(i + 1), 0, 0x03);
+    Rec17 out{};
+    EXPECT_EQ(nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 0), 21 + 24 * 48);
+    EXPECT_EQ(out.nSv, 24);
+}
+
+std::unique_ptr<Rec17> olderEpoch() {
+    auto in = std::make_unique<Rec17>();
+    in->receiveTime = 5000.0;
+    in->clkOffset = 0.125;
+    in->nSv = 2;
+    Rec17Sv& gps = in->sv[0];
+    gps.svId = 12;
+    gps.svFlags = 0x01 | 0x02 | 0x04 | 0x10;
+    gps.svFlags2 = 0x08;
+    gps.elevation = 33;
+    gps.azimuth = 144;
+    gps.snr = 44.9;
+    gps.range = 2.1e7;
+    gps.phase = 1.1e8;
+    gps.doppler = 1575.42;
+    gps.snr2 = 38.2;
+    gps.phase2 = 8.5e7;
+    gps.rangeDiff2 = 2.5;
+    Rec17Sv& sbas = in->sv[1];
+    sbas.svId = 152;
+    sbas.svFlags = 0x02;
+    sbas.svFlags2 = 0x80;
+    sbas.snr = 40.0;
+    return in;
+}
+
+TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatellite) {
+    auto in = olderEpoch();
+    auto out = std::make_unique<Rec27>();
+    std::uint8_t header[4] = {};
+    const std::uint16_t length = nvbdll_convertRec17toRec27(2345, header, in.get(), out.get());
+    EXPECT_EQ(length, 21 + 37 + 27 + 37);
+    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, static_cast<std::uint8_t>(length), 0, 27}));
+    EXPECT_EQ(+out->weekNum, 2345);
+    EXPECT_EQ(out->epochHeaderLen, 17);
+    EXPECT_EQ(+out->clkOffset, 0.125f);
+    ASSERT_EQ(out->nSv, 2);
+    const Rec27Sv& gps = out->sv[0];
+    EXPECT_EQ(gps.rt_sattype, 0);
+    EXPECT_EQ(gps.svFlags, 0x06);
+    EXPECT_EQ(+gps.elevation, 33);
+    ASSERT_EQ(gps.nMeas, 2);
+    EXPECT_EQ(+gps.meas[0].snr, 440) << "whole dB-Hz, in tenths";
+    EXPECT_EQ(gps.meas[0].measFlags1, 0x07 | 0x08 | 0x20);
+    EXPECT_EQ(+gps.meas[0].doppler, 1575.42f);
+    EXPECT_EQ(gps.meas[1].blockType, 1);
+    EXPECT_EQ(gps.meas[1].trackType, 2);
+    EXPECT_EQ(+gps.meas[1].snr, 380);
+    EXPECT_EQ(+gps.meas[1].range, 2.1e7 + 2.5);
+    EXPECT_EQ(gps.meas[1].measFlags1, 0x07 | 0x08 | 0x20);
+    EXPECT_EQ(+gps.meas[1].doppler, static_cast<float>(1575.42f * (1227.6 / 1575.42)));
+    const Rec27Sv& sbas = out->sv[1];
+    EXPECT_EQ(sbas.rt_sattype, 1);
+    EXPECT_EQ(sbas.svFlags, 0x02);
+    EXPECT_EQ(sbas.nMeas, 1);
+    EXPECT_EQ(sbas.meas[0].measFlags1, 0x03 | 0x08) << "Doppler marked invalid";
+}
+
+TEST(ConvertRec17ToRec27, SlipCountersBelongToTheProcessAndKeepCounting) {
+    auto in = olderEpoch();
+    auto out = std::make_unique<Rec27>();
+    nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
+    const std::uint8_t first = out->sv[0].meas[0].slipCount;
+    const std::uint8_t second = out->sv[0].meas[1].slipCount;
+    const std::uint8_t sbas = out->sv[1].meas[0].slipCount;
+    EXPECT_EQ(nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get()), 21 + 37 + 27 + 37);
+    EXPECT_EQ(out->sv[0].meas[0].slipCount, static_cast<std::uint8_t>(first + 1));
+    EXPECT_EQ(out->sv[0].meas[1].slipCount, static_cast<std::uint8_t>(second + 1));
+    EXPECT_EQ(out->sv[1].meas[0].slipCount, static_cast<std::uint8_t>(sbas + 1)) << "152 folds to counter 0";
+    in->sv[1].svId = 120;  // folds to 224, beyond the 71 counters
+    nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
+    EXPECT_EQ(out->sv[1].meas[0].slipCount, 0);
+    EXPECT_EQ(out->sv[1].meas[0].measFlags1 & 0x08, 0x08);
+}
+
+}  // namespace

@@ -1,0 +1,128 @@
+#include "support/plain_records.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+using namespace nvbtest::plain;
+using nvbtest::Handle;
+
+struct Processed {
+    std::uint32_t length = 0;
+    std::uint16_t type = 0;
+    std::uint8_t status = 0xEE;
+};
+
+// Stands a frame where a getter leaves it and runs the dispatch on it.
+Processed process(nvb_expand_t* state, const Bytes& frame) {
+    std::memset(&state->frame, 0, sizeof state->frame);
+    std::memcpy(state->frame.data, frame.data(), frame.size());
+    state->frame.length = static_cast<std::uint16_t>(frame.size());
+    state->currentType = frame[2];
+    Processed result;
+    result.length = nvbdll_processNVBRecord(state, 0, &result.type, &result.status);
+    return result;
+}
+
+Bytes epochAt(std::uint32_t timeMs, std::uint8_t system = 0) {
+    Epoch epoch;
+    epoch.timeMs = timeMs;
+    Satellite sv{3, system, 0, 1, 20, 40, 0, {}};
+    sv.signals.push_back({0, 0, 400, 2e7, 1e6 + timeMs, 0, 0x03, std::nullopt});
+    epoch.satellites = {sv};
+    return rec27(epoch);
+}
+
+Bytes positionAt(std::uint32_t timeMs, std::uint8_t system = 0) {
+    Position29 p;
+    p.timeMs = timeMs;
+    p.list = {{3, system, 2}};
+    return rec29(p);
+}
+
+Bytes shortPositionAt(std::uint32_t timeMs) {
+    Position11 p;
+    p.time = timeMs;
+    return rec11(p);
+}
+
+Bytes olderEpochAt(std::uint32_t timeMs) {
+    return rec17(timeMs, 0.0, {Sat17{7, 0x10, 0, 30, 40, 40.0, 2e7, 1e6, 0, 0, 0, 0}});
+}
+
+TEST(PlainDispatch, ThinnedEpochsReportTheirTypeWithoutALength) {
+    Handle handle;
+    handle->measurementInterval = 1.0f;
+    for (const std::uint32_t time : {1000u, 1500u, 2000u, 2004u, 2005u}) {
+        const Processed result = process(handle.get(), epochAt(time));
+        EXPECT_EQ(result.type, 27) << time;
+        EXPECT_EQ(result.status, 0) << time;
+        EXPECT_EQ(result.length != 0, time == 1000 || time == 2000 || time == 2004) << time;
+    }
+    EXPECT_EQ(+handle->measurementCount, 3u);
+}
+
+TEST(PlainDispatch, RecordsElevenAndSeventeenTakeWholeSecondsWhere27And29RoundToTheMillisecond) {
+    Handle handle;
+    handle->positionInterval = 0.5f;
+    handle->measurementInterval = 0.5f;
+    EXPECT_EQ(process(handle.get(), positionAt(1250)).length, 0u) << "500 ms: 1250 lies between";
+    EXPECT_GT(process(handle.get(), positionAt(1500)).length, 0u);
+    EXPECT_GT(process(handle.get(), shortPositionAt(1250)).length, 0u) << "0 s: every record is kept";
+    EXPECT_EQ(+handle->positionCount, 2u);
+    EXPECT_EQ(process(handle.get(), epochAt(1250)).length, 0u);
+    EXPECT_GT(process(handle.get(), olderEpochAt(1250)).length, 0u);
+    EXPECT_EQ(+handle->measurementCount, 1u);
+}
+
+TEST(PlainDispatch, WithoutIntervalsNothingIsDroppedAndTheCountersRun) {
+    Handle handle;
+    for (std::uint32_t time = 1000; time < 1600; time += 100) {
+        EXPECT_GT(process(handle.get(), epochAt(time)).length, 0u);
+        EXPECT_GT(process(handle.get(), positionAt(time)).length, 0u);
+    }
+    EXPECT_EQ(+handle->measurementCount, 6u);
+    EXPECT_EQ(+handle->positionCount, 6u);
+}
+
+TEST(PlainDispatch, TheStatesMapOptionsReachTheReaders) {
+    Handle handle;
+    process(handle.get(), epochAt(1000, 7));
+    process(handle.get(), positionAt(1000, 7));
+    EXPECT_EQ(handle->records.rec27->sv[0].rt_sattype, 10);
+    EXPECT_EQ(handle->records.rec29->sv[0].rt_sattype, 10);
+    handle->mapSystem7To10 = 0;
+    process(handle.get(), epochAt(2000, 7));
+    process(handle.get(), positionAt(2000, 7));
+    EXPECT_EQ(handle->records.rec27->sv[0].rt_sattype, 7);
+    EXPECT_EQ(handle->records.rec29->sv[0].rt_sattype, 7);
+}
+
+TEST(ExportedReaders, TakeAFrameBufferOfTheStatesLayout) {
+    Handle handle;
+    auto frame = std::make_unique<nvb_frame_t>();
+    auto load = [&](const Bytes& bytes) {
+        std::memset(frame.get(), 0, sizeof(nvb_frame_t));
+        std::memcpy(frame->data, bytes.data(), bytes.size());
+        frame->length = static_cast<std::uint16_t>(bytes.size());
+        return reinterpret_cast<std::uint8_t*>(frame.get());
+    };
+    auto* previous = reinterpret_cast<std::uint8_t*>(handle->previousEpochs);
+    EXPECT_EQ(nvbdll_readRec27Buffer(load(epochAt(1000)), handle.get(), previous, 27, 3, 1, 1, 0), 17 + 4 + 10 + 27);
+    EXPECT_EQ(nvbdll_readRec27Buffer(load(epochAt(1000)), handle.get(), nullptr, 27, 3, 1, 1, 0), 0);
+    EXPECT_EQ(nvbdll_readRec27Stream(load(epochAt(2000)) + 4, handle.get(), previous, 27, 3, 1, 1), 17 + 4 + 10 + 27);
+    EXPECT_EQ(+handle->records.rec27->receiveTime, 2000.0);
+    EXPECT_EQ(nvbdll_readRec29Buffer(load(positionAt(1000, 5)), handle.get(), 1, 0), 15 + 93 + 4 + 4);
+    EXPECT_EQ(handle->records.rec29->sv[0].rt_sattype, 7);
+    EXPECT_EQ(nvbdll_readRec11Buffer(load(shortPositionAt(1000)), handle.get()), 82);
+    EXPECT_EQ(nvbdll_readRec17Buffer(load(olderEpochAt(1000)), handle.get(),
+                                     reinterpret_cast<std::uint8_t*>(handle->rec17Work)),
+              21 + 48);
+    EXPECT_EQ(nvbdll_readRec17Buffer(load(olderEpochAt(1000)), handle.get(), nullptr), 0);
+    EXPECT_EQ(nvbdll_readRec11Buffer(nullptr, handle.get()), 0);
+}
+
+}  // namespace

@@ -1,0 +1,351 @@
+#include "pipeline/serialisation.h"
+#include "records/dat_parser.h"
+#include "records/opaque_records.h"
+#include "records/position_records.h"
+#include "support/measurement_epochs.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+namespace {
+
+using nvbtest::addSatellite;
+using nvbtest::addSignal;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint8_t kUnwritten = 0xEE;
+// DAT offsets of an epoch without optional fields: the satellite count, then the first
+// satellite behind the 17 bytes of the epoch header.
+constexpr std::size_t kDatCount = 4 + 15;
+constexpr std::size_t kDatFirstSatellite = 4 + 17;
+
+// An encode state with the structures of the plain records this codec parses.
+struct EncodeState {
+    EncodeState() : state(std::make_unique<nvb_encode_t>()) {
+        state->records.datHeader = header;
+        state->records.generic = &generic;
+        state->records.rec11 = &rec11;
+        state->records.rec17 = rec17.get();
+        state->records.rec27 = rec27.get();
+        state->records.rec29 = rec29.get();
+    }
+
+    std::uint16_t parse(const Bytes& dat, std::uint8_t dropMask = 0) {
+        return nvb::parseDATRecord(*state, dat.data(), dropMask);
+    }
+
+    std::unique_ptr<nvb_encode_t> state;
+    std::uint8_t header[4] = {};
+    RecGeneric generic{};
+    Rec11 rec11{};
+    std::unique_ptr<Rec17> rec17 = std::make_unique<Rec17>();
+    std::unique_ptr<Rec27> rec27 = std::make_unique<Rec27>();
+    std::unique_ptr<Rec29> rec29 = std::make_unique<Rec29>();
+};
+
+// Puts a structure into an expand state as a reader would, with a DAT header of `length`,
+// and retrieves its DAT form into a buffer of `length` bytes and a margin.
+template <class Record>
+Bytes retrieve(nvbtest::Handle& handle, Record* slot, const Record& record, std::uint8_t type, std::uint16_t length) {
+    std::memcpy(slot, &record, sizeof record);
+    nvb::setDatHeader(handle->records.datHeader, static_cast<std::uint8_t>(length),
+                      static_cast<std::uint8_t>(length >> 8), type);
+    Bytes out(length + 64u, kUnwritten);
+    EXPECT_TRUE(nvb::retrieveDATRecord(*handle.get(), type, out.data()));
+    for (std::size_t i = length; i < out.size(); ++i) {
+        if (out[i] != kUnwritten) {
+            ADD_FAILURE() << "written past the DAT length at " << i;
+            break;
+        }
+    }
+    out.resize(length);
+    return out;
+}
+
+Bytes retrieve27(nvbtest::Handle& handle, const Rec27& epoch) {
+    return retrieve(handle, handle->records.rec27, epoch, 27, nvb::rec27DatLength(epoch));
+}
+
+TEST(Retrieve27, ThePackedSystemByteIsStoredBackSoASecondRetrievalDiffers) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    addSignal(addSatellite(*epoch, 5, 1), 0, 0, 2e7, 0.0);
+    addSignal(addSatellite(*epoch, 6, 0), 0, 0, 2e7, 0.0);
+    nvbtest::Handle handle;
+    const Bytes first = retrieve27(handle, *epoch);
+    constexpr std::size_t kSystemByte = kDatFirstSatellite + 2;
+    EXPECT_EQ(first[kSystemByte], 65);
+    EXPECT_EQ(handle->records.rec27->sv[0].rt_sattype, 65);
+    Bytes second(first.size());
+    ASSERT_TRUE(nvb::retrieveDATRecord(*handle.get(), 27, second.data()));
+    EXPECT_EQ(second[kSystemByte], 129);
+    EXPECT_EQ(second[kSystemByte + 37], 0) << "system 0 stays 0 however often";
+}
+
+TEST(Retrieve27, TheCountOfFirstAntennaSatellitesStandsWhereNSvWouldAndAllFollow) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    for (std::uint8_t antenna : {0, 1, 0}) {
+        Rec27Sv& sv = addSatellite(*epoch, 5, 0);
+        sv.antennaNumber = antenna;
+        addSignal(sv, 0, 0, 2e7, 0.0);
+    }
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve27(handle, *epoch);
+    EXPECT_EQ(dat.size(), kDatFirstSatellite + 3 * 37);
+    EXPECT_EQ(dat[kDatCount], 2);
+}
+
+TEST(Retrieve27, SlipCountsOfAReaderMadeEpochStayOutOfTheDatFormThoughItsLengthCountsThem) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    Rec27Sv& sv = addSatellite(*epoch, 5, 0, 0x80);
+    sv.svFlags2 = 0x01;
+    sv.svBlockLen = 14;
+    sv.geomSlipCount = 7;
+    addSignal(sv, 0, 0, 2e7, 0.0);
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve27(handle, *epoch);
+    ASSERT_EQ(dat.size(), kDatFirstSatellite + 14 + 27);
+    EXPECT_EQ(Bytes(dat.end() - 3, dat.end()), Bytes(3, kUnwritten));
+
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), dat.size());
+    EXPECT_EQ(parsed.rec27->sv[0].geomSlipCount, dat[kDatFirstSatellite + 11])
+        << "the measurement is taken for slip counts";
+}
+
+TEST(DatRoundTrip, EpochsOfSystemsThatPackAsThemselvesComeBackByteForByte) {
+    nvbtest::EpochGenerator generator(27, {{0, 4, 8}, false, false});
+    nvbtest::Coverage coverage;
+    nvbtest::Handle handle;
+    EncodeState parsed;
+    for (int round = 0; round < 60; ++round) {
+        const auto epoch = generator.epoch(1 + (round * 37) % 116, coverage);
+        const Bytes dat = retrieve27(handle, *epoch);
+        ASSERT_EQ(parsed.parse(dat), dat.size()) << round;
+        ASSERT_EQ(std::memcmp(parsed.rec27.get(), epoch.get(), sizeof(Rec27)), 0) << "structure, round " << round;
+        ASSERT_EQ(retrieve27(handle, *parsed.rec27), dat) << "round " << round;
+    }
+}
+
+TEST(DatRoundTrip, OtherSystemsComeBackWithTheirLowBitsAsAntenna) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    addSignal(addSatellite(*epoch, 5, 10), 0, 0, 2e7, 0.0);
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve27(handle, *epoch);
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), dat.size());
+    EXPECT_EQ(parsed.rec27->sv[0].rt_sattype, 10);
+    EXPECT_EQ(parsed.rec27->sv[0].antennaNumber, 2);
+    EXPECT_EQ(parsed.rec27->nSv, 1);
+    const Bytes again = retrieve27(handle, *parsed.rec27);
+    EXPECT_EQ(again[kDatCount], 0) << "no satellite of the first antenna is left to count";
+}
+
+TEST(DatParser, ADropMaskLeavesSystemsAndTheirClockEntriesOut) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    epoch->epochFlags = 0x20;
+    epoch->clock = ClockSystemBlock{21, 0, 2, {2, 0}, {1.5, 2.5}};
+    for (std::uint8_t system : {0, 2, 3}) addSignal(addSatellite(*epoch, 5, system), 0, 0, 2e7, 0.0);
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve27(handle, *epoch);
+    EncodeState parsed;
+    EXPECT_EQ(parsed.parse(dat, 1u << 2), dat.size());
+    const Rec27& kept = *parsed.rec27;
+    ASSERT_EQ(kept.nSv, 2);
+    EXPECT_EQ(kept.sv[1].rt_sattype, 3);
+    EXPECT_EQ(kept.clock.count, 1);
+    EXPECT_EQ(+kept.clock.systemClockOffset[0], 2.5);
+    EXPECT_EQ(kept.epochFlags, 0x20);
+    EXPECT_EQ(parsed.header[1] | (parsed.header[2] << 8), 17 + 4 + 2 * 37) << "the clock block is not counted";
+
+    EXPECT_EQ(parsed.parse(dat, 1u << 0 | 1u << 2), dat.size());
+    EXPECT_EQ(parsed.rec27->epochFlags, 0x00) << "no clock entry remains";
+    EXPECT_EQ(parsed.rec27->nSv, 1);
+}
+
+TEST(DatParser, ASatelliteBlockLongerThanItsFieldsIsTakenUpToItsLength) {
+    auto epoch = nvbtest::newEpoch(1000.0);
+    Rec27Sv& sv = addSatellite(*epoch, 5, 0, 0x80);
+    sv.svFlags2 = 0x00;
+    sv.svBlockLen = 11;
+    addSignal(sv, 0, 0, 2e7, 0.0);
+    nvbtest::Handle handle;
+    Bytes dat = retrieve27(handle, *epoch);
+    // A later writer's block: svFlags2 with bit 7 and a further flag byte, then two spare bytes.
+    dat[kDatFirstSatellite] = 15;
+    dat[kDatFirstSatellite + 10] = 0x81;
+    dat.insert(dat.begin() + kDatFirstSatellite + 11, {0x05, 0xAA, 0xBB, 0xCC});
+    const auto length = static_cast<std::uint16_t>(dat.size());
+    dat[1] = static_cast<std::uint8_t>(length);
+    dat[2] = static_cast<std::uint8_t>(length >> 8);
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), length);
+    EXPECT_EQ(parsed.rec27->sv[0].svFlags2, 0x01);
+    EXPECT_EQ(parsed.rec27->sv[0].svBlockLen, 14);
+    EXPECT_EQ(parsed.rec27->sv[0].geomSlipCount, 0xAA);
+    EXPECT_EQ(+parsed.rec27->sv[0].meas[0].range, 2e7) << "the measurement is found behind the block";
+}
+
+TEST(Retrieve17, SatellitesWriteTheirSecondFrequencyAndLastDoubleByTheirFlags) {
+    auto epoch = std::make_unique<Rec17>();
+    nvbtest::Handle handle;
+    EXPECT_EQ(retrieve(handle, handle->records.rec17, *epoch, 17, 21).size(), 21u) << "17 bytes behind the header";
+
+    epoch->receiveTime = 1000.0;
+    epoch->nSv = 2;
+    epoch->sv[0] = Rec17Sv{7, 0x11, 0x23, 3, 40, 250, 44.25, 2e7, 1e8, 12.5, 0.0, 38.5, 8e7, 2.5, 99.0};
+    epoch->sv[1] = Rec17Sv{9, 0x10, 0x03, 3, 41, 252, 45.0, 2e7, 1e8, 13.5, 0.0, 0.0, 0.0, 0.0, 0.0};
+    const std::uint16_t length = nvb::rec17DatLength(*epoch) + 8;  // the last double is not counted
+    const Bytes dat = retrieve(handle, handle->records.rec17, *epoch, 17, length);
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), length);
+    EXPECT_EQ(+parsed.rec17->sv[0].last, 99.0);
+    EXPECT_EQ(std::memcmp(parsed.rec17.get(), epoch.get(), sizeof(Rec17)), 0);
+    EXPECT_EQ(retrieve(handle, handle->records.rec17, *parsed.rec17, 17, length), dat);
+}
+
+std::unique_ptr<Rec29> fullPosition() {
+    auto rec = std::make_unique<Rec29>();
+    rec->block1Len = 15;
+    rec->week = 2345;
+    rec->time = 302400000;
+    rec->fixType = 4;
+    rec->posFlags = 0x02;
+    rec->block2Len = 93;
+    rec->latPos = 12.5;
+    rec->unitVariance = 2.0f;
+    rec->block3Len = 7;
+    rec->corrAge = 3.5f;
+    rec->corrFlags = 0x07;
+    rec->corrExtra = 0x5A;
+    rec->corrVector[2] = -1.25f;
+    rec->corrCount = 77;
+    rec->block4Len = 10;
+    rec->auxValueB = 4.0f;
+    rec->auxStatus = 0x02;
+    rec->numSVs = 2;
+    rec->sv[0] = Rec29SvEntry{3, 0, 2};
+    rec->sv[1] = Rec29SvEntry{4, 2, 0};
+    rec->svListLen = 7;
+    return rec;
+}
+
+TEST(DatRoundTrip, PositionsWithTheirCorrectionFieldsComeBackByteForByte) {
+    auto rec = fullPosition();
+    const std::uint16_t length = 4 + 108 + 7 + 1 + 12 + 4 + 10 + 7;
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve(handle, handle->records.rec29, *rec, 29, length);
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), length);
+    EXPECT_EQ(std::memcmp(parsed.rec29.get(), rec.get(), sizeof(Rec29)), 0);
+    EXPECT_EQ(retrieve(handle, handle->records.rec29, *parsed.rec29, 29, length), dat);
+}
+
+TEST(DatRoundTrip, APositionsAuxExtraAndClockBlockDoNotComeBack) {
+    auto rec = fullPosition();
+    rec->auxStatus = 0x01;
+    rec->auxExtra = 0x01020304;
+    nvbtest::Handle handle;
+    EncodeState parsed;
+    const std::uint16_t length = 4 + 108 + 7 + 1 + 12 + 4 + 10 + 4 + 7;
+    const Bytes withExtra = retrieve(handle, handle->records.rec29, *rec, 29, length);
+    parsed.parse(withExtra);
+    EXPECT_EQ(+parsed.rec29->auxExtra, 0u) << "the parser does not read it";
+    EXPECT_EQ(parsed.rec29->svListLen, 4) << "the list is looked for at auxExtra";
+
+    rec = fullPosition();
+    rec->posFlags = 0x12;
+    rec->clock = ClockSystemBlock{12, 1, 1, {0}, {0.5}};
+    const Bytes withoutClock = retrieve(handle, handle->records.rec29, *rec, 29, nvb::rec29DatLength(*rec));
+    parsed.parse(withoutClock);
+    EXPECT_EQ(parsed.rec29->clock.blockLength, 7) << "the list length byte is taken for the clock block";
+    EXPECT_NE(std::memcmp(parsed.rec29->sv, rec->sv, 6), 0);
+}
+
+TEST(Retrieve29, NothingIsWrittenPastTheLengthAReaderReported) {
+    auto rec = fullPosition();
+    rec->numSVs = 117;
+    auto frame = std::make_unique<nvb_frame_t>();
+    ASSERT_GT(nvb::writeRec29(*rec, *frame), 0);
+    nvbtest::Handle handle;
+    ASSERT_EQ(nvb::readRec29(*frame, *handle.get(), false, false), 19);
+    Bytes out(200, kUnwritten);
+    EXPECT_TRUE(nvb::retrieveDATRecord(*handle.get(), 29, out.data()));
+    EXPECT_NE(out[18], kUnwritten);
+    EXPECT_EQ(out[19], kUnwritten);
+}
+
+TEST(DatRoundTrip, ShortPositionsAreTheirStructureAsItStands) {
+    Rec11 rec{};
+    rec.latitude = 0.125;
+    rec.time = 99;
+    rec.nSv = 2;
+    const std::uint8_t lists[] = {1, 2, 30, 31};
+    std::memcpy(nvb::rec11Lists(rec), lists, sizeof lists);
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve(handle, handle->records.rec11, rec, 11, 2 * 2 + 82);
+    EXPECT_EQ(Bytes(dat.end() - 4, dat.end()), Bytes(lists, lists + 4));
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), dat.size());
+    EXPECT_EQ(std::memcmp(&parsed.rec11, &rec, sizeof rec), 0);
+}
+
+TEST(DatParser, RefusesUnknownTypesMissingStructuresAndCountsBeyondTheArrays) {
+    EncodeState parsed;
+    EXPECT_EQ(parsed.parse({0x74, 8, 0, 103, 1, 2, 3, 4}), 0);
+    EXPECT_EQ(parsed.parse({0x74, 8, 0, 6, 1, 2, 3, 4}), 0) << "6 is below the limit but has no parser";
+    EXPECT_EQ(parsed.parse({0x74, 8, 0, 22, 1, 2, 3, 4}), 8);
+    EXPECT_EQ(Bytes(parsed.generic.data, parsed.generic.data + 4), (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(parsed.parse({0x74, 4, 0, 14}), 4) << "an empty body is accepted";
+
+    auto withCount = [](std::uint8_t type, std::size_t countAt, std::uint8_t count) {
+        Bytes dat(300, 0);
+        dat[0] = 0x74;
+        dat[1] = 200;
+        dat[3] = type;
+        dat[4 + countAt] = count;
+        return dat;
+    };
+    EXPECT_EQ(parsed.parse(withCount(27, 15, 117)), 0);
+    EXPECT_EQ(parsed.parse(withCount(27, 15, 116)), 200);
+    EXPECT_EQ(parsed.parse(withCount(17, 16, 25)), 0);
+    EXPECT_EQ(parsed.parse(withCount(29, 8, 117)), 0);
+    EXPECT_EQ(parsed.parse(withCount(11, 77, 33)), 0);
+    EXPECT_EQ(parsed.parse(withCount(11, 77, 32)), 200);
+
+    parsed.state->records.rec27 = nullptr;
+    EXPECT_EQ(parsed.parse(withCount(27, 15, 1)), 0);
+    parsed.state->records.datHeader = nullptr;
+    EXPECT_EQ(parsed.parse(withCount(11, 77, 1)), 0);
+}
+
+TEST(DatLengthRules, ParsingAndRetrievingReadTheHeaderEachByItsOwnRule) {
+    struct Case {
+        std::uint8_t type;
+        std::uint16_t parse;
+        std::uint16_t retrieve;
+    };
+    const Case cases[] = {{0, 0x34, 0x12},      {1, 0x34, 0x12},      {12, 0x1234, 0x1234}, {17, 0x1234, 0x1234},
+                          {27, 0x1234, 0x1234}, {29, 0x1234, 0x1234}, {34, 0x34, 0x34},     {98, 0x1234, 0x34},
+                          {99, 0x1234, 0x34},   {101, 0x34, 0x1234},  {5, 0x34, 0x34}};
+    for (const Case& c : cases) {
+        const std::uint8_t header[4] = {0x74, 0x34, 0x12, c.type};
+        EXPECT_EQ(nvb::parseDatLengthOf(header), c.parse) << int(c.type);
+        EXPECT_EQ(nvb::retrieveLengthOf(header), c.retrieve) << int(c.type);
+    }
+}
+
+TEST(Retrieve, AWrongTypeWritesNothingAndGenericTypesAreNotTheirOwnForm) {
+    nvbtest::Handle handle;
+    nvb::setDatHeader(handle->records.datHeader, 10, 0, 34);
+    std::memset(handle->records.generic->data, 0x34, 6);
+    Bytes out(16, kUnwritten);
+    EXPECT_FALSE(nvb::retrieveDATRecord(*handle.get(), 27, out.data()));
+    EXPECT_EQ(out[0], kUnwritten);
+    EXPECT_FALSE(nvb::retrieveDATRecord(*handle.get(), 34, out.data()));
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 11),
+              (Bytes{0x74, 10, 0, 34, 0x34, 0x34, 0x34, 0x34, 0x34, 0x34, kUnwritten}));
+}
+
+}  // namespace

@@ -1,0 +1,173 @@
+#include "records/field_codec.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using nvb::ByteView;
+using Bytes = std::vector<std::uint8_t>;
+
+double pow2(int e) {
+    return std::ldexp(1.0, e);
+}
+
+struct ScaledCase {
+    Bytes bytes;
+    int exponent;
+    bool isSigned;
+    double expected;
+};
+
+TEST(FieldReaders, ScaledFieldsTakeTheSignFromTheHeadAndAddTheTailUnsigned) {
+    const ScaledCase cases[] = {
+        {{0xFF, 0xFF, 0xFF}, -19, true, -pow2(-19)},
+        {{0xFF, 0xFF, 0xFF}, -19, false, (pow2(24) - 1) * pow2(-19)},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x01}, -15, true, -pow2(1) + pow2(-15)},
+        {{0x80, 0x00, 0x00, 0x00}, 0, true, -2147483648.0},
+        {{0x80, 0x00, 0x00, 0x00}, 0, false, 2147483648.0},
+        {{0x7F}, -8, true, 127.0 / 256},
+        {{0x80}, -8, true, -0.5},
+        {{0x00, 0x00, 0x00, 0x01, 0xFF, 0xFF, 0xFF}, -28, true, (pow2(24) + pow2(24) - 1) * pow2(-28)},
+    };
+    for (const ScaledCase& c : cases) {
+        const double value =
+            nvb::getScaled(ByteView(c.bytes), 0, static_cast<unsigned>(c.bytes.size()), c.exponent, c.isSigned);
+        EXPECT_EQ(value, c.expected) << "width " << c.bytes.size() << " exponent " << c.exponent;
+    }
+}
+
+TEST(FieldReaders, ReadsPastTheEndSeeZerosAndWidthZeroIsZero) {
+    const Bytes bytes = {0x12, 0x34};
+    const ByteView view(bytes);
+    EXPECT_EQ(nvb::getUint(view, 0, 4), 0x12340000u);
+    EXPECT_EQ(nvb::getUint(view, 1, 0), 0u);
+    EXPECT_EQ(nvb::getByte(view, 2), 0);
+    EXPECT_EQ(nvb::getScaled(view, 1, 3, 0, false), 0x340000);
+}
+
+TEST(FieldReaders, FloatsAreBigEndianOnTheWire) {
+    const Bytes bytes = {0x40, 0x49, 0x0F, 0xDB, 0x40, 0x09, 0x21, 0xFB, 0x54, 0x44, 0x2D, 0x18};
+    EXPECT_FLOAT_EQ(nvb::getFloat(ByteView(bytes), 0), 3.14159265f);
+    EXPECT_DOUBLE_EQ(nvb::getDouble(ByteView(bytes), 4), 3.141592653589793);
+}
+
+// Writes through one primitive into a fresh frame and returns the bytes written.
+template <class Write>
+Bytes written(Write write) {
+    auto frame = std::make_unique<nvb_frame_t>();
+    nvb::WriteBuffer out{*frame};
+    write(out);
+    return Bytes(frame->data, frame->data + frame->length);
+}
+
+struct RoundingCase {
+    double x;
+    Bytes expected;
+};
+
+TEST(FieldWriters, RoundHalfAwayFromZeroAndKeepTheLowBytes) {
+    const RoundingCase cases[] = {
+        {0.4999, {0x00, 0x00}}, {-0.5, {0xFF, 0xFF}}, {0.5, {0x00, 0x01}},           {-0.4999, {0x00, 0x00}},
+        {1.5, {0x00, 0x02}},    {-1.5, {0xFF, 0xFE}}, {65536.0 + 7.0, {0x00, 0x07}},
+    };
+    for (const RoundingCase& c : cases) {
+        EXPECT_EQ(written([&](nvb::WriteBuffer& out) { nvb::putScaled2(out, c.x, 0); }), c.expected) << c.x;
+    }
+    // A first range just below the rollover passes 2^31 in its four unsigned bytes.
+    EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled4(out, 33554431.0, 7); }),
+              (Bytes{0xFF, 0xFF, 0xFF, 0x80}));
+    EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled3(out, -1.0, 19); }), (Bytes{0xF8, 0x00, 0x00}));
+    EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled6(out, -pow2(-15), 15); }), Bytes(6, 0xFF));
+    EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled1(out, std::nan(""), 0); }), Bytes{0x00});
+}
+
+struct VarCase {
+    double x;
+    Bytes expected;
+};
+
+TEST(FieldWriters, VariableWidthKeepsTheFewestSignedBytes) {
+    const VarCase cases[] = {
+        {0.0, {0x00}},
+        {-1.0, {0xFF}},
+        {127.0, {0x7F}},
+        {128.0, {0x00, 0x80}},
+        {-128.0, {0x80}},
+        {-129.0, {0xFF, 0x7F}},
+        {pow2(47), {0x00, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00}},
+    };
+    for (const VarCase& c : cases) {
+        unsigned width = 0;
+        const Bytes bytes = written([&](nvb::WriteBuffer& out) { width = nvb::putScaledVar(out, c.x, 0, 1, 7); });
+        EXPECT_EQ(bytes, c.expected) << c.x;
+        EXPECT_EQ(width, c.expected.size()) << c.x;
+    }
+}
+
+TEST(FieldWriters, VariableWidthBeyondSevenBytesEndsTheProcess) {
+    EXPECT_DEATH(written([](nvb::WriteBuffer& out) { nvb::putScaledVar(out, pow2(55), 0, 1, 7); }),
+                 "nBytes <= maxBytes");
+    EXPECT_DEATH(written([](nvb::WriteBuffer& out) { nvb::putScaledVar(out, std::nan(""), 0, 1, 7); }),
+                 "9.223372036854776e\\+018");
+}
+
+TEST(FieldWriters, SplitHeadTruncatesAndHandsBackAClampedResidual) {
+    std::uint8_t residual = 0;
+    Bytes bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 5.25, 0); });
+    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 5}));
+    EXPECT_EQ(residual, 64);
+    // A fraction that rounds above 127/256 stays at 127.
+    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 5.75, 0); });
+    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 5}));
+    EXPECT_EQ(residual, 127);
+    // Negative values truncate toward zero and keep a negative residual.
+    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, -5.25, 0); });
+    EXPECT_EQ(bytes, (Bytes{0xFF, 0xFF, 0xFF, 0xFB}));
+    EXPECT_EQ(static_cast<std::int8_t>(residual), -64);
+    // From zero up the head is unsigned and may pass 2^31.
+    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 0.75, 32); });
+    EXPECT_EQ(bytes, (Bytes{0xC0, 0, 0, 0}));
+}
+
+TEST(FieldWriters, AWritePastTheBufferIsDroppedAndFlagged) {
+    auto frame = std::make_unique<nvb_frame_t>();
+    frame->length = NVB_FRAME_CAPACITY - 3;
+    nvb::WriteBuffer out{*frame};
+    nvb::putU32(out, 0x01020304);
+    EXPECT_TRUE(out.overflow);
+    EXPECT_EQ(+frame->length, NVB_FRAME_CAPACITY);
+    EXPECT_EQ(frame->data[NVB_FRAME_CAPACITY - 1], 0x03);
+    EXPECT_EQ(nvb::closeFrame(out, true), 0);
+}
+
+TEST(FieldWriters, ClosingAFrameStoresItsLengthChecksumAndEndByte) {
+    auto frame = std::make_unique<nvb_frame_t>();
+    nvb::WriteBuffer out{*frame};
+    for (const std::uint8_t byte : {0x02, 0x00, 0x1B, 0x00, 0x10, 0x20}) nvb::putByte(out, byte);
+    ASSERT_EQ(nvb::closeFrame(out, true), 9);
+    EXPECT_EQ(Bytes(frame->data, frame->data + 9), (Bytes{0x02, 0x09, 0x1B, 0x00, 0x10, 0x20, 0x00, 0x56, 0x03}));
+}
+
+TEST(DatFields, ReadsPastTheAnnouncedLengthSeeZerosAndTheSwapFlagReversesEvenWidths) {
+    const Bytes dat = {0x34, 0x12, 0xAA, 0xBB, 0xCC};
+    nvb::DatReader in{dat.data(), 4};
+    EXPECT_EQ(nvb::datRead<std::uint16_t>(in), 0x1234);
+    EXPECT_EQ(nvb::datRead<std::uint16_t>(in), 0xBBAA);
+    EXPECT_EQ(nvb::datRead<std::uint8_t>(in), 0) << "the fifth byte lies past the length";
+
+    nvb::hostSwapDAT = 1;
+    nvb::DatReader swapped{dat.data(), dat.size()};
+    const auto word = nvb::datRead<std::uint16_t>(swapped);
+    std::uint8_t three[3] = {};
+    nvb::datCopy(swapped, three, 1, 3);
+    nvb::hostSwapDAT = 0;
+    EXPECT_EQ(word, 0x3412);
+    EXPECT_EQ(Bytes(three, three + 3), (Bytes{0xAA, 0xBB, 0xCC})) << "odd widths are left alone";
+}
+
+}  // namespace

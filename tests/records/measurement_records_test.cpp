@@ -1,0 +1,512 @@
+#include "support/measurement_epochs.h"
+#include "support/plain_records.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+namespace {
+
+using nvb::Rec27ReadOptions;
+using nvbtest::addFlags2;
+using nvbtest::addSatellite;
+using nvbtest::addSignal;
+using nvbtest::EpochReader;
+using nvbtest::kPlainOptions;
+using nvbtest::newEpoch;
+
+double pow2(int e) {
+    return std::ldexp(1.0, e);
+}
+
+// An epoch of `count` GPS satellites with one signal each.
+std::unique_ptr<Rec27> epochOf(int count) {
+    auto epoch = newEpoch(1000.0);
+    for (int i = 0; i < count; ++i)
+        addSignal(addSatellite(*epoch, static_cast<std::uint8_t>(i + 1), 0), 0, 0, 2e7, 1e6);
+    return epoch;
+}
+
+TEST(Rec27Limits, ASatelliteCountAbove116ReadsNothing) {
+    EpochReader reader;
+    EXPECT_GT(reader.read(*epochOf(NVB_MAX_SV), kPlainOptions), 0);
+    EXPECT_EQ(reader.epoch().nSv, NVB_MAX_SV);
+    EXPECT_EQ(reader.epoch().sv[115].svId, 116);
+
+    auto tooMany = epochOf(NVB_MAX_SV);
+    tooMany->nSv = 117;  // the writer sends the count as it stands
+    EXPECT_EQ(reader.read(*tooMany, kPlainOptions), 0);
+}
+
+TEST(Rec27Limits, SevenSignalsOnTheLastSatelliteReadNothingAfterTheOthersAreFilled) {
+    auto epoch = epochOf(3);
+    Rec27Sv& last = epoch->sv[2];
+    for (int j = 1; j < NVB_MAX_MEAS; ++j) addSignal(last, static_cast<std::uint8_t>(j), 0, 2e7 + j, 1e6);
+    last.nMeas = 7;
+    EpochReader reader;
+    EXPECT_EQ(reader.read(*epoch, kPlainOptions), 0);
+    EXPECT_EQ(reader.epoch().sv[1].svId, 2);
+    EXPECT_EQ(+reader.epoch().sv[1].meas[0].range, 2e7);
+}
+
+TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
+    auto epoch = newEpoch(1000.0);
+    addSignal(addSatellite(*epoch, 1, 0), 0, 0, 33554431.0, 0.0);
+    addSignal(addSatellite(*epoch, 2, 0), 0, 0, 33554431.3, 0.0);
+    addSignal(addSatellite(*epoch, 3, 0), 0, 0, 33554433.0, 0.0);
+    EpochReader reader;
+    ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
+    const Rec27& read = reader.epoch();
+    EXPECT_EQ(+read.sv[0].meas[0].range, 33554431.0);
+    EXPECT_EQ(read.sv[0].meas[0].measFlags1 & 0x80, 0) << "exactly the rollover value is coded directly";
+    EXPECT_NEAR(+read.sv[1].meas[0].range, 33554431.3, pow2(-8));
+    EXPECT_EQ(read.sv[1].meas[0].measFlags2, 0x02);
+    EXPECT_EQ(read.sv[1].meas[0].measBlockLen, 28);
+    EXPECT_EQ(+read.sv[2].meas[0].range, 33554433.0);
+
+    // The byte-stream form has no flag byte for it: a range past 32 bits loses its top.
+    ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
+    EXPECT_NEAR(+reader.epoch().sv[1].meas[0].range, 33554431.3, pow2(-8));
+    EXPECT_EQ(+reader.epoch().sv[2].meas[0].range, 33554433.0 - 33554432.0);
+}
+
+TEST(Rec27Ranges, DifferencesBeyond100MetresTakeThreeBytesAndBothFlags) {
+    struct Case {
+        double difference;
+        std::uint8_t flags1;
+        std::uint8_t flags2;
+        std::uint8_t blockLength;
+    };
+    const Case cases[] = {{100.0, 0x03, 0x00, 27},
+                          {-100.0, 0x03, 0x00, 27},
+                          {100.1, 0x83, 0x01, 28},
+                          {-100.1, 0x83, 0x01, 28},
+                          {-32000.5, 0x83, 0x01, 28}};
+    for (const Case& c : cases) {
+        auto epoch = newEpoch(1000.0);
+        Rec27Sv& sv = addSatellite(*epoch, 3, 0);
+        addSignal(sv, 0, 0, 21000000.0, 0.0);
+        addSignal(sv, 1, 2, 21000000.0 + c.difference, 0.0);
+        EpochReader reader;
+        ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
+        const Rec27Meas& second = reader.epoch().sv[0].meas[1];
+        EXPECT_NEAR(+second.range, 21000000.0 + c.difference, pow2(-9)) << c.difference;
+        EXPECT_EQ(second.measFlags1, c.flags1) << c.difference;
+        EXPECT_EQ(second.measFlags2, c.flags2) << c.difference;
+        EXPECT_EQ(second.measBlockLen, c.blockLength) << c.difference;
+    }
+}
+
+TEST(Rec27Ranges, InTheByteStreamFormALargeDifferenceWrapsAt128Metres) {
+    auto epoch = newEpoch(1000.0);
+    Rec27Sv& sv = addSatellite(*epoch, 3, 0);
+    addSignal(sv, 0, 0, 21000000.0, 0.0);
+    addSignal(sv, 1, 2, 21000200.0, 0.0);
+    EpochReader reader;
+    ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
+    EXPECT_EQ(+reader.epoch().sv[0].meas[1].range, 21000200.0 - 256.0);
+    EXPECT_EQ(reader.epoch().sv[0].meas[1].measFlags1 & 0x80, 0);
+}
+
+TEST(Rec27Ranges, AWrappedDifferenceOfOldReceiversIsRepairedOnlyWhereItArose) {
+    struct Case {
+        std::uint8_t svId, system, band, track;
+        bool clockBlock;
+        double expected;
+    };
+    const Case cases[] = {
+        {1, 0, 2, 7, false, -40.0 + 256.0},  // GPS 1, L5 track 7, no clock block: repaired
+        {1, 0, 2, 7, true, -40.0},           // the clock block marks a newer receiver
+        {2, 0, 2, 7, false, -40.0},         {1, 3, 2, 7, false, -40.0}, {1, 0, 2, 8, false, -40.0},
+    };
+    for (const Case& c : cases) {
+        auto epoch = newEpoch(1000.0);
+        if (c.clockBlock) {
+            epoch->epochFlags = 0x20;
+            epoch->clock.blockLength = 3;
+        }
+        Rec27Sv& sv = addSatellite(*epoch, c.svId, c.system);
+        addSignal(sv, 0, 0, 21000000.0, 0.0);
+        addSignal(sv, c.band, c.track, 21000000.0 - 40.0, 0.0);
+        EpochReader reader;
+        ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
+        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c.expected) << int(c.svId) << " " << int(c.track);
+    }
+}
+
+TEST(Rec27Systems, System5BecomesSystem7WithItsSatelliteRenumbered) {
+    auto epoch = newEpoch(1000.0);
+    addSignal(addSatellite(*epoch, 3, 5), 0, 0, 2e7, 0.0);
+    addSignal(addSatellite(*epoch, 12, 5), 0, 0, 2e7, 0.0);
+    EpochReader reader;
+    ASSERT_GT(reader.read(*epoch, {1, true, false, true}), 0);
+    EXPECT_EQ(reader.epoch().sv[0].svId, 1);
+    EXPECT_EQ(reader.epoch().sv[0].rt_sattype, 7);
+    EXPECT_EQ(reader.epoch().sv[1].svId, 0) << "numbers beyond 11 have no system 7 number";
+}
+
+TEST(Rec27Systems, System7BecomesSystem10AndShiftsTheFirstB1PhaseOfSatellitesOneToFive) {
+    auto epoch = newEpoch(1000.0);
+    addSignal(addSatellite(*epoch, 2, 7), 6, 26, 2e7, 1000.0, 0x03);
+    addSignal(addSatellite(*epoch, 4, 7), 6, 26, 2e7, 1000.0, 0x43);
+    addSignal(addSatellite(*epoch, 6, 7), 6, 26, 2e7, 1000.0, 0x03);
+    Rec27Sv& notB1 = addSatellite(*epoch, 3, 7);
+    addSignal(notB1, 1, 2, 2e7, 1000.0);
+    addSignal(notB1, 6, 26, 2e7, 1000.0);
+    addSatellite(*epoch, 5, 7);  // no signals
+    EpochReader reader;
+    ASSERT_GT(reader.read(*epoch, {1, false, true, true}), 0);
+    const Rec27& read = reader.epoch();
+    EXPECT_EQ(read.sv[0].rt_sattype, 10);
+    EXPECT_EQ(+read.sv[0].meas[0].phase, 1000.5);
+    EXPECT_EQ(read.sv[0].meas[0].measFlags1, 0x43);
+    EXPECT_EQ(+read.sv[1].meas[0].phase, 999.5) << "a set bit 6 is cleared and the half cycle taken off";
+    EXPECT_EQ(read.sv[1].meas[0].measFlags1, 0x03);
+    EXPECT_EQ(+read.sv[2].meas[0].phase, 1000.0) << "satellite 6 is not shifted";
+    EXPECT_EQ(read.sv[2].rt_sattype, 10);
+    EXPECT_EQ(read.sv[3].rt_sattype, 10) << "a first signal other than B1 still changes the system";
+    EXPECT_EQ(+read.sv[3].meas[1].phase, 1000.0) << "only the first signal is looked at";
+    EXPECT_EQ(read.sv[4].rt_sattype, 7) << "a satellite without signals keeps system 7";
+}
+
+TEST(Rec27Tracking, SatellitesWhoseFirstSignalIsNotTrackedAreRemovedUnlessAllAreKept) {
+    auto epoch = newEpoch(1000.0);
+    for (std::uint8_t code = 0; code < 8; ++code) {
+        Rec27Meas& meas = addSignal(addSatellite(*epoch, static_cast<std::uint8_t>(code + 1), 0), 0, 0, 2e7, 0.0);
+        addFlags2(meas, static_cast<std::uint8_t>(code << 2));
+    }
+    EpochReader reader;
+    const std::uint16_t kept = reader.read(*epoch, {1, false, false, false});
+    ASSERT_EQ(reader.epoch().nSv, 3);
+    EXPECT_EQ(reader.epoch().sv[0].svId, 1);
+    EXPECT_EQ(reader.epoch().sv[1].svId, 5);
+    EXPECT_EQ(reader.epoch().sv[2].svId, 6);
+    EXPECT_EQ(reader.epoch().sv[3].svId, 0);
+    EXPECT_EQ(kept, 17 + 4 + 3 * (10 + 28));
+    EXPECT_EQ(reader.state()->previousEpochs[0].nSv, 8) << "the previous epoch keeps every satellite";
+
+    EXPECT_EQ(reader.read(*epoch, kPlainOptions), 17 + 4 + 8 * (10 + 28));
+    EXPECT_EQ(reader.epoch().nSv, 8);
+}
+
+TEST(Rec27Header, TheDatHeaderCarriesTheLengthOfTheBlocksAndNoLengthWithoutSatellites) {
+    auto epoch = epochOf(2);
+    epoch->epochFlags = 0x32;
+    epoch->epochHeaderLen = 22;
+    epoch->clock.count = 2;
+    epoch->clock.blockLength = 21;
+    EpochReader reader;
+    const std::uint16_t length = reader.read(*epoch, kPlainOptions);
+    EXPECT_EQ(length, 21 + 22 + 4 + 2 * (10 + 27));
+    const std::uint8_t* header = reader.state()->records.datHeader;
+    EXPECT_EQ(header[0], 0x74);
+    EXPECT_EQ(header[1] | (header[2] << 8), length);
+    EXPECT_EQ(header[3], 27);
+
+    EXPECT_EQ(reader.read(*epochOf(0), kPlainOptions), 0);
+}
+
+TEST(Rec27ClockBlock, TheWriterPacksFourCountBitsWhereTheReaderTakesThree) {
+    auto epoch = epochOf(1);
+    epoch->epochFlags = 0x20;
+    epoch->clock.count = 7;
+    epoch->clock.blockLength = 66;
+    for (int k = 0; k < 8; ++k) epoch->clock.systemClockOffset[k] = k * 0.25;
+    EpochReader reader;
+    ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
+    EXPECT_EQ(reader.epoch().clock.count, 7);
+    EXPECT_EQ(+reader.epoch().clock.systemClockOffset[6], 1.5);
+
+    epoch->clock.count = 8;
+    reader.read(*epoch, kPlainOptions);
+    EXPECT_EQ(reader.epoch().clock.count, 0) << "count 8 has only its fourth bit set";
+}
+
+TEST(Rec27BadInput, ABodyThatEndsEarlyReadsZerosWithoutError) {
+    nvbtest::plain::Epoch epoch;
+    epoch.timeMs = 5000;
+    nvbtest::plain::Satellite sv{9, 0, 0, 1, 30, 90, 0, {}};
+    sv.signals.push_back({0, 0, 450, 2e7, 1e6, 0, 0x03, 100.0});
+    epoch.satellites = {sv, sv};
+    nvbtest::Bytes bytes = nvbtest::plain::rec27(epoch);
+    bytes.resize(46);  // the second satellite ends after its number
+    EpochReader reader;
+    std::memset(&reader.frame(), 0, sizeof(nvb_frame_t));
+    std::memcpy(reader.frame().data, bytes.data(), bytes.size());
+    reader.frame().length = static_cast<std::uint16_t>(bytes.size());
+    EXPECT_GT(reader.readFrame(kPlainOptions), 0);
+    EXPECT_EQ(reader.epoch().nSv, 2);
+    EXPECT_EQ(+reader.epoch().sv[0].meas[0].doppler, 100.0f);
+    EXPECT_EQ(reader.epoch().sv[1].svId, 9);
+    EXPECT_EQ(reader.epoch().sv[1].nMeas, 0);
+}
+
+TEST(Rec27BadInput, FlagBytesRunningToTheEndOfTheBufferStopAtItsEdge) {
+    EpochReader reader;
+    nvb_frame_t& frame = reader.frame();
+    std::memset(frame.data, 0x86, sizeof frame.data);
+    std::uint8_t* body = frame.data + 4;
+    body[10] = NVB_MAX_SV;
+    body[11] = 0;                 // no optional epoch fields
+    body[12 + 4] = NVB_MAX_MEAS;  // first satellite: six signals
+    body[12 + 7] = 0;             // and no svFlags2
+    frame.length = 100;           // a length that lies about the counts
+    EXPECT_GT(reader.readFrame(kPlainOptions), 0);
+    EXPECT_EQ(reader.epoch().nSv, NVB_MAX_SV);
+}
+
+TEST(Rec27DopplerControl, AnInvalidValueEndsTheProcessWithCode2) {
+    auto epoch = epochOf(1);
+    EpochReader reader;
+    EXPECT_EXIT(reader.read(*epoch, {0, false, false, true}), ::testing::ExitedWithCode(2),
+                "The dopplerControl in nvb_expand_t is set to an invalid value 0");
+    EXPECT_EXIT(reader.read(*epoch, {4, false, false, true}), ::testing::ExitedWithCode(2), "invalid value 4");
+}
+
+// Doppler rebuilt from phase between epochs.
+class Rec27Doppler : public ::testing::Test {
+protected:
+    // One GPS L1 signal (with the wire Doppler given, or not) at `time` and `phase`.
+    static std::unique_ptr<Rec27> epoch(double time, double phase, std::optional<float> doppler = std::nullopt,
+                                        float clock = 0.0f, std::uint8_t slipCount = 0, std::uint8_t extraFlags = 0) {
+        auto e = newEpoch(time, clock);
+        Rec27Meas& meas = addSignal(addSatellite(*e, 5, 0), 0, 0, 2e7, phase, 0x03 | extraFlags);
+        meas.slipCount = slipCount;
+        if (doppler) {
+            meas.measFlags1 |= 0x04;
+            meas.doppler = *doppler;
+        }
+        return e;
+    }
+
+    float dopplerAfter(const Rec27& e, std::uint8_t control) {
+        reader.read(e, {control, false, false, true});
+        return reader.epoch().sv[0].meas[0].doppler;
+    }
+
+    bool dopplerFlag() const { return (reader.epoch().sv[0].meas[0].measFlags1 & 0x04) != 0; }
+    const Rec27Meas& prediction() const { return reader.state()->previousEpochs[1].sv[0].meas[0]; }
+
+    EpochReader reader;
+};
+
+TEST_F(Rec27Doppler, ControlTwoRebuildsEveryDopplerFromThePhaseStep) {
+    dopplerAfter(*epoch(1000.0, 5000.0, 7.0f), 2);
+    EXPECT_EQ(+reader.epoch().sv[0].meas[0].doppler, 0.0f) << "nothing to rebuild from in the first epoch";
+    EXPECT_FALSE(dopplerFlag());
+    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6500.5, 7.0f), 2), 1500.5f);
+    EXPECT_TRUE(dopplerFlag());
+    EXPECT_EQ(dopplerAfter(*epoch(2500.0, 7000.5, 7.0f), 2), 1000.0f) << "over half a second";
+}
+
+TEST_F(Rec27Doppler, ControlThreeKeepsTheWireDopplerAndRebuildsOnlyWhereItIsMissing) {
+    dopplerAfter(*epoch(1000.0, 5000.0), 3);
+    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6000.0, 7.0f), 3), 7.0f);
+    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 6250.0), 3), 250.0f);
+}
+
+TEST_F(Rec27Doppler, ControlOnePassesTheWireDopplerAndLeavesThePredictionsAlone) {
+    reader.state()->previousEpochs[1].sv[0].meas[0].doppler = 42.0f;
+    dopplerAfter(*epoch(1000.0, 5000.0, 7.0f), 1);
+    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6000.0, 9.0f), 1), 9.0f);
+    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 7000.0), 1), 0.0f);
+    EXPECT_EQ(+prediction().doppler, 42.0f);
+}
+
+TEST_F(Rec27Doppler, ASignalNewInThisEpochHasNoDopplerUnderControlTwoOrWithoutOneOnTheWire) {
+    dopplerAfter(*epoch(1000.0, 5000.0), 3);
+    auto next = epoch(2000.0, 6000.0);
+    addSignal(next->sv[0], 1, 2, 2e7, 100.0, 0x07).doppler = 3.0f;
+    addSignal(next->sv[0], 2, 7, 2e7, 100.0, 0x03);
+    reader.read(*next, {3, false, false, true});
+    EXPECT_EQ(+reader.epoch().sv[0].meas[1].doppler, 3.0f);
+    EXPECT_EQ(+reader.epoch().sv[0].meas[2].doppler, 0.0f);
+    EXPECT_EQ(reader.epoch().sv[0].meas[2].measFlags1 & 0x04, 0);
+
+    EpochReader second;
+    second.read(*epoch(1000.0, 5000.0), {2, false, false, true});
+    second.read(*next, {2, false, false, true});
+    EXPECT_EQ(+second.epoch().sv[0].meas[1].doppler, 0.0f);
+    EXPECT_EQ(second.epoch().sv[0].meas[1].measFlags1 & 0x04, 0);
+}
+
+TEST_F(Rec27Doppler, ASlipTakesTheDopplerFromThePrediction) {
+    dopplerAfter(*epoch(1000.0, 5000.0), 2);
+    dopplerAfter(*epoch(2000.0, 5100.0), 2);
+    EXPECT_EQ(+prediction().doppler, 100.0f) << "the first rate has no trend yet";
+    dopplerAfter(*epoch(3000.0, 5300.0), 2);
+    EXPECT_EQ(+prediction().doppler, 300.0f) << "2 x 200 - 100";
+    EXPECT_EQ(dopplerAfter(*epoch(4000.0, 9999.0, std::nullopt, 0.0f, 1), 2), 300.0f) << "slip count changed";
+    EXPECT_TRUE(dopplerFlag());
+    EXPECT_EQ(dopplerAfter(*epoch(5000.0, 1.0, std::nullopt, 0.0f, 1, 0x08), 2), 400.0f) << "slip mark: 2 x 300 - 200";
+}
+
+TEST_F(Rec27Doppler, AOneMillisecondClockStepIsTakenOutOfALargePhaseStep) {
+    dopplerAfter(*epoch(1000.0, 0.0), 2);
+    // The receiver clock stepped by +1 ms: a millisecond of L1 carrier stands in the phase.
+    EXPECT_FLOAT_EQ(dopplerAfter(*epoch(2000.0, 499.5 - 1575420.0, std::nullopt, 1.0f), 2), 500.0f);
+}
+
+TEST_F(Rec27Doppler, ASmallPhaseStepAcrossAClockStepKeepsOnlyTheShorterInterval) {
+    dopplerAfter(*epoch(1000.0, 0.0), 2);
+    EXPECT_FLOAT_EQ(dopplerAfter(*epoch(2000.0, 999.0, std::nullopt, 1.0f), 2), 1000.0f);
+}
+
+TEST_F(Rec27Doppler, AHalfCycleResolvedSinceTheLastEpochIsNotMotion) {
+    dopplerAfter(*epoch(1000.0, 0.0), 2);
+    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 100.5, std::nullopt, 0.0f, 0, 0x60), 2), 100.0f);
+    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 200.5, std::nullopt, 0.0f, 0, 0x60), 2), 100.0f) << "already resolved";
+}
+
+TEST_F(Rec27Doppler, PredecessorsAreFoundBySatelliteAndSignalWhereverTheyStand) {
+    auto first = newEpoch(1000.0);
+    addSignal(addSatellite(*first, 5, 0), 0, 0, 2e7, 100.0);
+    Rec27Sv& other = addSatellite(*first, 5, 3);
+    addSignal(other, 2, 3, 2e7, 200.0);
+    addSignal(other, 0, 1, 2e7, 300.0);
+    reader.read(*first, {2, false, false, true});
+
+    auto second = newEpoch(2000.0);
+    Rec27Sv& moved = addSatellite(*second, 5, 3);
+    addSignal(moved, 0, 1, 2e7, 310.0);
+    addSignal(moved, 2, 3, 2e7, 220.0);
+    addSignal(addSatellite(*second, 5, 0), 0, 0, 2e7, 130.0);
+    reader.read(*second, {2, false, false, true});
+    EXPECT_EQ(+reader.epoch().sv[0].meas[0].doppler, 10.0f);
+    EXPECT_EQ(+reader.epoch().sv[0].meas[1].doppler, 20.0f);
+    EXPECT_EQ(+reader.epoch().sv[1].meas[0].doppler, 30.0f);
+}
+
+// Record 17 rebuilds Doppler by satellite alone, with no control of the host.
+
+std::unique_ptr<Rec17> epoch17(double time) {
+    auto epoch = std::make_unique<Rec17>();
+    epoch->receiveTime = time;
+    epoch->clkOffset = 0.125;
+    return epoch;
+}
+
+Rec17Sv& add17(Rec17& epoch, std::uint8_t svId, std::uint8_t svFlags, double phase) {
+    Rec17Sv& sv = epoch.sv[epoch.nSv++];
+    sv = Rec17Sv{};
+    sv.svId = svId;
+    sv.svFlags = svFlags;
+    sv.svFlags2 = 0x03;
+    sv.elevation = 40;
+    sv.azimuth = 250;
+    sv.snr = 44.25;
+    sv.range = 21000000.5;
+    sv.phase = phase;
+    return sv;
+}
+
+class Rec17Reader {
+public:
+    Rec17Reader() : frame_(std::make_unique<nvb_frame_t>()) {}
+
+    std::uint16_t read(const Rec17& epoch) {
+        std::memset(frame_.get(), 0, sizeof(nvb_frame_t));
+        EXPECT_NE(nvb::writeRec17(epoch, *frame_), 0);
+        return nvb::readRec17(*frame_, *handle_.get(), handle_->rec17Work);
+    }
+
+    const Rec17& epoch() const { return *handle_->records.rec17; }
+    nvb_frame_t& frame() { return *frame_; }
+    nvb_expand_t* state() const { return handle_.get(); }
+
+private:
+    nvbtest::Handle handle_;
+    std::unique_ptr<nvb_frame_t> frame_;
+};
+
+TEST(Rec17RoundTrip, FieldsComeBackWithinTheirResolutionAndTheWireAsymmetriesShow) {
+    auto epoch = epoch17(345600000.0);
+    Rec17Sv& dual = add17(*epoch, 7, 0x31, 1e8 + 0.25);
+    dual.snr2 = 38.5;
+    dual.phase2 = -7.5e7;
+    dual.rangeDiff2 = -3.5;
+    Rec17Sv& narrow = add17(*epoch, 8, 0x11, 2e8);
+    narrow.snr2 = 5.0;  // written at 2^5 without the wide bit
+    narrow.rangeDiff2 = 1.0;
+    add17(*epoch, 131, 0x10, 3e8).range = 19000000.25;
+    Rec17Reader reader;
+    const std::uint16_t length = reader.read(*epoch);
+    EXPECT_EQ(length, 21 + 3 * 48 + 2 * 24);
+    const Rec17& read = reader.epoch();
+    ASSERT_EQ(read.nSv, 3);
+    EXPECT_EQ(+read.receiveTime, 345600000.0);
+    EXPECT_EQ(+read.clkOffset, 0.125);
+    EXPECT_EQ(read.sv[0].svFlags2, 0x83) << "low nibble kept, and no Doppler in the first epoch";
+    EXPECT_EQ(read.sv[0].svFlags3, 3);
+    EXPECT_EQ(+read.sv[0].elevation, 40);
+    EXPECT_EQ(+read.sv[0].azimuth, 250);
+    EXPECT_EQ(+read.sv[0].snr, 44.25);
+    EXPECT_NEAR(+read.sv[0].range, 21000000.5, pow2(-8));
+    EXPECT_EQ(+read.sv[0].phase, 1e8 + 0.25);
+    EXPECT_EQ(+read.sv[0].doppler, 0.0) << "the writer carries no Doppler";
+    EXPECT_EQ(+read.sv[0].snr2, 38.5);
+    EXPECT_EQ(+read.sv[0].phase2, -7.5e7);
+    EXPECT_EQ(+read.sv[0].rangeDiff2, -3.5);
+    EXPECT_EQ(+read.sv[1].snr2, 5.0 * 8) << "the reader can't tell 2^5 from 2^2";
+    EXPECT_EQ(+read.sv[1].rangeDiff2, 0.0) << "written only with the wide bit";
+    EXPECT_EQ(+read.sv[2].range, 2 * 19000000.25) << "SBAS ranges are doubled on reading, never halved on writing";
+}
+
+TEST(Rec17RoundTrip, ARecordLongerThan255BytesIsMarkedForTheCompactCoder) {
+    auto epoch = epoch17(1000.0);
+    for (std::uint8_t i = 1; i <= 9; ++i) add17(*epoch, i, 0x01, 1e6);
+    auto frame = std::make_unique<nvb_frame_t>();
+    const std::uint16_t length = nvb::writeRec17(*epoch, *frame);
+    EXPECT_EQ(length, 10 + 9 * 29 + 3);
+    EXPECT_EQ(frame->data[2], 'u');
+    EXPECT_EQ(frame->data[1], static_cast<std::uint8_t>(length));
+    epoch->nSv = 8;
+    EXPECT_EQ(nvb::writeRec17(*epoch, *frame), 10 + 8 * 29 + 3);
+    EXPECT_EQ(frame->data[2], 17);
+}
+
+TEST(Rec17Doppler, PhaseUsableOnBothEpochsGivesTheRateAndASlipTheOldPrediction) {
+    Rec17Reader reader;
+    auto first = epoch17(1000.0);
+    add17(*first, 7, 0x10, 1000.0);
+    add17(*first, 9, 0x00, 1000.0);
+    reader.read(*first);
+    auto second = epoch17(2000.0);
+    add17(*second, 9, 0x10, 1300.0);
+    add17(*second, 7, 0x10, 1250.0);
+    reader.read(*second);
+    EXPECT_EQ(+reader.epoch().sv[1].doppler, 250.0);
+    EXPECT_EQ(reader.epoch().sv[1].svFlags2 & 0x80, 0);
+    EXPECT_EQ(+reader.epoch().sv[0].doppler, 0.0) << "satellite 9 had no usable phase before";
+    EXPECT_EQ(reader.epoch().sv[0].svFlags2 & 0x80, 0x80);
+
+    auto third = epoch17(3000.0);
+    add17(*third, 7, 0x10, 1550.0);
+    reader.read(*third);
+    EXPECT_EQ(+reader.epoch().sv[0].doppler, 300.0);
+    auto slipped = epoch17(4000.0);
+    add17(*slipped, 7, 0x12, 0.0);
+    reader.read(*slipped);
+    EXPECT_EQ(+reader.epoch().sv[0].doppler, 2 * 300.0 - 250.0);
+    EXPECT_EQ(reader.epoch().sv[0].svFlags2 & 0x80, 0x80);
+}
+
+TEST(Rec17BadInput, ALengthThatLiesStopsAt24SatellitesAndAShortBodyReadsZeros) {
+    Rec17Reader reader;
+    nvb_frame_t& frame = reader.frame();
+    std::memset(frame.data, 0x11, sizeof frame.data);
+    frame.length = NVB_FRAME_CAPACITY;
+    EXPECT_EQ(nvb::readRec17(frame, *reader.state(), reader.state()->rec17Work), 21 + 24 * 72);
+    EXPECT_EQ(reader.epoch().nSv, 24);
+
+    std::memset(frame.data, 0, sizeof frame.data);
+    const nvbtest::Bytes bytes =
+        nvbtest::plain::rec17(5000, 0.5, {{7, 0x01, 0, 10, 20, 40.0, 2e7, 1e6, 0, 30, 2e6, 1}});
+    std::memcpy(frame.data, bytes.data(), 25);
+    frame.length = 30;  // the second-frequency block lies beyond what arrived
+    EXPECT_EQ(nvb::readRec17(frame, *reader.state(), reader.state()->rec17Work), 21 + 72);
+    EXPECT_EQ(+reader.epoch().sv[0].snr2, 0.0);
+}
+
+}  // namespace

@@ -1,0 +1,349 @@
+#include "records/position_records.h"
+#include "support/plain_records.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+namespace {
+
+using nvbtest::Bytes;
+
+double pow2(int e) {
+    return std::ldexp(1.0, e);
+}
+
+class PositionReader {
+public:
+    PositionReader() : frame_(std::make_unique<nvb_frame_t>()) {}
+
+    std::uint16_t read29(const Rec29& rec, bool map5To7 = false, bool map7To10 = false) {
+        EXPECT_NE(nvb::writeRec29(rec, *frame_), 0);
+        return nvb::readRec29(*frame_, *handle_.get(), map5To7, map7To10);
+    }
+    std::uint16_t read11(const Rec11& rec) {
+        EXPECT_NE(nvb::writeRec11(rec, *frame_), 0);
+        return nvb::readRec11(*frame_, *handle_.get());
+    }
+    std::uint16_t read11(const Bytes& bytes) {
+        std::memset(frame_.get(), 0, sizeof(nvb_frame_t));
+        std::memcpy(frame_->data, bytes.data(), bytes.size());
+        frame_->length = static_cast<std::uint16_t>(bytes.size());
+        return nvb::readRec11(*frame_, *handle_.get());
+    }
+
+    const Rec29& rec29() const { return *handle_->records.rec29; }
+    const Rec11& rec11() const { return *handle_->records.rec11; }
+    nvb_frame_t& frame() { return *frame_; }
+    nvb_expand_t* state() const { return handle_.get(); }
+
+private:
+    nvbtest::Handle handle_;
+    std::unique_ptr<nvb_frame_t> frame_;
+};
+
+std::unique_ptr<Rec29> basicPosition() {
+    auto rec = std::make_unique<Rec29>();
+    rec->block1Len = 15;
+    rec->block2Len = 93;
+    rec->week = 2345;
+    rec->time = 302400123;
+    rec->latPos = 51.5;
+    rec->lonPos = -0.125;
+    rec->hdop = 1.5f;
+    rec->vdop = 2.0f;
+    rec->svListLen = 1;
+    return rec;
+}
+
+void addListEntry(Rec29& rec, std::uint8_t svId, std::uint8_t system, std::uint8_t flags) {
+    rec.sv[rec.numSVs++] = Rec29SvEntry{svId, system, flags};
+    rec.svListLen = static_cast<std::uint8_t>(1 + 3 * rec.numSVs);
+}
+
+TEST(Rec29RoundTrip, RandomPositionsComeBackWithinTheirWireResolution) {
+    std::mt19937 rng(29);
+    auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    PositionReader reader;
+    int clockBlocks = 0, correctionBlocks = 0, auxBlocks = 0, fullLists = 0;
+    for (int round = 0; round < 200; ++round) {
+        auto want = basicPosition();
+        Rec29& w = *want;
+        w.positionValid = static_cast<std::uint8_t>(rng() % 2);
+        w.raimInfo = static_cast<std::uint8_t>(rng());
+        w.posFlags = static_cast<std::uint8_t>(rng() & 0xEE);  // bit 0 and 4 below, bit 1 random
+        w.fixMode = static_cast<std::uint8_t>(rng() % 8);
+        w.fixType = static_cast<std::uint8_t>(rng() % 8);
+        w.fixInfo = static_cast<std::uint8_t>(rng());
+        w.latPos = uniform(-90, 90);
+        w.lonPos = uniform(-180, 180);
+        w.hgtPos = uniform(-500, 9000);
+        w.latVel = uniform(-500, 500);
+        w.lonVel = uniform(-500, 500);
+        w.hgtVel = uniform(-500, 500);
+        w.clkOffset = static_cast<float>(uniform(-30, 30));
+        w.clkDrift = static_cast<float>(uniform(-1000, 1000));
+        w.hdop = static_cast<float>(uniform(0, 100));
+        w.vdop = static_cast<float>(uniform(0, 100));
+        w.tdop = static_cast<float>(uniform(0, 100));
+        w.sigmaN = static_cast<float>(uniform(0, 31.9));
+        w.sigmaE = static_cast<float>(uniform(0, 31.9));
+        w.sigmaU = static_cast<float>(uniform(0, 31.9));
+        w.rms = static_cast<float>(uniform(0, 3.99));
+        const double deviation = uniform(0, 31.9);
+        w.unitVariance = static_cast<float>(deviation * deviation);
+        if (w.fixType >= 3 && w.fixType <= 6) {
+            w.block3Len = 7;
+            w.corrInfo = static_cast<std::uint8_t>(rng());
+            w.corrAge = static_cast<float>(uniform(0, 1000));
+            ++correctionBlocks;
+        }
+        if ((w.posFlags & 0x02) != 0) {
+            w.block4Len = 10;
+            w.auxValueA = static_cast<float>(uniform(-30000, 30000));
+            w.auxValueB = static_cast<float>(uniform(-30000, 30000));
+            w.auxStatus = static_cast<std::uint8_t>(rng());
+            ++auxBlocks;
+        }
+        if (rng() % 2 == 0) {
+            w.posFlags |= 0x10;
+            w.clock.count = static_cast<std::uint8_t>(rng() % 8);
+            w.clock.blockLength = static_cast<std::uint8_t>(3 + 9 * w.clock.count);
+            w.clock.referenceSystem = static_cast<std::uint8_t>(rng() % 16);
+            for (int k = 0; k < w.clock.count; ++k) {
+                w.clock.rt_clktype[k] = static_cast<std::uint8_t>(rng() % 16);
+                w.clock.systemClockOffset[k] = uniform(-1e4, 1e4);
+            }
+            ++clockBlocks;
+        }
+        const int entries = round == 0 ? NVB_MAX_SV : static_cast<int>(rng() % 40);
+        for (int k = 0; k < entries; ++k) {
+            addListEntry(w, static_cast<std::uint8_t>(rng()), static_cast<std::uint8_t>(rng() % 5),
+                         static_cast<std::uint8_t>(rng()));
+        }
+        w.numSVsUsed = static_cast<std::uint8_t>(rng() % (w.numSVs + 1));
+        fullLists += w.numSVs == NVB_MAX_SV ? 1 : 0;
+
+        ASSERT_EQ(reader.read29(w), nvb::rec29DatLength(w)) << round;
+        const Rec29& g = reader.rec29();
+        ASSERT_EQ(std::memcmp(&g, &w, 15), 0) << "block 1, round " << round;
+        EXPECT_NEAR(+g.latPos, +w.latPos, pow2(-41));
+        EXPECT_NEAR(+g.lonPos, +w.lonPos, pow2(-40));
+        EXPECT_NEAR(+g.hgtPos, +w.hgtPos, pow2(-13));
+        EXPECT_NEAR(+g.latVel, +w.latVel, pow2(-22));
+        EXPECT_NEAR(+g.lonVel, +w.lonVel, pow2(-22));
+        EXPECT_NEAR(+g.hgtVel, +w.hgtVel, pow2(-22));
+        EXPECT_NEAR(+g.clkOffset, +w.clkOffset, pow2(-27) + 2e-6);
+        EXPECT_NEAR(+g.clkDrift, +w.clkDrift, pow2(-18) + 6e-5);
+        EXPECT_NEAR(+g.hdop, +w.hdop, pow2(-5) + 1e-5);
+        EXPECT_NEAR(+g.tdop, +w.tdop, pow2(-5) + 1e-5);
+        EXPECT_FLOAT_EQ(+g.pdop, std::sqrt(g.hdop * g.hdop + g.vdop * g.vdop));
+        EXPECT_NEAR(+g.sigmaU, +w.sigmaU, pow2(-12) + 1e-6);
+        EXPECT_NEAR(+g.rms, +w.rms, pow2(-15) + 1e-7);
+        EXPECT_NEAR(std::sqrt(g.unitVariance), deviation, pow2(-12) + 1e-5);
+        EXPECT_EQ(g.block3Len, w.block3Len);
+        EXPECT_EQ(g.corrInfo, w.corrInfo);
+        EXPECT_NEAR(+g.corrAge, +w.corrAge, pow2(-7) + 1e-4);
+        EXPECT_EQ(g.block4Len, w.block4Len);
+        EXPECT_NEAR(+g.auxValueA, +w.auxValueA, pow2(-17) + 2e-3);
+        EXPECT_NEAR(+g.auxValueB, +w.auxValueB, pow2(-17) + 2e-3);
+        EXPECT_EQ(g.auxStatus, w.auxStatus);
+        EXPECT_EQ(g.clock.blockLength, w.clock.blockLength);
+        EXPECT_EQ(g.clock.count, w.clock.count);
+        for (int k = 0; k < w.clock.count; ++k) {
+            EXPECT_EQ(g.clock.rt_clktype[k], w.clock.rt_clktype[k]);
+            EXPECT_NEAR(+g.clock.systemClockOffset[k], +w.clock.systemClockOffset[k], pow2(-29));
+        }
+        EXPECT_EQ(g.svListLen, w.svListLen);
+        ASSERT_EQ(std::memcmp(g.sv, w.sv, 3u * w.numSVs), 0) << "list, round " << round;
+    }
+    EXPECT_GT(clockBlocks, 0);
+    EXPECT_GT(correctionBlocks, 0);
+    EXPECT_GT(auxBlocks, 0);
+    EXPECT_GT(fullLists, 0);
+}
+
+TEST(Rec29Limits, MoreThan116SatellitesDecodeOnlyTheFirstBlock) {
+    auto rec = basicPosition();
+    for (int k = 0; k < NVB_MAX_SV; ++k) addListEntry(*rec, static_cast<std::uint8_t>(k), 0, 2);
+    PositionReader reader;
+    EXPECT_EQ(reader.read29(*rec), 15 + 93 + 1 + 3 * NVB_MAX_SV + 4);
+    rec->numSVs = 117;
+    EXPECT_EQ(reader.read29(*rec), 15 + 4);
+    EXPECT_EQ(reader.rec29().numSVs, 117);
+    EXPECT_EQ(+reader.rec29().latPos, 0.0);
+    rec->numSVs = 3;
+    rec->numSVsUsed = 117;
+    EXPECT_EQ(reader.read29(*rec), 15 + 4);
+}
+
+TEST(Rec29Blocks, TheOlderFourthBlockHasNoStatusByteAndTheListStillFollows) {
+    auto rec = basicPosition();
+    rec->posFlags = 0x02;
+    rec->block4Len = 10;
+    rec->auxValueA = 1.5f;
+    rec->auxStatus = 0x7E;
+    addListEntry(*rec, 21, 0, 2);
+    PositionReader reader;
+    ASSERT_GT(reader.read29(*rec), 0);
+    nvb_frame_t& frame = reader.frame();
+    // Drop the status byte at 72 + 9 and mark the block as the older nine bytes.
+    std::memmove(frame.data + 81, frame.data + 82, frame.length - 82u);
+    frame.data[72] = 9;
+    EXPECT_EQ(nvb::readRec29(frame, *reader.state(), false, false), 15 + 93 + 10 + 4 + 4);
+    EXPECT_EQ(reader.rec29().auxStatus, 0);
+    EXPECT_EQ(+reader.rec29().auxValueA, 1.5f);
+    EXPECT_EQ(reader.rec29().sv[0].svId, 21);
+}
+
+TEST(Rec29Blocks, CorrectionFlagsOnTheWireMisplaceWhatFollowsAsReceiversAlwaysHave) {
+    auto rec = basicPosition();
+    rec->fixType = 4;
+    rec->block3Len = 7;
+    rec->corrFlags = 0x01;
+    rec->corrExtra = 0x55;
+    addListEntry(*rec, 21, 0, 2);
+    PositionReader reader;
+    ASSERT_GT(reader.read29(*rec), 0);
+    EXPECT_EQ(reader.rec29().corrFlags, 0x01);
+    EXPECT_EQ(reader.rec29().corrExtra, 0) << "not read";
+    // The list is looked for at corrExtra: its length byte reads as the first satellite.
+    EXPECT_EQ(reader.rec29().sv[0].svId, 4);
+    EXPECT_EQ(reader.rec29().sv[0].rt_sattype, 21);
+}
+
+TEST(Rec29Writer, SigmasAndRmsArePinnedIntoTheirFields) {
+    struct Case {
+        float value;
+        std::uint16_t sigmaField;
+    };
+    const Case cases[] = {{std::nanf(""), 65535}, {-1.0f, 0},   {40.0f, 65535},          {INFINITY, 65535},
+                          {-INFINITY, 65535},     {1.5f, 3072}, {31.99951171875f, 65535}};
+    for (const Case& c : cases) {
+        auto rec = basicPosition();
+        rec->sigmaN = c.value;
+        rec->rms = c.value;
+        rec->unitVariance = c.value;
+        auto frame = std::make_unique<nvb_frame_t>();
+        ASSERT_GT(nvb::writeRec29(*rec, *frame), 0);
+        const auto field = [&](int offset) { return (frame->data[offset] << 8) | frame->data[offset + 1]; };
+        EXPECT_EQ(field(62), c.sigmaField) << c.value;
+        if (c.sigmaField == 65535 || c.sigmaField == 0) {
+            EXPECT_EQ(field(68), c.sigmaField) << "rms " << c.value;
+        }
+    }
+    auto negativeVariance = basicPosition();
+    negativeVariance->unitVariance = -4.0f;
+    auto frame = std::make_unique<nvb_frame_t>();
+    ASSERT_GT(nvb::writeRec29(*negativeVariance, *frame), 0);
+    EXPECT_EQ((frame->data[70] << 8) | frame->data[71], 65535) << "the root of a negative variance is not a number";
+}
+
+TEST(Rec29Systems, ListEntriesPassThroughBothMaps) {
+    auto rec = basicPosition();
+    addListEntry(*rec, 3, 5, 2);
+    addListEntry(*rec, 9, 7, 2);
+    addListEntry(*rec, 9, 2, 2);
+    PositionReader reader;
+    ASSERT_GT(reader.read29(*rec, true, true), 0);
+    EXPECT_EQ(reader.rec29().sv[0].svId, 1);
+    EXPECT_EQ(reader.rec29().sv[0].rt_sattype, 10);
+    EXPECT_EQ(reader.rec29().sv[1].rt_sattype, 10);
+    EXPECT_EQ(reader.rec29().sv[2].rt_sattype, 2);
+    ASSERT_GT(reader.read29(*rec, true, false), 0);
+    EXPECT_EQ(reader.rec29().sv[0].rt_sattype, 7);
+    EXPECT_EQ(reader.rec29().sv[1].rt_sattype, 7);
+}
+
+std::unique_ptr<Rec11> basicRec11(std::uint8_t count) {
+    auto rec = std::make_unique<Rec11>();
+    rec->latitude = 0.2;
+    rec->longitude = -0.7;
+    rec->height = 123.25;
+    rec->time = 302400000;
+    rec->fixStatus = 0x40;
+    rec->nSv = count;
+    std::uint8_t* lists = nvb::rec11Lists(*rec);
+    for (std::uint8_t i = 0; i < count; ++i) {
+        lists[i] = i;
+        lists[count + i] = static_cast<std::uint8_t>(100 + i);
+    }
+    return rec;
+}
+
+TEST(Rec11RoundTrip, FieldsComeBackWithinTheirResolution) {
+    auto rec = basicRec11(32);
+    rec->clockOffset = -1234.567;
+    rec->clockDrift = 0.0123;
+    rec->pdop = 2.3;
+    rec->velocity1 = 1.1e-5;
+    rec->velocity2 = -3.3e-3;
+    rec->velocity3 = 77.7;
+    PositionReader reader;
+    EXPECT_EQ(reader.read11(*rec), 2 * 32 + 82);
+    const Rec11& got = reader.rec11();
+    EXPECT_NEAR(+got.latitude, 0.2, pow2(-31) * 0.51);
+    EXPECT_NEAR(+got.height, 123.25, 0.0);
+    EXPECT_NEAR(+got.clockOffset, -1234.567, pow2(-10));
+    EXPECT_NEAR(+got.clockDrift, 0.0123, pow2(-18));
+    EXPECT_NEAR(+got.pdop, 2.3, 0.0625);
+    EXPECT_NEAR(+got.velocity1, 1.1e-5, pow2(-45));
+    EXPECT_NEAR(+got.velocity2, -3.3e-3, pow2(-33));
+    EXPECT_NEAR(+got.velocity3, 77.7, pow2(-22));
+    EXPECT_EQ(+got.time, 302400000u);
+    EXPECT_EQ(got.fixStatus, 0x40);
+    EXPECT_EQ(std::memcmp(nvb::rec11Lists(got), nvb::rec11Lists(*rec), 64), 0);
+    const std::uint8_t* header = reader.state()->records.datHeader;
+    EXPECT_EQ(header[1], 146);
+    EXPECT_EQ(header[2], 0);
+    EXPECT_EQ(header[3], 11);
+}
+
+TEST(Rec11RoundTrip, TheResidualCarriesEightMoreBitsUpTo127Of256) {
+    const double unit = pow2(-31);
+    auto rec = basicRec11(2);
+    rec->latitude = (12345 + 100.0 / 256) * unit;
+    rec->longitude = -(777 + 64.0 / 256) * 2 * unit;
+    PositionReader reader;
+    ASSERT_GT(reader.read11(*rec), 0);
+    EXPECT_EQ(+reader.rec11().latitude, +rec->latitude);
+    EXPECT_EQ(+reader.rec11().longitude, +rec->longitude);
+    rec->latitude = (12345 + 200.0 / 256) * unit;
+    ASSERT_GT(reader.read11(*rec), 0);
+    EXPECT_EQ(+reader.rec11().latitude, (12345 + 127.0 / 256) * unit);
+    EXPECT_EQ(reader.frame().data[43 + 4], 127);
+}
+
+TEST(Rec11Forms, OnlyTheLengthTellsTheOlderFormWithoutResiduals) {
+    nvbtest::plain::Position11 p;
+    p.latitude = 1000 * pow2(-31);
+    p.channels = {1, 2, 3};
+    p.satellites = {7, 8, 9};
+    PositionReader reader;
+    const Bytes older = nvbtest::plain::rec11(p);
+    ASSERT_EQ(older.size(), 2 * 3 + 46u);
+    EXPECT_EQ(reader.read11(older), 2 * 3 + 82);
+    EXPECT_EQ(+reader.rec11().latitude, 1000 * pow2(-31));
+    p.latitudeResidual = 64;
+    const Bytes newer = nvbtest::plain::rec11(p);
+    ASSERT_EQ(newer.size(), 2 * 3 + 47u);
+    reader.read11(newer);
+    EXPECT_EQ(+reader.rec11().latitude, (1000 + 64.0 / 256) * pow2(-31));
+    const Bytes lists(reader.rec11().lists, reader.rec11().lists + 6);
+    EXPECT_EQ(lists, (Bytes{1, 2, 3, 7, 8, 9}));
+}
+
+TEST(Rec11BadInput, ACountBeyondTheListsFillsOnlyTheirArea) {
+    Bytes bytes(400, 0x2A);
+    bytes[0] = 0x02;
+    bytes[42] = 200;
+    PositionReader reader;
+    EXPECT_EQ(reader.read11(bytes), 2 * 200 + 82);
+    EXPECT_EQ(reader.rec11().nSv, 200);
+    EXPECT_EQ(reader.rec11().lists[63], 0x2A);
+}
+
+}  // namespace
