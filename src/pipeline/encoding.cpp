@@ -5,6 +5,8 @@
 #include "common/byte_sum.h"
 #include "common/rclean.h"
 #include "external/su/codec_histories.h"
+#include "external/su/compact_compressors.h"
+#include "external/su/epoch_compressor.h"
 #include "records/dat_parser.h"
 #include "records/measurement_records.h"
 #include "records/position_records.h"
@@ -62,9 +64,6 @@ bool writeRec16Frame(nvb_encode_t& state) {
     return true;
 }
 
-// The compact carrier of a family takes the plain frame and leaves its own in `frame`.
-// Until a family's coder is wired the plain frame goes out as it is, which any reader takes.
-void handToCompactCoder(nvb_encode_t& state) { std::memcpy(&state.frame, &state.plainFrame, sizeof state.frame); }
 
 // Older readers take at most three measurements a satellite and no clock block: the GPS
 // term of the clock block moves to the single drift field.
@@ -101,7 +100,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 return false;
             }
             writeRec11(rec, state.plainFrame);
-            handToCompactCoder(state);
+            compressRec11Frame(state, state.plainFrame, state.frame);
             ++state.positionCount;
             return true;
         }
@@ -112,7 +111,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 return false;
             }
             writeRec17(rec, state.plainFrame);
-            handToCompactCoder(state);
+            if (compressRec17Frame(state, state.plainFrame, state.frame) == 0) return false;
             ++state.measurementCount;
             return true;
         }
@@ -123,7 +122,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             if (state.legacyMode == 1) applyLegacyToRec27(rec);
             writeRec27(rec, state.plainFrame, state.fileFormat, state.epochKeepDoppler != 0);
-            handToCompactCoder(state);
+            compressEpochFrame(state, state.plainFrame, state.frame);
             ++state.measurementCount;
             return true;
         }
@@ -135,7 +134,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             if (state.legacyMode == 1) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags & ~0x10);
             if (state.rec29BitSeen == 0) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags | 0x04);
             writeRec29(rec, state.plainFrame);
-            handToCompactCoder(state);
+            compressRec29Frame(state, state.plainFrame, state.frame);
             ++state.positionCount;
             return true;
         }

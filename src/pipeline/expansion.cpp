@@ -2,6 +2,12 @@
 
 #include "common/byte_sum.h"
 #include "common/rclean.h"
+#include "external/su/delta_epoch.h"
+#include "external/su/obs_codec.h"
+#include "external/su/position_codec.h"
+#include "external/su/predicted_epoch.h"
+#include "external/su/reference_epoch.h"
+#include "external/su/solution_codec.h"
 #include "records/measurement_records.h"
 #include "records/opaque_records.h"
 #include "records/position_records.h"
@@ -47,6 +53,65 @@ std::uint16_t read27(nvb_expand_t& state) {
     return readRec27(body, state, state.previousEpochs, options);
 }
 
+// The compact expanders, by the pair of arguments the dispatch gives them; each reports
+// its own status, which the dispatch folds into 7.
+std::uint8_t expand36(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType37(state, status, framed, true);
+}
+std::uint8_t expand37(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType37(state, status, framed, false);
+}
+std::uint8_t expand38(nvb_expand_t& state, bool) {
+    std::uint8_t status = 0;
+    return processType38(state, status);
+}
+std::uint8_t expand39(nvb_expand_t& state, bool) {
+    std::uint8_t status = 0;
+    return processType39(state, status);
+}
+std::uint8_t expand54(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType54(state, status, framed);
+}
+std::uint8_t expand55(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType55(state, status, framed);
+}
+std::uint8_t expand56(nvb_expand_t& state, bool) {
+    std::uint8_t status = 0;
+    return processType56(state, status);
+}
+std::uint8_t expand57(nvb_expand_t& state, bool) {
+    std::uint8_t status = 0;
+    return processType57(state, status);
+}
+std::uint8_t expand66(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType66_74(state, status, framed);
+}
+std::uint8_t expand67(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType67_75(state, status, framed);
+}
+std::uint8_t expand68(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType68_76(state, status, framed);
+}
+std::uint8_t expand69(nvb_expand_t& state, bool framed) {
+    std::uint8_t status = 0;
+    return processType69_77(state, status, framed);
+}
+
+// A new reference description (record 30 of subtype 0) starts the first-generation
+// record 17 history over, except for the first one. Its reader is not part of the library
+// yet, so the record itself is reported as no record.
+std::uint16_t applyRec30Rule(nvb_expand_t& state) {
+    applyRec30ToFirstGeneration(state, state.plainFrame.data[3]);
+    return 0;
+}
+
 // Every record type's road through the pipeline, in one place. A compact type whose
 // codec is missing has no route and is reported as type 65535 with length 0.
 constexpr std::array<RecordRoute, 256> makeRoutes() {
@@ -58,6 +123,23 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[23] = {23, nullptr, readGeneric, Thinning::None};
     routes[27] = {27, nullptr, read27, Thinning::Epoch27};
     routes[29] = {29, nullptr, read29, Thinning::Position29};
+    routes[30] = {kNoRecord, nullptr, applyRec30Rule, Thinning::None};
+    routes[36] = {27, expand36, read27, Thinning::Epoch27};
+    routes[37] = {27, expand37, read27, Thinning::Epoch27};
+    routes[38] = {27, expand38, read27, Thinning::Epoch27};
+    routes[39] = {27, expand39, read27, Thinning::Epoch27};
+    routes[54] = {11, expand54, read11, Thinning::Position11};
+    routes[55] = {11, expand55, read11, Thinning::Position11};
+    routes[56] = {29, expand56, read29, Thinning::Position29};
+    routes[57] = {29, expand57, read29, Thinning::Position29};
+    routes[66] = {17, expand66, read17, Thinning::Epoch17};
+    routes[67] = {17, expand67, read17, Thinning::Epoch17};
+    routes[68] = {17, expand68, read17, Thinning::Epoch17};
+    routes[69] = {17, expand69, read17, Thinning::Epoch17};
+    routes[74] = routes[66];
+    routes[75] = routes[67];
+    routes[76] = routes[68];
+    routes[77] = routes[69];
     routes[90] = {90, nullptr, nullptr, Thinning::None};
     return routes;
 }

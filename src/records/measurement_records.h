@@ -2,6 +2,7 @@
 #define NVB_RECORDS_MEASUREMENT_RECORDS_H
 
 #include "records/field_codec.h"
+#include "records/system_tables.h"
 
 #include <nvbdll/records_measurement.h>
 #include <nvbdll/state.h>
@@ -10,9 +11,6 @@
 #include <cstdint>
 
 namespace nvb {
-
-// The first range of a satellite is stored less this much when it would not fit its field.
-inline constexpr double kRangeRollover = 33554431.0;
 
 struct Rec27ReadOptions {
     std::uint8_t dopplerControl = 3;  // 1 wire Doppler only, 2 always rebuilt, 3 rebuilt where absent

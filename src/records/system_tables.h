@@ -7,6 +7,9 @@
 
 namespace nvb {
 
+// Ranges of record 27 above this many metres are stored with it taken off, and a flag.
+inline constexpr double kRangeRollover = 33554431.0;
+
 // The dropMask bit that leaves a satellite system out of what is encoded, by rt_sattype.
 // Numbers without an entry map to bit 0.
 [[nodiscard]] std::uint8_t sysBitOfSatType(std::uint8_t satType);
