@@ -198,7 +198,8 @@ void releaseEncodeInternals(nvb_encode_t& state) {
 
 std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
     status = 0;
-    if (dat == nullptr || parseDATRecord(state, dat, state.dropMask) == 0) return 0;
+    // A DAT record can't be shorter than its own header.
+    if (dat == nullptr || parseDATRecord(state, dat, state.dropMask) < 4) return 0;
     const std::uint8_t type = state.records.datHeader[3];
     if (type == 29 && state.records.rec29 != nullptr && (state.records.rec29->posFlags & 0x04) == 0) {
         state.rec29BitSeen = 1;

@@ -23,6 +23,17 @@ std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
 
 namespace {
 
+// The header of a DAT form whose fields have just been written; 0 when they did not fit.
+std::uint16_t closeDatForm(std::uint8_t* out, const DatWriter& fields, std::uint8_t type) {
+    const std::size_t length = fields.position + 4;
+    if (fields.position > fields.capacity || length > 0xFFFF) return 0;
+    out[0] = 0x74;
+    out[1] = static_cast<std::uint8_t>(length);
+    out[2] = static_cast<std::uint8_t>(length >> 8);
+    out[3] = type;
+    return static_cast<std::uint16_t>(length);
+}
+
 // The generic area is the body behind the header for every type carried unread; a
 // length that claims more than the area holds is cut to it.
 void copyGeneric(const nvb_expand_t& state, std::uint8_t* out, std::size_t count) {
@@ -165,6 +176,27 @@ void writeRec29Dat(const Rec29& rec, DatWriter& out) {
 }
 
 }  // namespace
+
+std::uint16_t writeDatForm(Rec27& rec, std::uint8_t* out, std::size_t capacity) {
+    if (capacity < 4) return 0;
+    DatWriter fields{out + 4, capacity - 4};
+    writeRec27Dat(rec, fields);
+    return closeDatForm(out, fields, 27);
+}
+
+std::uint16_t writeDatForm(const Rec29& rec, std::uint8_t* out, std::size_t capacity) {
+    if (capacity < 4) return 0;
+    DatWriter fields{out + 4, capacity - 4};
+    writeRec29Dat(rec, fields);
+    return closeDatForm(out, fields, 29);
+}
+
+std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capacity) {
+    if (capacity < 4) return 0;
+    DatWriter fields{out + 4, capacity - 4};
+    writeRec17Dat(rec, fields);
+    return closeDatForm(out, fields, 17);
+}
 
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out) {
     const std::uint8_t* header = state.records.datHeader;

@@ -1,8 +1,10 @@
 #ifndef NVB_PIPELINE_SERIALISATION_H
 #define NVB_PIPELINE_SERIALISATION_H
 
+#include <nvbdll/records.h>
 #include <nvbdll/state.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace nvb {
@@ -13,6 +15,14 @@ namespace nvb {
 // Writes the DAT form of the record just decoded: the header, then the structure in the
 // order its DAT form asks. Returns true when written in a form the type defines.
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out);
+
+// The DAT form of a structure, header included, laid out as retrieval lays it out, for a
+// host that builds records itself (the tools, the simulator). Record 27's packed system
+// bytes go back into the structure on the way, as retrieval does. Returns the length,
+// 0 when it does not fit `capacity`.
+std::uint16_t writeDatForm(Rec27& rec, std::uint8_t* out, std::size_t capacity);
+std::uint16_t writeDatForm(const Rec29& rec, std::uint8_t* out, std::size_t capacity);
+std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capacity);
 
 }  // namespace nvb
 

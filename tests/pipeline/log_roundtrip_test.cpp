@@ -1,0 +1,224 @@
+#include "support/encoder.h"
+#include "support/log_sequence.h"
+#include "stream/framing.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+using nvbtest::Bytes;
+using nvbtest::Encoder;
+
+Bytes writeLog(const std::vector<Bytes>& dats, std::uint8_t method, std::uint8_t level = 0) {
+    Encoder encoder(method, level);
+    for (const Bytes& dat : dats) encoder.put(dat);
+    return encoder.finish();
+}
+
+std::vector<Bytes> readLog(const Bytes& log, std::uint8_t dopplerControl = 3) {
+    nvbtest::Handle handle;
+    handle->dopplerControl = dopplerControl;
+    return nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
+}
+
+std::vector<Bytes> fedBack(const std::vector<Bytes>& dats) {
+    std::vector<Bytes> out;
+    for (const Bytes& dat : dats) out.push_back(nvbtest::withTrueSatelliteCount(dat));
+    return out;
+}
+
+// Each record as it comes out of a log, which is what a log written from it must give back.
+const std::vector<Bytes>& canonicalLog() {
+    static const std::vector<Bytes> log = readLog(writeLog(nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 700}), 1));
+    return log;
+}
+
+class LogRoundTrip : public ::testing::TestWithParam<int> {};
+
+TEST_P(LogRoundTrip, EveryLevelGivesBackTheSameDatRecords) {
+    const std::vector<Bytes>& expected = canonicalLog();
+    ASSERT_GT(expected.size(), 1500u);
+    for (const std::uint8_t level : {0, 1, 2}) {
+        const auto read = readLog(writeLog(fedBack(expected), static_cast<std::uint8_t>(GetParam()), level));
+        ASSERT_EQ(read.size(), expected.size()) << "level " << int(level);
+        for (std::size_t i = 0; i < read.size(); ++i) ASSERT_EQ(read[i], expected[i]) << "record " << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryMethod, LogRoundTrip, ::testing::Range(0, 8));
+
+TEST(LogRoundTripDifferences, EpochsComeBackCountingOnlyFirstAntennaSatellites) {
+    // Written from epochs whose satellites all sit on the first antenna: the packed system
+    // byte gives GLONASS and Galileo the antenna numbers 2 and 3 on the way, so the count in
+    // front of the satellites then holds the GPS satellites alone. Everything else is equal.
+    const auto original = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 20, .positions = false,
+                                                                  .olderRecords = false, .opaqueRecords = false});
+    const auto read = readLog(writeLog(original, 7), 1);
+    ASSERT_EQ(read.size(), original.size());
+    for (std::size_t i = 0; i < read.size(); ++i) {
+        ASSERT_EQ(read[i].size(), original[i].size());
+        EXPECT_EQ(original[i][nvbtest::kRec27DatCountOffset], 36);
+        EXPECT_EQ(read[i][nvbtest::kRec27DatCountOffset], 12);
+        Bytes patched = read[i];
+        patched[nvbtest::kRec27DatCountOffset] = original[i][nvbtest::kRec27DatCountOffset];
+        EXPECT_EQ(patched, original[i]) << "epoch " << i;
+    }
+}
+
+TEST(LogRoundTripDifferences, DopplerIsRebuiltFromPhaseWhereTheWireHasNone) {
+    const auto original = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 3, .positions = false,
+                                                                  .olderRecords = false, .opaqueRecords = false});
+    nvbtest::Handle handle;
+    const Bytes log = writeLog(original, 3);
+    const auto events = nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile);
+    // The last epoch read: Doppler of every signal is the phase step over the second.
+    const Rec27& epoch = *handle->records.rec27;
+    ASSERT_EQ(epoch.nSv, 36);
+    for (int i = 0; i < epoch.nSv; ++i) {
+        const Rec27Meas& meas = epoch.sv[i].meas[0];
+        EXPECT_NE(meas.measFlags1 & 0x04, 0);
+        EXPECT_NE(meas.doppler, 0.0f);
+    }
+}
+
+}  // namespace
+
+namespace {
+
+constexpr std::size_t kTimeOffset = 4 + 1 + 2;  // behind the header, header length and week
+// measFlags1 of the first signal of the first satellite: the epoch header with its drift,
+// the satellite block, then the signal up to its slip count.
+constexpr std::size_t kFirstSignalFlagsOffset = 4 + 17 + 4 + 10 + 26;
+
+void setTime(Bytes& dat, double time) { std::memcpy(dat.data() + kTimeOffset, &time, sizeof time); }
+
+double timeOf(const Bytes& dat) {
+    double time = 0;
+    std::memcpy(&time, dat.data() + kTimeOffset, sizeof time);
+    return time;
+}
+
+// One epoch a second whose times stray from the whole second around each 30 s mark, and
+// a slip marked only in epoch 31.
+std::vector<Bytes> strayingEpochs() {
+    auto dats = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 181, .satellites = 4, .positions = false,
+                                                        .olderRecords = false, .opaqueRecords = false,
+                                                        .systems = {0}});
+    const double strays[] = {0, 4, -5, 5, -6, 4, 0};  // at 0 s, 30 s, 60 s, ... 180 s; whole ms on the wire
+    for (std::size_t k = 0; k < dats.size(); ++k) {
+        double time = timeOf(dats[k]);
+        if (k % 30 == 0) time += strays[k / 30];
+        setTime(dats[k], time);
+    }
+    dats[31][kFirstSignalFlagsOffset] |= 0x08;
+    return dats;
+}
+
+// Kept: within 5 ms of the mark, the upper edge (mark + 5) open, the lower (mark - 5) closed.
+const std::vector<double> kKeptTimes = {345600000, 345630004, 345659995, 345750004, 345780000};
+
+std::vector<double> timesOf(const std::vector<Bytes>& dats) {
+    std::vector<double> times;
+    for (const Bytes& dat : dats) times.push_back(timeOf(dat));
+    return times;
+}
+
+void expectSlipCarriedOnce(const std::vector<Bytes>& kept) {
+    ASSERT_EQ(kept.size(), kKeptTimes.size());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        // The slip marked only in the dropped epoch 31 lands on the next kept one, at 60 s.
+        EXPECT_EQ((kept[i][kFirstSignalFlagsOffset] & 0x08) != 0, i == 2) << "kept epoch " << i;
+    }
+}
+
+}  // namespace
+
+TEST(Thinning, ReadPathKeepsTheEpochsNearEachMarkAndCarriesTheSlip) {
+    const Bytes log = writeLog(strayingEpochs(), 7);
+    nvbtest::Handle handle;
+    handle->measurementInterval = 30.0f;
+    const auto kept = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
+    EXPECT_EQ(timesOf(kept), kKeptTimes);
+    expectSlipCarriedOnce(kept);
+}
+
+TEST(Thinning, EncodePathKeepsTheSameEpochsAndCarriesTheSlip) {
+    Encoder encoder(7);
+    encoder->measurementInterval = 30.0f;
+    for (const Bytes& dat : strayingEpochs()) encoder.put(dat);
+    const auto kept = readLog(encoder.finish());
+    EXPECT_EQ(timesOf(kept), kKeptTimes);
+    expectSlipCarriedOnce(kept);
+}
+
+namespace {
+
+// The frames of a stored-block log (method 1), in order, as a byte stream holds them.
+std::vector<Bytes> framesOfStoredLog(const Bytes& log) {
+    std::vector<Bytes> frames;
+    std::size_t position = 17;  // the header block
+    while (position + 10 <= log.size()) {
+        const std::size_t length = (log[position + 1] << 16) | (log[position + 2] << 8) | log[position + 3];
+        std::size_t at = position + 10;  // block header and magic
+        const std::size_t end = position + 4 + length;
+        while (at + 4 <= end) {
+            const std::size_t frameLength = nvb::addLengthExtension(log[at + 2], log[at + 1], log[at + 3]);
+            frames.emplace_back(log.begin() + static_cast<long>(at), log.begin() + static_cast<long>(at + frameLength));
+            at += frameLength;
+        }
+        position = end;
+    }
+    return frames;
+}
+
+}  // namespace
+
+TEST(Recovery, AfterALostRecordDeltaEpochsAreRefusedUntilTheNextReference) {
+    const auto dats = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 700, .satellites = 6, .positions = false,
+                                                              .olderRecords = false, .opaqueRecords = false});
+    const auto frames = framesOfStoredLog(writeLog(dats, 1));
+    ASSERT_EQ(frames.size(), 700u);
+    ASSERT_EQ(frames[0][2], 38);
+    ASSERT_EQ(frames[600][2], 38);  // a reference every 600000 ms of log time
+    Bytes stream(12, 0x55);         // lets stream detection pass without taking a frame
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        if (i != 300) stream.insert(stream.end(), frames[i].begin(), frames[i].end());
+    }
+    nvbtest::Handle handle;
+    const auto events = nvbtest::readStream(handle.get(), stream, nvbtest::Getter::NvaFile);
+    ASSERT_EQ(events.size(), 699u);
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const std::size_t record = i < 300 ? i : i + 1;
+        const bool refused = record > 300 && record < 600;
+        EXPECT_EQ(events[i].processStatus, refused ? 7 : 0) << "record " << record;
+        EXPECT_EQ(events[i].datLength == 0, refused) << "record " << record;
+    }
+}
+
+TEST(EncodeBadInput, LyingLengthsUnknownTypesAndOverfullCountsAreRefusedWhole) {
+    Encoder encoder(1);
+    const Bytes good = nvbtest::shortDat(14, 0, Bytes(30, 0x14));
+    encoder.put(good);
+    std::vector<Bytes> bad = {
+        nvbtest::shortDat(6, 0, Bytes(10, 1)),                      // no such record
+        Bytes{0x74, 0xFF, 0xFF, 27},                                 // claims 65535 bytes, has none
+        Bytes{0x74, 3, 0, 14},                                       // shorter than its own header
+        Bytes{0x74, 40, 0, 27, 21, 0x29, 0x09},                      // cut off inside an epoch
+    };
+    Bytes tooManySatellites(64, 0);
+    tooManySatellites[0] = 0x74;
+    tooManySatellites[1] = 64;
+    tooManySatellites[3] = 27;
+    tooManySatellites[nvbtest::kRec27DatCountOffset] = 117;
+    bad.push_back(tooManySatellites);
+    for (const Bytes& dat : bad) {
+        std::uint8_t status = 0;
+        EXPECT_EQ(encoder.put(dat, &status), 0u);
+    }
+    encoder.put(good);
+    const auto read = readLog(encoder.finish());
+    EXPECT_EQ(read, (std::vector<Bytes>{good, good}));
+}
