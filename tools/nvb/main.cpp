@@ -1,0 +1,42 @@
+// nvb: reads, writes, converts and simulates receiver logs with the nvbdll library.
+#include "nvb/commands.h"
+
+#include <nvbdll/nvbdll.h>
+
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+int main(int argc, char** argv) {
+    CLI::App app{"nvb: read, write, convert and simulate GNSS receiver logs", "nvb"};
+    app.require_subcommand(1);
+    nvbtool::CommonOptions common;
+    app.add_flag("-q,--quiet", common.quiet, "print nothing but results and errors");
+
+    using Registration = nvbtool::CommandAction (*)(CLI::App&, const nvbtool::CommonOptions&);
+    const Registration registrations[] = {
+        nvbtool::addSimulateCommand, nvbtool::addInfoCommand,       nvbtool::addDumpCommand,
+        nvbtool::addToDatCommand,    nvbtool::addFromDatCommand,    nvbtool::addRecompressCommand,
+        nvbtool::addThinCommand,
+    };
+    std::vector<std::pair<CLI::App*, nvbtool::CommandAction>> commands;
+    for (const Registration registration : registrations) {
+        const std::size_t before = app.get_subcommands({}).size();
+        nvbtool::CommandAction action = registration(app, common);
+        commands.emplace_back(app.get_subcommands({})[before], std::move(action));
+    }
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error);
+        return code == 0 ? nvbtool::kExitClean : nvbtool::kExitUsage;
+    }
+    nvbdll_initNVBLib();
+    int code = nvbtool::kExitUsage;
+    for (auto& [command, action] : commands) {
+        if (command->parsed()) code = action();
+    }
+    nvbdll_freeNVBLib();
+    return code;
+}
