@@ -65,6 +65,17 @@ bool allocateStructures(nvb_record_table_t& table) {
     return true;
 }
 
+// The delta histories a reset clears; the first-generation record 17 history is left to
+// the first record 30 of a new reference.
+void resetCompactHistories(nvb_expand_t& state) {
+    resetPositionHistory(state.positionHistory);
+    resetObsHistory(state.secondGenHistory);
+    resetSubframeCache(state.subframeCache);
+    resetEpochHistory(state.epochHistory);
+    resetSolutionHistory(state.solutionHistory);
+    resetListState(state.listState);
+}
+
 nvb_expand_t* createExpandState() {
     auto* state = static_cast<nvb_expand_t*>(allocateCleared(sizeof(nvb_expand_t)));
     if (state == nullptr) return nullptr;
@@ -120,12 +131,7 @@ NVBDLL_API bool nvbdll_initNVBExpandState(nvb_expand_t* state) {
     resetRec35Assembly(state->rec35Assembly);
     resetFrameAssembly(state->frameAssembly);
     resetObsHistory(state->firstGenHistory);
-    resetPositionHistory(state->positionHistory);
-    resetObsHistory(state->secondGenHistory);
-    resetSubframeCache(state->subframeCache);
-    resetEpochHistory(state->epochHistory);
-    resetSolutionHistory(state->solutionHistory);
-    resetListState(state->listState);
+    resetCompactHistories(*state);
     std::memset(state->trackingSlots, 0, sizeof state->trackingSlots);
     std::memset(state->rec17Work, 0, sizeof state->rec17Work);
     std::memset(state->previousEpochs, 0, sizeof state->previousEpochs);
@@ -161,16 +167,10 @@ NVBDLL_API bool nvbdll_initNVBExpandState(nvb_expand_t* state) {
 
 NVBDLL_API void nvbdll_resetNVBExpandState(nvb_expand_t* state) {
     if (state == nullptr) return;
-    // The first-generation history is left to the first record 30 of a new reference.
     // The Doppler predecessors go too: nothing is rebuilt across a jump in the input.
     std::memset(state->rec17Work, 0, sizeof state->rec17Work);
     std::memset(state->previousEpochs, 0, sizeof state->previousEpochs);
-    resetPositionHistory(state->positionHistory);
-    resetObsHistory(state->secondGenHistory);
-    resetSubframeCache(state->subframeCache);
-    resetEpochHistory(state->epochHistory);
-    resetSolutionHistory(state->solutionHistory);
-    resetListState(state->listState);
+    resetCompactHistories(*state);
 }
 
 }  // extern "C"

@@ -381,15 +381,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
         status = expandSatellite(image.sats[sat], predicted.sats[sat], longForm, in, lengthSum);
         if (status != 0) return status;
     }
-    if (!readBytes(in, image.checksum, 2)) return kStatusBadDeltaLength;
-    image.etx = 0x03;
-    lengthSum += 3;
-    if (lengthSum > outCapacity || lengthSum > 0xFFFF) return kStatusBadDeltaLength;
-    image.lengthLow = static_cast<std::uint8_t>(lengthSum);
-    image.lengthHigh = static_cast<std::uint8_t>(lengthSum >> 8);
-    image.recordType = kPlainEpochType;
-
-    const std::uint16_t written = writeEpochImage(out, outCapacity, image);
+    const std::uint16_t written = closeExpandedEpoch(image, in, lengthSum, out, outCapacity);
     if (written == 0) return kStatusBadDeltaLength;
     if (control.verify == 1 && byteSum(out, written - 3u) != readU16BigEndian(image.checksum)) {
         return kStatusEpochChecksum;
@@ -402,15 +394,14 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
 }
 
 std::uint8_t processType37(nvb_expand_t& state, std::uint8_t& status, bool framed, bool isType36) {
-    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
-    state.outputControl.mode = 0;
-    state.outputControl.interval = 0;
     state.outputControl.verify = framed ? 1 : 0;
-    ExpandedEpoch result;
-    status = expandDeltaEpoch(state.frame.data, sizeof state.frame.data, state.plainFrame.data,
-                              sizeof state.plainFrame.data, state.epochHistory, isType36, result, state.outputControl);
-    state.plainFrame.length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
-    return status;
+    return runEpochFrontEnd(state, status,
+                            [isType36](const std::uint8_t* record, std::size_t recordCapacity, std::uint8_t* out,
+                                       std::size_t outCapacity, epoch_history_t& history, ExpandedEpoch& result,
+                                       rinex_control_t& control) {
+                                return expandDeltaEpoch(record, recordCapacity, out, outCapacity, history, isType36,
+                                                        result, control);
+                            });
 }
 
 }  // namespace nvb

@@ -339,4 +339,16 @@ std::uint16_t finishEpochOutput(const epoch_image_t& image, std::uint16_t plainL
     return plainLength;
 }
 
+std::uint16_t closeExpandedEpoch(epoch_image_t& image, ByteReader& in, std::uint32_t lengthSum, std::uint8_t* out,
+                                 std::size_t outCapacity) {
+    if (!readBytes(in, image.checksum, 2)) return 0;
+    image.etx = 0x03;
+    lengthSum += 3;
+    if (lengthSum > outCapacity || lengthSum > 0xFFFF) return 0;
+    image.lengthLow = static_cast<std::uint8_t>(lengthSum);
+    image.lengthHigh = static_cast<std::uint8_t>(lengthSum >> 8);
+    image.recordType = kPlainEpochType;
+    return writeEpochImage(out, outCapacity, image);
+}
+
 }  // namespace nvb

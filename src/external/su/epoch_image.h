@@ -14,8 +14,10 @@
 
 #include <nvbdll/codec_state.h>
 #include <nvbdll/output_control.h>
+#include <nvbdll/state.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -164,6 +166,26 @@ struct ExpandedEpoch {
     std::uint16_t weekNum = 0;
     std::uint32_t receiveTime = 0;
 };
+
+// Ends an expanded epoch: reads the carried checksum, sets the end byte, the length and
+// the type, and writes the plain record. Returns its length; 0 when the input runs out or
+// the record does not fit.
+[[nodiscard]] std::uint16_t closeExpandedEpoch(epoch_image_t& image, ByteReader& in, std::uint32_t lengthSum,
+                                               std::uint8_t* out, std::size_t outCapacity);
+
+// What every epoch front end does around its expander: output mode 0 without decimation,
+// the state's frame in, its plain frame out, the plain length from the record written.
+template <typename Expand>
+std::uint8_t runEpochFrontEnd(nvb_expand_t& state, std::uint8_t& status, Expand expand) {
+    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
+    state.outputControl.mode = 0;
+    state.outputControl.interval = 0;
+    ExpandedEpoch result;
+    status = expand(state.frame.data, sizeof state.frame.data, state.plainFrame.data, sizeof state.plainFrame.data,
+                    state.epochHistory, result, state.outputControl);
+    state.plainFrame.length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
+    return status;
+}
 
 }  // namespace nvb
 

@@ -238,15 +238,7 @@ std::uint8_t expandPredictedEpoch(const std::uint8_t* record, std::size_t record
             if (in.failed) return kStatusBadDeltaLength;
         }
     }
-    if (!readBytes(in, image.checksum, 2)) return kStatusBadDeltaLength;
-    image.etx = 0x03;
-    lengthSum += 3;
-    if (lengthSum > outCapacity || lengthSum > 0xFFFF) return kStatusBadDeltaLength;
-    image.lengthLow = static_cast<std::uint8_t>(lengthSum);
-    image.lengthHigh = static_cast<std::uint8_t>(lengthSum >> 8);
-    image.recordType = kPlainEpochType;
-
-    const std::uint16_t written = writeEpochImage(out, outCapacity, image);
+    const std::uint16_t written = closeExpandedEpoch(image, in, lengthSum, out, outCapacity);
     if (written == 0) return kStatusBadDeltaLength;
     result.length = finishEpochOutput(image, written, control, *work);
     result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
@@ -256,14 +248,7 @@ std::uint8_t expandPredictedEpoch(const std::uint8_t* record, std::size_t record
 }
 
 std::uint8_t processType39(nvb_expand_t& state, std::uint8_t& status) {
-    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
-    state.outputControl.mode = 0;
-    state.outputControl.interval = 0;
-    ExpandedEpoch result;
-    status = expandPredictedEpoch(state.frame.data, sizeof state.frame.data, state.plainFrame.data,
-                                  sizeof state.plainFrame.data, state.epochHistory, result, state.outputControl);
-    state.plainFrame.length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
-    return status;
+    return runEpochFrontEnd(state, status, expandPredictedEpoch);
 }
 
 }  // namespace nvb

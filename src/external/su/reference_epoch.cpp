@@ -70,14 +70,7 @@ std::uint8_t expandReferenceEpoch(const std::uint8_t* record, std::size_t record
 }
 
 std::uint8_t processType38(nvb_expand_t& state, std::uint8_t& status) {
-    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
-    state.outputControl.mode = 0;
-    state.outputControl.interval = 0;
-    ExpandedEpoch result;
-    status = expandReferenceEpoch(state.frame.data, sizeof state.frame.data, state.plainFrame.data,
-                                  sizeof state.plainFrame.data, state.epochHistory, result, state.outputControl);
-    state.plainFrame.length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
-    return status;
+    return runEpochFrontEnd(state, status, expandReferenceEpoch);
 }
 
 }  // namespace nvb
