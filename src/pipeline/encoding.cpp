@@ -138,8 +138,14 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             ++state.positionCount;
             return true;
         }
+        case 5: case 12: case 15: case 19: case 20: case 21: case 25: case 26: case 28:
+        case 30: case 31: case 32: case 33: case 34: case 35: case 40: case 98: case 99:
+            // Their writers (and the filters of 25, 26 and 28, and the block closing of a
+            // record 33 of subtype 3) come with the receiver, navigation and auxiliary
+            // record families; until then such a record can't be written.
+            status = kNotWritable;
+            return false;
         default:
-            // Types whose writers are not part of this library yet are refused.
             return false;
     }
 }
