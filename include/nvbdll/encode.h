@@ -30,6 +30,7 @@ NVBDLL_API void nvbdll_resetDATEncodeState(nvb_encode_t* state);
 /*! nvbdll_processDATRecord() :
  *  Parses one DAT record, filters and thins it, writes its stream form (compact where the
  *  type has a compact carrier) and passes it to the Huffman stream or the filling block.
+ *  `datRecord` must hold as many bytes as its header announces; the parser reads no further.
  *  @return : bytes handed to writeCallback by this call, 0 if none or if the record was
  *            dropped or could not be written.
  *  Statuses: 16 no writeCallback; 8, 10, 13, 24, 25 a block failed to compress (it stays
