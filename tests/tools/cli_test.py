@@ -1,0 +1,435 @@
+#!/usr/bin/env python3
+"""Drives the nvb binary as a user does: python3 cli_test.py NVB [TestCase ...]."""
+
+import json
+import os
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+
+NVB = None
+
+NVE_MAGIC = bytes([0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9])
+SYSTEMS = {"GPS", "GLONASS", "Galileo", "BeiDou"}
+
+
+def run(*args, stdin=None):
+    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=120)
+
+
+# DAT records stand back to back, each as long as its header says.
+def dat_length(header):
+    if header[3] <= 2:
+        return header[2]
+    if header[3] in (12, 17, 27, 29, 101, 102):
+        return header[1] | (header[2] << 8)
+    return header[1]
+
+
+def dat_records(data):
+    records, position = [], 0
+    while position < len(data):
+        length = dat_length(data[position:position + 4])
+        assert data[position] == 0x74 and length >= 4, f"no DAT record at byte {position}"
+        records.append(bytes(data[position:position + length]))
+        position += length
+    assert position == len(data)
+    return records
+
+
+class Epoch:
+    """A record 27 in DAT form, cut into its blocks so that flag bytes can be added."""
+
+    def __init__(self, record):
+        flags = record[20]
+        position = 21 + (4 if flags & 0x02 else 0) + (1 if flags & 0x10 else 0)
+        if flags & 0x20:
+            position += 3 + 9 * record[position + 2]
+        self.head = bytearray(record[:position])
+        self.satellites = []
+        while position + 10 <= len(record):
+            block = bytearray(record[position:position + record[position]])
+            position += len(block)
+            signals = []
+            for _ in range(block[4]):
+                signals.append(bytearray(record[position:position + record[position]]))
+                position += signals[-1][0]
+            self.satellites.append([block, signals])
+
+    def time(self):
+        return struct.unpack_from("<d", self.head, 7)[0]
+
+    def find(self, packed_system, sv_id):
+        for block, signals in self.satellites:
+            if block[2] == packed_system and block[1] == sv_id:
+                return block, signals
+        return None
+
+    def bytes(self):
+        body = bytearray(self.head)
+        for block, signals in self.satellites:
+            body += block
+            for signal in signals:
+                body += signal
+        body[1:3] = struct.pack("<H", len(body))
+        return bytes(body)
+
+
+def signal_range(signal):
+    return struct.unpack_from("<d", signal, 5)[0]
+
+
+def set_signal_range(signal, value):
+    struct.pack_into("<d", signal, 5, value)
+
+
+def add_signal_flags(signal, flags2, flags3=None):
+    """Sets measFlags2 (and measFlags3) behind measFlags1, as a reader would deliver them."""
+    assert not signal[26] & 0x80
+    signal[26] |= 0x80
+    extra = bytes([flags2]) if flags3 is None else bytes([flags2 | 0x80, flags3])
+    signal[27:27] = extra
+    signal[0] += len(extra)
+
+
+def add_sv_flags2(block, value):
+    assert not block[9] & 0x80
+    block[9] |= 0x80
+    block[10:10] = bytes([value])
+    block[0] += 1
+
+
+class Workspace(unittest.TestCase):
+    def setUp(self):
+        self._directory = tempfile.TemporaryDirectory(prefix="nvb-cli-")
+        self.directory = self._directory.name
+
+    def tearDown(self):
+        self._directory.cleanup()
+
+    def path(self, name):
+        return os.path.join(self.directory, name)
+
+    def nvb(self, *args, code=0, stdin=None):
+        result = run(*args, stdin=stdin)
+        self.assertEqual(result.returncode, code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}")
+        return result
+
+    def simulate(self, name, *options):
+        self.nvb("-q", "simulate", "-o", self.path(name), *options)
+        return self.path(name)
+
+    def dat_of(self, log):
+        self.nvb("-q", "todat", log, "-o", log + ".dat")
+        return self.read(log + ".dat")
+
+    def info(self, log, code=0):
+        return json.loads(self.nvb("info", "--json", log, code=code).stdout)
+
+    @staticmethod
+    def read(path):
+        with open(path, "rb") as file:
+            return file.read()
+
+    @staticmethod
+    def write(path, data):
+        with open(path, "wb") as file:
+            file.write(data)
+        return path
+
+    def write_dat(self, name, records):
+        return self.write(self.path(name), b"".join(records))
+
+
+class SimulateThenInfo(Workspace):
+    def test_a_simulated_log_reads_back_clean_with_its_span_rate_and_systems(self):
+        log = self.simulate("sim.nvb", "--duration", 180)
+        self.assertEqual(self.read(log)[4:10], NVE_MAGIC)
+        info = self.info(log)
+        self.assertEqual(info["records"], {"27": 180, "29": 180})
+        self.assertEqual(info["epochs"]["count"], 180)
+        self.assertEqual(info["epochs"]["spanSeconds"], 179)
+        self.assertEqual(info["epochs"]["rateHz"], 1)
+        self.assertEqual(info["blockLevel"], 7)
+        self.assertEqual((info["header"]["writerMajor"], info["header"]["writerMinor"]), (8, 97))
+        self.assertEqual((info["header"]["minReaderMajor"], info["header"]["minReaderMinor"]), (8, 90))
+        self.assertEqual(set(info["satellites"]), SYSTEMS)
+        for system in info["satellites"].values():
+            self.assertGreaterEqual(system["satellites"], 4)
+        self.assertEqual(info["statuses"], [])
+        self.assertNotIn("truncated", info)
+        self.assertAlmostEqual(info["bytesPerEpoch"], os.path.getsize(log) / 180)
+        text = self.nvb("info", log).stdout.decode()
+        self.assertIn("block stream (NVE), level 7 (zstd over bare records)", text)
+        self.assertRegex(text, r"damage +none")
+
+    def test_interval_systems_and_method_shape_the_log(self):
+        log = self.simulate("fast.nvb", "--duration", 10, "--interval", 0.2, "--systems", "GE", "--method", 0)
+        info = self.info(log)
+        self.assertEqual(info["epochs"]["count"], 50)
+        self.assertEqual(info["epochs"]["rateHz"], 5)
+        self.assertEqual(set(info["satellites"]), {"GPS", "Galileo"})
+        self.assertEqual(info["stream"], "byte stream, Huffman coded (NVB)")
+
+    def test_a_seed_gives_the_same_log_and_another_seed_another(self):
+        logs = [self.simulate(f"s{i}.nvb", "--duration", 30, "--seed", seed) for i, seed in enumerate((7, 7, 8))]
+        contents = [self.read(log) for log in logs]
+        self.assertEqual(contents[0], contents[1])
+        self.assertNotEqual(contents[0], contents[2])
+
+    def test_standard_output_and_input_carry_a_log(self):
+        log = self.nvb("-q", "simulate", "-o", "-", "--duration", 20).stdout
+        info = json.loads(self.nvb("info", "--json", "-", stdin=log).stdout)
+        self.assertEqual(info["file"], "standard input")
+        self.assertEqual(info["epochs"]["count"], 20)
+
+
+class DumpJson(Workspace):
+    def test_every_line_is_a_json_record_with_decoded_fields(self):
+        log = self.simulate("sim.nvb", "--duration", 30)
+        lines = self.nvb("dump", "--json", log).stdout.decode().splitlines()
+        records = [json.loads(line) for line in lines]
+        self.assertEqual(len(records), 60)
+        epochs = [record for record in records if record["type"] == 27]
+        positions = [record for record in records if record["type"] == 29]
+        self.assertEqual(len(epochs), 30)
+        self.assertEqual([e["time"] for e in epochs], [epochs[0]["time"] + 1000 * k for k in range(30)])
+        for epoch in epochs:
+            self.assertGreater(len(epoch["satellites"]), 10)
+            for satellite in epoch["satellites"]:
+                self.assertRegex(satellite["sv"], r"^[GREC]\d\d$")
+                for signal in satellite["signals"]:
+                    self.assertGreater(signal["range"], 1.5e7)
+                    self.assertIn("phase", signal)
+        for position in positions:
+            self.assertAlmostEqual(position["latitude"], 47.3769, places=3)
+            self.assertEqual(position["numSVs"], len(position["satellites"]))
+
+    def test_type_filter_and_text_lines_match_the_records(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        only = [json.loads(line) for line in self.nvb("dump", "--json", log, "--type", 29).stdout.splitlines()]
+        self.assertEqual({record["type"] for record in only}, {29})
+        self.assertEqual(len(only), 20)
+        text = self.nvb("dump", log).stdout.decode().splitlines()
+        self.assertEqual(len(text), 40)
+        self.assertTrue(text[0].startswith("type=27 offset="))
+
+
+class DatRoundTrip(Workspace):
+    def test_todat_then_fromdat_gives_back_the_same_records(self):
+        log = self.simulate("sim.nvb", "--duration", 60)
+        dat = self.dat_of(log)
+        self.assertEqual(len(dat_records(dat)), 120)
+        for method in (0, 4, 7):
+            rewritten = self.path(f"m{method}.nvb")
+            self.nvb("-q", "fromdat", log + ".dat", "-o", rewritten, "--method", method, "--level", 1)
+            self.assertEqual(self.dat_of(rewritten), dat, f"method {method}")
+
+    def test_pipes_carry_dat_records_both_ways(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        dat = self.nvb("todat", "-", "-o", "-", stdin=self.read(log)).stdout
+        self.assertEqual(dat, self.dat_of(log))
+        rewritten = self.nvb("fromdat", "-", "-o", "-", "-m", 3, stdin=dat).stdout
+        self.assertEqual(self.nvb("todat", "-", "-o", "-", stdin=rewritten).stdout, dat)
+
+
+    def test_a_plain_byte_stream_of_the_same_frames_reads_the_same(self):
+        log = self.simulate("stored.nvb", "--duration", 30, "--method", 1)
+        data, frames, position = self.read(log), b"", 17
+        while position < len(data):
+            end = position + 4 + int.from_bytes(data[position + 1:position + 4], "big")
+            frames += data[position + 10:end]  # behind the block header and its magic
+            position = end
+        plain = self.write(self.path("plain.nva"), frames)
+        self.assertEqual(self.info(plain)["stream"], "byte stream of plain frames (NVA)")
+        self.assertEqual(self.dat_of(plain), self.dat_of(log))
+
+
+class RecompressEveryPair(Workspace):
+    def test_every_method_into_every_method_keeps_the_dat_records(self):
+        log = self.simulate("sim.nvb", "--duration", 40)
+        reference = self.dat_of(log)
+        sizes = set()
+        for source in range(8):
+            first = self.path(f"from{source}.nvb")
+            self.nvb("-q", "recompress", log, "-o", first, "--method", source)
+            sizes.add(os.path.getsize(first))
+            for target in range(8):
+                second = self.path(f"from{source}to{target}.nvb")
+                self.nvb("-q", "recompress", first, "-o", second, "-m", target)
+                self.assertEqual(self.dat_of(second), reference, f"method {source} into {target}")
+        self.assertEqual(len(sizes), 8)
+
+
+class LongEpochForms(Workspace):
+    def test_epochs_only_the_long_form_carries_come_back_as_they_went_in(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        records = dat_records(self.dat_of(log))
+        epochs = [Epoch(r) for r in records if r[3] == 27]
+        always = [(b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and len(s) >= 2
+                  and all(e.find(b[2], b[1]) for e in epochs)]
+        self.assertGreaterEqual(len(always), 4)
+        rollover, wide, flagged, third = always[:4]
+        lowest = min(signal_range(e.find(*rollover)[1][0]) for e in epochs)
+        lift = 36.0e6 - lowest  # whole metres: the ranges stay on their grid
+        for k, epoch in enumerate(epochs):
+            block, signals = epoch.find(*rollover)
+            for signal in signals:
+                set_signal_range(signal, signal_range(signal) + round(lift))
+            add_signal_flags(signals[0], 0x02)  # the range rolled over
+            block, signals = epoch.find(*wide)
+            set_signal_range(signals[1], signal_range(signals[0]) + 150.25)
+            add_signal_flags(signals[1], 0x01)  # a three-byte difference
+            if k % 2 == 1:
+                add_sv_flags2(epoch.find(*flagged)[0], 0x02)
+            else:
+                add_signal_flags(epoch.find(*third)[1][1], 0x20, 0x01)
+        edited = iter(epochs)
+        source = self.write_dat("long.dat", [next(edited).bytes() if r[3] == 27 else r for r in records])
+        written = self.path("long.nvb")
+        self.nvb("-q", "fromdat", source, "-o", written)
+        carriers = self.info(written)["carriedAs"]
+        self.assertNotIn("37", carriers)
+        self.assertEqual(carriers["36"] + carriers["38"], 20)
+        self.assertEqual(dat_records(self.dat_of(written)), dat_records(self.read(source)))
+
+
+class ThinCarriesSlips(Workspace):
+    def test_a_slip_in_a_dropped_epoch_lands_on_the_next_kept_one(self):
+        log = self.simulate("sim.nvb", "--duration", 120, "--systems", "GR")
+        records = dat_records(self.dat_of(log))
+        epochs = [Epoch(r) for r in records if r[3] == 27]
+
+        # A signal without slips; the first epoch of a lock marks one of its own.
+        def steady(key):
+            signals = [e.find(*key) for e in epochs]
+            return all(s and s[1][0][25] == signals[0][1][0][25] for s in signals) and not any(
+                s[1][0][26] & 0x08 for s in signals[1:])
+
+        key = next((b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and steady((b[2], b[1])))
+        times = [int(e.time()) for e in epochs]
+        marked = next(k for k, t in enumerate(times) if t % 30000 == 15000)
+        epochs[marked].find(*key)[1][0][26] |= 0x08
+        edited = iter(epochs)
+        source = self.write_dat("slip.dat", [next(edited).bytes() if r[3] == 27 else r for r in records])
+        self.nvb("-q", "fromdat", source, "-o", self.path("slip.nvb"))
+
+        thinned = self.path("thin.nvb")
+        self.nvb("-q", "thin", self.path("slip.nvb"), "-o", thinned, "--interval", 30)
+        kept = [json.loads(line) for line in self.nvb("dump", "--json", thinned).stdout.splitlines()]
+        kept_epochs = [r for r in kept if r["type"] == 27]
+        expected = [t for t in times if t % 30000 == 0]
+        self.assertEqual([int(e["time"]) for e in kept_epochs], expected)
+        self.assertEqual([r["time"] for r in kept if r["type"] == 29], expected)
+        name = ("G%02d" % key[1])
+        carried = times[marked] - times[marked] % 30000 + 30000
+        for epoch in kept_epochs[1:]:
+            signal = next(s for s in epoch["satellites"] if s["sv"] == name)["signals"][0]
+            self.assertEqual(bool(signal["measFlags1"] & 0x08), int(epoch["time"]) == carried, epoch["time"])
+        self.assertEqual(self.info(thinned)["blockLevel"], 7)
+
+
+class DamagedInput(Workspace):
+    def blocks_of(self, data):
+        """Start and end of each block behind the header block."""
+        spans, position = [], 17
+        while position < len(data):
+            end = position + 4 + int.from_bytes(data[position + 1:position + 4], "big")
+            spans.append((position, end))
+            position = end
+        return spans
+
+    def test_a_log_cut_inside_a_block_reads_to_the_cut_and_names_the_byte(self):
+        log = self.simulate("sim.nvb", "--duration", 240)
+        data = self.read(log)
+        blocks = self.blocks_of(data)
+        self.assertGreater(len(blocks), 2)
+        start, end = blocks[1]
+        cut = self.write(self.path("cut.nvb"), data[:(start + end) // 2])
+        result = self.nvb("todat", cut, "-o", self.path("cut.dat"), code=1)
+        self.assertIn(f"nvb: {cut}: byte {start}: the log ends inside a block", result.stderr.decode())
+        whole = dat_records(self.dat_of(log))
+        read = dat_records(self.read(self.path("cut.dat")))
+        self.assertGreater(len(read), 0)
+        self.assertEqual(read, whole[:len(read)])
+        info = self.info(cut, code=1)
+        self.assertEqual(info["truncated"]["offset"], start)
+
+    def test_a_byte_stream_cut_inside_a_record_and_a_damaged_block_give_exit_code_1(self):
+        log = self.simulate("huffman.nvb", "--duration", 30, "--method", 0)
+        data = self.read(log)
+        cut = self.write(self.path("cut0.nvb"), data[:len(data) // 2])
+        result = self.nvb("info", cut, code=1)
+        self.assertIn(f"nvb: {cut}: byte {len(data) // 2}: the log ends inside a record", result.stderr.decode())
+
+        log = self.simulate("zlib.nvb", "--duration", 240, "--method", 3)
+        data = bytearray(self.read(log))
+        start, end = self.blocks_of(data)[0]
+        for i in range(end - 4, end):
+            data[i] ^= 0xA5  # the zlib stream's checksum
+        damaged = self.write(self.path("damaged.nvb"), data)
+        result = self.nvb("info", "--json", damaged, code=1)
+        statuses = {entry["status"] for entry in json.loads(result.stdout)["statuses"]}
+        self.assertIn(10, statuses)  # zlib failed
+        self.assertIn(f"nvb: {damaged}: byte {end - 1}: zlib failed", result.stderr.decode())
+
+    def test_what_is_no_log_at_all_is_unreadable(self):
+        empty = self.write_dat("empty.nvb", [])
+        self.assertIn("is empty", self.nvb("info", empty, code=2).stderr.decode())
+        noise = self.write_dat("noise.nvb", [bytes((i * 37 + 11) % 251 for i in range(5000))])
+        self.nvb("todat", noise, "-o", self.path("noise.dat"), code=2)
+        self.assertIn("can't open", self.nvb("info", self.path("missing.nvb"), code=2).stderr.decode())
+
+    def test_a_dat_file_cut_inside_a_record_writes_what_came_before(self):
+        log = self.simulate("sim.nvb", "--duration", 10)
+        dat = self.dat_of(log)
+        records = dat_records(dat)
+        cut = self.write_dat("cut.dat", [dat[:len(records[0]) + 100]])
+        result = self.nvb("fromdat", cut, "-o", self.path("cut.nvb"), code=1)
+        self.assertIn(f"nvb: {cut}: byte {len(records[0])}: the input ends inside a record of type",
+                      result.stderr.decode())
+        self.assertEqual(dat_records(self.dat_of(self.path("cut.nvb"))), records[:1])
+
+
+class UsageErrors(Workspace):
+    def test_wrong_usage_gives_exit_code_2_and_help_gives_0(self):
+        log = self.simulate("sim.nvb", "--duration", 5)
+        wrong = [
+            [],
+            ["frobnicate"],
+            ["info"],
+            ["info", log, "--no-such-option"],
+            ["simulate"],
+            ["simulate", "-o", self.path("x.nvb"), "--interval", 0.01],
+            ["simulate", "-o", self.path("x.nvb"), "--systems", "GX"],
+            ["recompress", log, "-o", self.path("x.nvb")],
+            ["recompress", log, "-o", self.path("x.nvb"), "--method", 8],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--level", 3],
+            ["thin", log, "-o", self.path("x.nvb")],
+            ["dump", log, "--type", "x"],
+            ["todat", log, "-o", os.path.join(self.directory, "no", "such", "dir.dat")],
+            ["recompress", log, "-o", log, "--method", 3],
+        ]
+        for args in wrong:
+            result = run(*args)
+            self.assertEqual(result.returncode, 2, f"nvb {args}: {result.stderr.decode()}")
+            self.assertNotEqual(result.stderr, b"", args)
+        for command in ("simulate", "info", "dump", "todat", "fromdat", "recompress", "thin"):
+            result = self.nvb(command, "--help")
+            self.assertIn(b"Usage", result.stdout)
+        self.nvb("--help")
+        self.assertEqual(self.info(log)["epochs"]["count"], 5)  # not written over
+
+    def test_quiet_leaves_standard_error_empty_on_success(self):
+        log = self.path("quiet.nvb")
+        result = self.nvb("--quiet", "simulate", "-o", log, "--duration", 5)
+        self.assertEqual(result.stderr, b"")
+        self.assertNotEqual(self.nvb("simulate", "-o", log, "--duration", 5).stderr, b"")
+        self.assertEqual(self.nvb("todat", log, "-o", self.path("q.dat"), "-q").stderr, b"")
+
+
+if __name__ == "__main__":
+    NVB = os.path.abspath(sys.argv[1])
+    unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)

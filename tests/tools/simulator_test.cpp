@@ -1,0 +1,387 @@
+#include "nvb/simulator.h"
+
+#include "external/su/epoch_image.h"
+#include "pipeline/serialisation.h"
+#include "records/system_tables.h"
+
+#include <nvbdll/nvbdll.h>
+#include <nvbdll/encode.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using nvbtool::ReceiverSimulator;
+using nvbtool::SimulationOptions;
+
+constexpr double kSpeedOfLight = 299792458.0;
+
+SimulationOptions options(double duration, double interval = 1.0, std::string systems = "GREC", double mask = 10.0) {
+    SimulationOptions chosen;
+    chosen.durationSeconds = duration;
+    chosen.intervalSeconds = interval;
+    chosen.systems = std::move(systems);
+    chosen.elevationMaskDegrees = mask;
+    return chosen;
+}
+
+// A run seen one epoch at a time, with the epoch before at hand.
+struct Walk {
+    ReceiverSimulator simulator;
+    std::unique_ptr<Rec27> current = std::make_unique<Rec27>();
+    std::unique_ptr<Rec27> previous = std::make_unique<Rec27>();
+    Rec29 position{};
+    std::uint64_t epochs = 0;
+
+    explicit Walk(const SimulationOptions& chosen) : simulator(chosen) {}
+    bool step() {
+        std::swap(current, previous);
+        if (!simulator.next(*current, position)) return false;
+        ++epochs;
+        return true;
+    }
+    bool hasPrevious() const { return epochs > 1; }
+};
+
+const Rec27Sv* sameSatellite(const Rec27& epoch, const Rec27Sv& sv) {
+    for (int i = 0; i < epoch.nSv; ++i) {
+        if (epoch.sv[i].svId == sv.svId && epoch.sv[i].rt_sattype == sv.rt_sattype) return &epoch.sv[i];
+    }
+    return nullptr;
+}
+
+double wavelengthOf(const Rec27Sv& sv, const Rec27Meas& meas) {
+    return nvb::bandWavelength(sv.rt_sattype, meas.blockType, static_cast<std::int8_t>(sv.channel));
+}
+
+// The clock step a reader sees between two epochs, in milliseconds.
+int clockStep(const Rec27& before, const Rec27& after) {
+    const double change = after.clkOffset - before.clkOffset;
+    return change > 0.5 ? 1 : (change < -0.5 ? -1 : 0);
+}
+
+// Phase change over an epoch as a reader takes it to rebuild Doppler: a clock step's whole
+// milliseconds of carrier put back, over the true interval.
+double phaseRate(const Rec27& before, const Rec27& after, const Rec27Sv& sv, const Rec27Meas& was,
+                 const Rec27Meas& is) {
+    const int step = clockStep(before, after);
+    const double carrier = nvb::carrierFreqHz(sv.rt_sattype, is.blockType, static_cast<std::int8_t>(sv.channel));
+    const double cycles = is.phase - was.phase + step * carrier * 0.001;
+    return cycles / ((after.receiveTime - before.receiveTime - step) / 1000.0);
+}
+
+using SignalKey = std::tuple<int, int, int>;  // system, satellite, band
+
+TEST(SimulatedObservables, RangeAndPhaseAgreeThroughTheWavelengthUpToNoise) {
+    // range + phase x wavelength is the lock's constant ambiguity plus code noise and bias,
+    // through clock steps, until a slip or a new lock restarts it.
+    Walk walk(options(1500.0));
+    std::map<SignalKey, std::vector<double>> segments;
+    int steps = 0;
+    int segmentsChecked = 0;
+    auto check = [&](std::vector<double>& values) {
+        if (values.size() >= 30) {
+            double mean = 0.0;
+            for (const double v : values) mean += v;
+            mean /= static_cast<double>(values.size());
+            double spread = 0.0;
+            for (const double v : values) {
+                spread += (v - mean) * (v - mean);
+                ASSERT_LT(std::fabs(v - mean), 6.0);
+            }
+            EXPECT_LT(std::sqrt(spread / static_cast<double>(values.size())), 1.5);
+            ++segmentsChecked;
+        }
+        values.clear();
+    };
+    while (walk.step()) {
+        if (walk.hasPrevious() && clockStep(*walk.previous, *walk.current) != 0) ++steps;
+        for (int i = 0; i < walk.current->nSv; ++i) {
+            const Rec27Sv& sv = walk.current->sv[i];
+            for (int j = 0; j < sv.nMeas; ++j) {
+                const Rec27Meas& meas = sv.meas[j];
+                std::vector<double>& values = segments[{sv.rt_sattype, sv.svId, meas.blockType}];
+                if ((meas.measFlags1 & 0x08) != 0) check(values);
+                values.push_back(meas.range + meas.phase * wavelengthOf(sv, meas));
+            }
+        }
+    }
+    for (auto& [key, values] : segments) check(values);
+    EXPECT_GT(steps, 0);
+    EXPECT_GT(segmentsChecked, 50);
+}
+
+TEST(SimulatedObservables, DopplerMatchesThePhaseRateAndASlipAddsWholeCycles) {
+    Walk walk(options(3600.0));
+    int compared = 0;
+    int acrossSteps = 0;
+    int slips = 0;
+    while (walk.step()) {
+        if (!walk.hasPrevious()) continue;
+        const int step = clockStep(*walk.previous, *walk.current);
+        for (int i = 0; i < walk.current->nSv; ++i) {
+            const Rec27Sv& sv = walk.current->sv[i];
+            const Rec27Sv* was = sameSatellite(*walk.previous, sv);
+            for (int j = 0; was != nullptr && j < sv.nMeas; ++j) {
+                const Rec27Meas& meas = sv.meas[j];
+                const bool slipped = (meas.measFlags1 & 0x08) != 0;
+                ASSERT_EQ(meas.measFlags1 & 0xF7, 0x07);
+                ASSERT_EQ(slipped, walk.simulator.truth().satellites[i].signals[j].slipped);
+                ASSERT_EQ(meas.slipCount, static_cast<std::uint8_t>(was->meas[j].slipCount + (slipped ? 1 : 0)));
+                // What the Doppler does not explain of the phase step is the slip.
+                const double meanDoppler = 0.5 * (meas.doppler + was->meas[j].doppler);
+                const double extra = phaseRate(*walk.previous, *walk.current, sv, was->meas[j], meas) - meanDoppler;
+                ASSERT_NEAR(extra, slipped ? std::round(extra) : 0.0, 0.25)
+                    << "system " << int(sv.rt_sattype) << " sv " << int(sv.svId) << " epoch " << walk.epochs;
+                if (slipped) {
+                    EXPECT_NE(std::round(extra), 0.0);
+                }
+                ++compared;
+                acrossSteps += step != 0 ? 1 : 0;
+                slips += slipped ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GT(compared, 100000);
+    EXPECT_GT(acrossSteps, 100);
+    EXPECT_GE(slips, 10);
+}
+
+TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMask) {
+    Walk walk(options(6 * 3600.0, 60.0));
+    std::set<std::pair<int, int>> before;
+    std::map<int, int> rises;
+    std::map<int, int> sets;
+    std::set<std::pair<int, int>> everSeen;
+    std::size_t mostAtOnce = 0;
+    while (walk.step()) {
+        const Rec27& epoch = *walk.current;
+        const nvbtool::EpochTruth& truth = walk.simulator.truth();
+        ASSERT_EQ(truth.satelliteCount, epoch.nSv);
+        std::set<std::pair<int, int>> now;
+        std::map<int, int> perSystem;
+        for (int i = 0; i < epoch.nSv; ++i) {
+            const Rec27Sv& sv = epoch.sv[i];
+            EXPECT_GE(truth.satellites[i].elevationDeg, 10.0);
+            const int elevation = sv.elevation;
+            const int azimuth = sv.azimuth;
+            EXPECT_GE(elevation, 10);
+            EXPECT_LE(elevation, 90);
+            EXPECT_EQ(azimuth % 2, 0);
+            EXPECT_LT(azimuth, 360);
+            now.insert({sv.rt_sattype, sv.svId});
+            ++perSystem[sv.rt_sattype];
+        }
+        for (const int system : {0, 2, 3, 10}) EXPECT_GE(perSystem[system], 4) << "system " << system;
+        if (walk.hasPrevious()) {
+            for (const auto& seen : now) rises[seen.first] += before.count(seen) == 0 ? 1 : 0;
+            for (const auto& seen : before) sets[seen.first] += now.count(seen) == 0 ? 1 : 0;
+        }
+        everSeen.insert(now.begin(), now.end());
+        mostAtOnce = std::max(mostAtOnce, now.size());
+        before = std::move(now);
+    }
+    for (const int system : {0, 2, 3, 10}) {
+        EXPECT_GE(rises[system], 2) << "system " << system;
+        EXPECT_GE(sets[system], 2) << "system " << system;
+    }
+    EXPECT_GT(everSeen.size(), mostAtOnce + 10);
+}
+
+TEST(SimulatedSky, GlonassSatellitesCarryTheirChannelAndItsCarrier) {
+    // Over a long lock the range change measured in carrier cycles only agrees with the
+    // code when the cycles are taken at the channel's own wavelength.
+    Walk walk(options(1800.0, 1.0, "R"));
+    std::map<int, int> channelOf;
+    std::map<SignalKey, std::pair<double, double>> lockStart;  // range, phase
+    int carriersChecked = 0;
+    auto wavelength = [](int band, int channel) {
+        return kSpeedOfLight / nvb::carrierFreqHz(2, static_cast<std::uint8_t>(band), channel);
+    };
+    while (walk.step()) {
+        for (int i = 0; i < walk.current->nSv; ++i) {
+            const Rec27Sv& sv = walk.current->sv[i];
+            ASSERT_EQ(sv.rt_sattype, 2);
+            const int channel = static_cast<std::int8_t>(sv.channel);
+            ASSERT_GE(channel, -7);
+            ASSERT_LE(channel, 6);
+            const auto known = channelOf.emplace(sv.svId, channel).first;
+            ASSERT_EQ(known->second, channel) << "sv " << int(sv.svId);
+            for (int j = 0; j < sv.nMeas; ++j) {
+                const Rec27Meas& meas = sv.meas[j];
+                EXPECT_DOUBLE_EQ(wavelengthOf(sv, meas), wavelength(meas.blockType, channel));
+                const SignalKey key{2, sv.svId, meas.blockType};
+                const double range = meas.range;
+                const double phase = meas.phase;
+                if ((meas.measFlags1 & 0x08) != 0) lockStart[key] = {range, phase};
+                const auto [range0, phase0] = lockStart.at(key);
+                const double rangeChange = range - range0;
+                if (std::fabs(rangeChange) < 150e3) continue;
+                auto misfit = [&](int k) {
+                    return std::fabs(rangeChange + (phase - phase0) * wavelength(meas.blockType, k));
+                };
+                EXPECT_LT(misfit(channel), 6.0);
+                if (channel > -7) {
+                    EXPECT_GT(misfit(channel - 1), 20.0);
+                }
+                if (channel < 6) {
+                    EXPECT_GT(misfit(channel + 1), 20.0);
+                }
+                lockStart[key] = {range, phase};
+                ++carriersChecked;
+            }
+        }
+    }
+    EXPECT_GE(channelOf.size(), 6u);
+    EXPECT_GT(carriersChecked, 10);
+}
+
+TEST(SimulatedClock, SteeringStepsAMillisecondAndMovesEveryRangeAndPhaseWithIt) {
+    Walk walk(options(3600.0, 1.0, "GE"));
+    int steps = 0;
+    while (walk.step()) {
+        const Rec27& epoch = *walk.current;
+        ASSERT_LE(std::fabs(epoch.clkOffset), 0.5001);
+        EXPECT_NEAR(walk.position.clkOffset, epoch.clkOffset, 1e-5);
+        if (!walk.hasPrevious()) continue;
+        const int step = clockStep(*walk.previous, epoch);
+        ASSERT_EQ(step, walk.simulator.truth().steeringMs);
+        if (step == 0) continue;
+        ++steps;
+        // Besides the step, the clock drifts by a few microseconds a second.
+        EXPECT_NEAR(epoch.clkOffset - walk.previous->clkOffset, step, 0.003);
+        for (int i = 0; i < epoch.nSv; ++i) {
+            const Rec27Sv& sv = epoch.sv[i];
+            const Rec27Sv* was = sameSatellite(*walk.previous, sv);
+            if (was == nullptr) continue;
+            for (int j = 0; j < sv.nMeas; ++j) {
+                // Light travels 299792 m in a millisecond; satellite and drift add under 2 km.
+                const double rangeChange = sv.meas[j].range - was->meas[j].range;
+                EXPECT_NEAR(rangeChange, step * kSpeedOfLight * 1e-3, 2000.0);
+                const double phaseChangeInMetres =
+                    -(sv.meas[j].phase - was->meas[j].phase) * wavelengthOf(sv, sv.meas[j]);
+                if ((sv.meas[j].measFlags1 & 0x08) == 0) {
+                    EXPECT_NEAR(phaseChangeInMetres, rangeChange, 10.0);
+                }
+            }
+        }
+    }
+    EXPECT_GE(steps, 2);
+}
+
+TEST(SimulatorRun, IsDeterministicForASeedAndDiffersBetweenSeeds) {
+    SimulationOptions chosen = options(120.0, 0.5);
+    ReceiverSimulator first(chosen);
+    ReceiverSimulator again(chosen);
+    chosen.seed = 2;
+    ReceiverSimulator other(chosen);
+    auto a = std::make_unique<Rec27>();
+    auto b = std::make_unique<Rec27>();
+    auto c = std::make_unique<Rec27>();
+    Rec29 pa{}, pb{}, pc{};
+    int epochs = 0;
+    bool differs = false;
+    while (first.next(*a, pa)) {
+        ASSERT_TRUE(again.next(*b, pb));
+        ASSERT_TRUE(other.next(*c, pc));
+        ASSERT_EQ(std::memcmp(a.get(), b.get(), sizeof(Rec27)), 0) << "epoch " << epochs;
+        ASSERT_EQ(std::memcmp(&pa, &pb, sizeof(Rec29)), 0) << "epoch " << epochs;
+        differs = differs || std::memcmp(a.get(), c.get(), sizeof(Rec27)) != 0;
+        ++epochs;
+    }
+    EXPECT_EQ(epochs, 240);
+    EXPECT_TRUE(differs);
+}
+
+TEST(SimulatorRun, CountsEpochsAndRefusesWhatItCannotSimulate) {
+    EXPECT_EQ(ReceiverSimulator(options(3600.0)).epochCount(), 3600u);
+    EXPECT_EQ(ReceiverSimulator(options(10.0, 0.05)).epochCount(), 200u);
+    EXPECT_EQ(ReceiverSimulator(options(0.5)).epochCount(), 1u);
+    EXPECT_EQ(ReceiverSimulator(options(0.0)).epochCount(), 0u);
+    EXPECT_THROW(ReceiverSimulator(options(10.0, 0.04)), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator(options(-1.0)), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator(options(10.0, 1.0, "GX")), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator(options(10.0, 1.0, "")), std::invalid_argument);
+
+    Walk walk(options(1.0, 1.0, "E"));
+    ASSERT_TRUE(walk.step());
+    ASSERT_GT(walk.current->nSv, 0);
+    for (int i = 0; i < walk.current->nSv; ++i) EXPECT_EQ(walk.current->sv[i].rt_sattype, 3);
+}
+
+TEST(SimulatorRun, RecordsFitTheLimitsAndReadBackFromALogAsSimulated) {
+    // A low mask fills the epochs; what the writer keeps of each field is what was simulated.
+    const SimulationOptions chosen = options(900.0, 1.0, "GREC", 0.0);
+    nvbdll_initNVBLib();
+    auto* encoder = static_cast<nvb_encode_t*>(::operator new(sizeof(nvb_encode_t)));
+    std::memset(static_cast<void*>(encoder), 0, sizeof(nvb_encode_t));
+    nvbdll_initDATEncodeState(encoder);
+    encoder->records.datHeader = static_cast<std::uint8_t*>(::operator new(4));
+    encoder->records.rec27 = static_cast<Rec27*>(::operator new(sizeof(Rec27)));
+    encoder->records.rec29 = static_cast<Rec29*>(::operator new(sizeof(Rec29)));
+    encoder->compressionMethod = 7;
+    encoder->epochKeepDoppler = 1;
+    std::FILE* log = std::tmpfile();
+    encoder->writeContext = log;
+    encoder->writeCallback = [](const std::uint8_t* bytes, std::uint32_t length, void* context) {
+        std::fwrite(bytes, 1, length, static_cast<std::FILE*>(context));
+    };
+    Walk writer(chosen);
+    std::vector<std::uint8_t> dat(5120);
+    std::uint8_t status = 0;
+    while (writer.step()) {
+        ASSERT_LE(writer.current->nSv, NVB_MAX_SV);
+        ASSERT_GT(nvb::writeDatForm(*writer.current, dat.data(), dat.size()), 0u) << "a record 27 outgrew its frame";
+        nvbdll_processDATRecord(encoder, dat.data(), &status);
+        ASSERT_EQ(status, 0);
+        ASSERT_GT(nvb::writeDatForm(writer.position, dat.data(), dat.size()), 0u);
+        nvbdll_processDATRecord(encoder, dat.data(), &status);
+        ASSERT_EQ(status, 0);
+    }
+    nvbdll_finalizeDATProcessing(encoder);
+    nvbdll_freeEncodeState(encoder);
+
+    std::rewind(log);
+    nvb_expand_t* reader = nvbdll_GetNVBStateHandle();
+    Walk again(chosen);
+    int epochsRead = 0;
+    for (;;) {
+        const std::int32_t got = nvbdll_getNVBRecord(reader, log, &status);
+        if (status == 1) break;
+        if (got <= 0 || (status != 0 && status != 18)) continue;
+        std::uint16_t type = 0;
+        std::uint8_t processStatus = 0;
+        if (nvbdll_processNVBRecord(reader, 0, &type, &processStatus) == 0 || processStatus != 0) continue;
+        if (type == 29) {
+            ASSERT_EQ(std::memcmp(reader->records.rec29, &again.position, sizeof(Rec29)), 0);
+            continue;
+        }
+        ASSERT_EQ(type, 27);
+        ASSERT_TRUE(again.step());
+        ++epochsRead;
+        // The packed system byte puts the system's low bits into the antenna number.
+        Rec27& read = *reader->records.rec27;
+        for (int i = 0; i < read.nSv; ++i) {
+            EXPECT_EQ(read.sv[i].antennaNumber, read.sv[i].rt_sattype & 3);
+            read.sv[i].antennaNumber = 0;
+        }
+        ASSERT_EQ(std::memcmp(&read, again.current.get(), sizeof(Rec27)), 0) << "epoch " << epochsRead;
+    }
+    nvbdll_FreeNVBStateHandle(reader);
+    std::fclose(log);
+    EXPECT_EQ(epochsRead, 900);
+}
+
+}  // namespace

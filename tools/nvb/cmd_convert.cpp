@@ -1,0 +1,190 @@
+// todat, fromdat, recompress and thin: a log out to DAT records and back, and a log
+// rewritten through its DAT records in another method or at a longer interval.
+#include "nvb/command_support.h"
+#include "nvb/commands.h"
+#include "nvb/log_io.h"
+#include "nvb/progress.h"
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <optional>
+
+namespace nvbtool {
+
+namespace {
+
+struct ToDatOptions {
+    InputOptions in;
+    std::string output;
+};
+
+int runToDat(const ToDatOptions& options, const CommonOptions& common) {
+    const auto input = Input::open(options.in.path);
+    if (!input) return kExitUsage;
+    const auto output = Output::open(options.output, options.in.path);
+    if (!output) return kExitUsage;
+    LogReader reader(*input, options.in.read);
+    Progress progress(common.quiet, "todat", input->size());
+    std::uint64_t records = 0;
+    const ReadSummary summary = reader.run(
+        [&](DeliveredRecord& record) {
+            // The DAT file holds the records back to back, each as long as its header
+            // says, so that fromdat can walk it without any other framing.
+            const auto dat = record.dat();
+            if (dat.size() < 4) return;
+            output->write(dat.data(), dat.size());
+            ++records;
+        },
+        [&](std::uint64_t done) { progress.update(done); });
+    progress.finish();
+    reportReadProblems(summary, input->name());
+    if (!output->close()) return kExitUsage;
+    reportNote(common.quiet, fmt::format("{}: {} DAT records, {} bytes", output->name(), records, output->bytes()));
+    return exitCodeOf(summary);
+}
+
+struct FromDatOptions {
+    InputOptions in;
+    std::string output;
+    WriteOptions write;
+};
+
+int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
+    const auto input = Input::open(options.in.path);
+    if (!input) return kExitUsage;
+    const auto output = Output::open(options.output, options.in.path);
+    if (!output) return kExitUsage;
+    LogWriter writer(*output, options.write);
+    DatReader reader(*input);
+    Progress progress(common.quiet, "fromdat", input->size());
+    std::vector<std::uint8_t> record;
+    std::uint64_t offset = 0;
+    std::uint64_t records = 0;
+    while (reader.next(record, offset)) {
+        writer.put(record);
+        if (++records % 256 == 0) progress.update(reader.bytesRead());
+    }
+    writer.finish();
+    progress.finish();
+    if (reader.problem()) reportErrorAt(input->name(), reader.problemOffset(), *reader.problem());
+    const bool complete = reportWriteProblems(writer.summary(), output->name());
+    if (!output->close() || input->failed()) return kExitUsage;
+    reportNote(common.quiet,
+               fmt::format("{}: {} records in {}, {} bytes", output->name(), writer.summary().recordsWritten,
+                           methodName(static_cast<std::uint8_t>(options.write.method)), output->bytes()));
+    if (reader.problem()) return records == 0 ? kExitUsage : kExitRecovered;
+    return complete ? kExitClean : kExitRecovered;
+}
+
+// recompress and thin: read, take each record's DAT form, write it again.
+struct RewriteOptions {
+    InputOptions in;
+    std::string output;
+    WriteOptions write;
+    std::optional<int> method;  // thin keeps the input's method unless told
+    float interval = 0;
+    std::optional<float> positionInterval;
+};
+
+int runRewrite(const RewriteOptions& options, const CommonOptions& common, const char* label) {
+    const auto input = Input::open(options.in.path);
+    if (!input) return kExitUsage;
+    const auto output = Output::open(options.output, options.in.path);
+    if (!output) return kExitUsage;
+    LogReader reader(*input, options.in.read);
+    WriteOptions write = options.write;
+    write.measurementInterval = options.interval;
+    write.positionInterval = options.positionInterval.value_or(options.interval);
+    // The writer is made at the first record, when the input's method is known.
+    std::optional<LogWriter> writer;
+    const auto startWriter = [&] {
+        write.method = options.method.value_or(methodOfStream(reader.shape(), reader.state().blockLevel));
+        writer.emplace(*output, write);
+    };
+    Progress progress(common.quiet, label, input->size());
+    ReadSummary summary = reader.run(
+        [&](DeliveredRecord& record) {
+            if (!writer) startWriter();
+            writer->put(record.dat());
+        },
+        [&](std::uint64_t done) { progress.update(done); });
+    progress.finish();
+    if (!writer) startWriter();
+    writer->finish();
+    reportReadProblems(summary, input->name());
+    const bool complete = reportWriteProblems(writer->summary(), output->name());
+    if (!output->close()) return kExitUsage;
+    const WriteSummary& written = writer->summary();
+    if (options.interval > 0) {
+        reportNote(common.quiet,
+                   fmt::format("{}: kept {} of {} records, dropped {} at {} s (slips carried to the kept epochs), "
+                               "{} bytes in {}",
+                               output->name(), written.recordsWritten, written.recordsIn, written.thinned,
+                               options.interval, output->bytes(), methodName(static_cast<std::uint8_t>(write.method))));
+    } else {
+        reportNote(common.quiet, fmt::format("{}: {} records, {} bytes in {}", output->name(), written.recordsWritten,
+                                             output->bytes(), methodName(static_cast<std::uint8_t>(write.method))));
+    }
+    const int readCode = exitCodeOf(summary);
+    if (readCode != kExitClean) return readCode;
+    return complete ? kExitClean : kExitRecovered;
+}
+
+}  // namespace
+
+CommandAction addToDatCommand(CLI::App& app, const CommonOptions& common) {
+    auto options = std::make_shared<ToDatOptions>();
+    CLI::App* command = app.add_subcommand("todat", "write the records of a log as DAT records, back to back");
+    command->fallthrough();
+    addInputOptions(*command, options->in, "log to read");
+    addOutputOption(*command, options->output, "DAT file to write");
+    return [options, &common] { return runToDat(*options, common); };
+}
+
+CommandAction addFromDatCommand(CLI::App& app, const CommonOptions& common) {
+    auto options = std::make_shared<FromDatOptions>();
+    CLI::App* command = app.add_subcommand("fromdat", "write a log from DAT records");
+    command->fallthrough();
+    addInputOptions(*command, options->in, "DAT file to read");
+    addOutputOption(*command, options->output, "log to write");
+    addMethodOptions(*command, options->write, true);
+    return [options, &common] { return runFromDat(*options, common); };
+}
+
+CommandAction addRecompressCommand(CLI::App& app, const CommonOptions& common) {
+    auto options = std::make_shared<RewriteOptions>();
+    CLI::App* command = app.add_subcommand("recompress", "write a log again in another compression method");
+    command->fallthrough();
+    addInputOptions(*command, options->in, "log to read");
+    addOutputOption(*command, options->output, "log to write");
+    addMethodOptions(*command, options->write, false);
+    return [options, &common] {
+        options->method = options->write.method;
+        return runRewrite(*options, common, "recompress");
+    };
+}
+
+CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
+    auto options = std::make_shared<RewriteOptions>();
+    CLI::App* command = app.add_subcommand(
+        "thin", "keep the epochs and positions at a longer interval; slips of dropped epochs go to the next kept one");
+    command->fallthrough();
+    addInputOptions(*command, options->in, "log to read");
+    addOutputOption(*command, options->output, "log to write");
+    command->add_option("-i,--interval", options->interval, "seconds between kept epochs (and positions)")
+        ->required()
+        ->check(CLI::Range(0.01, 604800.0));
+    command
+        ->add_option("--position-interval", options->positionInterval,
+                     "seconds between kept positions, when not the same")
+        ->check(CLI::Range(0.01, 604800.0));
+    command->add_option("-m,--method", options->method, "compression method, 0 to 7; the input's by default")
+        ->check(CLI::Range(0, 7));
+    command->add_option("-l,--level", options->write.level, "block size and effort, 0 to 2")
+        ->check(CLI::Range(0, 2))
+        ->capture_default_str();
+    return [options, &common] { return runRewrite(*options, common, "thin"); };
+}
+
+}  // namespace nvbtool

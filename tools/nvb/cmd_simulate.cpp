@@ -1,0 +1,109 @@
+// simulate: a synthetic receiver's log, written through the library's own encoder.
+#include "nvb/command_support.h"
+#include "nvb/commands.h"
+#include "nvb/log_io.h"
+#include "nvb/progress.h"
+#include "nvb/simulator.h"
+
+#include "pipeline/serialisation.h"
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+namespace nvbtool {
+
+namespace {
+
+struct SimulateCommandOptions {
+    std::string output;
+    SimulationOptions simulation;
+    WriteOptions write;
+};
+
+int runSimulate(const SimulateCommandOptions& options, const CommonOptions& common) {
+    std::unique_ptr<ReceiverSimulator> simulatorHolder;
+    try {
+        simulatorHolder = std::make_unique<ReceiverSimulator>(options.simulation);
+    } catch (const std::invalid_argument& error) {
+        reportError("simulate", error.what());
+        return kExitUsage;
+    }
+    ReceiverSimulator& simulator = *simulatorHolder;
+    const auto output = Output::open(options.output);
+    if (!output) return kExitUsage;
+    LogWriter writer(*output, options.write);
+    Progress progress(common.quiet, "simulate", simulator.epochCount());
+    auto measurements = std::make_unique<Rec27>();
+    auto packed = std::make_unique<Rec27>();
+    auto position = std::make_unique<Rec29>();
+    std::vector<std::uint8_t> dat(1 << 16);
+    std::uint64_t epochs = 0;
+    while (simulator.next(*measurements, *position)) {
+        // The DAT form packs the system bytes back into the structure it is made from, so
+        // it is made from a copy and the simulator's epoch stays as it left it.
+        *packed = *measurements;
+        const std::uint16_t epochLength = nvb::writeDatForm(*packed, dat.data(), dat.size());
+        if (epochLength != 0) writer.put(std::span<std::uint8_t>(dat.data(), epochLength));
+        const std::uint16_t positionLength = nvb::writeDatForm(*position, dat.data(), dat.size());
+        if (positionLength != 0) writer.put(std::span<std::uint8_t>(dat.data(), positionLength));
+        progress.update(++epochs);
+    }
+    writer.finish();
+    progress.finish();
+    const bool complete = reportWriteProblems(writer.summary(), output->name());
+    if (!output->close()) return kExitUsage;
+    reportNote(common.quiet,
+               fmt::format("{}: {} epochs over {} s with {}, {} bytes in {} ({:.0f} bytes per epoch)", output->name(),
+                           epochs, options.simulation.durationSeconds, options.simulation.systems, output->bytes(),
+                           methodName(static_cast<std::uint8_t>(options.write.method)),
+                           epochs > 0 ? static_cast<double>(output->bytes()) / static_cast<double>(epochs) : 0.0));
+    return complete ? kExitClean : kExitRecovered;
+}
+
+// The systems string: letters of G, R, E, C, each at most once.
+std::string checkSystems(const std::string& systems) {
+    if (systems.empty()) return "name at least one system of G, R, E, C";
+    for (std::size_t i = 0; i < systems.size(); ++i) {
+        if (std::string_view("GREC").find(systems[i]) == std::string_view::npos) {
+            return fmt::format("unknown system '{}': use G (GPS), R (GLONASS), E (Galileo), C (BeiDou)", systems[i]);
+        }
+        if (systems.find(systems[i]) != i) return fmt::format("system '{}' named twice", systems[i]);
+    }
+    return {};
+}
+
+}  // namespace
+
+CommandAction addSimulateCommand(CLI::App& app, const CommonOptions& common) {
+    auto options = std::make_shared<SimulateCommandOptions>();
+    CLI::App* command =
+        app.add_subcommand("simulate",
+                           "write the log of a simulated static receiver: GPS, GLONASS, Galileo and BeiDou satellites "
+                           "rising and setting, ranges, phases and Doppler, clock drift, cycle slips, and a position "
+                           "per epoch");
+    command->fallthrough();
+    addOutputOption(*command, options->output, "log to write");
+    SimulationOptions& simulation = options->simulation;
+    command->add_option("-d,--duration", simulation.durationSeconds, "seconds of log")
+        ->check(CLI::Range(0.05, 7.0 * 86400.0))
+        ->capture_default_str();
+    command->add_option("-i,--interval", simulation.intervalSeconds, "seconds between epochs, down to 0.05")
+        ->check(CLI::Range(0.05, 3600.0))
+        ->capture_default_str();
+    command->add_option("-s,--systems", simulation.systems, "G GPS, R GLONASS, E Galileo, C BeiDou")
+        ->check(CLI::Validator(checkSystems, "GREC"))
+        ->capture_default_str();
+    command->add_option("--mask", simulation.elevationMaskDegrees, "elevation mask, degrees")
+        ->check(CLI::Range(0.0, 60.0))
+        ->capture_default_str();
+    command->add_option("--seed", simulation.seed, "seed of the simulation; the same seed gives the same log")
+        ->capture_default_str();
+    addMethodOptions(*command, options->write, true);
+    return [options, &common] { return runSimulate(*options, common); };
+}
+
+}  // namespace nvbtool

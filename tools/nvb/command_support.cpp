@@ -1,0 +1,62 @@
+#include "nvb/command_support.h"
+
+#include <fmt/format.h>
+
+namespace nvbtool {
+
+void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what) {
+    command.add_option("FILE", options.path, what + ", - for standard input")->required();
+    command.add_flag("--descramble", options.read.descramble,
+                     "undo the scrambling of bzip2 blocks (for logs written with scrambling)");
+}
+
+void addOutputOption(CLI::App& command, std::string& path, const std::string& what) {
+    command.add_option("-o,--output", path, what + ", - for standard output")->required();
+}
+
+void addMethodOptions(CLI::App& command, WriteOptions& options, bool methodHasDefault) {
+    auto* method = command
+                       .add_option("-m,--method", options.method,
+                                   "compression method: 0 Huffman byte stream, 1 stored blocks, 2 Huffman "
+                                   "blocks, 3 zlib, 4 bzip2 over frames, 5 bzip2, 6 brotli, 7 zstd")
+                       ->check(CLI::Range(0, 7));
+    if (methodHasDefault) {
+        method->capture_default_str();
+    } else {
+        method->required();
+    }
+    command.add_option("-l,--level", options.level, "block size and effort: 0 32 KiB, 1 256 KiB, 2 512 KiB blocks")
+        ->check(CLI::Range(0, 2))
+        ->capture_default_str();
+}
+
+std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel) {
+    if (shape == StreamShape::Blocks && blockLevel >= 1 && blockLevel <= 7) return blockLevel;
+    if (shape == StreamShape::Blocks) return 7;
+    return 0;
+}
+
+std::string methodName(std::uint8_t method) {
+    switch (method) {
+        case 0:
+            return "Huffman byte stream";
+        case 1:
+            return "stored blocks";
+        case 2:
+            return "Huffman blocks";
+        case 3:
+            return "zlib";
+        case 4:
+            return "bzip2 over frames";
+        case 5:
+            return "bzip2";
+        case 6:
+            return "brotli";
+        case 7:
+            return "zstd";
+        default:
+            return fmt::format("method {}", method);
+    }
+}
+
+}  // namespace nvbtool

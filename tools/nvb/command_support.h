@@ -1,0 +1,31 @@
+#ifndef NVB_TOOL_COMMAND_SUPPORT_H
+#define NVB_TOOL_COMMAND_SUPPORT_H
+
+#include "nvb/log_io.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+namespace nvbtool {
+
+// Every reading command: the log, "-" for standard input, and how to read it.
+struct InputOptions {
+    std::string path;
+    ReadOptions read;
+};
+void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what);
+
+// Every writing command: where to, and how to compress.
+void addOutputOption(CLI::App& command, std::string& path, const std::string& what);
+void addMethodOptions(CLI::App& command, WriteOptions& options, bool methodHasDefault);
+
+// The compression method that wrote a log of this shape and level, for commands that
+// keep it: a byte stream is method 0, a block stream's level is its method.
+std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel);
+
+std::string methodName(std::uint8_t method);
+
+}  // namespace nvbtool
+
+#endif

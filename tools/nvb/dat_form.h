@@ -1,0 +1,35 @@
+#ifndef NVB_TOOL_DAT_FORM_H
+#define NVB_TOOL_DAT_FORM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace nvbtool {
+
+// The offset of the satellite count in the DAT form of record 27: behind the DAT header,
+// the epoch header length, the week, the time and the clock offset.
+inline constexpr std::size_t kRec27CountOffset = 4 + 1 + 2 + 8 + 4;
+
+// The length of a DAT record as its header tells it: byte 2 for types 0 to 2, bytes 1
+// and 2 for 12, 17, 27, 29, 101 and 102, byte 1 for every other type.
+std::size_t datLengthOf(std::span<const std::uint8_t, 4> header);
+
+// What the encoder needs to know of a record 27 in DAT form.
+struct EpochShape {
+    std::size_t satellites = 0;  // satellite entries that follow the epoch header
+    bool needsLongForm = false;  // something that the short delta form can't carry
+};
+
+// Walks the satellite and measurement blocks of a record 27 DAT form by their own
+// length bytes, as the parser does.
+EpochShape epochShapeOf(std::span<const std::uint8_t> dat);
+
+// Prepares a record 27 DAT form for the encoder: retrieval counts only the first
+// antenna's satellites in the byte where the parser takes the satellite count, so the
+// count is set to the entries that follow. Other types are left alone.
+EpochShape prepareEpochForEncoder(std::span<std::uint8_t> dat);
+
+}  // namespace nvbtool
+
+#endif

@@ -1,0 +1,539 @@
+#include "nvb/log_io.h"
+
+#include "nvb/dat_form.h"
+#include "nvb/status_text.h"
+
+#include "common/byte_sum.h"
+#include "stream/framing.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace nvbtool {
+
+void reportError(const std::string& file, const std::string& text) {
+    fmt::print(stderr, "nvb: {}: {}\n", file, text);
+}
+
+void reportErrorAt(const std::string& file, std::uint64_t offset, const std::string& text) {
+    fmt::print(stderr, "nvb: {}: byte {}: {}\n", file, offset, text);
+}
+
+void reportNote(bool quiet, const std::string& text) {
+    if (!quiet) fmt::print(stderr, "nvb: {}\n", text);
+}
+
+Input::Input(std::FILE* file, bool owned, std::string name, std::uint64_t size)
+    : file_(file), owned_(owned), name_(std::move(name)), size_(size) {}
+
+Input::~Input() {
+    if (owned_) std::fclose(file_);
+}
+
+std::unique_ptr<Input> Input::open(const std::string& name) {
+    if (name == "-") return std::unique_ptr<Input>(new Input(stdin, false, "standard input", 0));
+    struct stat info {};
+    if (stat(name.c_str(), &info) != 0) {
+        reportError(name, fmt::format("can't open: {}", std::strerror(errno)));
+        return nullptr;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        reportError(name, "can't open: is a directory");
+        return nullptr;
+    }
+    std::FILE* file = std::fopen(name.c_str(), "rb");
+    if (file == nullptr) {
+        reportError(name, fmt::format("can't open: {}", std::strerror(errno)));
+        return nullptr;
+    }
+    const std::uint64_t size = S_ISREG(info.st_mode) ? static_cast<std::uint64_t>(info.st_size) : 0;
+    return std::unique_ptr<Input>(new Input(file, true, name, size));
+}
+
+std::size_t Input::read(std::uint8_t* buffer, std::size_t capacity) {
+    const std::size_t count = std::fread(buffer, 1, capacity, file_);
+    if (count < capacity && std::ferror(file_) != 0 && !failed_) {
+        failed_ = true;
+        reportError(name_, fmt::format("read error: {}", std::strerror(errno)));
+    }
+    return count;
+}
+
+Output::Output(std::FILE* file, bool owned, std::string name) : file_(file), owned_(owned), name_(std::move(name)) {}
+
+Output::~Output() {
+    if (file_ != nullptr && owned_) std::fclose(file_);
+}
+
+namespace {
+
+bool sameFile(const std::string& first, const std::string& second) {
+    struct stat a {};
+    struct stat b {};
+    if (first == "-" || second == "-" || stat(first.c_str(), &a) != 0 || stat(second.c_str(), &b) != 0) return false;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace
+
+std::unique_ptr<Output> Output::open(const std::string& name, const std::string& inputName) {
+    if (!inputName.empty() && sameFile(name, inputName)) {
+        reportError(name, "is the input too; write to another file");
+        return nullptr;
+    }
+    if (name == "-") {
+        if (isatty(STDOUT_FILENO) == 1) {
+            reportError("standard output", "is a terminal; name a file with -o, or send it through a pipe");
+            return nullptr;
+        }
+        return std::unique_ptr<Output>(new Output(stdout, false, "standard output"));
+    }
+    std::FILE* file = std::fopen(name.c_str(), "wb");
+    if (file == nullptr) {
+        reportError(name, fmt::format("can't create: {}", std::strerror(errno)));
+        return nullptr;
+    }
+    return std::unique_ptr<Output>(new Output(file, true, name));
+}
+
+void Output::write(const std::uint8_t* bytes, std::size_t count) {
+    if (failed_ || count == 0) return;
+    if (std::fwrite(bytes, 1, count, file_) != count) {
+        failed_ = true;
+        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+        return;
+    }
+    bytes_ += count;
+}
+
+bool Output::close() {
+    if (file_ == nullptr) return !failed_;
+    const bool flushed = std::fflush(file_) == 0;
+    const bool closed = owned_ ? std::fclose(file_) == 0 : true;
+    file_ = nullptr;
+    if ((!flushed || !closed) && !failed_) {
+        failed_ = true;
+        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+    }
+    return !failed_;
+}
+
+std::string shapeText(StreamShape shape, bool nveMagic) {
+    switch (shape) {
+        case StreamShape::Empty:
+            return "empty";
+        case StreamShape::TooShort:
+            return "too short to be a log";
+        case StreamShape::PlainBytes:
+            return "byte stream of plain frames (NVA)";
+        case StreamShape::HuffmanBytes:
+            return "byte stream, Huffman coded (NVB)";
+        case StreamShape::Blocks:
+            return nveMagic ? "block stream (NVE)" : "block stream (NVB)";
+    }
+    return "unknown";
+}
+
+namespace {
+
+constexpr std::size_t kReadChunk = 1 << 16;
+// Room for the longest DAT form retrieval can write (its length is 16 bits).
+constexpr std::size_t kDatCapacity = 65536 + 64;
+constexpr std::size_t kShownEvents = 8;
+
+constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
+constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
+
+struct Detected {
+    StreamShape shape;
+    bool nve;
+};
+
+// The library tells block streams from byte streams by the first ten bytes; whether a
+// byte stream is Huffman coded it leaves to the host, so a stream that opens with a
+// whole plain frame is taken as plain.
+Detected detectShape(std::span<const std::uint8_t> head) {
+    if (head.empty()) return {StreamShape::Empty, false};
+    if (head.size() >= 10 && head[0] == 0 && head[1] == 0 && head[2] == 0) {
+        const auto magic = head.subspan(4, 6);
+        if (std::equal(magic.begin(), magic.end(), kFirstHeaderMagic.begin())) return {StreamShape::Blocks, false};
+        if (std::equal(magic.begin(), magic.end(), kNveHeaderMagic.begin())) return {StreamShape::Blocks, true};
+    }
+    if (head.size() >= 6 && head[0] == nvb::kStartByte) {
+        const std::uint8_t type = head[2];
+        const std::uint32_t length = nvb::addLengthExtension(type, head[1], head[3]);
+        if (length >= 6 && length <= nvb::kMaxFrameLength && length <= head.size()) {
+            if (nvb::isCompactType(type)) {
+                // A compact frame's trailer checks the frame it expands to; the next
+                // frame's start byte has to do.
+                if (length == head.size() || head[length] == nvb::kStartByte) return {StreamShape::PlainBytes, false};
+            } else if (nvb::byteSum(head.data(), length - 3) == nvb::readU16BigEndian(head.data() + length - 3)) {
+                return {StreamShape::PlainBytes, false};
+            }
+        }
+    }
+    return {StreamShape::HuffmanBytes, false};
+}
+
+}  // namespace
+
+std::span<std::uint8_t> DeliveredRecord::dat() {
+    if (!dat_) {
+        std::vector<std::uint8_t>& buffer = *buffer_;
+        std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
+        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
+        const std::size_t size =
+            std::min(datLengthOf(std::span<const std::uint8_t, 4>(buffer.data(), 4)), buffer.size());
+        dat_ = std::span<std::uint8_t>(buffer.data(), size);
+    }
+    return *dat_;
+}
+
+bool ReadSummary::unreadable() const {
+    return shape == StreamShape::Empty || shape == StreamShape::TooShort || refused || readError ||
+           (recordsDelivered == 0 && damaged());
+}
+
+LogReader::LogReader(Input& input, const ReadOptions& options)
+    : input_(input), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
+    if (state_ == nullptr) throw std::bad_alloc();
+    state_->descramble = options.descramble ? 1 : 0;
+}
+
+LogReader::~LogReader() {
+    nvbdll_FreeNVBStateHandle(state_);
+}
+
+ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler& onProgress) {
+    onRecord_ = &onRecord;
+    summary_ = ReadSummary{};
+    fed_ = 0;
+    std::vector<std::uint8_t> chunk(kReadChunk);
+    std::size_t count = input_.read(chunk.data(), chunk.size());
+    const Detected detected = detectShape(std::span<const std::uint8_t>(chunk.data(), count));
+    summary_.shape = detected.shape;
+    summary_.nveMagic = detected.nve;
+    const bool plain = detected.shape == StreamShape::PlainBytes;
+    while (count > 0) {
+        for (std::size_t i = 0; i < count; ++i) feed(chunk[i], plain);
+        if (onProgress) onProgress(fed_);
+        count = input_.read(chunk.data(), chunk.size());
+    }
+    finishSummary(plain);
+    onRecord_ = nullptr;
+    return summary_;
+}
+
+void LogReader::feed(std::uint8_t byte, bool plain) {
+    ++fed_;
+    std::uint8_t status = 0;
+    if (plain) {
+        const std::int32_t result = nvbdll_getNVARecordByByte(state_, byte, &status);
+        handle(result, status);
+        return;
+    }
+    std::uint8_t more = 0;
+    std::int32_t result = nvbdll_getNVBRecordByByte(state_, byte, &status, 1, &more);
+    handle(result, status);
+    while (more == 1) {
+        status = 0;
+        result = nvbdll_getNVBRecordByByte(state_, 0, &status, 0, &more);
+        handle(result, status);
+    }
+}
+
+void LogReader::handle(std::int32_t result, std::uint8_t status) {
+    const bool blocks = summary_.shape == StreamShape::Blocks;
+    const std::uint64_t at = fed_ - 1;
+    if (status == NVB_STATUS_HUFFMAN_END) {
+        ++summary_.endSymbols;
+    } else if (status == NVB_STATUS_READER_TOO_OLD) {
+        if (!summary_.refused) summary_.events.push_back(StatusEvent{status, at, -1, std::nullopt});
+        summary_.refused = true;
+    } else if (isDamageStatus(status)) {
+        StatusEvent event{status, at, -1, std::nullopt};
+        if (blocks && result > 0) event.unpackedOffset = fieldValue(state_->recordOffset);
+        summary_.events.push_back(event);
+    }
+    if (result <= 0 || (status != NVB_STATUS_OK && status != NVB_STATUS_RESYNCHRONISED)) return;
+
+    std::uint16_t type = 0;
+    std::uint8_t processStatus = 0;
+    const std::uint32_t length = nvbdll_processNVBRecord(state_, 0, &type, &processStatus);
+    const std::optional<std::uint32_t> unpacked =
+        blocks ? std::optional<std::uint32_t>(fieldValue(state_->recordOffset)) : std::nullopt;
+    if (processStatus != NVB_STATUS_OK) {
+        summary_.events.push_back(StatusEvent{processStatus, at, fieldValue(state_->currentType), unpacked});
+        return;
+    }
+    if (length == 0) {
+        ++summary_.recordsUndecoded;
+        return;
+    }
+    DeliveredRecord record;
+    record.type = type;
+    record.length = length;
+    record.offset = at;
+    record.unpackedOffset = unpacked;
+    record.state = state_;
+    record.buffer_ = &datBuffer_;
+    ++summary_.recordsDelivered;
+    (*onRecord_)(record);
+}
+
+void LogReader::finishSummary(bool plain) {
+    summary_.bytesRead = fed_;
+    summary_.readError = input_.failed();
+    if (fed_ == 0) {
+        summary_.shape = StreamShape::Empty;
+        return;
+    }
+    if (!plain && state_->detectPending != 0) {
+        summary_.shape = StreamShape::TooShort;
+        return;
+    }
+    if (summary_.refused) return;
+    if (summary_.shape == StreamShape::Blocks) {
+        if (state_->inputFill > 0) {
+            summary_.truncatedBytes = state_->inputFill;
+            summary_.truncatedAt = fed_ - std::min<std::uint64_t>(fed_, state_->inputFill);
+            // Still searching at the end: nothing behind the last damage could be read,
+            // not only the bytes the search kept.
+            summary_.lostFooting = state_->searching != 0;
+            if (summary_.lostFooting && !summary_.events.empty()) {
+                summary_.truncatedAt = std::min(*summary_.truncatedAt, summary_.events.back().offset + 1);
+                summary_.truncatedBytes = fed_ - *summary_.truncatedAt;
+            }
+        }
+        return;
+    }
+    const nvb_frame_assembly_t& assembly = state_->frameAssembly;
+    if (assembly.fill > 0 && assembly.bytes[0] == nvb::kStartByte) {
+        summary_.truncatedBytes = assembly.fill;
+        // Plain bytes stand in the assembly as they came; Huffman coded ones do not, so
+        // the end of the input is the best place to name.
+        summary_.truncatedAt = plain ? fed_ - std::min<std::uint64_t>(fed_, assembly.fill) : fed_;
+    }
+}
+
+int exitCodeOf(const ReadSummary& summary) {
+    if (summary.unreadable()) return 2;
+    if (summary.damaged()) return 1;
+    return 0;
+}
+
+void reportReadProblems(const ReadSummary& summary, const std::string& file) {
+    if (summary.shape == StreamShape::Empty) {
+        reportError(file, "is empty");
+        return;
+    }
+    if (summary.shape == StreamShape::TooShort) {
+        reportError(file, fmt::format("is too short to be a log ({} bytes)", summary.bytesRead));
+        return;
+    }
+    std::size_t shown = 0;
+    for (const StatusEvent& event : summary.events) {
+        if (shown == kShownEvents) break;
+        std::string text = statusText(event.status);
+        if (event.recordType >= 0) text += fmt::format(" (record type {})", event.recordType);
+        if (event.unpackedOffset) text += fmt::format(" (record at unpacked byte {})", *event.unpackedOffset);
+        reportErrorAt(file, event.offset, text);
+        ++shown;
+    }
+    if (summary.events.size() > shown) {
+        reportError(
+            file, fmt::format("{} more problems like these (nvb info lists them all)", summary.events.size() - shown));
+    }
+    if (summary.truncatedAt) {
+        const bool blocks = summary.shape == StreamShape::Blocks;
+        std::string text;
+        if (summary.lostFooting) {
+            text = fmt::format("no block could be read after the damage: {} bytes up to the end were lost",
+                               summary.truncatedBytes);
+        } else if (blocks) {
+            text = fmt::format("the log ends inside a block: its last {} bytes were not read", summary.truncatedBytes);
+        } else {
+            text = fmt::format("the log ends inside a record: {} bytes of it were lost", summary.truncatedBytes);
+        }
+        reportErrorAt(file, *summary.truncatedAt, text);
+    }
+    if (summary.refused) return;
+    if (summary.damaged()) {
+        if (summary.recordsDelivered == 0) {
+            reportError(file, "no record could be read");
+        } else {
+            reportError(file, fmt::format("damage met; {} records were read around it", summary.recordsDelivered));
+        }
+    }
+}
+
+namespace {
+
+// Sizes of the 38 structures that a host allocates for an encode state, by slot.
+constexpr std::array<std::size_t, 38> kSlotSizes = {
+    4,   252, 78,  78,  78,  202,   106, 160, 118, 20,  5,  86,  142,  832, 120, 250,  1937, 259, 264,
+    186, 213, 104, 204, 139, 22021, 214, 571, 343, 260, 99, 464, 1254, 196, 187, 1032, 4103, 42,  833,
+};
+// The slots that nvbdll_freeEncodeState deletes itself; the host frees the others.
+constexpr std::array<std::size_t, 19> kLibraryFreedSlots = {0,  6,  12, 13, 14, 15, 16, 17, 19, 22,
+                                                            23, 24, 25, 26, 27, 28, 33, 34, 35};
+// The NVE form: rollover ranges and three-byte range differences in measFlags2.
+constexpr std::uint32_t kNveFileFormat = 5;
+
+bool freedByLibrary(std::size_t slot) {
+    return std::find(kLibraryFreedSlots.begin(), kLibraryFreedSlots.end(), slot) != kLibraryFreedSlots.end();
+}
+
+bool isThinnedType(std::uint8_t type) {
+    return type == 11 || type == 17 || type == 27 || type == 29;
+}
+
+}  // namespace
+
+LogWriter::LogWriter(Output& output, const WriteOptions& options)
+    : output_(output), options_(options), state_(new nvb_encode_t()) {
+    nvbdll_initDATEncodeState(state_);
+    void** slots = reinterpret_cast<void**>(&state_->records);
+    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
+        slots[slot] = ::operator new(kSlotSizes[slot]);
+        std::memset(slots[slot], 0, kSlotSizes[slot]);
+    }
+    state_->fileFormat = kNveFileFormat;
+    state_->compressionMethod = static_cast<std::uint8_t>(options.method);
+    state_->compressionLevel = static_cast<std::uint8_t>(options.level);
+    state_->explicitLevel = 0;
+    state_->measurementInterval = options.measurementInterval;
+    state_->positionInterval = options.positionInterval;
+    state_->writeCallback = &LogWriter::written;
+    state_->writeContext = this;
+}
+
+LogWriter::~LogWriter() {
+    void** slots = reinterpret_cast<void**>(&state_->records);
+    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
+        if (!freedByLibrary(slot)) ::operator delete(slots[slot]);
+    }
+    nvbdll_freeEncodeState(state_);
+}
+
+void LogWriter::written(const std::uint8_t* buffer, std::uint32_t length, void* context) {
+    static_cast<LogWriter*>(context)->output_.write(buffer, length);
+}
+
+void LogWriter::put(std::span<std::uint8_t> dat) {
+    ++summary_.recordsIn;
+    // The parser reads as far as the header announces, so a record must hold that much.
+    if (dat.size() < 4 || datLengthOf(std::span<const std::uint8_t, 4>(dat.data(), 4)) > dat.size()) {
+        ++summary_.refusedByType[-1];
+        return;
+    }
+    const std::uint8_t type = dat[3];
+    bool longEpoch = false;
+    if (type == 27) {
+        // The true satellite count goes where retrieval left the first antenna's count,
+        // and the epoch takes the long delta form when the short one would lose a flag
+        // byte, a range rollover or a wide range difference.
+        longEpoch = prepareEpochForEncoder(dat).needsLongForm;
+        state_->epochForceLong = longEpoch ? 1 : 0;
+    }
+    const std::uint32_t before = state_->recordCount;
+    std::uint8_t status = 0;
+    nvbdll_processDATRecord(state_, dat.data(), &status);
+    if (status != NVB_STATUS_OK) summary_.failures.push_back(status);
+    if (state_->recordCount != before) {
+        ++summary_.recordsWritten;
+        if (type == 27 || type == 17) ++summary_.epochsWritten;
+        if (longEpoch) ++summary_.longEpochs;
+    } else if (isThinnedType(type) &&
+               ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
+        ++summary_.thinned;
+    } else {
+        ++summary_.refusedByType[type];
+    }
+}
+
+void LogWriter::finish() {
+    if (finished_) return;
+    finished_ = true;
+    nvbdll_finalizeDATProcessing(state_);
+}
+
+bool reportWriteProblems(const WriteSummary& summary, const std::string& file) {
+    bool complete = true;
+    for (const auto& [type, count] : summary.refusedByType) {
+        if (type < 0) {
+            reportError(file, fmt::format("{} records shorter than their headers say were left out", count));
+        } else {
+            reportError(file,
+                        fmt::format("{} records of type {} were left out: the writer can't take them", count, type));
+        }
+        complete = false;
+    }
+    if (!summary.failures.empty()) {
+        reportError(file, fmt::format("the encoder failed {} times, first with: {}", summary.failures.size(),
+                                      statusText(summary.failures.front())));
+        complete = false;
+    }
+    return complete;
+}
+
+DatReader::DatReader(Input& input) : input_(input), buffer_(kReadChunk * 2) {}
+
+bool DatReader::fill(std::size_t wanted) {
+    while (end_ - begin_ < wanted && !atEnd_) {
+        if (begin_ > 0) {
+            std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+            end_ -= begin_;
+            begin_ = 0;
+        }
+        if (buffer_.size() - end_ < kReadChunk) buffer_.resize(end_ + kReadChunk);
+        const std::size_t count = input_.read(buffer_.data() + end_, buffer_.size() - end_);
+        if (count == 0) atEnd_ = true;
+        end_ += count;
+    }
+    return end_ - begin_ >= wanted;
+}
+
+bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
+    if (problem_) return false;
+    if (!fill(4)) {
+        if (end_ > begin_) {
+            problem_ = fmt::format("the input ends inside a DAT header ({} bytes)", end_ - begin_);
+            problemOffset_ = consumed_;
+        }
+        return false;
+    }
+    const std::uint8_t* header = buffer_.data() + begin_;
+    if (header[0] != 0x74) {
+        problem_ = fmt::format("not a DAT record: it starts with 0x{:02X} where 0x74 belongs", header[0]);
+        problemOffset_ = consumed_;
+        return false;
+    }
+    const std::size_t length = datLengthOf(std::span<const std::uint8_t, 4>(header, 4));
+    if (length < 4) {
+        problem_ = fmt::format("impossible DAT length {} for a record of type {}", length, header[3]);
+        problemOffset_ = consumed_;
+        return false;
+    }
+    if (!fill(length)) {
+        problem_ = fmt::format("the input ends inside a record of type {}: {} of its {} bytes are there",
+                               buffer_[begin_ + 3], end_ - begin_, length);
+        problemOffset_ = consumed_;
+        return false;
+    }
+    record.assign(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
+                  buffer_.begin() + static_cast<std::ptrdiff_t>(begin_ + length));
+    offset = consumed_;
+    consumed_ += length;
+    begin_ += length;
+    return true;
+}
+
+}  // namespace nvbtool

@@ -1,0 +1,252 @@
+#ifndef NVB_TOOL_LOG_IO_H
+#define NVB_TOOL_LOG_IO_H
+
+#include <nvbdll/nvbdll.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace nvbtool {
+
+// Fields of the library's packed structures are read by value: nothing may bind to them.
+template <class T>
+T fieldValue(T field) {
+    return field;
+}
+
+// Messages on standard error, each starting with the program's name and the file.
+void reportError(const std::string& file, const std::string& text);
+void reportErrorAt(const std::string& file, std::uint64_t offset, const std::string& text);
+// A line about what a command did; --quiet silences it.
+void reportNote(bool quiet, const std::string& text);
+
+// An input named on the command line: a file, or "-" for standard input.
+class Input {
+public:
+    // Reports the failure and returns null when the input can't be opened.
+    static std::unique_ptr<Input> open(const std::string& name);
+    ~Input();
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+
+    // Fills `buffer` as far as the input allows; 0 at the end (or on a read error, which
+    // failed() then tells).
+    std::size_t read(std::uint8_t* buffer, std::size_t capacity);
+    bool failed() const { return failed_; }
+    // The name for messages: the path, or "standard input".
+    const std::string& name() const { return name_; }
+    // The size of a regular file, 0 for a pipe.
+    std::uint64_t size() const { return size_; }
+
+private:
+    Input(std::FILE* file, bool owned, std::string name, std::uint64_t size);
+    std::FILE* file_;
+    bool owned_;
+    bool failed_ = false;
+    std::string name_;
+    std::uint64_t size_;
+};
+
+// An output named on the command line: a file, or "-" for standard output.
+class Output {
+public:
+    // Reports the failure and returns null when the output can't be opened; binary
+    // output is not sent to a terminal, nor over the input it is made from.
+    static std::unique_ptr<Output> open(const std::string& name, const std::string& inputName = "");
+    ~Output();
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    void write(const std::uint8_t* bytes, std::size_t count);
+    // Flushes and closes; reports and returns false when anything failed to be written.
+    bool close();
+    std::uint64_t bytes() const { return bytes_; }
+    bool failed() const { return failed_; }
+    const std::string& name() const { return name_; }
+
+private:
+    Output(std::FILE* file, bool owned, std::string name);
+    std::FILE* file_;
+    bool owned_;
+    bool failed_ = false;
+    std::uint64_t bytes_ = 0;
+    std::string name_;
+};
+
+enum class StreamShape : std::uint8_t {
+    Empty,         // no byte at all
+    TooShort,      // fewer bytes than stream detection needs
+    PlainBytes,    // frames one after another (NVA)
+    HuffmanBytes,  // frames through the static Huffman code (NVB)
+    Blocks,        // header block and compressed blocks (NVB or NVE)
+};
+
+std::string shapeText(StreamShape shape, bool nveMagic);
+
+struct ReadOptions {
+    bool descramble = false;  // undo the scrambling of bzip2 blocks
+};
+
+// A status met while reading, where it was met.
+struct StatusEvent {
+    std::uint8_t status = 0;
+    std::uint64_t offset = 0;                     // input byte at which the reader reported it
+    std::int32_t recordType = -1;                 // the record's type for a status of the decoding step
+    std::optional<std::uint32_t> unpackedOffset;  // the record's offset among the unpacked records of a block stream
+};
+
+// A record that the reader delivered; the structure of its type in the state holds it.
+class DeliveredRecord {
+public:
+    std::uint16_t type = 0;
+    std::uint32_t length = 0;  // DAT length reported by the decoding step
+    std::uint64_t offset = 0;  // input byte at which the record came out
+    std::optional<std::uint32_t> unpackedOffset;
+    nvb_expand_t* state = nullptr;
+
+    // The DAT form, as long as its header says. Retrieval packs the system bytes of a
+    // record 27 in place, so whoever reads the structure does so before calling this.
+    std::span<std::uint8_t> dat();
+
+private:
+    friend class LogReader;
+    std::vector<std::uint8_t>* buffer_ = nullptr;
+    std::optional<std::span<std::uint8_t>> dat_;
+};
+
+struct ReadSummary {
+    StreamShape shape = StreamShape::Empty;
+    bool nveMagic = false;
+    std::uint64_t bytesRead = 0;
+    std::uint64_t recordsDelivered = 0;
+    std::uint64_t recordsUndecoded = 0;  // found but of a type this reader does not decode, or empty
+    std::uint64_t endSymbols = 0;
+    std::vector<StatusEvent> events;  // statuses that tell of damage
+    bool refused = false;             // the header asks for a newer reader
+    bool readError = false;
+    std::optional<std::uint64_t> truncatedAt;  // first byte of an unfinished block or record at the end
+    std::uint64_t truncatedBytes = 0;
+    bool lostFooting = false;  // the unread bytes at the end lie behind damage, not in a cut block
+
+    bool damaged() const { return !events.empty() || truncatedAt.has_value(); }
+    bool unreadable() const;
+};
+
+// Reads a log with an expand state at its defaults (Doppler rebuilt where the wire has
+// none, system numbers mapped), byte by byte, so that every status and record is placed
+// at the input byte where it came out.
+class LogReader {
+public:
+    using RecordHandler = std::function<void(DeliveredRecord&)>;
+    using ProgressHandler = std::function<void(std::uint64_t bytesRead)>;
+
+    LogReader(Input& input, const ReadOptions& options);
+    ~LogReader();
+    LogReader(const LogReader&) = delete;
+    LogReader& operator=(const LogReader&) = delete;
+
+    ReadSummary run(const RecordHandler& onRecord, const ProgressHandler& onProgress = {});
+    // The state during and after run(): header fields, stream level.
+    const nvb_expand_t& state() const { return *state_; }
+    // Known from the first bytes on.
+    StreamShape shape() const { return summary_.shape; }
+
+private:
+    void feed(std::uint8_t byte, bool plain);
+    void handle(std::int32_t result, std::uint8_t status);
+    void finishSummary(bool plain);
+
+    Input& input_;
+    nvb_expand_t* state_;
+    ReadSummary summary_;
+    const RecordHandler* onRecord_ = nullptr;
+    std::vector<std::uint8_t> datBuffer_;
+    std::uint64_t fed_ = 0;
+};
+
+// The exit code that a read earns: 2 when nothing could be read, 1 when damage was met
+// and reading went on, 0 when clean.
+int exitCodeOf(const ReadSummary& summary);
+// Tells on standard error what went wrong while reading, a few lines at most.
+void reportReadProblems(const ReadSummary& summary, const std::string& file);
+
+struct WriteOptions {
+    int method = 7;                 // compressionMethod, 0 to 7
+    int level = 0;                  // compressionLevel, 0 to 2
+    float measurementInterval = 0;  // s; above 0 thins epochs
+    float positionInterval = 0;     // s; above 0 thins positions
+};
+
+struct WriteSummary {
+    std::uint64_t recordsIn = 0;
+    std::uint64_t recordsWritten = 0;
+    std::uint64_t epochsWritten = 0;  // records 27 and 17
+    std::uint64_t longEpochs = 0;     // records 27 that needed the long delta form
+    std::uint64_t thinned = 0;
+    std::map<int, std::uint64_t> refusedByType;
+    std::vector<std::uint8_t> failures;  // statuses of the encoder
+};
+
+// Writes DAT records through an encode state into an output. The NVE form is used,
+// which carries range rollovers and wide range differences; each epoch takes the long
+// delta form only when the short one can't carry it.
+class LogWriter {
+public:
+    LogWriter(Output& output, const WriteOptions& options);
+    ~LogWriter();
+    LogWriter(const LogWriter&) = delete;
+    LogWriter& operator=(const LogWriter&) = delete;
+
+    // One DAT record. A record 27 gets its true satellite count first (dat_form.h), so
+    // its bytes may change.
+    void put(std::span<std::uint8_t> dat);
+    void finish();
+    const WriteSummary& summary() const { return summary_; }
+
+private:
+    static void written(const std::uint8_t* buffer, std::uint32_t length, void* context);
+    Output& output_;
+    WriteOptions options_;
+    nvb_encode_t* state_;
+    WriteSummary summary_;
+    bool finished_ = false;
+};
+
+// Tells on standard error what the writer left out or failed on; returns false when
+// the output is not what was asked for.
+bool reportWriteProblems(const WriteSummary& summary, const std::string& file);
+
+// DAT records back to back, each as long as its header says.
+class DatReader {
+public:
+    explicit DatReader(Input& input);
+    // The next record and its offset; false at the end, or at a record that can't be
+    // read, which problem() then tells.
+    bool next(std::vector<std::uint8_t>& record, std::uint64_t& offset);
+    const std::optional<std::string>& problem() const { return problem_; }
+    std::uint64_t problemOffset() const { return problemOffset_; }
+    std::uint64_t bytesRead() const { return consumed_; }
+
+private:
+    bool fill(std::size_t wanted);
+    Input& input_;
+    std::vector<std::uint8_t> buffer_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::uint64_t consumed_ = 0;
+    bool atEnd_ = false;
+    std::optional<std::string> problem_;
+    std::uint64_t problemOffset_ = 0;
+};
+
+}  // namespace nvbtool
+
+#endif

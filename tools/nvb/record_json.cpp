@@ -1,0 +1,241 @@
+#include "nvb/record_json.h"
+
+#include "nvb/gnss_names.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace nvbtool {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+template <class T>
+T value(T field) {
+    return fieldValue(field);
+}
+
+// A single goes out with the digits that tell it apart, not those of its double.
+double value(float field) {
+    return std::strtod(fmt::format("{}", field).c_str(), nullptr);
+}
+
+std::string hexOf(std::span<const std::uint8_t> bytes) {
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (const std::uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
+    return text;
+}
+
+json clockJson(const ClockSystemBlock& clock) {
+    json out;
+    out["referenceSystem"] = value(clock.referenceSystem);
+    json terms = json::array();
+    for (std::size_t i = 0; i < std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS); ++i) {
+        terms.push_back({{"system", value(clock.rt_clktype[i])}, {"offset", value(clock.systemClockOffset[i])}});
+    }
+    out["terms"] = terms;
+    return out;
+}
+
+void addRec27(json& out, const Rec27& rec) {
+    out["week"] = value(rec.weekNum);
+    out["time"] = value(rec.receiveTime);
+    out["clkOffset"] = value(rec.clkOffset);
+    out["epochFlags"] = value(rec.epochFlags);
+    if ((rec.epochFlags & 0x02) != 0) out["clkDrift"] = value(rec.clkDrift);
+    if ((rec.epochFlags & 0x10) != 0) out["raimFault"] = value(rec.raimFault);
+    if ((rec.epochFlags & 0x20) != 0) out["clock"] = clockJson(rec.clock);
+    json satellites = json::array();
+    for (std::size_t i = 0; i < std::min<std::size_t>(rec.nSv, NVB_MAX_SV); ++i) {
+        const Rec27Sv& sv = rec.sv[i];
+        json satellite;
+        satellite["sv"] = satelliteName(sv.rt_sattype, sv.svId);
+        satellite["system"] = value(sv.rt_sattype);
+        satellite["svId"] = value(sv.svId);
+        satellite["antenna"] = value(sv.antennaNumber);
+        satellite["channel"] = value(sv.channel);
+        satellite["elevation"] = value(sv.elevation);
+        satellite["azimuth"] = value(sv.azimuth);
+        satellite["svFlags"] = value(sv.svFlags);
+        if ((sv.svFlags & 0x80) != 0) satellite["svFlags2"] = value(sv.svFlags2);
+        json signals = json::array();
+        for (std::size_t j = 0; j < std::min<std::size_t>(sv.nMeas, NVB_MAX_MEAS); ++j) {
+            const Rec27Meas& meas = sv.meas[j];
+            json signal;
+            signal["band"] = value(meas.blockType);
+            signal["track"] = value(meas.trackType);
+            signal["snr"] = value(meas.snr) / 10.0;
+            signal["range"] = value(meas.range);
+            signal["phase"] = value(meas.phase);
+            if ((meas.measFlags1 & 0x04) != 0) signal["doppler"] = value(meas.doppler);
+            signal["slipCount"] = value(meas.slipCount);
+            signal["measFlags1"] = value(meas.measFlags1);
+            if ((meas.measFlags1 & 0x80) != 0) signal["measFlags2"] = value(meas.measFlags2);
+            if ((meas.measFlags2 & 0x80) != 0) signal["measFlags3"] = value(meas.measFlags3);
+            signals.push_back(signal);
+        }
+        satellite["signals"] = signals;
+        satellites.push_back(satellite);
+    }
+    out["satellites"] = satellites;
+}
+
+void addRec29(json& out, const Rec29& rec) {
+    out["week"] = value(rec.week);
+    out["time"] = value(rec.time);
+    out["positionValid"] = value(rec.positionValid);
+    out["numSVs"] = value(rec.numSVs);
+    out["numSVsUsed"] = value(rec.numSVsUsed);
+    out["raimInfo"] = value(rec.raimInfo);
+    out["posFlags"] = value(rec.posFlags);
+    out["fixMode"] = value(rec.fixMode);
+    out["fixType"] = value(rec.fixType);
+    out["fixInfo"] = value(rec.fixInfo);
+    out["latitude"] = value(rec.latPos);
+    out["longitude"] = value(rec.lonPos);
+    out["height"] = value(rec.hgtPos);
+    out["velocity"] = {value(rec.latVel), value(rec.lonVel), value(rec.hgtVel)};
+    out["clkOffset"] = value(rec.clkOffset);
+    out["clkDrift"] = value(rec.clkDrift);
+    out["pdop"] = value(rec.pdop);
+    out["hdop"] = value(rec.hdop);
+    out["vdop"] = value(rec.vdop);
+    out["tdop"] = value(rec.tdop);
+    out["sigma"] = {value(rec.sigmaN), value(rec.sigmaE), value(rec.sigmaU)};
+    out["rms"] = value(rec.rms);
+    out["unitVariance"] = value(rec.unitVariance);
+    if (rec.fixType >= 3 && rec.fixType <= 6) {
+        out["correction"] = {
+            {"info", value(rec.corrInfo)}, {"age", value(rec.corrAge)}, {"flags", value(rec.corrFlags)}};
+    }
+    if ((rec.posFlags & 0x02) != 0) {
+        out["aux"] = {{"a", value(rec.auxValueA)}, {"b", value(rec.auxValueB)}, {"status", value(rec.auxStatus)}};
+    }
+    if ((rec.posFlags & 0x10) != 0) out["clock"] = clockJson(rec.clock);
+    json satellites = json::array();
+    for (std::size_t i = 0; i < std::min<std::size_t>(rec.numSVs, NVB_MAX_SV); ++i) {
+        const Rec29SvEntry& entry = rec.sv[i];
+        satellites.push_back({{"sv", satelliteName(entry.rt_sattype, entry.svId)}, {"flags", value(entry.flags)}});
+    }
+    out["satellites"] = satellites;
+}
+
+void addRec17(json& out, const Rec17& rec) {
+    out["time"] = value(rec.receiveTime);
+    out["clkOffset"] = value(rec.clkOffset);
+    json satellites = json::array();
+    for (std::size_t i = 0; i < std::min<std::size_t>(rec.nSv, NVB_REC17_MAX_SV); ++i) {
+        const Rec17Sv& sv = rec.sv[i];
+        json satellite = {
+            {"svId", value(sv.svId)},           {"svFlags", value(sv.svFlags)}, {"svFlags2", value(sv.svFlags2)},
+            {"elevation", value(sv.elevation)}, {"azimuth", value(sv.azimuth)}, {"snr", value(sv.snr)},
+            {"range", value(sv.range)},         {"phase", value(sv.phase)},     {"doppler", value(sv.doppler)}};
+        if ((sv.svFlags & 0x01) != 0) {
+            satellite["snr2"] = value(sv.snr2);
+            satellite["phase2"] = value(sv.phase2);
+            satellite["rangeDiff2"] = value(sv.rangeDiff2);
+        }
+        satellites.push_back(satellite);
+    }
+    out["satellites"] = satellites;
+}
+
+void addRec11(json& out, const Rec11& rec) {
+    out["time"] = value(rec.time);
+    out["latitude"] = value(rec.latitude) * 180.0;
+    out["longitude"] = value(rec.longitude) * 180.0;
+    out["height"] = value(rec.height);
+    out["clockOffset"] = value(rec.clockOffset);
+    out["clockDrift"] = value(rec.clockDrift);
+    out["pdop"] = value(rec.pdop);
+    out["velocity"] = {value(rec.velocity1), value(rec.velocity2), value(rec.velocity3)};
+    out["fixStatus"] = value(rec.fixStatus);
+    const std::size_t count = std::min<std::size_t>(rec.nSv, NVB_REC11_MAX_SV);
+    out["channels"] = std::vector<std::uint8_t>(rec.lists, rec.lists + count);
+    out["satellites"] = std::vector<std::uint8_t>(rec.lists + count, rec.lists + 2 * count);
+}
+
+// Types whose DAT header holds a subtype in byte 2 rather than a length byte.
+bool headerHoldsSubtype(std::uint16_t type) {
+    return !(type <= 2 || type == 12 || type == 17 || type == 27 || type == 29 || type == 101 || type == 102);
+}
+
+std::string scalarText(const json& field) {
+    if (field.is_string()) return field.get<std::string>();
+    if (field.is_number_float()) return fmt::format("{}", field.get<double>());
+    return field.dump();
+}
+
+void appendText(std::string& text, const json& field);
+
+void appendObject(std::string& text, const json& object, bool braces) {
+    if (braces) text += '{';
+    bool first = true;
+    for (const auto& [key, field] : object.items()) {
+        if (!first) text += ' ';
+        first = false;
+        text += key;
+        text += '=';
+        appendText(text, field);
+    }
+    if (braces) text += '}';
+}
+
+void appendText(std::string& text, const json& field) {
+    if (field.is_object()) {
+        appendObject(text, field, true);
+    } else if (field.is_array()) {
+        text += '[';
+        for (std::size_t i = 0; i < field.size(); ++i) {
+            if (i > 0) text += ' ';
+            appendText(text, field[i]);
+        }
+        text += ']';
+    } else {
+        text += scalarText(field);
+    }
+}
+
+}  // namespace
+
+json recordJson(DeliveredRecord& record) {
+    json out;
+    out["type"] = record.type;
+    out["offset"] = record.offset;
+    if (record.unpackedOffset) out["unpackedOffset"] = *record.unpackedOffset;
+    out["length"] = record.length;
+    const nvb_record_table_t& records = record.state->records;
+    switch (record.type) {
+        case 27:
+            addRec27(out, *records.rec27);
+            break;
+        case 29:
+            addRec29(out, *records.rec29);
+            break;
+        case 17:
+            addRec17(out, *records.rec17);
+            break;
+        case 11:
+            addRec11(out, *records.rec11);
+            break;
+        default: {
+            const auto dat = record.dat();
+            if (dat.size() >= 4 && headerHoldsSubtype(record.type)) out["subtype"] = dat[2];
+            out["hex"] = hexOf(dat.size() > 4 ? dat.subspan(4) : std::span<const std::uint8_t>());
+            break;
+        }
+    }
+    return out;
+}
+
+std::string recordText(const json& fields) {
+    std::string text;
+    appendObject(text, fields, false);
+    return text;
+}
+
+}  // namespace nvbtool

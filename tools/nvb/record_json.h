@@ -1,0 +1,22 @@
+#ifndef NVB_TOOL_RECORD_JSON_H
+#define NVB_TOOL_RECORD_JSON_H
+
+#include "nvb/log_io.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace nvbtool {
+
+// The decoded fields of a delivered record: epochs 27 and 17 and positions 29 and 11
+// field by field, every other type as its DAT body in hex. Reads the structure before
+// the DAT form is taken.
+nlohmann::ordered_json recordJson(DeliveredRecord& record);
+
+// One line of text for the same fields: key=value pairs, lists in brackets.
+std::string recordText(const nlohmann::ordered_json& fields);
+
+}  // namespace nvbtool
+
+#endif
