@@ -1,76 +1,72 @@
 #include <nvbdll/compact_steps.h>
 
+#include "external/su/delta_epoch.h"
 #include "external/su/obs_codec.h"
 #include "external/su/position_codec.h"
+#include "external/su/reference_epoch.h"
 #include "external/su/solution_codec.h"
 
 namespace {
 
-// A status pointer the host left null still gets a place to land.
-std::uint8_t& statusOf(std::uint8_t* status, std::uint8_t& fallback) {
+// Every single step clears the host's status byte, which may be null, and does nothing
+// without a state; the step's own status is both written there and returned.
+template <typename Step>
+std::uint8_t runStep(nvb_expand_t* state, std::uint8_t* status, Step step) {
+    std::uint8_t fallback = 0;
     std::uint8_t& out = status != nullptr ? *status : fallback;
     out = 0;
-    return out;
+    if (state == nullptr) return 0;
+    return step(*state, out);
 }
 
 }  // namespace
 
 extern "C" {
 
+NVBDLL_API uint8_t nvbdll_processType37(nvb_expand_t* state, uint8_t* status, uint8_t framed, uint8_t isType36) {
+    return runStep(state, status, [=](nvb_expand_t& s, std::uint8_t& out) {
+        return nvb::processType37(s, out, framed != 0, isType36 != 0);
+    });
+}
+
+NVBDLL_API uint8_t nvbdll_processType38(nvb_expand_t* state, uint8_t* status) {
+    return runStep(state, status, nvb::processType38);
+}
+
 NVBDLL_API uint8_t nvbdll_processType54(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType54(*state, out, framed != 0);
+    return runStep(state, status, [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType54(s, out, framed != 0); });
 }
 
 NVBDLL_API uint8_t nvbdll_processType55(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType55(*state, out, framed != 0);
+    return runStep(state, status, [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType55(s, out, framed != 0); });
 }
 
 NVBDLL_API uint8_t nvbdll_processType56(nvb_expand_t* state, uint8_t* status) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType56(*state, out);
+    return runStep(state, status, nvb::processType56);
 }
 
 NVBDLL_API uint8_t nvbdll_processType57(nvb_expand_t* state, uint8_t* status) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType57(*state, out);
+    return runStep(state, status, nvb::processType57);
 }
 
 NVBDLL_API uint8_t nvbdll_processType66_74(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType66_74(*state, out, framed != 0);
+    return runStep(state, status,
+                   [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType66_74(s, out, framed != 0); });
 }
 
 NVBDLL_API uint8_t nvbdll_processType67_75(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType67_75(*state, out, framed != 0);
+    return runStep(state, status,
+                   [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType67_75(s, out, framed != 0); });
 }
 
 NVBDLL_API uint8_t nvbdll_processType68_76(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType68_76(*state, out, framed != 0);
+    return runStep(state, status,
+                   [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType68_76(s, out, framed != 0); });
 }
 
 NVBDLL_API uint8_t nvbdll_processType69_77(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
-    std::uint8_t fallback = 0;
-    std::uint8_t& out = statusOf(status, fallback);
-    if (state == nullptr) return 0;
-    return nvb::processType69_77(*state, out, framed != 0);
+    return runStep(state, status,
+                   [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType69_77(s, out, framed != 0); });
 }
 
 }  // extern "C"
