@@ -2,6 +2,7 @@
 #include "common/diagnostics.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/obs_codec.h"
+#include "support/compact_codec.h"
 #include "support/compact_records_sequence.h"
 
 #include <nvbdll/nvbdll.h>
@@ -20,44 +21,21 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::exactCopy;
 
-struct Codec {
-    std::unique_ptr<nvb_encode_t> encoder = std::make_unique<nvb_encode_t>();
-    std::unique_ptr<nvb_expand_t> reader = std::make_unique<nvb_expand_t>();
-    Codec() { encoder->lastObsReferenceTime = 0xFFFFFFFF; }
-
-    Bytes encode(const Bytes& plain) {
-        auto in = std::make_unique<nvb_frame_t>();
-        auto out = std::make_unique<nvb_frame_t>();
-        std::memcpy(in->data, plain.data(), plain.size());
-        in->length = static_cast<std::uint16_t>(plain.size());
-        const std::uint16_t length = compressRec17Frame(*encoder, *in, *out);
-        return Bytes(out->data, out->data + length);
+std::uint8_t obsStep(nvb_expand_t* state, std::uint8_t type, bool framed, std::uint8_t* status) {
+    switch (type) {
+        case 66: case 74: return nvbdll_processType66_74(state, status, framed);
+        case 67: case 75: return nvbdll_processType67_75(state, status, framed);
+        case 68: case 76: return nvbdll_processType68_76(state, status, framed);
+        default: return nvbdll_processType69_77(state, status, framed);
     }
+}
 
-    std::uint8_t expand(const Bytes& compact, bool framed, Bytes& plain) {
-        std::memset(&reader->frame, 0, sizeof reader->frame);
-        std::memcpy(reader->frame.data, compact.data(), compact.size());
-        reader->frame.length = static_cast<std::uint16_t>(compact.size());
-        std::uint8_t status = 0xEE;
-        std::uint8_t result = 0;
-        switch (compact[2]) {
-        case 66: case 74: result = nvbdll_processType66_74(reader.get(), &status, framed); break;
-        case 67: case 75: result = nvbdll_processType67_75(reader.get(), &status, framed); break;
-        case 68: case 76: result = nvbdll_processType68_76(reader.get(), &status, framed); break;
-        default: result = nvbdll_processType69_77(reader.get(), &status, framed); break;
-        }
-        EXPECT_EQ(result, status);
-        plain.assign(reader->plainFrame.data, reader->plainFrame.data + reader->plainFrame.length);
-        return status;
-    }
+struct Codec : nvbtest::CompactCodec {
+    Codec() : CompactCodec(compressRec17Frame, obsStep) {}
 };
 
-std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes) {
-    auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    return copy;
-}
 
 std::uint32_t timeOf(const Bytes& record) {
     return (std::uint32_t{record[3]} << 24) | (record[4] << 16) | (record[5] << 8) | record[6];

@@ -1,5 +1,6 @@
 #include "external/su/compact_compressors.h"
 #include "external/su/position_codec.h"
+#include "support/compact_codec.h"
 #include "support/compact_records_sequence.h"
 
 #include <nvbdll/nvbdll.h>
@@ -17,41 +18,17 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::exactCopy;
 
-struct Codec {
-    std::unique_ptr<nvb_encode_t> encoder = std::make_unique<nvb_encode_t>();
-    std::unique_ptr<nvb_expand_t> reader = std::make_unique<nvb_expand_t>();
-    Codec() { encoder->lastPositionReferenceTime = 0xFFFFFFFF; }
+std::uint8_t positionStep(nvb_expand_t* state, std::uint8_t type, bool framed, std::uint8_t* status) {
+    return type == kTypePositionDelta ? nvbdll_processType54(state, status, framed)
+                                      : nvbdll_processType55(state, status, framed);
+}
 
-    Bytes encode(const Bytes& plain) {
-        auto in = std::make_unique<nvb_frame_t>();
-        auto out = std::make_unique<nvb_frame_t>();
-        std::memcpy(in->data, plain.data(), plain.size());
-        in->length = static_cast<std::uint16_t>(plain.size());
-        const std::uint16_t length = compressRec11Frame(*encoder, *in, *out);
-        return Bytes(out->data, out->data + length);
-    }
-
-    // Expands through the exported single steps, as a host with its own dispatch would.
-    std::uint8_t expand(const Bytes& compact, bool framed, Bytes& plain) {
-        std::memset(&reader->frame, 0, sizeof reader->frame);
-        std::memcpy(reader->frame.data, compact.data(), compact.size());
-        reader->frame.length = static_cast<std::uint16_t>(compact.size());
-        std::uint8_t status = 0xEE;
-        const std::uint8_t result = compact[2] == kTypePositionDelta
-                                        ? nvbdll_processType54(reader.get(), &status, framed)
-                                        : nvbdll_processType55(reader.get(), &status, framed);
-        EXPECT_EQ(result, status);
-        plain.assign(reader->plainFrame.data, reader->plainFrame.data + reader->plainFrame.length);
-        return status;
-    }
+struct Codec : nvbtest::CompactCodec {
+    Codec() : CompactCodec(compressRec11Frame, positionStep) {}
 };
 
-std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes) {
-    auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    return copy;
-}
 
 std::vector<Bytes> realisticPositions(std::size_t count, long backAt = -1) {
     nvbtest::SequenceShape shape;

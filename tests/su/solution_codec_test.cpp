@@ -1,6 +1,7 @@
 #include "common/byte_sum.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/solution_codec.h"
+#include "support/compact_codec.h"
 #include "support/compact_records_sequence.h"
 
 #include <nvbdll/nvbdll.h>
@@ -17,39 +18,16 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::exactCopy;
 
-struct Codec {
-    std::unique_ptr<nvb_encode_t> encoder = std::make_unique<nvb_encode_t>();
-    std::unique_ptr<nvb_expand_t> reader = std::make_unique<nvb_expand_t>();
-    Codec() { encoder->lastSolutionReferenceTime = 0xFFFFFFFF; }
+std::uint8_t solutionStep(nvb_expand_t* state, std::uint8_t type, bool, std::uint8_t* status) {
+    return type == kTypeSolutionDelta ? nvbdll_processType56(state, status) : nvbdll_processType57(state, status);
+}
 
-    Bytes encode(const Bytes& plain) {
-        auto in = std::make_unique<nvb_frame_t>();
-        auto out = std::make_unique<nvb_frame_t>();
-        std::memcpy(in->data, plain.data(), plain.size());
-        in->length = static_cast<std::uint16_t>(plain.size());
-        const std::uint16_t length = compressRec29Frame(*encoder, *in, *out);
-        return Bytes(out->data, out->data + length);
-    }
-
-    std::uint8_t expand(const Bytes& compact, Bytes& plain) {
-        std::memset(&reader->frame, 0, sizeof reader->frame);
-        std::memcpy(reader->frame.data, compact.data(), compact.size());
-        reader->frame.length = static_cast<std::uint16_t>(compact.size());
-        std::uint8_t status = 0xEE;
-        const std::uint8_t result = compact[2] == kTypeSolutionDelta ? nvbdll_processType56(reader.get(), &status)
-                                                                     : nvbdll_processType57(reader.get(), &status);
-        EXPECT_EQ(result, status);
-        plain.assign(reader->plainFrame.data, reader->plainFrame.data + reader->plainFrame.length);
-        return status;
-    }
+struct Codec : nvbtest::CompactCodec {
+    Codec() : CompactCodec(compressRec29Frame, solutionStep) {}
 };
 
-std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes) {
-    auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    return copy;
-}
 
 nvbtest::Rec29Wire baseSolution() {
     nvbtest::Rec29Wire record = nvbtest::solutionSequence({})[0];
