@@ -1,10 +1,13 @@
 #include <nvbdll/nvbdll.h>
 
+#include "common/status_text.h"
 #include "support/frame_builder.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -98,3 +101,11 @@ TEST(Lifecycle, LibraryCanBeInitialisedAgainWhileAStateIsReading) {
 }
 
 }  // namespace
+
+TEST(StatusText, EveryStatusOfTheInterfaceHasATextAndOthersNone) {
+    const int used[] = {0, 1, 2, 3, 5, 6, 7, 8, 9, 10, 13, 14, 15, 16, 17, 18, 19, 20, 21, 23, 24, 25};
+    for (int status = 0; status < 256; ++status) {
+        const bool isUsed = std::find(std::begin(used), std::end(used), status) != std::end(used);
+        EXPECT_EQ(nvb::statusText(static_cast<std::uint8_t>(status)) != nullptr, isUsed) << status;
+    }
+}
