@@ -99,7 +99,10 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             if (state.positionInterval > 0 && !rcleanPosition11(state.rclean, rec, intervalMs(state.positionInterval))) {
                 return false;
             }
-            writeRec11(rec, state.plainFrame);
+            if (writeRec11(rec, state.plainFrame) == 0) {
+                status = kNotWritable;
+                return false;
+            }
             compressRec11Frame(state, state.plainFrame, state.frame);
             ++state.positionCount;
             return true;
@@ -110,7 +113,10 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 !rcleanEpoch17(state.rclean, rec, intervalMs(state.measurementInterval), &state.rclean.droppedSlipList)) {
                 return false;
             }
-            writeRec17(rec, state.plainFrame);
+            if (writeRec17(rec, state.plainFrame) == 0) {
+                status = kNotWritable;
+                return false;
+            }
             if (compressRec17Frame(state, state.plainFrame, state.frame) == 0) return false;
             ++state.measurementCount;
             return true;
@@ -121,7 +127,10 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 return false;
             }
             if (state.legacyMode == 1) applyLegacyToRec27(rec);
-            writeRec27(rec, state.plainFrame, state.fileFormat, state.epochKeepDoppler != 0);
+            if (writeRec27(rec, state.plainFrame, state.fileFormat, state.epochKeepDoppler != 0) == 0) {
+                status = kNotWritable;
+                return false;
+            }
             compressEpochFrame(state, state.plainFrame, state.frame);
             ++state.measurementCount;
             return true;
@@ -133,7 +142,10 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             if (state.legacyMode == 1) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags & ~0x10);
             if (state.rec29BitSeen == 0) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags | 0x04);
-            writeRec29(rec, state.plainFrame);
+            if (writeRec29(rec, state.plainFrame) == 0) {
+                status = kNotWritable;
+                return false;
+            }
             compressRec29Frame(state, state.plainFrame, state.frame);
             ++state.positionCount;
             return true;

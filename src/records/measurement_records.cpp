@@ -407,6 +407,14 @@ void writeClockBlock(WriteBuffer& out, const ClockSystemBlock& clock) {
     for (int i = 0; i < count; ++i) {
         const std::size_t entry = out.frame.length;
         putByte(out, clock.rt_clktype[i] & 0x0F);
+        // A clock term carries at most seven bytes: a value beyond them (or not a number)
+        // can't be written, and the record is refused rather than the writer's check
+        // ending the process.
+        const double scaled = std::ldexp(clock.systemClockOffset[i], 28);
+        if (!(std::fabs(scaled) < 0x1p55 - 1.0)) {
+            out.overflow = true;
+            return;
+        }
         const unsigned width = putScaledVar(out, clock.systemClockOffset[i], 28, 1, 7);
         patchByte(out, entry, static_cast<std::uint8_t>((clock.rt_clktype[i] & 0x0F) | (width << 4)));
     }

@@ -190,7 +190,10 @@ std::uint32_t appendToBlock(nvb_encode_t& state, std::uint8_t& status) {
     const std::uint8_t type = state.frame.data[2];
     const bool bare = isBareMethod(state.compressionMethod);
     const std::uint32_t trailer = bare ? (isCompactType(type) ? 3 : 4) : 0;
-    if (frameLength > kMaxFrameLength || frameLength < trailer) {
+    // A bare record is length-coded like its frame but three or four bytes shorter: a
+    // long record 17 of 256 to 258 bytes can't be told as bare, and is refused whole
+    // rather than written with a length that reads back wrong.
+    if (frameLength > kMaxFrameLength || frameLength < trailer || (bare && !lengthFitsType(type, frameLength - trailer))) {
         status = NVB_STATUS_FRAME_LENGTH;
         return 0;
     }

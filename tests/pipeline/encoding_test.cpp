@@ -1,8 +1,10 @@
+#include "pipeline/serialisation.h"
 #include "support/encoder.h"
 #include "support/reader.h"
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
 
 namespace {
@@ -98,3 +100,68 @@ TEST(Encode, TornTailDeliversEveryRecordBeforeTheCut) {
 }
 
 }  // namespace
+
+namespace {
+
+// A record 17 of ten satellites, five with their second frequency: 258 bytes on the wire,
+// so its reference form is a type 77 of 257 bytes.
+Bytes longRecord17() {
+    auto rec = std::make_unique<Rec17>();
+    rec->receiveTime = 345600000;
+    rec->nSv = 10;
+    for (int i = 0; i < rec->nSv; ++i) {
+        Rec17Sv& sv = rec->sv[i];
+        sv.svId = static_cast<std::uint8_t>(1 + i);
+        sv.svFlags = static_cast<std::uint8_t>(0x10 | (i < 5 ? 0x01 : 0x00));
+        sv.svFlags3 = 3;
+        sv.snr = 44.0;
+        sv.range = 21.0e6 + 1000.0 * i;
+        sv.phase = -1.1e8 - 5000.0 * i;
+    }
+    Bytes dat(4096);
+    dat.resize(nvb::writeDatForm(*rec, dat.data(), dat.size()));
+    return dat;
+}
+
+}  // namespace
+
+TEST(Encode, ALongRecord17TheBareMethodsCantLengthCodeIsRefusedWhole) {
+    const Bytes dat = longRecord17();
+    Encoder bare(7);
+    std::uint8_t status = 0;
+    bare.put(dat, &status);
+    EXPECT_EQ(status, 3);
+    nvbtest::Handle bareReader;
+    EXPECT_TRUE(nvbtest::deliveredDat(nvbtest::readStream(bareReader.get(), bare.finish(), nvbtest::Getter::NvbFile)).empty());
+
+    Encoder framed(1);
+    framed.put(dat, &status);
+    EXPECT_EQ(status, 0);
+    nvbtest::Handle framedReader;
+    const auto read = nvbtest::deliveredDat(nvbtest::readStream(framedReader.get(), framed.finish(), nvbtest::Getter::NvbFile));
+    ASSERT_EQ(read.size(), 1u);
+    EXPECT_EQ(read[0][3], 17);
+}
+
+TEST(Encode, AClockTermBeyondSevenBytesIsRefusedWhole) {
+    auto epoch = std::make_unique<Rec27>();
+    epoch->epochHeaderLen = 17;
+    epoch->receiveTime = 345600000;
+    epoch->epochFlags = 0x20;
+    epoch->clock.blockLength = 12;
+    epoch->clock.count = 1;
+    epoch->clock.systemClockOffset[0] = 1e300;
+    epoch->nSv = 1;
+    epoch->sv[0].svBlockLen = 10;
+    epoch->sv[0].svId = 5;
+    epoch->sv[0].nMeas = 1;
+    epoch->sv[0].meas[0].measBlockLen = 27;
+    epoch->sv[0].meas[0].range = 2.1e7;
+    Bytes dat(1 << 16);
+    dat.resize(nvb::writeDatForm(*epoch, dat.data(), dat.size()));
+    Encoder encoder(7);
+    std::uint8_t status = 0;
+    EXPECT_EQ(encoder.put(dat, &status), 0u);
+    EXPECT_EQ(status, 15);
+    EXPECT_EQ(nvbtest::copyOf(encoder->recordCount), 0u);
+}
