@@ -23,6 +23,7 @@ namespace {
 constexpr std::uint8_t kNotWritable = 15;
 constexpr std::uint8_t kNoCallback = 16;
 constexpr std::uint32_t kNoReference = 0xFFFFFFFFu;
+constexpr std::uint16_t kLongestRecord17 = 511;
 
 // The interval of the encode path: seconds times 1000, truncated, for every type.
 std::int32_t intervalMs(float seconds) { return static_cast<std::int32_t>(seconds * 1000.0); }
@@ -113,7 +114,10 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 !rcleanEpoch17(state.rclean, rec, intervalMs(state.measurementInterval), &state.rclean.droppedSlipList)) {
                 return false;
             }
-            if (writeRec17(rec, state.plainFrame) == 0) {
+            // A record 17 has one length byte, with 256 added for the long compact types:
+            // one of more than 511 bytes (many satellites on two frequencies) can't be told.
+            const std::uint16_t length = writeRec17(rec, state.plainFrame);
+            if (length == 0 || length > kLongestRecord17) {
                 status = kNotWritable;
                 return false;
             }

@@ -165,3 +165,23 @@ TEST(Encode, AClockTermBeyondSevenBytesIsRefusedWhole) {
     EXPECT_EQ(status, 15);
     EXPECT_EQ(nvbtest::copyOf(encoder->recordCount), 0u);
 }
+
+TEST(Encode, ARecord17LongerThanItsLengthByteCanTellIsRefusedWhole) {
+    auto rec = std::make_unique<Rec17>();
+    rec->receiveTime = 345600000;
+    rec->nSv = 18;  // 13 + 29 x 18 = 535 bytes on the wire
+    for (int i = 0; i < rec->nSv; ++i) {
+        rec->sv[i].svId = static_cast<std::uint8_t>(1 + i);
+        rec->sv[i].svFlags = 0x11;
+        rec->sv[i].range = 21.0e6;
+    }
+    Bytes dat(4096);
+    dat.resize(nvb::writeDatForm(*rec, dat.data(), dat.size()));
+    for (const std::uint8_t method : {0, 1, 7}) {
+        Encoder encoder(method);
+        std::uint8_t status = 0;
+        EXPECT_EQ(encoder.put(dat, &status), 0u);
+        EXPECT_EQ(status, 15) << "method " << int(method);
+        EXPECT_EQ(nvbtest::copyOf(encoder->recordCount), 0u);
+    }
+}
