@@ -65,17 +65,6 @@ bool allocateStructures(nvb_record_table_t& table) {
     return true;
 }
 
-// The delta histories a reset clears; the first-generation record 17 history is left to
-// the first record 30 of a new reference.
-void resetCompactHistories(nvb_expand_t& state) {
-    resetPositionHistory(state.positionHistory);
-    resetObsHistory(state.secondGenHistory);
-    resetSubframeCache(state.subframeCache);
-    resetEpochHistory(state.epochHistory);
-    resetSolutionHistory(state.solutionHistory);
-    resetListState(state.listState);
-}
-
 nvb_expand_t* createExpandState() {
     auto* state = static_cast<nvb_expand_t*>(allocateCleared(sizeof(nvb_expand_t)));
     if (state == nullptr) return nullptr;

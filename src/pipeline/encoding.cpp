@@ -2,12 +2,12 @@
 
 #include <nvbdll/records.h>
 
-#include "common/byte_sum.h"
 #include "common/rclean.h"
 #include "external/su/codec_histories.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/epoch_compressor.h"
 #include "records/dat_parser.h"
+#include "records/field_codec.h"
 #include "records/measurement_records.h"
 #include "records/position_records.h"
 #include "rec35/rec35_assembly.h"
@@ -28,43 +28,24 @@ constexpr std::uint16_t kLongestRecord17 = 511;
 // The interval of the encode path: seconds times 1000, truncated, for every type.
 std::int32_t intervalMs(float seconds) { return static_cast<std::int32_t>(seconds * 1000.0); }
 
-// Closes a plain frame whose body has been written behind `header` bytes of head.
-void closePlainFrame(nvb_frame_t& frame, std::uint32_t length) {
-    const std::uint16_t sum = byteSum(frame.data, length - 3);
-    writeU16BigEndian(frame.data + length - 3, sum);
-    frame.data[length - 1] = 0x03;
-    frame.length = static_cast<std::uint16_t>(length);
-}
-
 // Records 14, 22, 23, 24: the generic area as the body, behind the type byte.
 bool writeGenericFrame(nvb_encode_t& state, std::uint8_t type) {
     const std::uint32_t body = state.records.datHeader[1] >= 4 ? state.records.datHeader[1] - 4u : 0u;
-    const std::uint32_t length = body + 6;
-    if (length > 255 || state.records.generic == nullptr) return false;
-    std::memset(&state.frame, 0, sizeof state.frame);
-    state.frame.data[0] = 0x02;
-    state.frame.data[1] = static_cast<std::uint8_t>(length);
-    state.frame.data[2] = type;
-    std::memcpy(state.frame.data + 3, state.records.generic->data, body);
-    closePlainFrame(state.frame, length);
-    return true;
+    if (body + 6 > 255 || state.records.generic == nullptr) return false;
+    WriteBuffer out = openFrame(state.frame, type, false);
+    putBytes(out, state.records.generic->data, body);
+    return closeFrame(out, false) != 0;
 }
 
 // Record 16: the subtype from the DAT header at offset 3, then the body.
 bool writeRec16Frame(nvb_encode_t& state) {
     const std::uint32_t body = state.records.datHeader[1] >= 4 ? state.records.datHeader[1] - 4u : 0u;
-    const std::uint32_t length = body + 7;
-    if (length > 255 || state.records.rec16 == nullptr) return false;
-    std::memset(&state.frame, 0, sizeof state.frame);
-    state.frame.data[0] = 0x02;
-    state.frame.data[1] = static_cast<std::uint8_t>(length);
-    state.frame.data[2] = 16;
-    state.frame.data[3] = state.records.datHeader[2];
-    std::memcpy(state.frame.data + 4, state.records.rec16->data, body);
-    closePlainFrame(state.frame, length);
-    return true;
+    if (body + 7 > 255 || state.records.rec16 == nullptr) return false;
+    WriteBuffer out = openFrame(state.frame, 16, false);
+    putByte(out, state.records.datHeader[2]);
+    putBytes(out, state.records.rec16->data, body);
+    return closeFrame(out, false) != 0;
 }
-
 
 // Older readers take at most three measurements a satellite and no clock block: the GPS
 // term of the clock block moves to the single drift field.
@@ -204,14 +185,7 @@ void initEncodeState(nvb_encode_t& state) {
     state.writeCallback = writeToFile;
 }
 
-void resetEncodeState(nvb_encode_t& state) {
-    resetPositionHistory(state.positionHistory);
-    resetObsHistory(state.secondGenHistory);
-    resetSubframeCache(state.subframeCache);
-    resetEpochHistory(state.epochHistory);
-    resetSolutionHistory(state.solutionHistory);
-    resetListState(state.listState);
-}
+void resetEncodeState(nvb_encode_t& state) { resetCompactHistories(state); }
 
 void releaseEncodeInternals(nvb_encode_t& state) {
     rcleanFree(state.rclean);

@@ -55,53 +55,22 @@ std::uint16_t read27(nvb_expand_t& state) {
 
 // The compact expanders, by the pair of arguments the dispatch gives them; each reports
 // its own status, which the dispatch folds into 7.
-std::uint8_t expand36(nvb_expand_t& state, bool framed) {
+template <std::uint8_t (*Step)(nvb_expand_t&, std::uint8_t&, bool)>
+std::uint8_t expandFramed(nvb_expand_t& state, bool framed) {
     std::uint8_t status = 0;
-    return processType37(state, status, framed, true);
+    return Step(state, status, framed);
 }
-std::uint8_t expand37(nvb_expand_t& state, bool framed) {
+
+template <std::uint8_t (*Step)(nvb_expand_t&, std::uint8_t&)>
+std::uint8_t expandAlone(nvb_expand_t& state, bool) {
     std::uint8_t status = 0;
-    return processType37(state, status, framed, false);
+    return Step(state, status);
 }
-std::uint8_t expand38(nvb_expand_t& state, bool) {
+
+template <bool IsType36>
+std::uint8_t expandDelta(nvb_expand_t& state, bool framed) {
     std::uint8_t status = 0;
-    return processType38(state, status);
-}
-std::uint8_t expand39(nvb_expand_t& state, bool) {
-    std::uint8_t status = 0;
-    return processType39(state, status);
-}
-std::uint8_t expand54(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType54(state, status, framed);
-}
-std::uint8_t expand55(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType55(state, status, framed);
-}
-std::uint8_t expand56(nvb_expand_t& state, bool) {
-    std::uint8_t status = 0;
-    return processType56(state, status);
-}
-std::uint8_t expand57(nvb_expand_t& state, bool) {
-    std::uint8_t status = 0;
-    return processType57(state, status);
-}
-std::uint8_t expand66(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType66_74(state, status, framed);
-}
-std::uint8_t expand67(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType67_75(state, status, framed);
-}
-std::uint8_t expand68(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType68_76(state, status, framed);
-}
-std::uint8_t expand69(nvb_expand_t& state, bool framed) {
-    std::uint8_t status = 0;
-    return processType69_77(state, status, framed);
+    return processType37(state, status, framed, IsType36);
 }
 
 // A new reference description (record 30 of subtype 0) starts the first-generation
@@ -124,18 +93,18 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[27] = {27, nullptr, read27, Thinning::Epoch27};
     routes[29] = {29, nullptr, read29, Thinning::Position29};
     routes[30] = {kNoRecord, nullptr, applyRec30Rule, Thinning::None};
-    routes[36] = {27, expand36, read27, Thinning::Epoch27};
-    routes[37] = {27, expand37, read27, Thinning::Epoch27};
-    routes[38] = {27, expand38, read27, Thinning::Epoch27};
-    routes[39] = {27, expand39, read27, Thinning::Epoch27};
-    routes[54] = {11, expand54, read11, Thinning::Position11};
-    routes[55] = {11, expand55, read11, Thinning::Position11};
-    routes[56] = {29, expand56, read29, Thinning::Position29};
-    routes[57] = {29, expand57, read29, Thinning::Position29};
-    routes[66] = {17, expand66, read17, Thinning::Epoch17};
-    routes[67] = {17, expand67, read17, Thinning::Epoch17};
-    routes[68] = {17, expand68, read17, Thinning::Epoch17};
-    routes[69] = {17, expand69, read17, Thinning::Epoch17};
+    routes[36] = {27, expandDelta<true>, read27, Thinning::Epoch27};
+    routes[37] = {27, expandDelta<false>, read27, Thinning::Epoch27};
+    routes[38] = {27, expandAlone<processType38>, read27, Thinning::Epoch27};
+    routes[39] = {27, expandAlone<processType39>, read27, Thinning::Epoch27};
+    routes[54] = {11, expandFramed<processType54>, read11, Thinning::Position11};
+    routes[55] = {11, expandFramed<processType55>, read11, Thinning::Position11};
+    routes[56] = {29, expandAlone<processType56>, read29, Thinning::Position29};
+    routes[57] = {29, expandAlone<processType57>, read29, Thinning::Position29};
+    routes[66] = {17, expandFramed<processType66_74>, read17, Thinning::Epoch17};
+    routes[67] = {17, expandFramed<processType67_75>, read17, Thinning::Epoch17};
+    routes[68] = {17, expandFramed<processType68_76>, read17, Thinning::Epoch17};
+    routes[69] = {17, expandFramed<processType69_77>, read17, Thinning::Epoch17};
     routes[74] = routes[66];
     routes[75] = routes[67];
     routes[76] = routes[68];

@@ -146,6 +146,16 @@ void patchByte(WriteBuffer& out, std::size_t at, std::uint8_t value) {
     if (at < out.frame.length) out.frame.data[at] = value;
 }
 
+WriteBuffer openFrame(nvb_frame_t& frame, std::uint8_t type, bool highLengthByte) {
+    std::memset(&frame, 0, sizeof frame);
+    WriteBuffer out{frame};
+    putByte(out, 0x02);
+    putByte(out, 0);
+    putByte(out, type);
+    if (highLengthByte) putByte(out, 0);
+    return out;
+}
+
 std::uint16_t closeFrame(WriteBuffer& out, bool highLengthByte) {
     const auto total = static_cast<std::uint16_t>(out.frame.length + 3u);
     patchByte(out, 1, static_cast<std::uint8_t>(total));

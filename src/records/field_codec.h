@@ -119,6 +119,9 @@ void patchByte(WriteBuffer& out, std::size_t at, std::uint8_t value);
 // Closes a frame written from offset 0: total length (position + 3) into offset 1 and,
 // for types with a high length byte, offset 3; then checksum and end byte. Returns the
 // frame length, or 0 when the frame did not fit its buffer.
+// Starts a plain frame of `type` in `frame`: start byte, a length byte to be patched, the
+// type, and the high length byte where the type has one.
+WriteBuffer openFrame(nvb_frame_t& frame, std::uint8_t type, bool highLengthByte);
 std::uint16_t closeFrame(WriteBuffer& out, bool highLengthByte);
 
 // A DAT record as the parsers walk it: fields are copied item by item in native order;

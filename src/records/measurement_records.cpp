@@ -441,12 +441,7 @@ std::uint16_t readRec17(const nvb_frame_t& frame, nvb_expand_t& state, Rec17* wo
 }
 
 std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t formatLevel, bool epochKeepDoppler) {
-    frame.length = 0;
-    WriteBuffer out{frame};
-    putByte(out, 0x02);
-    putByte(out, 0);
-    putByte(out, kType27);
-    putByte(out, 0);
+    WriteBuffer out = openFrame(frame, kType27, true);
     const std::size_t headerStart = out.frame.length;
     putByte(out, 0);
     putU16(out, rec.weekNum);
@@ -541,11 +536,7 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
 }
 
 std::uint16_t writeRec17(const Rec17& rec, nvb_frame_t& frame) {
-    frame.length = 0;
-    WriteBuffer out{frame};
-    putByte(out, 0x02);
-    putByte(out, 0);
-    putByte(out, kType17);
+    WriteBuffer out = openFrame(frame, kType17, false);
     putScaled4(out, rec.receiveTime, 0);
     putScaled3(out, rec.clkOffset, 19);
     const int count = std::min<int>(rec.nSv, NVB_REC17_MAX_SV);

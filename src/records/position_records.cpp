@@ -175,12 +175,7 @@ std::uint16_t readRec11(const nvb_frame_t& frame, nvb_expand_t& state) {
 }
 
 std::uint16_t writeRec29(const Rec29& rec, nvb_frame_t& frame) {
-    frame.length = 0;
-    WriteBuffer out{frame};
-    putByte(out, 0x02);
-    putByte(out, 0);
-    putByte(out, kType29);
-    putByte(out, 0);
+    WriteBuffer out = openFrame(frame, kType29, true);
 
     const std::size_t block1 = out.frame.length;
     putByte(out, 0);
@@ -246,11 +241,7 @@ std::uint16_t writeRec29(const Rec29& rec, nvb_frame_t& frame) {
 }
 
 std::uint16_t writeRec11(const Rec11& rec, nvb_frame_t& frame) {
-    frame.length = 0;
-    WriteBuffer out{frame};
-    putByte(out, 0x02);
-    putByte(out, 0);
-    putByte(out, kType11);
+    WriteBuffer out = openFrame(frame, kType11, false);
     const std::uint8_t latitudeResidual = putScaled4Split(out, rec.latitude, 31);
     const std::uint8_t longitudeResidual = putScaled4Split(out, rec.longitude, 30);
     putScaled4(out, rec.height, 12);

@@ -14,6 +14,18 @@ void resetObsHistory(obs_history_t& history);
 void resetSubframeCache(subframe_cache_t& cache);
 void resetListState(list_state_t& state);
 
+// The histories that a reset of either state clears, in their order; the expand state's
+// first-generation record 17 history is left to the first record 30 of a new reference.
+template <typename State>
+void resetCompactHistories(State& state) {
+    resetPositionHistory(state.positionHistory);
+    resetObsHistory(state.secondGenHistory);
+    resetSubframeCache(state.subframeCache);
+    resetEpochHistory(state.epochHistory);
+    resetSolutionHistory(state.solutionHistory);
+    resetListState(state.listState);
+}
+
 }  // namespace nvb
 
 #endif
