@@ -3,7 +3,9 @@
 #include "pipeline/conversions.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
+#include "records/navigation_records.h"
 #include "records/position_records.h"
+#include "records/receiver_records.h"
 
 using namespace nvb;
 
@@ -53,6 +55,46 @@ NVBDLL_API uint16_t nvbdll_readRec29Buffer(uint8_t* frame, nvb_expand_t* state, 
                                            uint8_t mapSystem7To10) {
     if (frame == nullptr || state == nullptr) return 0;
     return readRec29(asFrame(frame), *state, mapSystem5To7 != 0, mapSystem7To10 != 0);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec12Buffer(uint8_t* frame, nvb_expand_t* state) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec12(asFrame(frame), *state);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec15Buffer(uint8_t* frame, nvb_expand_t* state) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec15(asFrame(frame), *state);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec19Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t* aux) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec19(asFrame(frame), *state, reinterpret_cast<TrackingSlots*>(aux));
+}
+
+NVBDLL_API uint16_t nvbdll_readRec21Buffer(uint8_t* frame, nvb_expand_t* state) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec21(asFrame(frame), *state);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec25Buffer(uint8_t* frame, nvb_expand_t* state) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec25(asFrame(frame), *state);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec26Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec26(asFrame(frame), *state, mapSystem5To7 != 0);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec28Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec28(asFrame(frame), *state, mapSystem5To7 != 0);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec30Buffer(uint8_t* frame, nvb_expand_t* state) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec30(asFrame(frame), *state);
 }
 
 NVBDLL_API uint16_t nvbdll_convertRec29toRec11(uint8_t* datHeader, Rec29* in, Rec11* out) {

@@ -186,4 +186,53 @@ void datPut(DatWriter& out, const void* source, std::size_t size) {
     }
 }
 
+std::size_t getRuns(ByteView bytes, std::size_t offset, FieldLayout layout, std::uint8_t* destination) {
+    for (const FieldRun& run : layout) {
+        for (unsigned i = 0; i < run.count; ++i, offset += run.width, destination += run.width) {
+            if (run.width == 8) {
+                const double value = getDouble(bytes, offset);
+                std::memcpy(destination, &value, sizeof value);
+            } else if (run.width == 4) {
+                const std::uint32_t value = getUint(bytes, offset, 4);
+                std::memcpy(destination, &value, sizeof value);
+            } else if (run.width == 2) {
+                const auto value = static_cast<std::uint16_t>(getUint(bytes, offset, 2));
+                std::memcpy(destination, &value, sizeof value);
+            } else {
+                *destination = getByte(bytes, offset);
+            }
+        }
+    }
+    return offset;
+}
+
+void putRuns(WriteBuffer& out, FieldLayout layout, const std::uint8_t* source) {
+    for (const FieldRun& run : layout) {
+        for (unsigned i = 0; i < run.count; ++i, source += run.width) {
+            if (run.width == 8) {
+                double value = 0;
+                std::memcpy(&value, source, sizeof value);
+                putF64(out, value);
+            } else if (run.width == 4) {
+                std::uint32_t value = 0;
+                std::memcpy(&value, source, sizeof value);
+                putU32(out, value);
+            } else if (run.width == 2) {
+                std::uint16_t value = 0;
+                std::memcpy(&value, source, sizeof value);
+                putU16(out, value);
+            } else {
+                putByte(out, *source);
+            }
+        }
+    }
+}
+
+void datRuns(DatReader& in, FieldLayout layout, std::uint8_t* destination) {
+    for (const FieldRun& run : layout) {
+        datCopy(in, destination, run.count, run.width);
+        destination += std::size_t{run.width} * run.count;
+    }
+}
+
 }  // namespace nvb
