@@ -1,7 +1,9 @@
 #include "support/reader.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -70,6 +72,37 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
         }
     }
     return events;
+}
+
+FrameBuffer::FrameBuffer() : frame_(new nvb_frame_t()) {}
+
+FrameBuffer::~FrameBuffer() {
+    delete frame_;
+}
+
+std::uint8_t* FrameBuffer::load(const Bytes& bytes) {
+    std::memset(frame_, 0, sizeof(nvb_frame_t));
+    std::memcpy(frame_->data, bytes.data(), std::min(bytes.size(), sizeof frame_->data));
+    frame_->length = static_cast<std::uint16_t>(bytes.size());
+    return reinterpret_cast<std::uint8_t*>(frame_);
+}
+
+Bytes FrameBuffer::bytes() const {
+    return Bytes(frame_->data, frame_->data + frame_->length);
+}
+
+Delivered deliver(nvb_expand_t* state, const Bytes& frame) {
+    std::memset(&state->frame, 0, sizeof state->frame);
+    std::memcpy(state->frame.data, frame.data(), std::min(frame.size(), sizeof state->frame.data));
+    state->frame.length = static_cast<std::uint16_t>(frame.size());
+    state->currentType = frame.size() > 2 ? frame[2] : 0;
+    Delivered out;
+    out.length = nvbdll_processNVBRecord(state, 0, &out.type, &out.status);
+    if (out.length > 0 && out.status == 0) {
+        out.dat.assign(out.length, 0xA5);
+        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(out.type), out.dat.data());
+    }
+    return out;
 }
 
 std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events) {
