@@ -26,7 +26,7 @@ static_assert(2 + layoutBytes(kRec21Body) == sizeof(Rec21));
 constexpr FieldRun kRec28Sub1[] = {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}};
 constexpr FieldRun kRec28Sub2[] = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}};
 constexpr FieldRun kRec28Sub3[] = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1},
-                                   {1, 1}, {2, 1}, {4, 1}, {8, 4},  {2, 1}, {4, 1}, {8, 4}};
+                                   {1, 1}, {2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1},  {8, 4}};
 constexpr FieldRun kRec28Sub4[] = {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15},
                                    {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}};
 constexpr FieldRun kRec28Common[] = {{1, 2}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}};
@@ -35,8 +35,8 @@ constexpr FieldRun kRec28Sub8[] = {{1, 1}, {2, 1}, {4, 2}, {1, 2}, {8, 3}, {1, 1
 constexpr FieldRun kRec28Sub10[] = {{1, 1}, {1, 4}, {2, 1}, {8, 11}};
 static_assert(layoutBytes(kRec28Sub1) == sizeof(Rec28Sub1) && layoutBytes(kRec28Sub2) == sizeof(Rec28Sub2) &&
               layoutBytes(kRec28Sub3) == sizeof(Rec28Sub3) && layoutBytes(kRec28Sub4) == sizeof(Rec28Sub4) &&
-              layoutBytes(kRec28Common) == offsetof(Rec21, moreBytes) &&
-              layoutBytes(kRec28Sub8) == sizeof(Rec28Sub8) && layoutBytes(kRec28Sub10) == sizeof(Rec28Sub10));
+              layoutBytes(kRec28Common) == offsetof(Rec21, moreBytes) && layoutBytes(kRec28Sub8) == sizeof(Rec28Sub8) &&
+              layoutBytes(kRec28Sub10) == sizeof(Rec28Sub10));
 
 constexpr std::size_t kSub3HeadRuns = 9;
 constexpr std::size_t kSub10HeadRuns = 3;
@@ -53,9 +53,9 @@ struct Rec28Form {
 };
 
 constexpr Rec28Form kRec28Forms[] = {
-    {1, kRec28Sub1, 0x02},    {2, kRec28Sub2, 0x04},    {3, kRec28Sub3, 0x08},    {4, kRec28Sub4, 0x08},
-    {5, kRec28Common, 0x10},  {6, kRec28Common, 0x20},  {7, kRec28Common, 0},     {8, kRec28Sub8, 0},
-    {9, kRec28Common, 0x20},  {10, kRec28Sub10, 0x20},  {11, kRec28Common, 0x20}, {13, kRec28Common, 0x40},
+    {1, kRec28Sub1, 0x02},   {2, kRec28Sub2, 0x04},   {3, kRec28Sub3, 0x08},    {4, kRec28Sub4, 0x08},
+    {5, kRec28Common, 0x10}, {6, kRec28Common, 0x20}, {7, kRec28Common, 0},     {8, kRec28Sub8, 0},
+    {9, kRec28Common, 0x20}, {10, kRec28Sub10, 0x20}, {11, kRec28Common, 0x20}, {13, kRec28Common, 0x40},
 };
 
 const Rec28Form* rec28Form(std::uint8_t subtype) {
@@ -87,13 +87,13 @@ struct Rec26Form {
 };
 
 constexpr Rec26Form kRec26Forms[] = {
-    {0, Rec26Layout::Older, 38, 6, 0x01},     {1, Rec26Layout::OlderGlonass, 11, 7, 0x04},
-    {2, Rec26Layout::Page, 31, 2, 0x08},      {3, Rec26Layout::Page, 30, 3, 0x08},
-    {4, Rec26Layout::Page, 31, 4, 0x08},      {5, Rec26Layout::Page, 15, 5, 0x08},
-    {14, Rec26Layout::Page, 62, 14, 0},       {6, Rec26Layout::Plain, 38, 6, 0x01},
-    {7, Rec26Layout::Extended, 11, 7, 0x04},  {8, Rec26Layout::Plain, 38, 8, 0x20},
-    {9, Rec26Layout::Plain, 38, 9, 0x10},     {10, Rec26Layout::Plain, 38, 10, 0x10},
-    {11, Rec26Layout::Plain, 38, 11, 0x20},   {12, Rec26Layout::Extended, 125, 12, 0x10},
+    {0, Rec26Layout::Older, 38, 6, 0x01},    {1, Rec26Layout::OlderGlonass, 11, 7, 0x04},
+    {2, Rec26Layout::Page, 31, 2, 0x08},     {3, Rec26Layout::Page, 30, 3, 0x08},
+    {4, Rec26Layout::Page, 31, 4, 0x08},     {5, Rec26Layout::Page, 15, 5, 0x08},
+    {14, Rec26Layout::Page, 62, 14, 0},      {6, Rec26Layout::Plain, 38, 6, 0x01},
+    {7, Rec26Layout::Extended, 11, 7, 0x04}, {8, Rec26Layout::Plain, 38, 8, 0x20},
+    {9, Rec26Layout::Plain, 38, 9, 0x10},    {10, Rec26Layout::Plain, 38, 10, 0x10},
+    {11, Rec26Layout::Plain, 38, 11, 0x20},  {12, Rec26Layout::Extended, 125, 12, 0x10},
     {13, Rec26Layout::Plain, 38, 13, 0x40},
 };
 
@@ -198,7 +198,8 @@ std::uint16_t readRec28(const nvb_frame_t& frame, nvb_expand_t& state, bool mapS
                 rec->sub3.tailWord1 = 0xFFFF;
                 rec->sub3.tailWord2 = 0xFFFF;
                 const FieldLayout part = form->body.subspan(kSub3HeadRuns + 1, 2);
-                const std::size_t second = getRuns(bytes, tail, part, structBytes(*rec, offsetof(Rec28, sub3.tailDword1)));
+                const std::size_t second =
+                    getRuns(bytes, tail, part, structBytes(*rec, offsetof(Rec28, sub3.tailDword1)));
                 getRuns(bytes, second, part, structBytes(*rec, offsetof(Rec28, sub3.tailDword2)));
             }
         } else if (rec->subtype == 10) {

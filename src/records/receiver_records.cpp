@@ -27,8 +27,8 @@ constexpr FieldRun kRec5Sub5[] = {{2, 1}, {1, 2}, {4, 6}};
 constexpr FieldRun kRec5Sub6[] = {{2, 2}, {4, 4}};
 constexpr FieldRun kRec5Sub7[] = {{2, 1}, {8, 1}, {2, 1}};  // then the pairs
 constexpr std::array<FieldLayout, 8> kRec5Layouts = {layout(kRec5Sub0), layout(kRec5Sub1), layout(kRec5Sub2),
-                                                 layout(kRec5Sub3), layout(kRec5Sub4), layout(kRec5Sub5),
-                                                 layout(kRec5Sub6), layout(kRec5Sub7)};
+                                                     layout(kRec5Sub3), layout(kRec5Sub4), layout(kRec5Sub5),
+                                                     layout(kRec5Sub6), layout(kRec5Sub7)};
 static_assert(layoutBytes(kRec5Sub0) == offsetof(Rec5Sub0, text) && layoutBytes(kRec5Sub1) == sizeof(Rec5Sub1) &&
               layoutBytes(kRec5Sub2) == sizeof(Rec5Sub2) && layoutBytes(kRec5Sub3) == sizeof(Rec5Sub3) &&
               layoutBytes(kRec5Sub4) == sizeof(Rec5Sub4) && layoutBytes(kRec5Sub5) == sizeof(Rec5Sub5) &&
@@ -81,11 +81,17 @@ struct Rec30Shape {
 
 constexpr std::array<Rec30Shape, 4> kRec30Shapes = {{
     {},
-    {{layout(kWordAndHalf), layout(kText), layout(kText), layout(kThreeHalves), layout(kOneByte),
-      layout(kWordAndHalf), layout(kFourBytes), layout(kTwoBytes), layout(kOneByte)},
-     9, 10, true, true},
+    {{layout(kWordAndHalf), layout(kText), layout(kText), layout(kThreeHalves), layout(kOneByte), layout(kWordAndHalf),
+      layout(kFourBytes), layout(kTwoBytes), layout(kOneByte)},
+     9,
+     10,
+     true,
+     true},
     {{layout(kThreeBytes), layout(kThreeBytes), layout(kThreeBytes), layout(kEightBytes), layout(kThreeBytes)},
-     5, 6, false, false},
+     5,
+     6,
+     false,
+     false},
     {{layout(kTwoWords), layout(kThreeBytes), layout(kTwoWords)}, 3, 4, true, false},
 }};
 // Sections H and I of subtype 1 take their further DAT bytes from section G.
@@ -166,12 +172,14 @@ std::uint16_t readRec5(const nvb_frame_t& frame, nvb_expand_t& state) {
             std::uint8_t* area = structBytes(*rec);
             for (std::size_t i = 0; i < rec->sub7.count && kRec5PairsAt + 2 * i < sizeof(Rec5); i += 3) {
                 area[kRec5PairsAt + 2 * i] = getByte(bytes, i);
-                if (kRec5PairsAt + 1 + 2 * (i + 1) < sizeof(Rec5)) area[kRec5PairsAt + 1 + 2 * (i + 1)] = getByte(bytes, i + 1);
+                if (kRec5PairsAt + 1 + 2 * (i + 1) < sizeof(Rec5))
+                    area[kRec5PairsAt + 1 + 2 * (i + 1)] = getByte(bytes, i + 1);
             }
         }
     } else if (frame.length > kBodyOffset + 3) {
         // A subtype without a layout is kept as it stands.
-        getBytes(structBytes(*rec), bytes, kBodyOffset, std::min<std::size_t>(frame.length - kBodyOffset - 3, sizeof(Rec5)));
+        getBytes(structBytes(*rec), bytes, kBodyOffset,
+                 std::min<std::size_t>(frame.length - kBodyOffset - 3, sizeof(Rec5)));
     }
     const auto length = static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0);
     setDatHeader(header, static_cast<std::uint8_t>(length), subtype, 5);
@@ -182,7 +190,8 @@ std::uint16_t writeRec5(const Rec5& rec, const std::uint8_t* datHeader, nvb_fram
     const std::uint8_t subtype = datHeader[2];
     const std::size_t body = datHeader[1] >= 4 ? datHeader[1] - 4u : 0u;
     if ((subtype == 0 && rec.sub0.textLength > NVB_REC5_TEXT_BYTES) ||
-        (subtype == 7 && rec.sub7.count > NVB_REC5_MAX_PAIRS) || (subtype >= kRec5Layouts.size() && body > sizeof(Rec5))) {
+        (subtype == 7 && rec.sub7.count > NVB_REC5_MAX_PAIRS) ||
+        (subtype >= kRec5Layouts.size() && body > sizeof(Rec5))) {
         return 0;
     }
     WriteBuffer out = openFrame(frame, 5, false);
@@ -546,8 +555,9 @@ void putRec30Dat(const Rec30& rec, std::uint8_t subtype, DatWriter& out) {
         for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
             const Rec30Section& section = rec.sections.section[s];
             datWrite(out, section.length);
-            forPresentFields(shape->sections[s], section.length,
-                             [&](std::size_t offset, std::uint8_t width) { datPut(out, section.bytes + offset, width); });
+            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
+                datPut(out, section.bytes + offset, width);
+            });
             const std::size_t known = layoutBytes(shape->sections[s]);
             if (shape->moreBytesInDat && section.length > known) {
                 // Sections H and I have always taken theirs from the further bytes of G.
@@ -582,8 +592,9 @@ int parseRec30Dat(DatReader& in, Rec30* rec, std::uint8_t subtype) {
         for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
             Rec30Section& section = rec->sections.section[s];
             section.length = datRead<std::uint8_t>(in);
-            forPresentFields(shape->sections[s], section.length,
-                             [&](std::size_t offset, std::uint8_t width) { datCopy(in, section.bytes + offset, 1, width); });
+            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
+                datCopy(in, section.bytes + offset, 1, width);
+            });
             const std::size_t known = layoutBytes(shape->sections[s]);
             if (shape->moreBytesInDat && section.length > known) {
                 takeArea(in, section.bytes, sizeof section.bytes, known, section.length - known);

@@ -50,7 +50,9 @@ const LayoutRow kLayouts[] = {
     {28, 1, {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}}, 102},
     {28, 2, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}}, 139},
     {28, 3, galileoLong(), 218},
-    {28, 4, {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}},
+    {28,
+     4,
+     {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}},
      188},
     {28, 5, kCommonBody, 181},
     {28, 6, kCommonBody, 181},
@@ -171,7 +173,8 @@ TEST(NavigationRecords, SystemFiveBecomesSevenOnlyWhenTheStateAsks) {
             body[0] = row.subtype;
             body[1] = row.svId;
         } else {
-            body = concat({{row.subtype}, Body().u32(345600).u16(2345).u8(row.svId).u8(1).u8(2).bytes, Bytes(38, 0x5C)});
+            body =
+                concat({{row.subtype}, Body().u32(345600).u16(2345).u8(row.svId).u8(1).u8(2).bytes, Bytes(38, 0x5C)});
         }
         const Delivered got = deliver(handle.get(), frame(row.type, body));
         ASSERT_GT(got.length, 0u);
@@ -214,7 +217,8 @@ TEST(SbasCheck, AMessageWithoutItsCheckGetsThePreambleOfItsTimeAndACheckThatLeav
         add(kSbasBody[27] >> 6, 2);
         add(copyOf(message.crc), 24);
         Bytes packed((bits.size() + 7) / 8, 0);
-        for (std::size_t i = 0; i < bits.size(); ++i) packed[i / 8] |= static_cast<std::uint8_t>(bits[i] << (7 - i % 8));
+        for (std::size_t i = 0; i < bits.size(); ++i)
+            packed[i / 8] |= static_cast<std::uint8_t>(bits[i] << (7 - i % 8));
         EXPECT_EQ(nvb::crc24q(packed, bits.size()), 0u) << time;
     }
 }
@@ -266,11 +270,21 @@ struct RawRow {
 };
 
 const RawRow kRawForms[] = {
-    {0, {}, 38, 6, 55},          {1, {6}, 11, 7, 29},          {2, {4, 0x05}, 31, 2, 48},
-    {2, {4, 0x85, 0x77}, 31, 2, 49}, {3, {4, 0x03}, 30, 3, 47}, {4, {4, 0x0A}, 31, 4, 48},
-    {5, {4, 0x01}, 15, 5, 32},   {14, {4, 0x02}, 62, 14, 79},  {6, {1, 0x8B}, 38, 6, 55},
-    {7, {6, 2, 9}, 11, 7, 29},   {8, {1, 0x40}, 38, 8, 55},    {9, {1, 0x22}, 38, 9, 55},
-    {10, {1, 0x23}, 38, 10, 55}, {11, {1, 0x41}, 38, 11, 55},  {12, {1, 2, 3}, 125, 12, 143},
+    {0, {}, 38, 6, 55},
+    {1, {6}, 11, 7, 29},
+    {2, {4, 0x05}, 31, 2, 48},
+    {2, {4, 0x85, 0x77}, 31, 2, 49},
+    {3, {4, 0x03}, 30, 3, 47},
+    {4, {4, 0x0A}, 31, 4, 48},
+    {5, {4, 0x01}, 15, 5, 32},
+    {14, {4, 0x02}, 62, 14, 79},
+    {6, {1, 0x8B}, 38, 6, 55},
+    {7, {6, 2, 9}, 11, 7, 29},
+    {8, {1, 0x40}, 38, 8, 55},
+    {9, {1, 0x22}, 38, 9, 55},
+    {10, {1, 0x23}, 38, 10, 55},
+    {11, {1, 0x41}, 38, 11, 55},
+    {12, {1, 2, 3}, 125, 12, 143},
     {13, {1, 0x30}, 38, 13, 55},
 };
 
@@ -289,7 +303,8 @@ TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
     handle->mapSystem5To7 = 0;
     FrameBuffer out;
     for (const RawRow& row : kRawForms) {
-        SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype) << ", " << row.between.size() << " bytes ahead");
+        SCOPED_TRACE(::testing::Message()
+                     << "subtype " << int(row.subtype) << ", " << row.between.size() << " bytes ahead");
         const Bytes data = rawData(row.dataBytes, row.subtype);
         const Bytes wire = rawFrame(row.subtype, row.between, data);
         const Delivered got = deliver(handle.get(), wire);
@@ -319,14 +334,14 @@ TEST(NavigationFilters, DropMaskLegacyModeAndMissingLayoutsDecideWhatIsWritten) 
         int outcome;
     };
     const Row rows[] = {
-        {26, 0, 0x01, 0, 0},   {26, 6, 0x01, 0, 0},  {26, 6, 0xFE, 0, 1},  {26, 1, 0x04, 0, 0},  {26, 7, 0x04, 0, 0},
-        {26, 3, 0x08, 0, 0},   {26, 9, 0x10, 0, 0},  {26, 12, 0x10, 0, 0}, {26, 10, 0xEF, 0, 1}, {26, 8, 0x20, 0, 0},
-        {26, 11, 0x20, 0, 0},  {26, 13, 0x40, 0, 0}, {26, 13, 0xBF, 0, 1}, {26, 14, 0, 0, 15},   {26, 15, 0, 0, 15},
-        {26, 6, 0, 1, 0},      {26, 0, 0, 1, 1},     {26, 0, 0x01, 1, 0},  {28, 1, 0x02, 0, 0},  {28, 2, 0x04, 0, 0},
-        {28, 3, 0x08, 0, 0},   {28, 4, 0x08, 0, 0},  {28, 5, 0x10, 0, 0},  {28, 6, 0x20, 0, 0},  {28, 9, 0x20, 0, 0},
-        {28, 10, 0x20, 0, 0},  {28, 11, 0x20, 0, 0}, {28, 13, 0x40, 0, 0}, {28, 13, 0xBF, 0, 1}, {28, 7, 0xFF, 0, 1},
-        {28, 8, 0xFF, 0, 1},   {28, 12, 0, 0, 15},   {25, 0, 0xFF, 1, 1},  {25, 2, 0, 1, 0},     {25, 2, 0, 0, 1},
-        {25, 1, 0, 0, 15},     {21, 0, 0xFF, 1, 1},
+        {26, 0, 0x01, 0, 0},  {26, 6, 0x01, 0, 0},  {26, 6, 0xFE, 0, 1},  {26, 1, 0x04, 0, 0},  {26, 7, 0x04, 0, 0},
+        {26, 3, 0x08, 0, 0},  {26, 9, 0x10, 0, 0},  {26, 12, 0x10, 0, 0}, {26, 10, 0xEF, 0, 1}, {26, 8, 0x20, 0, 0},
+        {26, 11, 0x20, 0, 0}, {26, 13, 0x40, 0, 0}, {26, 13, 0xBF, 0, 1}, {26, 14, 0, 0, 15},   {26, 15, 0, 0, 15},
+        {26, 6, 0, 1, 0},     {26, 0, 0, 1, 1},     {26, 0, 0x01, 1, 0},  {28, 1, 0x02, 0, 0},  {28, 2, 0x04, 0, 0},
+        {28, 3, 0x08, 0, 0},  {28, 4, 0x08, 0, 0},  {28, 5, 0x10, 0, 0},  {28, 6, 0x20, 0, 0},  {28, 9, 0x20, 0, 0},
+        {28, 10, 0x20, 0, 0}, {28, 11, 0x20, 0, 0}, {28, 13, 0x40, 0, 0}, {28, 13, 0xBF, 0, 1}, {28, 7, 0xFF, 0, 1},
+        {28, 8, 0xFF, 0, 1},  {28, 12, 0, 0, 15},   {25, 0, 0xFF, 1, 1},  {25, 2, 0, 1, 0},     {25, 2, 0, 0, 1},
+        {25, 1, 0, 0, 15},    {21, 0, 0xFF, 1, 1},
     };
     for (const Row& row : rows) {
         Encoder encoder(0);
@@ -370,7 +385,8 @@ std::vector<Bytes> navigationDats() {
                                 sbasFrame(2, 345601, concat({{0x00}, kSbasBody})),
                                 sbasFrame(2, 345602, concat({{0x40}, kSbasBody, {0xC6, 0x0A, 0xB1, 0x3F}}))};
     for (const RawRow& row : kRawForms) {
-        if (row.subtype >= 2 && row.subtype != 14) wires.push_back(rawFrame(row.subtype, row.between, rawData(row.dataBytes, 3)));
+        if (row.subtype >= 2 && row.subtype != 14)
+            wires.push_back(rawFrame(row.subtype, row.between, rawData(row.dataBytes, 3)));
     }
     for (const Bytes& wire : wires) dats.push_back(deliver(handle.get(), wire).dat);
     return dats;

@@ -36,11 +36,16 @@ std::uint16_t writeBack(nvb_expand_t* state, nvb_frame_t& out) {
     const nvb_record_table_t& records = state->records;
     const std::uint8_t* header = records.datHeader;
     switch (header[3]) {
-        case 5: return nvb::writeRec5(*records.rec5, header, out);
-        case 12: return nvb::writeRec12(*records.rec12, out);
-        case 15: return nvb::writeRec15(*records.rec15, out);
-        case 19: return nvb::writeRec19(*records.rec19, header[2], out);
-        default: return nvb::writeRec30(*records.rec30, header, out);
+        case 5:
+            return nvb::writeRec5(*records.rec5, header, out);
+        case 12:
+            return nvb::writeRec12(*records.rec12, out);
+        case 15:
+            return nvb::writeRec15(*records.rec15, out);
+        case 19:
+            return nvb::writeRec19(*records.rec19, header[2], out);
+        default:
+            return nvb::writeRec30(*records.rec30, header, out);
     }
 }
 
@@ -108,8 +113,10 @@ TEST(ReceiverRecords, Record5TextAndPresenceMarkDecideHowMuchIsWritten) {
     Handle handle;
     FrameBuffer out;
     const Bytes name = text("ANT-3 CHOKE RING");
-    const Bytes withText = frame(5, concat({{0}, nvbtest::plain::fields({{2, 1}, {1, 5}, {1, 1}, {8, 4}, {1, 2}}).wire.bytes,
-                                            {static_cast<std::uint8_t>(name.size())}, name}));
+    const Bytes withText = frame(5, concat({{0},
+                                            nvbtest::plain::fields({{2, 1}, {1, 5}, {1, 1}, {8, 4}, {1, 2}}).wire.bytes,
+                                            {static_cast<std::uint8_t>(name.size())},
+                                            name}));
     ASSERT_EQ(deliver(handle.get(), withText).length, withText.size() - 3);
     EXPECT_EQ(std::string(handle->records.rec5->sub0.text), "ANT-3 CHOKE RING");
     ASSERT_EQ(writeBack(handle.get(), out.frame()), withText.size());
@@ -146,7 +153,8 @@ TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
 
     got = deliver(handle.get(), record(5, 0, 4));
     EXPECT_EQ(got.length, 68u + 4 * 16);
-    EXPECT_EQ(copyOf(handle->records.rec12->word5), copyOf(handle->records.rec12->byte2)) << "a zero word takes offset 9";
+    EXPECT_EQ(copyOf(handle->records.rec12->word5), copyOf(handle->records.rec12->byte2))
+        << "a zero word takes offset 9";
     EXPECT_EQ(copyOf(handle->records.rec12->unsignedValue), 4000000000.0);
     EXPECT_NEAR(copyOf(handle->records.rec12->signedValue), -0.123456, std::ldexp(1.0, -23));
     EXPECT_NEAR(copyOf(handle->records.rec12->pairs[3].second), -0.003, std::ldexp(1.0, -22));
@@ -189,8 +197,8 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndDatLengths) {
         EXPECT_EQ(got.length, row.datLength) << int(row.subtype);
         EXPECT_EQ(got.dat[2], row.reportedAs) << int(row.subtype);
         const Rec19& rec = *handle->records.rec19;
-        const double value = row.subtype == 1 ? rec.sub1.value
-                             : row.subtype == 6 ? rec.sub6.value
+        const double value = row.subtype == 1      ? rec.sub1.value
+                             : row.subtype == 6    ? rec.sub6.value
                              : row.reportedAs == 7 ? rec.sub7.value
                                                    : rec.sub2.value;
         if (row.value != 0) {
@@ -331,7 +339,9 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
         // A section longer than its fields: B's length is read from inside A, and the DAT
         // form, which carries A whole, ends before B's bytes.
         {"A of 9", {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77}, 16, {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3}},
-        {"subtype 3", {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4}, 23,
+        {"subtype 3",
+         {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4},
+         23,
          {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0}},
         // Subtype 2 keeps its sections out of the DAT form.
         {"subtype 2", {2, 5, 3, 1, 2, 3, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 1, 9}, 22, {5}},
@@ -364,8 +374,7 @@ TEST(ReceiverRecords, Record30SectionsHAndIRetrieveTheirFurtherBytesFromSectionG
     std::memcpy(handle->records.datHeader, header, 4);
     Bytes dat(length);
     ASSERT_TRUE(nvbdll_retrieveDATRecord(handle.get(), 30, dat.data()));
-    EXPECT_EQ(Bytes(dat.begin() + 11, dat.end()),
-              Bytes({6, 0, 0, 0, 0, 0xAA, 0xBB, 3, 0, 0, 0xAA, 2, 0, 0xAA}));
+    EXPECT_EQ(Bytes(dat.begin() + 11, dat.end()), Bytes({6, 0, 0, 0, 0, 0xAA, 0xBB, 3, 0, 0, 0xAA, 2, 0, 0xAA}));
 }
 
 TEST(ReceiverRecords, OnlyTheFirstDescriptionOfSubtypeZeroLeavesTheFirstGenerationHistory) {
@@ -389,9 +398,7 @@ TEST(ReceiverRecords, CountsBeyondTheStructureAreReadSafelyAndRefusedByTheWriter
     };
     const Hostile frames[] = {
         {frame(5, concat({{7}, Body().u16(1).f64(0).u16(0xFFFF).bytes})), 16},
-        {frame(5, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27,
-                   28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 0xFF}),
-         47},
+        {frame(5, concat({{0}, Bytes(42, 0x11), {0xFF}})), 47},
         {frame(12, {255, 1, 2}), 68 + 16 * 254},
         {frame(19, {3}), 4},
         {frame(22, {255, 1, 2, 3}), 255},
@@ -407,7 +414,7 @@ TEST(ReceiverRecords, CountsBeyondTheStructureAreReadSafelyAndRefusedByTheWriter
     Rec5 named{};
     named.sub0.textLength = NVB_REC5_TEXT_BYTES + 1;
     const Bytes refused[] = {structDat(5, 7, &pairs, 4 + sizeof(Rec5)), structDat(5, 0, &named, 4 + sizeof(Rec5)),
-                             shortDat(30, 7, {1, 2, 3})};
+                             shortDat(5, 9, Bytes(sizeof(Rec5) + 1, 1)), shortDat(30, 7, {1, 2, 3})};
     for (const Bytes& dat : refused) {
         Encoder encoder(0);
         std::uint8_t status = 0;
@@ -419,17 +426,40 @@ TEST(ReceiverRecords, CountsBeyondTheStructureAreReadSafelyAndRefusedByTheWriter
 // Real-looking records of the family as DAT forms, read from the test's own wire frames.
 std::vector<Bytes> receiverDats() {
     Handle handle;
-    std::vector<Bytes> wires = {description(), rec24Wire(),
-                                frame(30, {0, 0, 0, 0x30, 0x39, 0, 2, 0, 1}),
-                                frame(30, {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 5, 0, 0, 0, 4}),
-                                frame(19, concat({{5}, Body().u16(77).u32(654321).bytes})),
-                                frame(19, concat({{6}, Body().u16(78).f64(-3.25e-7).bytes})),
-                                frame(19, concat({{7}, Body().u8(1).u16(79).f64(42.125).bytes})),
-                                frame(12, concat({{3}, nvbtest::plain::fields({{1, 1}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}}).wire.bytes,
-                                                  Body().u32(86400).raw(Bytes(16, 3)).u16(9).raw(Bytes(14, 4)).scaled(0.25, 4, 22)
-                                                      .scaled(1.5, 2, 11).scaled(-0.0625, 2, 21).scaled(-2.0, 2, 11).scaled(0.125, 2, 21).bytes})),
-                                frame(15, Body().raw(nvbtest::plain::fields({{8, 11}}).wire.bytes).u16(0xFFFE).u16(300).u32(4000000000u)
-                                              .raw(Bytes(7, 0x42)).u8(9).bytes)};
+    std::vector<Bytes> wires = {
+        description(),
+        rec24Wire(),
+        frame(30, {0, 0, 0, 0x30, 0x39, 0, 2, 0, 1}),
+        frame(5, {9, 1, 2, 3, 4, 5}),
+        frame(30, {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 5, 0, 0, 0, 4}),
+        frame(19, concat({{5}, Body().u16(77).u32(654321).bytes})),
+        frame(19, concat({{6}, Body().u16(78).f64(-3.25e-7).bytes})),
+        frame(19, concat({{7}, Body().u8(1).u16(79).f64(42.125).bytes})),
+        frame(
+            12,
+            concat({{3},
+                    nvbtest::plain::fields({{1, 1}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}}).wire.bytes,
+                    Body()
+                        .u32(86400)
+                        .raw(Bytes(16, 3))
+                        .u16(9)
+                        .raw(Bytes(14, 4))
+                        .scaled(0.25, 4, 22)
+                        .scaled(1.5, 2, 11)
+                        .scaled(-0.0078125, 2, 21)
+                        .scaled(-2.0, 2, 11)
+                        .scaled(0.001953125, 2, 21)
+                        .bytes})),
+        frame(
+            15,
+            Body()
+                .raw(nvbtest::plain::fields({{8, 11}}).wire.bytes)
+                .u16(0xFFFE)
+                .u16(300)
+                .u32(4000000000u)
+                .raw(Bytes(7, 0x42))
+                .u8(9)
+                .bytes)};
     for (const LayoutRow& row : kLayouts) {
         wires.push_back(frame(row.type, concat({{row.subtype}, nvbtest::plain::fields(row.runs).wire.bytes})));
     }

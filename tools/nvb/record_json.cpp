@@ -1,6 +1,7 @@
 #include "nvb/record_json.h"
 
 #include "nvb/gnss_names.h"
+#include "nvb/receiver_nav_json.h"
 
 #include <fmt/format.h>
 
@@ -223,6 +224,7 @@ json recordJson(DeliveredRecord& record) {
             addRec11(out, *records.rec11);
             break;
         default: {
+            if (addNavigationOrReceiverFields(out, *record.state, record.type)) break;
             const auto dat = record.dat();
             if (dat.size() >= 4 && headerHoldsSubtype(record.type)) out["subtype"] = dat[2];
             out["hex"] = hexOf(dat.size() > 4 ? dat.subspan(4) : std::span<const std::uint8_t>());
