@@ -74,6 +74,14 @@ Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body) {
     return dat;
 }
 
+Bytes writtenFrame(const Bytes& dat) {
+    Encoder encoder(0);
+    const std::uint32_t before = encoder->recordCount;
+    encoder.put(dat);
+    if (encoder->recordCount == before) return {};
+    return Bytes(encoder->frame.data, encoder->frame.data + encoder->frame.length);
+}
+
 Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength) {
     const auto* bytes = static_cast<const std::uint8_t*>(rec);
     Bytes dat = shortDat(type, type == 12 ? static_cast<std::uint8_t>(datLength >> 8) : byte2,

@@ -37,6 +37,10 @@ private:
 // A DAT record of a type whose DAT length is in byte 1 alone (14, 16, 22, 23, 24).
 Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body);
 
+// The plain frame the encoder writes for one DAT record, as it stands in the encode
+// state's frame buffer before compression; empty when the record is dropped or refused.
+Bytes writtenFrame(const Bytes& dat);
+
 // The DAT form of a structure: the header, then its first datLength - 4 bytes. Record 12
 // takes the high length byte in byte 2, every other type `byte2` (a subtype or 0).
 Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength);

@@ -201,9 +201,9 @@ using Runs = std::vector<std::pair<unsigned, unsigned>>;  // width in bytes, cou
 
 // Broadcast orbit and clock values as a receiver decodes them: sqrt(A), e, i0, Omega0,
 // omega, M0, rates, harmonic terms, clock terms, times of week.
-inline constexpr double kOrbit[] = {5153.6372, 0.01234,  0.9634,    -2.0941, 0.6712,   1.2034,   4.61e-9,
+inline constexpr double kOrbit[] = {5153.6372, 0.01234,  0.9634,    -2.0941,  0.6712,   1.2034,   4.61e-9,
                                     -8.21e-9,  1.12e-10, 2.31e-6,   -1.41e-6, 254.3125, 180.1875, 3.21e-8,
-                                    -1.13e-8,  1.207e-4, -3.41e-12, 0.0,     302400.0};
+                                    -1.13e-8,  1.207e-4, -3.41e-12, 0.0,      302400.0};
 
 struct Fields {
     Bytes native;

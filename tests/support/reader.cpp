@@ -74,23 +74,6 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
     return events;
 }
 
-FrameBuffer::FrameBuffer() : frame_(new nvb_frame_t()) {}
-
-FrameBuffer::~FrameBuffer() {
-    delete frame_;
-}
-
-std::uint8_t* FrameBuffer::load(const Bytes& bytes) {
-    std::memset(frame_, 0, sizeof(nvb_frame_t));
-    std::memcpy(frame_->data, bytes.data(), std::min(bytes.size(), sizeof frame_->data));
-    frame_->length = static_cast<std::uint16_t>(bytes.size());
-    return reinterpret_cast<std::uint8_t*>(frame_);
-}
-
-Bytes FrameBuffer::bytes() const {
-    return Bytes(frame_->data, frame_->data + frame_->length);
-}
-
 Delivered deliver(nvb_expand_t* state, const Bytes& frame) {
     std::memset(&state->frame, 0, sizeof state->frame);
     std::memcpy(state->frame.data, frame.data(), std::min(frame.size(), sizeof state->frame.data));

@@ -46,22 +46,6 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
 // The DAT forms that were delivered, in order.
 std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events);
 
-// A frame buffer of the state's layout (5120 bytes, then the length), as the exported
-// readers take it.
-class FrameBuffer {
-public:
-    FrameBuffer();
-    ~FrameBuffer();
-    FrameBuffer(const FrameBuffer&) = delete;
-    FrameBuffer& operator=(const FrameBuffer&) = delete;
-    std::uint8_t* load(const Bytes& bytes);
-    nvb_frame_t& frame() { return *frame_; }
-    Bytes bytes() const;
-
-private:
-    nvb_frame_t* frame_;
-};
-
 // What the pipeline delivers for one frame standing where a getter leaves it, with the
 // DAT form retrieved.
 struct Delivered {
