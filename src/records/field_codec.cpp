@@ -189,7 +189,9 @@ void datPut(DatWriter& out, const void* source, std::size_t size) {
 std::size_t getRuns(ByteView bytes, std::size_t offset, FieldLayout layout, std::uint8_t* destination) {
     for (const FieldRun& run : layout) {
         for (unsigned i = 0; i < run.count; ++i, offset += run.width, destination += run.width) {
-            if (run.width == 8) {
+            if (run.raw) {
+                getBytes(destination, bytes, offset, run.width);
+            } else if (run.width == 8) {
                 const double value = getDouble(bytes, offset);
                 std::memcpy(destination, &value, sizeof value);
             } else if (run.width == 4) {
@@ -209,7 +211,9 @@ std::size_t getRuns(ByteView bytes, std::size_t offset, FieldLayout layout, std:
 void putRuns(WriteBuffer& out, FieldLayout layout, const std::uint8_t* source) {
     for (const FieldRun& run : layout) {
         for (unsigned i = 0; i < run.count; ++i, source += run.width) {
-            if (run.width == 8) {
+            if (run.raw) {
+                putBytes(out, source, run.width);
+            } else if (run.width == 8) {
                 double value = 0;
                 std::memcpy(&value, source, sizeof value);
                 putF64(out, value);
@@ -230,7 +234,11 @@ void putRuns(WriteBuffer& out, FieldLayout layout, const std::uint8_t* source) {
 
 void datRuns(DatReader& in, FieldLayout layout, std::uint8_t* destination) {
     for (const FieldRun& run : layout) {
-        datCopy(in, destination, run.count, run.width);
+        if (run.raw) {
+            datCopy(in, destination, std::size_t{run.count} * run.width, 1);
+        } else {
+            datCopy(in, destination, run.count, run.width);
+        }
         destination += std::size_t{run.width} * run.count;
     }
 }

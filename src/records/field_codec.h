@@ -184,11 +184,13 @@ template <class T>
 }
 
 // A run of `count` fields of `width` bytes (1, 2, 4 or 8) that stand back to back in the
-// stream form (big-endian; 8 bytes are an IEEE double) and in the structure (native).
-// Most plain records are a few such runs, so one walk serves reader, writer and parser.
+// stream form (big-endian; 8 bytes are an IEEE double) and in the structure (native), or
+// as they stand in both when `raw`. Most plain records are a few such runs, so one walk
+// serves reader, writer and parser.
 struct FieldRun {
     std::uint8_t width;
     std::uint8_t count;
+    bool raw = false;
 };
 using FieldLayout = std::span<const FieldRun>;
 

@@ -61,7 +61,8 @@ static_assert(layoutBytes(kRec30Sub0) == sizeof(Rec30Sub0));
 
 // Record 30 sections: a field at offset k of a section is present when the section's
 // length byte is above k, so a section is the list of its fields from its start.
-constexpr FieldRun kWordAndHalf[] = {{4, 1}, {2, 1}};
+constexpr FieldRun kWordAndHalf[] = {{4, 1}, {2, 1}};        // A: a 32-bit and a 16-bit number
+constexpr FieldRun kWordAndPair[] = {{4, 1}, {2, 1, true}};  // F: a 32-bit number and two bytes
 constexpr FieldRun kText[] = {{1, NVB_REC30_SECTION_BYTES}};
 constexpr FieldRun kThreeHalves[] = {{2, 3}};
 constexpr FieldRun kOneByte[] = {{1, 1}};
@@ -81,7 +82,7 @@ struct Rec30Shape {
 
 constexpr std::array<Rec30Shape, 4> kRec30Shapes = {{
     {},
-    {{layout(kWordAndHalf), layout(kText), layout(kText), layout(kThreeHalves), layout(kOneByte), layout(kWordAndHalf),
+    {{layout(kWordAndHalf), layout(kText), layout(kText), layout(kThreeHalves), layout(kOneByte), layout(kWordAndPair),
       layout(kFourBytes), layout(kTwoBytes), layout(kOneByte)},
      9,
      10,
@@ -104,7 +105,7 @@ void forPresentFields(FieldLayout fields, std::uint8_t length, Visit visit) {
     for (const FieldRun& run : fields) {
         for (unsigned i = 0; i < run.count; ++i, offset += run.width) {
             if (length <= offset) return;
-            visit(offset, run.width);
+            visit(offset, FieldRun{run.width, 1, run.raw});
         }
     }
 }
@@ -503,8 +504,7 @@ std::uint16_t readRec30(const nvb_frame_t& frame, nvb_expand_t& state) {
             for (std::size_t s = 0; s < sectionsOf(*shape, rec->sections.sectionCount); ++s) {
                 Rec30Section& section = rec->sections.section[s];
                 section.length = getByte(bytes, at++);
-                forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
-                    const FieldRun one{width, 1};
+                forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
                     at = getRuns(bytes, at, FieldLayout(&one, 1), section.bytes + offset);
                 });
             }
@@ -530,8 +530,7 @@ std::uint16_t writeRec30(const Rec30& rec, const std::uint8_t* datHeader, nvb_fr
         for (std::size_t s = 0; s < sectionsOf(*shape, rec.sections.sectionCount); ++s) {
             const Rec30Section& section = rec.sections.section[s];
             putByte(out, section.length);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
-                const FieldRun one{width, 1};
+            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
                 putRuns(out, FieldLayout(&one, 1), section.bytes + offset);
             });
         }
@@ -555,8 +554,8 @@ void putRec30Dat(const Rec30& rec, std::uint8_t subtype, DatWriter& out) {
         for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
             const Rec30Section& section = rec.sections.section[s];
             datWrite(out, section.length);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
-                datPut(out, section.bytes + offset, width);
+            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
+                datPut(out, section.bytes + offset, one.width);
             });
             const std::size_t known = layoutBytes(shape->sections[s]);
             if (shape->moreBytesInDat && section.length > known) {
@@ -592,8 +591,8 @@ int parseRec30Dat(DatReader& in, Rec30* rec, std::uint8_t subtype) {
         for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
             Rec30Section& section = rec->sections.section[s];
             section.length = datRead<std::uint8_t>(in);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, std::uint8_t width) {
-                datCopy(in, section.bytes + offset, 1, width);
+            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
+                datRuns(in, FieldLayout(&one, 1), section.bytes + offset);
             });
             const std::size_t known = layoutBytes(shape->sections[s]);
             if (shape->moreBytesInDat && section.length > known) {

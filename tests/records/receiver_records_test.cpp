@@ -289,6 +289,7 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
     EXPECT_EQ(std::string(rec.b.text), "TR-9 GNSS RX");
     EXPECT_EQ(copyOf(rec.d.words[2]), 0x0203);
     EXPECT_EQ(copyOf(rec.f.dword1), 0x12345678u);
+    EXPECT_EQ(rec.f.bytes[0], 0x9A) << "F's two bytes stand as they came";
     EXPECT_EQ(rec.i.byte1, 8);
     EXPECT_EQ(writtenFrame(got.dat), wire);
 
