@@ -244,6 +244,14 @@ TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
     }
 }
 
+TEST(RawNavigationData, UnderTheSystemMapSubtype8ComesBackAsSubtype11WithItsSatelliteRenumbered) {
+    Handle handle;  // mapSystem5To7 is on by default; ids outside 1 to 11 become 0
+    const Bytes written = writtenFrame(deliver(handle.get(), rawFrame(8, {1, 0x40}, Bytes(38, 0x5C))).dat);
+    ASSERT_EQ(written.size(), 54u);
+    EXPECT_EQ(written[3], 11);
+    EXPECT_EQ(written[10], 0);
+}
+
 // What the encoder does with a record ahead of its writer: 1 written, 0 dropped without a
 // status, 15 refused.
 TEST(NavigationFilters, DropMaskLegacyModeAndMissingLayoutsDecideWhatIsWritten) {
