@@ -1,9 +1,11 @@
 #include <nvbdll/nvbdll.h>
 
 #include "pipeline/conversions.h"
+#include "records/auxiliary_records.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
 #include "records/position_records.h"
+#include "records/rec33_records.h"
 
 using namespace nvb;
 
@@ -53,6 +55,25 @@ NVBDLL_API uint16_t nvbdll_readRec29Buffer(uint8_t* frame, nvb_expand_t* state, 
                                            uint8_t mapSystem7To10) {
     if (frame == nullptr || state == nullptr) return 0;
     return readRec29(asFrame(frame), *state, mapSystem5To7 != 0, mapSystem7To10 != 0);
+}
+
+// The plain readers that take nothing but a frame and the state.
+#define NVB_PLAIN_READER(type)                                                              \
+    NVBDLL_API uint16_t nvbdll_readRec##type##Buffer(uint8_t* frame, nvb_expand_t* state) { \
+        if (frame == nullptr || state == nullptr) return 0;                                 \
+        return readRec##type(asFrame(frame), *state);                                       \
+    }
+NVB_PLAIN_READER(31)
+NVB_PLAIN_READER(32)
+NVB_PLAIN_READER(40)
+NVB_PLAIN_READER(98)
+NVB_PLAIN_READER(99)
+#undef NVB_PLAIN_READER
+
+NVBDLL_API uint16_t nvbdll_readRec33Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7,
+                                           uint8_t mapSystem7To10) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec33(asFrame(frame), *state, mapSystem5To7 != 0, mapSystem7To10 != 0);
 }
 
 NVBDLL_API uint16_t nvbdll_convertRec29toRec11(uint8_t* datHeader, Rec29* in, Rec11* out) {
