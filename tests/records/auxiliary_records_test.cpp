@@ -261,6 +261,9 @@ TEST(AuxiliaryBadInput, CountsAndPayloadsADamagedRecordPushesPastTheStructureAre
     }
     EXPECT_EQ(nvbtest::copyOf(encoder->recordCount), 0u);
     EXPECT_EQ(encoder->records.rec102->count, 24) << "cut, and not written in any case";
+    Bytes longest = nvbtest::shortDat(31, 0, Bytes(4 + 247, 0x20));
+    longest[4 + 3] = 247;
+    EXPECT_EQ(refusal(longest), NVB_STATUS_NOT_WRITABLE) << "a frame of 257 bytes";
 }
 
 }  // namespace

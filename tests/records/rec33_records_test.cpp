@@ -195,6 +195,7 @@ TEST(Rec33Writer, RefusesTheRawSubtypesAndSendsSubtype16AsItsSecondByteAllows) {
     };
     for (const std::uint8_t raw : {0, 24, 31}) EXPECT_EQ(refusal(dat(raw, 0)), NVB_STATUS_NOT_WRITABLE);
     EXPECT_EQ(refusal(dat(16, 19)), NVB_STATUS_NOT_WRITABLE);
+    EXPECT_EQ(refusal(nvbtest::shortDat(33, 0, {13, 16, 0, 0})), NVB_STATUS_NOT_WRITABLE) << "past 255 bytes";
     EXPECT_EQ(nvbtest::writtenFrame(dat(16, 9)), nvbtest::plain::frame(33, {16}, false)) << "the subtype byte alone";
     EXPECT_EQ(nvbtest::writtenFrame(dat(16, 8)).size(), 7 + 3 + 16u);
 }
