@@ -454,6 +454,7 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
     if (state_->recordCount != before) {
         ++summary_.recordsWritten;
         if (type == 27 || type == 17) ++summary_.epochsWritten;
+        if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
     } else if (isThinnedType(type) &&
                ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
