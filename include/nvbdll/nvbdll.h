@@ -101,6 +101,9 @@ NVBDLL_API uint32_t nvbdll_processNVBRecord(nvb_expand_t* state, uint32_t unused
 /*! nvbdll_retrieveDATRecord() :
  *  Writes the DAT form of the record just decoded into `out`, which must hold the length
  *  that nvbdll_processNVBRecord returned. `recordType` must be the type it reported.
+ *  The DAT length is taken from the header's low byte for records 98 and 99, so one
+ *  longer than 255 bytes is written only that far; a host keeping them whole reads the
+ *  rest from the state's structure. Record 34 comes from the generic area.
  *  @return : true when written in a form its type defines; false for a wrong type or a
  *            NULL `out` (nothing written) and for types carried as generic bodies. */
 NVBDLL_API bool nvbdll_retrieveDATRecord(nvb_expand_t* state, int16_t recordType, uint8_t* out);

@@ -14,10 +14,10 @@ constexpr std::uint8_t kType33 = 33;
 constexpr std::uint8_t kLastSubtype = 30;
 constexpr std::uint8_t kMixedSystemsSubtype = 3;
 constexpr std::uint8_t kFramePrefix = 4;    // start, length, type, subtype
-constexpr std::uint8_t kFrameOverhead = 7;  // that and checksum and end byte
 constexpr std::uint16_t kLongestFrame = 255;
 
-// Subtype 19's tail is read from this L (frame length minus 2) up, as its older readers did.
+// Subtype 19's tail is read from this L (frame length minus 2) up; below, the older form
+// has none.
 constexpr std::size_t kSub19TailFromL = 95;
 // Subtypes 5 to 12 take nothing below this L.
 constexpr std::size_t kDoublesFromL = 12;
@@ -161,8 +161,8 @@ void walkSub3(Walk& walk, Rec33Sub3& sub, std::uint8_t* base) {
     }
 }
 
-// As many doubles as the body holds: one more while its end, counted from the frame's
-// subtype byte, does not pass L. The last may take the checksum's first byte.
+// As many doubles as the body holds: one more while its end, as an offset in the frame,
+// does not pass L (the DAT length). The last may take the checksum's first byte.
 template <class Walk>
 void walkDoubles(Walk& walk, Rec33Doubles& sub, std::uint8_t* base) {
     if constexpr (Walk::kFills) {
