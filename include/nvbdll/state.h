@@ -182,6 +182,10 @@ typedef struct nvb_encode_t {
     uint32_t blockFill;
     uint32_t blockTarget;
     uint32_t bzip2BlockSize;
+    /* Format level of what is written: 0 (the default) is the oldest byte stream form,
+     * in which a first range above 33554431 m (BeiDou GEO and IGSO satellites) loses its
+     * high bits and the library logs a "Warning: " line the first time; a host writing
+     * a block stream sets 5, the form every current reader takes. */
     uint32_t fileFormat;
     uint8_t compressionMethod; /* 0 Huffman byte stream, 1-7 block methods */
     uint8_t compressionLevel;
