@@ -3,6 +3,7 @@
 
 BUILD      ?= build
 BUILD_SAN  ?= build-sanitize
+BUILD_REL  ?= build-release
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
@@ -15,7 +16,7 @@ PACKAGES := g++ cmake make pkg-config python3 binutils \
 
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
 
-.PHONY: all deps build build-sanitize test demo bench install clean
+.PHONY: all deps build build-sanitize build-release test demo bench install clean
 
 all: build
 
@@ -29,11 +30,16 @@ deps:
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 
+# The developer builds treat warnings as errors; a plain `cmake` configure does not.
 $(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNVBDLL_WERROR=ON $(CMAKE_ARGS)
 
 $(BUILD_SAN)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_SANITIZE=ON \
+	cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_SANITIZE=ON -DNVBDLL_WERROR=ON \
+	  -DNVBDLL_BUILD_BENCH=OFF $(CMAKE_ARGS)
+
+$(BUILD_REL)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD_REL) -DCMAKE_BUILD_TYPE=Release -DNVBDLL_WERROR=ON \
 	  -DNVBDLL_BUILD_BENCH=OFF $(CMAKE_ARGS)
 
 build: deps $(BUILD)/CMakeCache.txt
@@ -42,11 +48,16 @@ build: deps $(BUILD)/CMakeCache.txt
 build-sanitize: deps $(BUILD_SAN)/CMakeCache.txt
 	cmake --build $(BUILD_SAN) -j $(JOBS)
 
-# The whole suite twice: a normal build, then one under ASan and UBSan.
-test: build build-sanitize
+build-release: deps $(BUILD_REL)/CMakeCache.txt
+	cmake --build $(BUILD_REL) -j $(JOBS)
+
+# The whole suite three times: a normal build, one under ASan and UBSan, and the
+# optimised Release build a packager makes.
+test: build build-sanitize build-release
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(BUILD_SAN) --output-on-failure -j $(JOBS)
+	ctest --test-dir $(BUILD_REL) --output-on-failure -j $(JOBS)
 
 demo: build
 	./scripts/demo.sh $(BUILD)
@@ -58,4 +69,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_SAN)
+	rm -rf $(BUILD) $(BUILD_SAN) $(BUILD_REL)

@@ -101,6 +101,9 @@ NVBDLL_API uint32_t nvbdll_processNVBRecord(nvb_expand_t* state, uint32_t unused
 /*! nvbdll_retrieveDATRecord() :
  *  Writes the DAT form of the record just decoded into `out`, which must hold the length
  *  that nvbdll_processNVBRecord returned. `recordType` must be the type it reported.
+ *  The DAT length is taken from the header's low byte for records 98 and 99, so one
+ *  longer than 255 bytes is written only that far; a host keeping them whole reads the
+ *  rest from the state's structure. Record 34 comes from the generic area.
  *  @return : true when written in a form its type defines; false for a wrong type or a
  *            NULL `out` (nothing written) and for types carried as generic bodies. */
 NVBDLL_API bool nvbdll_retrieveDATRecord(nvb_expand_t* state, int16_t recordType, uint8_t* out);
@@ -245,6 +248,49 @@ NVBDLL_API uint16_t nvbdll_readRec19Buffer(uint8_t* frame, nvb_expand_t* state, 
  *  @return : the DAT length, the stream offset where reading ended; 0 without the
  *            structures. */
 NVBDLL_API uint16_t nvbdll_readRec30Buffer(uint8_t* frame, nvb_expand_t* state);
+/*! nvbdll_readRec31Buffer() :
+ *  Reads a record 31 (a tag, a byte and up to 255 counted bytes) from `frame` into the
+ *  state's Rec31 and DAT header.
+ *  @return : the DAT length, count + 8; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec31Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec32Buffer() :
+ *  Reads a record 32 from `frame` into the state's Rec32 and DAT header, its subtype into
+ *  the structure's first byte. The structure is not cleared first: what a shorter subtype
+ *  does not reach keeps the previous record's values.
+ *  @return : the DAT length by subtype, 5 (2), 88 (3), 91 (4), 103 (5), 80 (6); 0 for any
+ *            other subtype and without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec32Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec33Buffer() :
+ *  Reads a record 33 from `frame` into the state's Rec33 and DAT header. Subtypes 0, 24
+ *  and above 30 are kept raw: subtype byte 0, the body behind it, the subtype at offset
+ *  249. In a subtype 3, system 5 becomes 7 and 7 becomes 10 as the two flags ask.
+ *  @return : the low byte of the frame length minus 2; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec33Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7,
+                                           uint8_t mapSystem7To10);
+
+/*! nvbdll_readRec40Buffer() :
+ *  Reads a record 40 from `frame` into the state's Rec40 and DAT header (whose byte 2
+ *  keeps the subtype). Values of ids 6 (signed), 7 and 8 (unsigned) are taken as they
+ *  stand, every other id's signed value divided by 100. At most 20 entries are kept.
+ *  @return : the DAT length, 9 x count + 11; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec40Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec98Buffer() :
+ *  Reads a record 98 from `frame` into the state's Rec98 and DAT header; the payload
+ *  stands at structure offset 8 whether the extra byte came (bit 7 of flags) or not, and
+ *  is cut to 1024 bytes.
+ *  @return : the DAT length, payload + 11, or + 12 with the extra byte; 0 without the
+ *            structures. */
+NVBDLL_API uint16_t nvbdll_readRec98Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec99Buffer() :
+ *  Reads a record 99 from `frame` into the state's Rec99 and DAT header. With flags 1
+ *  the payload is inflated into at most 4096 bytes, otherwise copied (at most 4096).
+ *  @return : the DAT length, payload + 11; 4107 when inflating fails, the payload then
+ *            holding what came out before the failure; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec99Buffer(uint8_t* frame, nvb_expand_t* state);
 
 /*! nvbdll_convertRec29toRec11() :
  *  Fills `out` (cleared first) from the position record `in`; with a non-NULL `datHeader`

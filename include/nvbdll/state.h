@@ -40,6 +40,8 @@ struct Rec34;
 struct Rec40;
 struct Rec98;
 struct Rec99;
+struct Rec101;
+struct Rec102;
 
 /* One structure per record type, overwritten by each record of that type. The slot
  * numbers are fixed; spare slots are allocated and freed with the rest. */
@@ -80,8 +82,8 @@ typedef struct nvb_record_table_t {
     struct Rec40* rec40;
     struct Rec98* rec98;
     struct Rec99* rec99;
-    uint8_t* spare36;
-    uint8_t* spare37;
+    struct Rec101* rec101;       /* slot 36: records 101 and 102 exist in DAT form only */
+    struct Rec102* rec102;
 } nvb_record_table_t;
 
 /* A frame: 5120 bytes of data and a 16-bit length, cleared whole before each fill. */
@@ -180,6 +182,10 @@ typedef struct nvb_encode_t {
     uint32_t blockFill;
     uint32_t blockTarget;
     uint32_t bzip2BlockSize;
+    /* Format level of what is written: 0 (the default) is the oldest byte stream form,
+     * in which a first range above 33554431 m (BeiDou GEO and IGSO satellites) loses its
+     * high bits and the library logs a "Warning: " line the first time; a host writing
+     * a block stream sets 5, the form every current reader takes. */
     uint32_t fileFormat;
     uint8_t compressionMethod; /* 0 Huffman byte stream, 1-7 block methods */
     uint8_t compressionLevel;

@@ -7,11 +7,13 @@
 #include "external/su/codec_histories.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/epoch_compressor.h"
+#include "records/auxiliary_records.h"
 #include "records/dat_parser.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
 #include "records/navigation_records.h"
 #include "records/position_records.h"
+#include "records/rec33_records.h"
 #include "records/receiver_records.h"
 #include "rec35/rec35_assembly.h"
 #include "stream/block_writer.h"
@@ -23,8 +25,9 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNotWritable = 15;
-constexpr std::uint8_t kNoCallback = 16;
+constexpr std::uint8_t kNotWritable = NVB_STATUS_NOT_WRITABLE;
+constexpr std::uint8_t kNoCallback = NVB_STATUS_NO_CALLBACK;
+constexpr std::uint8_t kRec33MixedSystems = 3;
 constexpr std::uint32_t kNoReference = 0xFFFFFFFFu;
 constexpr std::uint16_t kLongestRecord17 = 511;
 
@@ -48,6 +51,20 @@ bool writeRec16Frame(nvb_encode_t& state) {
     putByte(out, state.records.datHeader[2]);
     putBytes(out, state.records.rec16->data, body);
     return closeFrame(out, false) != 0;
+}
+
+// Record 40 always goes out as its compact carrier, type 41. Until that coder is in place
+// the plain form goes as it stands, which every reader takes.
+void handOverListRecord(nvb_encode_t& state) {
+    std::memcpy(&state.frame, &state.plainFrame, sizeof state.frame);
+}
+
+// A record 33 listing the systems in use starts the compact families over: the block
+// closes, and the next epoch and position go out as references.
+void restartAfterSystemList(nvb_encode_t& state) {
+    state.flushBlock = 1;
+    state.epochForceReference = 1;
+    state.forcePositionReference = 1;
 }
 
 // Older readers take at most three measurements a satellite and no clock block: the GPS
@@ -189,9 +206,33 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             status = NVB_STATUS_NOT_WRITABLE;
             return false;
-        case 20: case 31: case 32: case 33: case 34: case 35: case 40: case 98: case 99:
-            // Their writers (and the block closing of a record 33 of subtype 3) come with
-            // the auxiliary record family; until then such a record can't be written.
+        case 20:
+        case 31:
+        case 32:
+        case 34:
+        case 98:
+        case 99:
+            if (writeAuxiliaryFrame(state, type)) return true;
+            status = kNotWritable;
+            return false;
+        case 33: {
+            const Rec33& rec = *state.records.rec33;
+            if (!writeRec33(rec, state.records.datHeader[1], state.frame)) {
+                status = kNotWritable;
+                return false;
+            }
+            if (rec.subtype == kRec33MixedSystems) restartAfterSystemList(state);
+            return true;
+        }
+        case 40:
+            if (!writeRec40(*state.records.rec40, state.records.datHeader[2], state.plainFrame)) {
+                status = kNotWritable;
+                return false;
+            }
+            handOverListRecord(state);
+            return true;
+        case 35:
+            // Its writer comes with the record 35 family; until then it can't be written.
             status = kNotWritable;
             return false;
         default:

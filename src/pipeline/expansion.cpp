@@ -8,10 +8,12 @@
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 #include "external/su/solution_codec.h"
+#include "records/auxiliary_records.h"
 #include "records/measurement_records.h"
 #include "records/navigation_records.h"
 #include "records/opaque_records.h"
 #include "records/position_records.h"
+#include "records/rec33_records.h"
 #include "records/receiver_records.h"
 #include "stream/framing.h"
 
@@ -48,6 +50,13 @@ std::uint16_t read17(nvb_expand_t& state) { return readRec17(state.plainFrame, s
 std::uint16_t read29(nvb_expand_t& state) {
     return readRec29(state.plainFrame, state, state.mapSystem5To7 != 0, state.mapSystem7To10 != 0);
 }
+std::uint16_t read33(nvb_expand_t& state) {
+    return readRec33(state.plainFrame, state, state.mapSystem5To7 != 0, state.mapSystem7To10 != 0);
+}
+template <std::uint16_t (*Read)(const nvb_frame_t&, nvb_expand_t&)>
+std::uint16_t readPlain(nvb_expand_t& state) {
+    return Read(state.plainFrame, state);
+}
 std::uint16_t read27(nvb_expand_t& state) {
     const Rec27ReadOptions options{state.dopplerControl, state.mapSystem5To7 != 0, state.mapSystem7To10 != 0,
                                    state.keepAllSvBlocks != 0};
@@ -73,11 +82,6 @@ template <bool IsType36>
 std::uint8_t expandDelta(nvb_expand_t& state, bool framed) {
     std::uint8_t status = 0;
     return processType37(state, status, framed, IsType36);
-}
-
-template <std::uint16_t (*Read)(const nvb_frame_t&, nvb_expand_t&)>
-std::uint16_t readPlain(nvb_expand_t& state) {
-    return Read(state.plainFrame, state);
 }
 
 template <std::uint16_t (*Read)(const nvb_frame_t&, nvb_expand_t&, bool)>
@@ -119,10 +123,15 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[28] = {28, nullptr, readMapped<readRec28>, Thinning::None};
     routes[29] = {29, nullptr, read29, Thinning::Position29};
     routes[30] = {30, nullptr, read30, Thinning::None};
+    routes[31] = {31, nullptr, readPlain<readRec31>, Thinning::None};
+    routes[32] = {32, nullptr, readPlain<readRec32>, Thinning::None};
+    routes[33] = {33, nullptr, read33, Thinning::None};
+    routes[34] = {34, nullptr, readPlain<readRec34>, Thinning::None};
     routes[36] = {27, expandDelta<true>, read27, Thinning::Epoch27};
     routes[37] = {27, expandDelta<false>, read27, Thinning::Epoch27};
     routes[38] = {27, expandAlone<processType38>, read27, Thinning::Epoch27};
     routes[39] = {27, expandAlone<processType39>, read27, Thinning::Epoch27};
+    routes[40] = {40, nullptr, readPlain<readRec40>, Thinning::None};
     routes[54] = {11, expandFramed<processType54>, read11, Thinning::Position11};
     routes[55] = {11, expandFramed<processType55>, read11, Thinning::Position11};
     routes[56] = {29, expandAlone<processType56>, read29, Thinning::Position29};
@@ -136,6 +145,8 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[76] = routes[68];
     routes[77] = routes[69];
     routes[90] = {90, nullptr, nullptr, Thinning::None};
+    routes[98] = {98, nullptr, readPlain<readRec98>, Thinning::None};
+    routes[99] = {99, nullptr, readPlain<readRec99>, Thinning::None};
     return routes;
 }
 

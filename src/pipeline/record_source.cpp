@@ -11,7 +11,8 @@ constexpr std::uint32_t kDetectionBytes = 10;
 
 // Decides the shape of the stream on its tenth byte. A block stream keeps the ten bytes
 // in the block input buffer; a byte stream replays them through the frame assembler,
-// and only the last of the ten calls counts: a frame that ends earlier is lost.
+// and only the last of the ten calls counts: a frame that ends earlier is lost. A status
+// that any of the ten calls set stays, so the first call reports what detection met.
 std::int32_t detectStream(nvb_expand_t& state, bool haveByte, std::uint8_t byte, std::uint8_t& status,
                           bool huffman) {
     if (haveByte && state.inputFill < kDetectionBytes) state.blockInput[state.inputFill++] = byte;
@@ -24,7 +25,6 @@ std::int32_t detectStream(nvb_expand_t& state, bool haveByte, std::uint8_t byte,
     }
     int result = 0;
     for (state.inputReplayPos = 0; state.inputReplayPos < kDetectionBytes; ++state.inputReplayPos) {
-        status = 0;
         result = assembleFrame(state.frameAssembly, state.blockInput[state.inputReplayPos], status, huffman,
                                state.frame);
     }

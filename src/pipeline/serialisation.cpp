@@ -1,6 +1,8 @@
 #include "pipeline/serialisation.h"
 
+#include "records/auxiliary_records.h"
 #include "records/field_codec.h"
+#include "records/rec33_records.h"
 #include "records/receiver_records.h"
 
 #include <nvbdll/records.h>
@@ -65,9 +67,7 @@ PlainStructure plainStructureOf(const nvb_expand_t& state, std::int16_t type) {
         case 28: return {records.rec28, 214};
         case 31: return {records.rec31, 260};
         case 32: return {records.rec32, 99};
-        case 33: return {records.rec33, 464};
         case 40: return {records.rec40, 187};
-        case 98: return {records.rec98, 1032};
         case 99: return {records.rec99, 4103};
         default: return {nullptr, 0};
     }
@@ -231,6 +231,13 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
             if (state.records.rec30 == nullptr) return false;
             std::memset(out + 4, 0, body);
             putRec30Dat(*state.records.rec30, header[2], fields);
+        case 33:
+            if (state.records.rec33 == nullptr) return false;
+            writeRec33Dat(*state.records.rec33, fields);
+            return true;
+        case 98:
+            if (state.records.rec98 == nullptr) return false;
+            writeRec98Dat(*state.records.rec98, fields);
             return true;
         default:
             break;
@@ -246,6 +253,30 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
     }
     copyGeneric(state, out, body);
     return false;
+}
+
+std::uint16_t wholeDatForm(nvb_expand_t& state, std::int16_t recordType, std::uint16_t length, std::uint8_t* out,
+                           std::size_t capacity) {
+    const nvb_record_table_t& records = state.records;
+    const bool wide = (recordType == 98 || recordType == 99) && length > 0xFF;
+    if (out == nullptr || records.datHeader == nullptr || recordType != records.datHeader[3]) return 0;
+    if (recordType != 34 && !wide) {
+        const std::uint16_t retrieved = retrieveLengthOf(records.datHeader);
+        if (capacity < retrieved) return 0;
+        retrieveDATRecord(state, recordType, out);
+        return retrieved;
+    }
+    if (capacity < length || length < 4) return 0;
+    std::memcpy(out, records.datHeader, 4);
+    DatWriter fields{out + 4, length - 4u};
+    if (recordType == 34 && records.rec34 != nullptr) {
+        datPut(fields, records.rec34, std::min<std::size_t>(fields.capacity, sizeof(Rec34)));
+    } else if (recordType == 98 && records.rec98 != nullptr) {
+        writeRec98Dat(*records.rec98, fields);
+    } else if (recordType == 99 && records.rec99 != nullptr) {
+        datPut(fields, records.rec99, std::min<std::size_t>(fields.capacity, sizeof(Rec99)));
+    }
+    return length;
 }
 
 }  // namespace nvb

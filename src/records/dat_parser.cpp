@@ -1,9 +1,11 @@
 #include "records/dat_parser.h"
 
+#include "records/auxiliary_records.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
 #include "records/navigation_records.h"
 #include "records/position_records.h"
+#include "records/rec33_records.h"
 #include "records/receiver_records.h"
 
 #include <nvbdll/records.h>
@@ -34,6 +36,7 @@ std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader) {
         case 17:
         case 27:
         case 29:
+        case 34:
         case 98:
         case 99:
             return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
@@ -90,6 +93,20 @@ std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::
             break;
         case 30:
             result = parseRec30Dat(in, state.records.rec30, header[2]);
+            break;
+        case 33:
+            result = parseRec33Dat(in, state.records.rec33);
+            break;
+        case 20:
+        case 31:
+        case 32:
+        case 34:
+        case 40:
+        case 98:
+        case 99:
+        case 101:
+        case 102:
+            result = parseAuxiliaryDat(state, type, in);
             break;
         case 14:
         case 22:

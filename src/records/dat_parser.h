@@ -8,7 +8,8 @@
 namespace nvb {
 
 // The DAT length that a DAT header describes under the parsing rule: a high byte for
-// types 12, 17, 27, 29, 98 and 99, the low byte alone for every other type.
+// types 12, 17, 27, 29, 34, 98 and 99, the low byte alone for every other type. Record
+// 34 takes its high byte as its reader writes it, so that a long series is parsed whole.
 [[nodiscard]] std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader);
 
 // Parses a DAT record (header and structure) into the encode state's structure of its

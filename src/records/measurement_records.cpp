@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +35,16 @@ int firstRangeExponent(std::uint8_t satType) {
     if (satType == 1 || satType == 4) return -6;
     if (satType == 8) return -10;
     return -7;
+}
+
+// The format level 0 codes a first range in four bytes at 2^-7 m, so one above the
+// rollover (BeiDou GEO and IGSO satellites) loses its high bits. That is the format's
+// rule, but a host that left fileFormat at 0 would not know: say it once per process.
+void warnRangeWrapsOnce() {
+    static std::atomic<bool> warned{false};
+    if (!warned.exchange(true, std::memory_order_relaxed)) {
+        logMessage("Warning: a first range above 33554431 m wraps at format level 0; set fileFormat to keep it\n");
+    }
 }
 
 [[noreturn]] void invalidDopplerControl(std::uint8_t value) {
@@ -502,6 +513,8 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
                     range -= kRangeRollover;
                     flags1 |= kFlags2Follows;
                     flags2 |= kRolledOver;
+                } else if (exponent == -7 && formatLevel == 0 && range > kRangeRollover) {
+                    warnRangeWrapsOnce();
                 }
                 putScaled4(out, range, -exponent);
             } else {

@@ -1,7 +1,10 @@
 // Property: any bytes standing in the frame buffer, expanded by any single step or by the
-// dispatch as any compact type, never read or write outside a buffer; a refused record
-// leaves the state able to read the next one.
+// dispatch as any compact type, or read by the dispatch as a plain type whose reader counts
+// or inflates what the body says, never read or write outside a buffer, nor does taking
+// their DAT form; a refused record leaves the state able to read the next one.
 #include <nvbdll/nvbdll.h>
+
+#include "pipeline/serialisation.h"
 
 #include <cstdint>
 #include <cstring>
@@ -19,6 +22,7 @@ void standFrame(nvb_expand_t* state, const std::uint8_t* data, std::size_t size,
 }
 
 constexpr std::uint8_t kCompactTypes[] = {36, 37, 38, 39, 54, 55, 56, 57, 66, 67, 68, 69, 74, 75, 76, 77};
+constexpr std::uint8_t kPlainTypes[] = {31, 32, 33, 34, 40, 98, 99};
 
 }  // namespace
 
@@ -29,9 +33,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     if (size < 2) return 0;
     // The first byte picks the type and the way in, the rest is the record; the state
-    // carries its history from one input to the next, as a reader's does.
-    const std::uint8_t type = kCompactTypes[data[0] % sizeof kCompactTypes];
+    // carries its history from one input to the next, as a reader's does. Bits 4 and 5
+    // send the dispatch a plain type.
     const bool throughDispatch = (data[0] & 0x80) != 0;
+    const bool plain = throughDispatch && (data[0] & 0x30) != 0;
+    const std::uint8_t type = plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
+                                    : kCompactTypes[data[0] % sizeof kCompactTypes];
     standFrame(state, data + 1, size - 1, type);
     std::uint8_t status = 0;
     if (throughDispatch) {
@@ -39,7 +46,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::uint16_t recordType = 0;
         const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &recordType, &status);
         static std::vector<std::uint8_t> dat(1 << 17);
-        if (length > 0 && status == 0) nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(recordType), dat.data());
+        if (length > 0 && status == 0) {
+            nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(recordType), dat.data());
+            nvb::wholeDatForm(*state, static_cast<std::int16_t>(recordType), static_cast<std::uint16_t>(length),
+                              dat.data(), dat.size());
+        }
         return 0;
     }
     const std::uint8_t framed = data[0] & 1;

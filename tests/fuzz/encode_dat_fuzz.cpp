@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (position + 4 <= size) {
         const std::uint8_t* header = data + position;
         const bool twoBytes = header[3] == 12 || header[3] == 17 || header[3] == 27 || header[3] == 29 ||
-                              header[3] == 98 || header[3] == 99;
+                              header[3] == 34 || header[3] == 98 || header[3] == 99;
         const std::size_t length = twoBytes ? header[1] | (header[2] << 8) : header[1];
         std::vector<std::uint8_t> dat(std::max<std::size_t>(length, 4), 0);
         std::memcpy(dat.data(), header, std::min(dat.size(), size - position));

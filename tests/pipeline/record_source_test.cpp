@@ -195,12 +195,32 @@ TEST(Getters, HuffmanEndSymbolsAreReportedAndDecodingGoesOn) {
     EXPECT_EQ(nvbtest::deliveredDat(events).size(), 100u);
 }
 
-TEST(Getters, LeadingEndSymbolInsideDetectionIsAbsorbed) {
-    const Bytes coded = nvbtest::huffmanEncode(concat({kLeadIn, opaque(23, 40, 1)}), true);
-    Handle handle;
-    const auto events = readStream(handle.get(), coded, Getter::NvbByByte);
-    EXPECT_EQ(countStatus(events, 6), 0);
-    EXPECT_EQ(nvbtest::deliveredDat(events).size(), 1u);
+// Detection runs its ten bytes through the assembler without clearing the status, so the
+// first call of a stream reports what those bytes met, before the first record.
+TEST(StreamDetection, FirstCallReportsWhatTheTenBytesMet) {
+    struct Case {
+        const char* what;
+        Bytes stream;
+        std::uint8_t status;
+    };
+    const Case cases[] = {
+        {"Huffman end symbol", nvbtest::huffmanEncode(concat({kLeadIn, opaque(23, 40, 1)}), true), 6},
+        {"impossible length", concat({Bytes{0x02, 0x00, 0x0E}, junk(7, 9), opaque(23, 40, 1)}), 3},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Handle handle;
+        std::FILE* file = std::tmpfile();
+        std::fwrite(c.stream.data(), 1, c.stream.size(), file);
+        std::rewind(file);
+        std::uint8_t status = 0;
+        const auto get = c.status == 6 ? nvbdll_getNVBRecord : nvbdll_getNVARecord;
+        EXPECT_EQ(get(handle.get(), file, &status), -1);
+        EXPECT_EQ(status, c.status);
+        EXPECT_EQ(get(handle.get(), file, &status), 23);
+        EXPECT_EQ(status, 0);
+        std::fclose(file);
+    }
 }
 
 TEST(Getters, CallWithoutAByteWhenNothingIsQueuedIsStatusThreeAndRecovers) {

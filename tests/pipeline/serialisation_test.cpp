@@ -327,7 +327,7 @@ TEST(DatLengthRules, ParsingAndRetrievingReadTheHeaderEachByItsOwnRule) {
         std::uint16_t retrieve;
     };
     const Case cases[] = {{0, 0x34, 0x12},      {1, 0x34, 0x12},      {12, 0x1234, 0x1234}, {17, 0x1234, 0x1234},
-                          {27, 0x1234, 0x1234}, {29, 0x1234, 0x1234}, {34, 0x34, 0x34},     {98, 0x1234, 0x34},
+                          {27, 0x1234, 0x1234}, {29, 0x1234, 0x1234}, {34, 0x1234, 0x34},   {98, 0x1234, 0x34},
                           {99, 0x1234, 0x34},   {101, 0x34, 0x1234},  {5, 0x34, 0x34}};
     for (const Case& c : cases) {
         const std::uint8_t header[4] = {0x74, 0x34, 0x12, c.type};

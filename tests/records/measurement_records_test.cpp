@@ -1,10 +1,14 @@
 #include "support/measurement_epochs.h"
 #include "support/plain_records.h"
 
+#include "common/diagnostics.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -65,10 +69,21 @@ TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
     EXPECT_EQ(read.sv[1].meas[0].measBlockLen, 28);
     EXPECT_EQ(+read.sv[2].meas[0].range, 33554433.0);
 
-    // The byte-stream form has no flag byte for it: a range past 32 bits loses its top.
+    // The byte-stream form has no flag byte for it: a range past 32 bits loses its top,
+    // and the log stream hears of it once, not per epoch.
+    std::FILE* log = std::tmpfile();
+    nvb::logStream = log;
     ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
+    ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
+    nvb::logStream = nullptr;
     EXPECT_NEAR(+reader.epoch().sv[1].meas[0].range, 33554431.3, pow2(-8));
     EXPECT_EQ(+reader.epoch().sv[2].meas[0].range, 33554433.0 - 33554432.0);
+    std::rewind(log);
+    char line[256] = {};
+    ASSERT_NE(std::fgets(line, sizeof line, log), nullptr);
+    EXPECT_EQ(std::string(line).rfind("Warning: ", 0), 0u) << line;
+    EXPECT_EQ(std::fgets(line, sizeof line, log), nullptr) << "said once";
+    std::fclose(log);
 }
 
 TEST(Rec27Ranges, DifferencesBeyond100MetresTakeThreeBytesAndBothFlags) {

@@ -14,8 +14,10 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes bigEndian(std::uint64_t value, std::size_t width) {
-    Bytes bytes(width);
-    for (std::size_t i = width; i-- > 0; value >>= 8) bytes[i] = static_cast<std::uint8_t>(value);
+    Bytes bytes;
+    bytes.reserve(width);
+    for (std::size_t i = 0; i < width; ++i, value >>= 8) bytes.push_back(static_cast<std::uint8_t>(value));
+    std::reverse(bytes.begin(), bytes.end());
     return bytes;
 }
 

@@ -1,5 +1,7 @@
 #include "support/encoder.h"
 
+#include "support/reader.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -74,12 +76,21 @@ Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body) {
     return dat;
 }
 
-Bytes writtenFrame(const Bytes& dat) {
-    Encoder encoder(0);
+Bytes writtenFrame(const Bytes& dat, std::uint8_t* status) {
+    Encoder encoder(1);
+    std::uint8_t local = 0;
+    std::uint8_t& reported = status != nullptr ? *status : local;
     const std::uint32_t before = encoder->recordCount;
-    encoder.put(dat);
+    encoder.put(dat, &reported);
     if (encoder->recordCount == before) return {};
     return Bytes(encoder->frame.data, encoder->frame.data + encoder->frame.length);
+}
+
+std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t method) {
+    Encoder encoder(method);
+    for (const Bytes& dat : dats) encoder.put(dat);
+    Handle handle;
+    return deliveredDat(readStream(handle.get(), encoder.finish(), Getter::NvbFile));
 }
 
 Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength) {

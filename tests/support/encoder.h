@@ -6,6 +6,7 @@
 #include "support/frame_builder.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace nvbtest {
 
@@ -37,9 +38,12 @@ private:
 // A DAT record of a type whose DAT length is in byte 1 alone (14, 16, 22, 23, 24).
 Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body);
 
-// The plain frame the encoder writes for one DAT record, as it stands in the encode
-// state's frame buffer before compression; empty when the record is dropped or refused.
-Bytes writtenFrame(const Bytes& dat);
+// The frame the encoder builds from one DAT record, as it stands in a framed block;
+// empty when the record is refused, with the encoder's status in `status`.
+Bytes writtenFrame(const Bytes& dat, std::uint8_t* status = nullptr);
+
+// DAT records written as one log in `method` and read back whole with the default options.
+std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t method);
 
 // The DAT form of a structure: the header, then its first datLength - 4 bytes. Record 12
 // takes the high length byte in byte 2, every other type `byte2` (a subtype or 0).

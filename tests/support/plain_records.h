@@ -5,6 +5,7 @@
 // independent of the library's writers, so that a fault the library's reader and writer
 // share still shows. Header-only: the benchmarks use it as well.
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -24,11 +25,8 @@ struct Body {
     Body& u8(std::uint64_t value) { return be(value, 1); }
     Body& u16(std::uint64_t value) { return be(value, 2); }
     Body& u32(std::uint64_t value) { return be(value, 4); }
-    Body& f64(double value) {
-        std::uint64_t pattern = 0;
-        std::memcpy(&pattern, &value, sizeof pattern);
-        return be(pattern, 8);
-    }
+    Body& f32(float value) { return be(std::bit_cast<std::uint32_t>(value), 4); }
+    Body& f64(double value) { return be(std::bit_cast<std::uint64_t>(value), 8); }
     Body& raw(const Bytes& more) {
         bytes.insert(bytes.end(), more.begin(), more.end());
         return *this;

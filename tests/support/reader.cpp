@@ -1,5 +1,7 @@
 #include "support/reader.h"
 
+#include "pipeline/serialisation.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +26,8 @@ void processAnnounced(nvb_expand_t* state, ReadEvent& event) {
     event.datLength = nvbdll_processNVBRecord(state, 0, &event.type, &event.processStatus);
     if (event.delivered()) {
         event.dat.assign(event.datLength + 64u, 0);
-        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(event.type), event.dat.data());
+        nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type), static_cast<std::uint16_t>(event.datLength),
+                          event.dat.data(), event.dat.size());
         event.dat.resize(event.datLength);
     }
 }
@@ -49,6 +52,18 @@ std::vector<ReadEvent> readFromFile(nvb_expand_t* state, const Bytes& stream, bo
 }
 
 }  // namespace
+
+ReadEvent processFrame(nvb_expand_t* state, const Bytes& frame) {
+    std::memset(&state->frame, 0, sizeof state->frame);
+    const std::size_t length = std::min(frame.size(), sizeof state->frame.data);
+    std::memcpy(state->frame.data, frame.data(), length);
+    state->frame.length = static_cast<std::uint16_t>(length);
+    state->currentType = length > 2 ? frame[2] : 0;
+    ReadEvent event;
+    event.result = static_cast<std::int32_t>(length);
+    processAnnounced(state, event);
+    return event;
+}
 
 std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Getter getter) {
     if (getter == Getter::NvbFile) return readFromFile(state, stream, true);

@@ -32,12 +32,16 @@ struct ReadEvent {
     std::uint16_t type = 0;       // type reported by nvbdll_processNVBRecord
     std::uint32_t datLength = 0;  // its result
     std::uint8_t processStatus = 0;
-    Bytes dat;                    // DAT form when delivered
+    Bytes dat;                    // DAT form when delivered, whole (records 34, 98, 99 too)
 
     bool delivered() const { return datLength > 0 && processStatus == 0; }
 };
 
 enum class Getter { NvbFile, NvaFile, NvbByByte, NvaByByte };
+
+// Stands a frame where a getter leaves it and runs the dispatch on it, as a host with a
+// getter of its own does.
+ReadEvent processFrame(nvb_expand_t* state, const Bytes& frame);
 
 // Feeds `stream` through one getter, following `more`, and processes every record that
 // the getter announces, as a host following the calling order does.

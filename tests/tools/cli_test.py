@@ -23,7 +23,7 @@ def run(*args, stdin=None):
 def dat_length(header):
     if header[3] <= 2:
         return header[2]
-    if header[3] in (12, 17, 27, 29, 101, 102):
+    if header[3] in (12, 17, 27, 29, 34, 98, 99, 101, 102):
         return header[1] | (header[2] << 8)
     return header[1]
 
@@ -99,6 +99,80 @@ def add_sv_flags2(block, value):
     block[9] |= 0x80
     block[10:10] = bytes([value])
     block[0] += 1
+
+
+def dat(record_type, body, byte2=None):
+    """A DAT record; records 34, 98 and 99 carry the high byte of their length in byte 2."""
+    length = len(body) + 4
+    if byte2 is None:
+        byte2 = length >> 8 if record_type in (34, 98, 99) else 0
+    return bytes([0x74, length & 0xFF, byte2, record_type]) + body
+
+
+def pack(fmt, *values):
+    return struct.pack("<" + fmt, *values)
+
+
+def series(fmt, count, first, step=1):
+    return pack(fmt * count, *(first + step * i for i in range(count)))
+
+
+TEXT = b"$GNGGA,120000.00,4722.61,N,00832.55,E,4,24,0.6,512.3,M,47.4,M,1.0,0000*5B\r\n" * 60
+TAG = pack("HI", 2301, 345600200)
+
+# Record 33 bodies behind the subtype byte, in wire order: what a reader delivers.
+REC33 = {
+    1: pack("6BHdffH", 3, 1, 0x0C, 1, 2, 3, 2301, 345600.2, 0.35, -1.25, 17),
+    2: pack("dddBHH", 6378137.0, -0.0033528, 12.5, 4, 1, 2),
+    3: bytes([0, 12, 1, 2, 7, 1, 3, 11, 0, 10, 30, 1]),
+    4: pack("I5BfH", 345600000, 1, 2, 3, 4, 5, 0.125, 2301) + series("f", 3, 9.5) + series("I", 6, 7) + pack("Bd", 9, 1.5e-9),
+    **{k: series("d", 2, 4084735.25 * k) for k in range(5, 12)},
+    12: series("d", 31, -0.002, 0.5),
+    13: pack("BH", 2, 7) + pack("I6H", 11, *range(40, 46)) + pack("I6H", 12, *range(80, 86)),
+    14: pack("dddd", 345600.2, 0.8268, 0.15, 512.25) + series("f", 12, 0.5) + pack("BBffBB", 1, 4, 1.5, 0.0, 0, 2),
+    15: pack("ddfdf", 1.25, 1.5, 2.5, -3.75, 0.5) + series("d", 6, 0.001) + series("f", 6, 0.25) + bytes([5]),
+    16: bytes([2, 8, 4]) + series("d", 4, 0.5),
+    17: TAG + bytes([0x81, 3, 2]) + pack("H4f", 5, 1, 2, 3, 4) + pack("H4f", 9, -1, -2, -3, -4) + bytes([1, 2, 3, 4]),
+    18: TAG + bytes([2]) + pack("H3f", 21, 0.25, 0.5, 0.75) + pack("H3f", 22, 1, 2, 3),
+    19: TAG + bytes([1, 2, 3, 4]) + series("d", 3, 4084735.2) + series("f", 15, 0.01) + bytes([6, 7]) + series("d", 3, -0.5),
+    20: TAG + bytes([1, 2]) + series("f", 5, 0.4),
+    21: pack("IHIdddfHHHBB", 2, 2301, 345600200, 0.8268, 0.15, 512.25, 0.5, 1, 2, 3, 4, 7)
+        + bytes([1, 0]) + series("f", 16, 0.25) + bytes([2, 0]) + series("f", 4, 1.0)
+        + bytes([3, 0, 0]) + series("f", 21, 2.0),
+    22: TAG + bytes([1, 2]) + pack("f", 1.5) + series("d", 3, 4084735.2) + series("d", 6, 0.04),
+    23: TAG + pack("H", 3) + series("f", 10, 0.2) + series("d", 3, 4084735.2) + series("d", 6, 0.04) + bytes([1, 2]),
+    25: TAG + bytes([1, 2]) + series("f", 17, 0.6) + pack("HH", 100, 103) + bytes([5, 6, 7]) + pack("H", 4),
+    26: TAG + series("H", 30, 500, 3) + bytes([1, 2]),
+    27: TAG + pack("BBH", 1, 2, 3) + series("d", 3, 1.5) + bytes([4, 5, 6]) + pack("IHI", 5, 6, 7) + series("d", 3, -2.5)
+        + pack("HI", 8, 9) + series("d", 3, 3.25),
+    28: TAG + pack("BH", 1, 2) + series("f", 3, 0.5) + series("d", 3, 0.8268) + series("f", 3, -0.5),
+    29: bytes([3, 1, 2, 3, 4, 5, 6]),
+    30: bytes(range(1, 11)) + pack("III", 100, 1100, 300),
+}
+
+
+def auxiliary_records():
+    """One record of each auxiliary type and of each record 33 subtype, as a reader delivers them."""
+    records = [dat(33, bytes([subtype]) + body) for subtype, body in REC33.items()]
+    records += [
+        dat(31, pack("HBB", 0x5354, 2, 12) + TEXT[:12]),
+        dat(32, bytes([5]) + series("d", 11, 0.001) + series("H", 5, 1)),
+        dat(34, bytes([1]) + pack("HB", 7, 30) + b"".join(pack("df", 345600.2 + i, 20.5 + i) for i in range(30))),
+        dat(34, bytes([2]) + pack("HB", 9, 1) + pack("d4fB", 345600.2, 1, 2, 3, 4, 5)),
+        dat(34, bytes([7]) + TEXT[:20]),
+        dat(40, TAG + bytes([3]) + pack("Bd", 1, 23.45) + pack("Bd", 6, -3) + pack("Bd", 7, 65000), byte2=2),
+        dat(98, pack("BHI", 0x80, 2301, 345600200) + bytes([9]) + TEXT[:600]),
+        dat(98, pack("BHI", 0x01, 3, 4) + TEXT[:20]),
+        dat(99, pack("BHI", 1, 3, 4) + TEXT[:3000]),
+        dat(99, pack("BHI", 0, 3, 4) + TEXT[:50]),
+    ]
+    return records
+
+
+# Records a log can't give back: 20 is written but no reader takes it, 101 and 102 exist
+# as DAT records only.
+WRITE_ONLY = [dat(20, pack("d4HI", 123456.0, 3, 4, 5, 6, 7), byte2=0), dat(101, series("d", 5, 0.5) + bytes([6, 7])),
+              dat(102, pack("ddB", 1.0, 2.0, 1) + bytes([1, 2]) + series("d", 4, 1.0))]
 
 
 class Workspace(unittest.TestCase):
@@ -393,8 +467,58 @@ class DamagedInput(Workspace):
         self.assertEqual(dat_records(self.dat_of(self.path("cut.nvb"))), records[:1])
 
 
-def dat(record_type, byte2, body):
-    return bytes([0x74, len(body) + 4, byte2, record_type]) + body
+class AuxiliaryRecords(Workspace):
+    def log_with_every_type(self):
+        """A simulated log with every auxiliary record in the middle, and the same without
+        the records no log gives back."""
+        simulated = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 6)))
+        aux = auxiliary_records()
+        source = self.write_dat("every.dat", simulated[:4] + aux + WRITE_ONLY + simulated[4:])
+        return source, simulated[:4] + aux + simulated[4:]
+
+    def test_every_type_goes_through_every_method_and_comes_back_as_it_went(self):
+        source, expected = self.log_with_every_type()
+        for method in range(8):
+            log = self.path(f"every{method}.nvb")
+            stderr = self.nvb("fromdat", source, "-o", log, "--method", method, code=1).stderr.decode()
+            self.assertIn("1 records of type 101 were left out", stderr)
+            self.assertIn("1 records of type 102 were left out", stderr)
+            self.assertIn("1 records of type 20 are in the log, but no reader gives them back", stderr)
+            self.assertEqual(dat_records(self.dat_of(log)), expected, f"method {method}")
+
+    def test_a_system_list_starts_the_epochs_and_positions_over_with_references(self):
+        source, _ = self.log_with_every_type()
+        log = self.path("every.nvb")
+        self.nvb("-q", "fromdat", source, "-o", log, code=1)
+        carriers = self.info(log)["carriedAs"]
+        self.assertEqual(carriers["38"], 2)  # the first epoch, and the first behind record 33 subtype 3
+        self.assertEqual(carriers["57"], 2)
+
+    def test_dump_names_the_fields_of_every_type(self):
+        source, _ = self.log_with_every_type()
+        log = self.path("every.nvb")
+        self.nvb("-q", "fromdat", source, "-o", log, code=1)
+        records = [json.loads(line) for line in self.nvb("dump", "--json", log).stdout.splitlines()]
+        subtypes = {r["subtype"]: r for r in records if r["type"] == 33}
+        self.assertEqual(sorted(subtypes), [s for s in range(1, 31) if s != 24])
+        self.assertEqual(subtypes[14]["latitude"], 0.8268)
+        self.assertEqual([t["system"] for t in subtypes[3]["triples"]], [0, 2, 3, 10])
+        self.assertEqual(len(subtypes[13]["entries"]), 2)
+        self.assertEqual(subtypes[13]["entries"][1]["dword1"], 12)
+        self.assertEqual(len(subtypes[22]["matrix"]), 6)  # the upper triangle the wire carries
+        self.assertEqual(subtypes[21]["groupC"]["singles5"], [18.0, 19.0, 20.0, 21.0, 22.0])
+        self.assertEqual(set(subtypes[21]["groupB"]), {"bytes", "lead"})  # kind 2: the leading singles only
+        values = {r["type"]: r for r in records if r["type"] in (31, 32, 40, 99)}
+        self.assertEqual([(e["id"], e["value"]) for e in values[40]["entries"]], [(1, 23.45), (6, -3), (7, 65000)])
+        self.assertEqual(values[40]["subtype"], 2)
+        self.assertEqual(bytes.fromhex(values[99]["payload"]), TEXT[:50])
+        self.assertEqual(bytes.fromhex(values[31]["data"]), TEXT[:12])
+        self.assertEqual(values[32]["subtype"], 5)
+        timed = [r for r in records if r["type"] == 34]
+        self.assertEqual([r["kind"] for r in timed], [1, 2, 7])
+        self.assertEqual(len(timed[0]["entries"]), 30)
+        text = self.nvb("dump", log, "--type", 40).stdout.decode()
+        self.assertIn("entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]", text)
 
 
 ORBIT = (5153.6372, 0.01234, 0.9634, -2.0941, 0.6712, 1.2034, 4.61e-9, -8.21e-9, 1.12e-10, 2.31e-6,
@@ -421,31 +545,31 @@ def navigation_and_receiver_dats():
     wire22 = struct.pack(">B4d8s3s6s3s4H", 2, *ORBIT[:4], bytes(8), b"abc", bytes(6), b"def", 1, 2, 3, 4) + \
         struct.pack(">12I", *range(100, 112)) + struct.pack(">HIIHH", 5, 6, 7, 8, 9)
     return [
-        dat(21, 0, ephemeris),
-        dat(28, 0, bytes([5]) + common),
-        dat(28, 0, bytes([3]) + galileo),
-        dat(28, 0, bytes([10]) + beidou),
-        dat(28, 0, bytes([1]) + sbas_eph),
-        dat(25, 0, struct.pack("<IHB", 345600, 2345, 131) + SBAS),
-        dat(25, 2, struct.pack("<IHBB", 345601, 2345, 131, 0x00) + SBAS),
-        dat(25, 2, struct.pack("<IHBB", 345602, 2345, 131, 0x40) + SBAS + bytes([0xC6, 0x3F, 0xB1, 0x0A])),
-        dat(26, 6, struct.pack("<IHBBIB", 345618, 2345, 12, 1, 0x8B, 38) + bytes(range(38))),
-        dat(26, 2, page),
-        dat(26, 7, struct.pack("<IHBBIBB", 345618, 2345, 4, 6, 2, 9, 11) + bytes(range(11))),
-        dat(26, 12, struct.pack("<IHBBIBB", 345618, 2345, 195, 1, 2, 3, 125) + bytes(range(125))),
-        dat(5, 0, struct.pack("<H5sB4d2sB", 1, b"ANT-3", 2, 0.0512, 0.0, 0.0, 0.1, bytes(2), 16) +
+        dat(21, ephemeris),
+        dat(28, bytes([5]) + common),
+        dat(28, bytes([3]) + galileo),
+        dat(28, bytes([10]) + beidou),
+        dat(28, bytes([1]) + sbas_eph),
+        dat(25, struct.pack("<IHB", 345600, 2345, 131) + SBAS),
+        dat(25, struct.pack("<IHBB", 345601, 2345, 131, 0x00) + SBAS, byte2=2),
+        dat(25, struct.pack("<IHBB", 345602, 2345, 131, 0x40) + SBAS + bytes([0xC6, 0x3F, 0xB1, 0x0A]), byte2=2),
+        dat(26, struct.pack("<IHBBIB", 345618, 2345, 12, 1, 0x8B, 38) + bytes(range(38)), byte2=6),
+        dat(26, page, byte2=2),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 4, 6, 2, 9, 11) + bytes(range(11)), byte2=7),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 195, 1, 2, 3, 125) + bytes(range(125)), byte2=12),
+        dat(5, struct.pack("<H5sB4d2sB", 1, b"ANT-3", 2, 0.0512, 0.0, 0.0, 0.1, bytes(2), 16) +
             b"ANT-3 CHOKE RING"),
-        dat(5, 3, struct.pack("<H12d2I", 3, *ORBIT[:12], 4, 5)),
+        dat(5, struct.pack("<H12d2I", 3, *ORBIT[:12], 4, 5), byte2=3),
         bytes([0x74, 100, 0, 12]) + table12,
-        dat(15, 0, struct.pack("<11dddd7sB", *ORBIT[:11], -2.0, 300.0, 4000000000.0, b"setting", 9)),
-        dat(19, 5, struct.pack("<Hd", 77, 654321.0)),
-        dat(19, 6, struct.pack("<Hd", 78, -3.25e-7)),
-        dat(19, 7, struct.pack("<BHd", 1, 79, 42.125)),
-        dat(22, 0, wire22),
-        dat(24, 0, struct.pack(">12d2I", *ORBIT[:12], 302400, 302407)),
-        dat(30, 0, struct.pack("<IHH", 12345, 2, 1)),
-        dat(30, 1, description),
-        dat(30, 3, bytes([3, 8]) + struct.pack("<II", 1, 2) + bytes([3, 7, 8, 9, 4]) + struct.pack("<I", 4)),
+        dat(15, struct.pack("<11dddd7sB", *ORBIT[:11], -2.0, 300.0, 4000000000.0, b"setting", 9)),
+        dat(19, struct.pack("<Hd", 77, 654321.0), byte2=5),
+        dat(19, struct.pack("<Hd", 78, -3.25e-7), byte2=6),
+        dat(19, struct.pack("<BHd", 1, 79, 42.125), byte2=7),
+        dat(22, wire22),
+        dat(24, struct.pack(">12d2I", *ORBIT[:12], 302400, 302407)),
+        dat(30, struct.pack("<IHH", 12345, 2, 1)),
+        dat(30, description, byte2=1),
+        dat(30, bytes([3, 8]) + struct.pack("<II", 1, 2) + bytes([3, 7, 8, 9, 4]) + struct.pack("<I", 4), byte2=3),
     ]
 
 
@@ -456,7 +580,7 @@ class NavigationAndReceiverRecords(Workspace):
         extra = navigation_and_receiver_dats()
         # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as
         # whatever stands behind it.
-        tagged = dat(19, 1, struct.pack("<dH", 3000000000.0, 77))
+        tagged = dat(19, struct.pack("<dH", 3000000000.0, 77), byte2=1)
         mixed = epochs[:10] + extra + epochs[10:] + [tagged]
         source = self.write_dat("mixed.dat", mixed)
         for method in range(8):
@@ -497,8 +621,8 @@ class NavigationAndReceiverRecords(Workspace):
         self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
 
     def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
-        refused = [dat(26, 14, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70)),
-                   dat(25, 1, bytes(40)), dat(28, 0, bytes([12]) + bytes(60))]
+        refused = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
+                   dat(25, bytes(40), byte2=1), dat(28, bytes([12]) + bytes(60))]
         kept = navigation_and_receiver_dats()[:3]
         source = self.write_dat("refused.dat", kept + refused)
         result = self.nvb("fromdat", source, "-o", self.path("refused.nvb"), code=1)

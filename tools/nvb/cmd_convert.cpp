@@ -73,6 +73,10 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
     reportNote(common.quiet,
                fmt::format("{}: {} records in {}, {} bytes", output->name(), writer.summary().recordsWritten,
                            methodName(static_cast<std::uint8_t>(options.write.method)), output->bytes()));
+    if (writer.summary().writeOnly > 0) {
+        reportNote(common.quiet, fmt::format("{}: {} records of type 20 are in the log, but no reader gives them back",
+                                             output->name(), writer.summary().writeOnly));
+    }
     if (reader.problem()) return records == 0 ? kExitUsage : kExitRecovered;
     return complete ? kExitClean : kExitRecovered;
 }

@@ -38,6 +38,9 @@ std::size_t datLengthOf(std::span<const std::uint8_t, 4> header) {
         case 17:
         case 27:
         case 29:
+        case 34:
+        case 98:
+        case 99:
         case 101:
         case 102:
             return static_cast<std::size_t>(header[1] | (header[2] << 8));

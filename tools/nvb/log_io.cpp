@@ -4,6 +4,7 @@
 #include "nvb/status_text.h"
 
 #include "common/byte_sum.h"
+#include "pipeline/serialisation.h"
 #include "stream/framing.h"
 
 #include <fmt/format.h>
@@ -188,7 +189,10 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
     if (!dat_) {
         std::vector<std::uint8_t>& buffer = *buffer_;
         std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
-        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
+        // Whole: retrieval gives a record 34 from the generic area and cuts a 98 or 99
+        // above 255 bytes to the low byte of its length.
+        nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length), buffer.data(),
+                          buffer.size());
         const std::size_t size =
             std::min(datLengthOf(std::span<const std::uint8_t, 4>(buffer.data(), 4)), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
@@ -450,6 +454,7 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
     if (state_->recordCount != before) {
         ++summary_.recordsWritten;
         if (type == 27 || type == 17) ++summary_.epochsWritten;
+        if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
     } else if (isThinnedType(type) &&
                ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {

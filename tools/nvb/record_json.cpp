@@ -3,10 +3,14 @@
 #include "nvb/gnss_names.h"
 #include "nvb/receiver_nav_json.h"
 
+#include "records/auxiliary_records.h"
+#include "records/rec33_records.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace nvbtool {
 
@@ -160,6 +164,89 @@ void addRec11(json& out, const Rec11& rec) {
     out["satellites"] = std::vector<std::uint8_t>(rec.lists + count, rec.lists + 2 * count);
 }
 
+// The fields of a record that the library describes, by their names: entries as lists
+// of objects, arrays as lists, bytes carried unread as hex.
+struct FieldCollector {
+    std::vector<json> objects;
+    std::vector<std::pair<const char*, bool>> groups;
+};
+
+template <class T>
+T itemAt(const std::uint8_t* item) {
+    T value{};
+    std::memcpy(&value, item, sizeof value);
+    return value;
+}
+
+json itemJson(const nvb::FieldSpec& field, const std::uint8_t* item) {
+    if (field.kind == nvb::FieldKind::Real) {
+        return field.width == 4 ? json(value(itemAt<float>(item))) : json(itemAt<double>(item));
+    }
+    if (field.width == 1) return *item;
+    if (field.width == 2) return itemAt<std::uint16_t>(item);
+    return itemAt<std::uint32_t>(item);
+}
+
+void collectField(void* context, const nvb::FieldSpec& field, const std::uint8_t* items) {
+    json& object = static_cast<FieldCollector*>(context)->objects.back();
+    json values;
+    if (field.kind == nvb::FieldKind::Opaque) {
+        values = hexOf(std::span<const std::uint8_t>(items, field.count));
+    } else if (field.count == 1) {
+        values = itemJson(field, items);
+    } else {
+        values = json::array();
+        for (std::size_t i = 0; i < field.count; ++i) values.push_back(itemJson(field, items + i * field.width));
+    }
+    // A field sent in parts (the upper triangle of a matrix) reads as one list.
+    if (!object.contains(field.name)) {
+        object[field.name] = std::move(values);
+        return;
+    }
+    json& present = object[field.name];
+    if (!present.is_array()) present = json::array({present});
+    if (values.is_array()) {
+        for (json& item : values) present.push_back(std::move(item));
+    } else {
+        present.push_back(std::move(values));
+    }
+}
+
+void openGroup(void* context, const char* group, bool repeated) {
+    auto* collector = static_cast<FieldCollector*>(context);
+    collector->objects.emplace_back(json::object());
+    collector->groups.emplace_back(group, repeated);
+}
+
+void closeGroup(void* context) {
+    auto* collector = static_cast<FieldCollector*>(context);
+    json group = std::move(collector->objects.back());
+    collector->objects.pop_back();
+    const auto [name, repeated] = collector->groups.back();
+    collector->groups.pop_back();
+    json& parent = collector->objects.back();
+    if (repeated) {
+        parent[name].push_back(std::move(group));
+    } else {
+        parent[name] = std::move(group);
+    }
+}
+
+bool addDescribed(json& out, const DeliveredRecord& record) {
+    FieldCollector collector;
+    collector.objects.emplace_back(json::object());
+    const nvb::FieldSink sink{&collector, collectField, openGroup, closeGroup};
+    const nvb_record_table_t& records = record.state->records;
+    if (record.type == 33) {
+        if (records.rec33 == nullptr) return false;
+        nvb::describeRec33(*records.rec33, static_cast<std::uint16_t>(record.length), sink);
+    } else if (!nvb::describeAuxiliaryRecord(*record.state, record.type, record.length, sink)) {
+        return false;
+    }
+    for (auto& [key, field] : collector.objects.front().items()) out[key] = std::move(field);
+    return true;
+}
+
 // Types whose DAT header holds a subtype in byte 2 rather than a length byte.
 bool headerHoldsSubtype(std::uint16_t type) {
     return !(type <= 2 || type == 12 || type == 17 || type == 27 || type == 29 || type == 101 || type == 102);
@@ -225,6 +312,7 @@ json recordJson(DeliveredRecord& record) {
             break;
         default: {
             if (addNavigationOrReceiverFields(out, *record.state, record.type)) break;
+            if (addDescribed(out, record)) break;
             const auto dat = record.dat();
             if (dat.size() >= 4 && headerHoldsSubtype(record.type)) out["subtype"] = dat[2];
             out["hex"] = hexOf(dat.size() > 4 ? dat.subspan(4) : std::span<const std::uint8_t>());

@@ -10,8 +10,9 @@
 namespace nvbtool {
 
 // The decoded fields of a delivered record: epochs 27 and 17, positions 29 and 11, the
-// navigation and receiver records field by field, every other type as its DAT body in hex. Reads the structure before
-// the DAT form is taken.
+// navigation and receiver records and the auxiliary records 31 to 34, 40, 98 and 99 field
+// by field, every other type as its DAT body in hex. Reads the structure before the DAT
+// form is taken.
 nlohmann::ordered_json recordJson(DeliveredRecord& record);
 
 // One line of text for the same fields: key=value pairs, lists in brackets.
