@@ -248,6 +248,7 @@ NVBDLL_API uint16_t nvbdll_readRec19Buffer(uint8_t* frame, nvb_expand_t* state, 
  *  @return : the DAT length, the stream offset where reading ended; 0 without the
  *            structures. */
 NVBDLL_API uint16_t nvbdll_readRec30Buffer(uint8_t* frame, nvb_expand_t* state);
+
 /*! nvbdll_readRec31Buffer() :
  *  Reads a record 31 (a tag, a byte and up to 255 counted bytes) from `frame` into the
  *  state's Rec31 and DAT header.

@@ -231,6 +231,7 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
             if (state.records.rec30 == nullptr) return false;
             std::memset(out + 4, 0, body);
             putRec30Dat(*state.records.rec30, header[2], fields);
+            return true;
         case 33:
             if (state.records.rec33 == nullptr) return false;
             writeRec33Dat(*state.records.rec33, fields);

@@ -168,43 +168,10 @@ void datWrite(DatWriter& out, T value) {
     datPut(out, &value, sizeof value);
 }
 
-// The bytes of a packed structure from `offset` on, for the walks below.
-template <class T>
-[[nodiscard]] std::uint8_t* structBytes(T& rec, std::size_t offset = 0) {
-    return reinterpret_cast<std::uint8_t*>(&rec) + offset;
-}
-template <class T>
-[[nodiscard]] const std::uint8_t* structBytes(const T& rec, std::size_t offset = 0) {
-    return reinterpret_cast<const std::uint8_t*>(&rec) + offset;
-}
-
 // What is left of a DAT record behind the read position.
 [[nodiscard]] inline std::size_t datLeft(const DatReader& in) {
     return in.length > in.position ? in.length - in.position : 0;
 }
-
-// A run of `count` fields of `width` bytes (1, 2, 4 or 8) that stand back to back in the
-// stream form (big-endian; 8 bytes are an IEEE double) and in the structure (native), or
-// as they stand in both when `raw`. Most plain records are a few such runs, so one walk
-// serves reader, writer and parser.
-struct FieldRun {
-    std::uint8_t width;
-    std::uint8_t count;
-    bool raw = false;
-};
-using FieldLayout = std::span<const FieldRun>;
-
-[[nodiscard]] constexpr std::size_t layoutBytes(FieldLayout layout) {
-    std::size_t total = 0;
-    for (const FieldRun& run : layout) total += std::size_t{run.width} * run.count;
-    return total;
-}
-
-// Reads the runs from `offset` into `destination` (layoutBytes of room); returns the
-// offset behind them.
-std::size_t getRuns(ByteView bytes, std::size_t offset, FieldLayout layout, std::uint8_t* destination);
-void putRuns(WriteBuffer& out, FieldLayout layout, const std::uint8_t* source);
-void datRuns(DatReader& in, FieldLayout layout, std::uint8_t* destination);
 
 }  // namespace nvb
 

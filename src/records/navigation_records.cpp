@@ -17,57 +17,174 @@ constexpr std::uint8_t kType25 = 25;
 constexpr std::uint8_t kType26 = 26;
 constexpr std::uint8_t kType28 = 28;
 
-// Record 21 behind svId and its second byte, which the wire does not carry.
-constexpr FieldRun kRec21Body[] = {{2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}, {1, 10}};
-static_assert(2 + layoutBytes(kRec21Body) == sizeof(Rec21));
+constexpr std::size_t kBodyOffset = 4;
 
-// Record 28 bodies from svId on, in the structure's order. Subtype 3 is its 220-byte
-// form; subtype 10 holds its doubles in the structure's order, not the wire's.
-constexpr FieldRun kRec28Sub1[] = {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}};
-constexpr FieldRun kRec28Sub2[] = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}};
-constexpr FieldRun kRec28Sub3[] = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1},
-                                   {1, 1}, {2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1},  {8, 4}};
-constexpr FieldRun kRec28Sub4[] = {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15},
-                                   {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}};
-constexpr FieldRun kRec28Common[] = {{1, 2}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}};
-constexpr FieldRun kRec28Sub8[] = {{1, 1}, {2, 1}, {4, 2}, {1, 2}, {8, 3}, {1, 1},
-                                   {4, 1}, {1, 1}, {2, 4}, {4, 2}, {4, 1}};
-constexpr FieldRun kRec28Sub10[] = {{1, 1}, {1, 4}, {2, 1}, {8, 11}};
+// Record 21, and the common body of record 28, from svId on. The second byte is on the
+// wire in record 28 only; record 21 keeps it in the structure and the DAT form.
+constexpr std::array kSvId = {NVB_FIELD(Rec21, svId)};
+constexpr std::array kSecondByte = {NVB_FIELD(Rec21, secondByte)};
+constexpr std::array kEphemeris = {NVB_FIELD(Rec21, words), NVB_FIELD(Rec21, bytes), NVB_FIELD(Rec21, dwords),
+                                   NVB_FIELD(Rec21, doubles), NVB_FIELD(Rec21, dword4)};
+constexpr std::array kRec21Tail = {NVB_FIELD(Rec21, moreBytes), NVB_FIELD(Rec21, lastByte)};
+static_assert(layoutBytes(kSvId) + layoutBytes(kSecondByte) + layoutBytes(kEphemeris) + layoutBytes(kRec21Tail) ==
+              sizeof(Rec21));
+
+template <class Walk>
+void walkRec21(Walk& walk, Rec21& rec) {
+    walk.fields(kSvId, bytesOf(rec));
+    if constexpr (!kOnWire<Walk>) walk.fields(kSecondByte, bytesOf(rec));
+    walk.fields(kEphemeris, bytesOf(rec));
+    walk.fields(kRec21Tail, bytesOf(rec));
+}
+
+// Record 28 bodies behind the subtype byte, in the structure's order.
+constexpr std::array kRec28Subtype = {NVB_FIELD(Rec28, subtype)};
+constexpr std::array kRec28Sub1 = {NVB_FIELD(Rec28Sub1, svId), NVB_FIELD(Rec28Sub1, word1),
+                                   NVB_FIELD(Rec28Sub1, dword1), NVB_FIELD(Rec28Sub1, bytes),
+                                   NVB_FIELD(Rec28Sub1, doubles)};
+constexpr std::array kRec28Sub2 = {NVB_FIELD(Rec28Sub2, svId),   NVB_FIELD(Rec28Sub2, word1),
+                                   NVB_FIELD(Rec28Sub2, dword1), NVB_FIELD(Rec28Sub2, word2),
+                                   NVB_FIELD(Rec28Sub2, bytes1), NVB_FIELD(Rec28Sub2, dword2),
+                                   NVB_FIELD(Rec28Sub2, bytes2), NVB_FIELD(Rec28Sub2, doubles)};
+constexpr std::array kGalileoHead = {
+    NVB_FIELD(Rec28Sub3, svId),  NVB_FIELD(Rec28Sub3, word1),  NVB_FIELD(Rec28Sub3, dword1),
+    NVB_FIELD(Rec28Sub3, word2), NVB_FIELD(Rec28Sub3, dword2), NVB_FIELD(Rec28Sub3, doubles1),
+    NVB_FIELD(Rec28Sub3, byte1), NVB_FIELD(Rec28Sub3, word3),  NVB_FIELD(Rec28Sub3, byte2)};
+constexpr std::array kGalileoTail = {NVB_FIELD(Rec28Sub3, tailWord1),    NVB_FIELD(Rec28Sub3, tailDword1),
+                                     NVB_FIELD(Rec28Sub3, tailDoubles1), NVB_FIELD(Rec28Sub3, tailWord2),
+                                     NVB_FIELD(Rec28Sub3, tailDword2),   NVB_FIELD(Rec28Sub3, tailDoubles2)};
+// The 216-byte form, which lacks the two 16-bit tail fields.
+constexpr std::array kGalileoShortTail = {NVB_FIELD(Rec28Sub3, tailDword1), NVB_FIELD(Rec28Sub3, tailDoubles1),
+                                          NVB_FIELD(Rec28Sub3, tailDword2), NVB_FIELD(Rec28Sub3, tailDoubles2)};
+constexpr std::array kRec28Sub4 = {
+    NVB_FIELD(Rec28Sub4, svId),     NVB_FIELD(Rec28Sub4, byte1),    NVB_FIELD(Rec28Sub4, word1),
+    NVB_FIELD(Rec28Sub4, dword1),   NVB_FIELD(Rec28Sub4, word2),    NVB_FIELD(Rec28Sub4, dword2),
+    NVB_FIELD(Rec28Sub4, doubles1), NVB_FIELD(Rec28Sub4, byte2),    NVB_FIELD(Rec28Sub4, word3),
+    NVB_FIELD(Rec28Sub4, dword3),   NVB_FIELD(Rec28Sub4, doubles2), NVB_FIELD(Rec28Sub4, byte3),
+    NVB_FIELD(Rec28Sub4, double1),  NVB_FIELD(Rec28Sub4, byte4)};
+constexpr std::array kRec28Common = {NVB_FIELD(Rec21, svId),  NVB_FIELD(Rec21, secondByte), NVB_FIELD(Rec21, words),
+                                     NVB_FIELD(Rec21, bytes), NVB_FIELD(Rec21, dwords),     NVB_FIELD(Rec21, doubles),
+                                     NVB_FIELD(Rec21, dword4)};
+constexpr std::array kRec28Sub8 = {
+    NVB_FIELD(Rec28Sub8, svId),    NVB_FIELD(Rec28Sub8, word1),   NVB_FIELD(Rec28Sub8, dwords1),
+    NVB_FIELD(Rec28Sub8, bytes),   NVB_FIELD(Rec28Sub8, doubles), NVB_FIELD(Rec28Sub8, byte1),
+    NVB_FIELD(Rec28Sub8, dword3),  NVB_FIELD(Rec28Sub8, byte2),   NVB_FIELD(Rec28Sub8, words),
+    NVB_FIELD(Rec28Sub8, dwords2), NVB_FIELD(Rec28Sub8, dword6)};
+constexpr std::array kRec28Sub10Head = {NVB_FIELD(Rec28Sub10, svId), NVB_FIELD(Rec28Sub10, bytes),
+                                        NVB_FIELD(Rec28Sub10, word1)};
+constexpr std::array kRec28Sub10Doubles = {NVB_FIELD(Rec28Sub10, doubles)};
 static_assert(layoutBytes(kRec28Sub1) == sizeof(Rec28Sub1) && layoutBytes(kRec28Sub2) == sizeof(Rec28Sub2) &&
-              layoutBytes(kRec28Sub3) == sizeof(Rec28Sub3) && layoutBytes(kRec28Sub4) == sizeof(Rec28Sub4) &&
-              layoutBytes(kRec28Common) == offsetof(Rec21, moreBytes) && layoutBytes(kRec28Sub8) == sizeof(Rec28Sub8) &&
-              layoutBytes(kRec28Sub10) == sizeof(Rec28Sub10));
+              layoutBytes(kGalileoHead) + layoutBytes(kGalileoTail) == sizeof(Rec28Sub3) &&
+              layoutBytes(kRec28Sub4) == sizeof(Rec28Sub4) && layoutBytes(kRec28Common) == offsetof(Rec21, moreBytes) &&
+              layoutBytes(kRec28Sub8) == sizeof(Rec28Sub8) &&
+              layoutBytes(kRec28Sub10Head) + layoutBytes(kRec28Sub10Doubles) == sizeof(Rec28Sub10));
 
-constexpr std::size_t kSub3HeadRuns = 9;
-constexpr std::size_t kSub10HeadRuns = 3;
 // Where each wire double of subtype 10 lands in the structure.
 constexpr std::array<std::uint8_t, 11> kSub10WireOrder = {0, 1, 4, 3, 6, 8, 5, 7, 2, 9, 10};
 // Total lengths of the two forms of subtype 3.
 constexpr std::uint16_t kSub3Short = 216;
 constexpr std::uint16_t kSub3Long = 220;
 
-struct Rec28Form {
-    std::uint8_t subtype;
-    FieldLayout body;
-    std::uint8_t dropBit;  // 0: never dropped
-};
+// The dropMask bit of each subtype with a layout; 0: never dropped.
+constexpr std::array<std::pair<std::uint8_t, std::uint8_t>, 12> kRec28DropBits = {{{1, 0x02},
+                                                                                   {2, 0x04},
+                                                                                   {3, 0x08},
+                                                                                   {4, 0x08},
+                                                                                   {5, 0x10},
+                                                                                   {6, 0x20},
+                                                                                   {7, 0},
+                                                                                   {8, 0},
+                                                                                   {9, 0x20},
+                                                                                   {10, 0x20},
+                                                                                   {11, 0x20},
+                                                                                   {13, 0x40}}};
 
-constexpr Rec28Form kRec28Forms[] = {
-    {1, kRec28Sub1, 0x02},   {2, kRec28Sub2, 0x04},   {3, kRec28Sub3, 0x08},    {4, kRec28Sub4, 0x08},
-    {5, kRec28Common, 0x10}, {6, kRec28Common, 0x20}, {7, kRec28Common, 0},     {8, kRec28Sub8, 0},
-    {9, kRec28Common, 0x20}, {10, kRec28Sub10, 0x20}, {11, kRec28Common, 0x20}, {13, kRec28Common, 0x40},
-};
-
-const Rec28Form* rec28Form(std::uint8_t subtype) {
-    const auto* form = std::find_if(std::begin(kRec28Forms), std::end(kRec28Forms),
-                                    [subtype](const Rec28Form& f) { return f.subtype == subtype; });
-    return form == std::end(kRec28Forms) ? nullptr : form;
+// Walks the body of a record 28 behind its subtype; false for a subtype without a layout.
+// A frame of subtype 3 is read by the form its length tells; everything else walks the
+// 220-byte form, the one the writer always sends.
+template <class Walk>
+bool walkRec28(Walk& walk, Rec28& rec, std::size_t recordLength = kSub3Long) {
+    walk.fields(kRec28Subtype, bytesOf(rec));
+    std::uint8_t* body = bytesOf(rec) + 1;
+    switch (rec.subtype) {
+        case 1:
+            walk.fields(kRec28Sub1, body);
+            return true;
+        case 2:
+            walk.fields(kRec28Sub2, body);
+            return true;
+        case 3:
+            walk.fields(kGalileoHead, body);
+            if (recordLength == kSub3Long) {
+                walk.fields(kGalileoTail, body);
+            } else if (recordLength == kSub3Short) {
+                rec.sub3.tailWord1 = 0xFFFF;
+                rec.sub3.tailWord2 = 0xFFFF;
+                walk.fields(kGalileoShortTail, body);
+            }
+            return true;
+        case 4:
+            walk.fields(kRec28Sub4, body);
+            return true;
+        case 8:
+            walk.fields(kRec28Sub8, body);
+            return true;
+        case 10:
+            walk.fields(kRec28Sub10Head, body);
+            if constexpr (kOnWire<Walk>) {
+                for (const std::uint8_t slot : kSub10WireOrder) {
+                    const std::array one = {fieldItems(kRec28Sub10Doubles[0], slot, 1)};
+                    walk.fields(one, body);
+                }
+            } else {
+                walk.fields(kRec28Sub10Doubles, body);
+            }
+            return true;
+        case 5:
+        case 6:
+        case 7:
+        case 9:
+        case 11:
+        case 13:
+            walk.fields(kRec28Common, body);
+            return true;
+        default:
+            return false;
+    }
 }
 
-// time, week and svId ahead of records 25 and 26.
-constexpr FieldRun kTimedHead[] = {{4, 1}, {2, 1}, {1, 1}};
-constexpr std::size_t kTimedHeadBytes = layoutBytes(kTimedHead);
-constexpr std::size_t kBodyOffset = 4;
+// Record 25: time, week and svId, then the message by subtype.
+constexpr std::array kRec25Head = {NVB_FIELD(Rec25, time), NVB_FIELD(Rec25, week), NVB_FIELD(Rec25, svId)};
+constexpr std::array kSbasPlain = {opaqueField("data", offsetof(Rec25Sub0, data), NVB_SBAS_DATA_BYTES)};
+constexpr std::array kSbasFlagged = {NVB_FIELD(Rec25Sub2, flags),
+                                     opaqueField("data", offsetof(Rec25Sub2, data), NVB_SBAS_DATA_BYTES)};
+// The check is 24 bits: three bytes on the wire and in the DAT form.
+constexpr std::array kSbasCheck = {NVB_FIELD(Rec25Sub2, preamble),
+                                   FieldSpec{"crc", offsetof(Rec25Sub2, crc), 3, FieldKind::Unsigned, 1}};
+
+constexpr std::array<std::uint8_t, 3> kSbasPreambles = {0x53, 0x9A, 0xC6};
+constexpr std::uint8_t kCheckOnWire = 0x40;
+// Of the last data byte only the top two bits belong to the 218-bit message body.
+constexpr std::uint8_t kLastDataBits = 0xC0;
+constexpr std::size_t kSbasCheckedBits = 8 + 8 * (NVB_SBAS_DATA_BYTES - 1) + 2;
+constexpr std::uint32_t kCrc24Polynomial = 0x864CFB;
+
+// False for a subtype other than 0 and 2. The check that the reader computes for a
+// message without one is described all the same.
+template <class Walk>
+bool walkRec25(Walk& walk, Rec25& rec, std::uint8_t subtype) {
+    walk.fields(kRec25Head, bytesOf(rec));
+    if (subtype == 0) {
+        walk.fields(kSbasPlain, bytesOf(rec.sub0));
+        return true;
+    }
+    if (subtype != 2) return false;
+    walk.fields(kSbasFlagged, bytesOf(rec.sub2));
+    if ((rec.sub2.flags & kCheckOnWire) != 0 || std::is_same_v<Walk, DescribeWalk>) {
+        walk.fields(kSbasCheck, bytesOf(rec.sub2));
+    }
+    return true;
+}
 
 // Record 26. The older subtypes 0 and 1 are delivered in the layouts of 6 and 7.
 enum class Rec26Layout : std::uint8_t {
@@ -112,17 +229,43 @@ std::uint8_t pageIndex(std::uint8_t subtype) {
     return subtype == 14 ? 4 : static_cast<std::uint8_t>(subtype - 2);
 }
 
-// Record 25.
-constexpr std::array<std::uint8_t, 3> kSbasPreambles = {0x53, 0x9A, 0xC6};
-constexpr std::uint8_t kCheckOnWire = 0x40;
-// Of the last data byte only the top two bits belong to the 218-bit message body.
-constexpr std::uint8_t kLastDataBits = 0xC0;
-constexpr std::size_t kSbasCheckedBits = 8 + 8 * (NVB_SBAS_DATA_BYTES - 1) + 2;
-constexpr std::uint32_t kCrc24Polynomial = 0x864CFB;
+// The DAT form of record 26 is its structure up to the data, as the subtype lays it out.
+constexpr std::array kRec26Head = {NVB_FIELD(Rec26, time), NVB_FIELD(Rec26, week), NVB_FIELD(Rec26, svId)};
+constexpr std::array kRec26RawByte = {NVB_FIELD(Rec26, rawByte)};
+// The count of data bytes is named apart from the record's own length.
+constexpr std::array kRec26Plain = {NVB_FIELD(Rec26Plain, rawWord),
+                                    FieldSpec{"dataLength", offsetof(Rec26Plain, length), 1, FieldKind::Unsigned, 1}};
+constexpr std::array kRec26Page = {NVB_FIELD(Rec26Page, flags), NVB_FIELD(Rec26Page, extraByte),
+                                   NVB_FIELD(Rec26Page, flagsLow), NVB_FIELD(Rec26Page, payloadIndex),
+                                   FieldSpec{"dataLength", offsetof(Rec26Page, length), 1, FieldKind::Unsigned, 1}};
+constexpr std::array kRec26Extended = {
+    NVB_FIELD(Rec26Extended, rawWord), NVB_FIELD(Rec26Extended, extraByte),
+    FieldSpec{"dataLength", offsetof(Rec26Extended, length), 1, FieldKind::Unsigned, 1}};
 
-void putSbasData(WriteBuffer& out, const std::uint8_t* data) {
-    putBytes(out, data, NVB_SBAS_DATA_BYTES - 1);
-    putByte(out, data[NVB_SBAS_DATA_BYTES - 1] & kLastDataBits);
+// The data run to the end of the DAT form, as far as the structure holds them; the older
+// subtypes 0 and 1, which only a host writes, keep them from the raw byte on.
+template <class Walk>
+void walkRec26Dat(Walk& walk, Rec26& rec, std::uint8_t subtype) {
+    walk.fields(kRec26Head, bytesOf(rec));
+    const Rec26Form* form = rec26Form(subtype);
+    const Rec26Layout layout = form != nullptr ? form->layout : Rec26Layout::Older;
+    std::size_t dataAt = kOlderData;
+    if (layout != Rec26Layout::Older) {
+        walk.fields(kRec26RawByte, bytesOf(rec));
+        dataAt = kOlderData + 1;
+    }
+    if (layout == Rec26Layout::Plain) {
+        walk.fields(kRec26Plain, bytesOf(rec.plain));
+        dataAt = kPlainData;
+    } else if (layout == Rec26Layout::Page) {
+        walk.fields(kRec26Page, bytesOf(rec.page));
+        dataAt = kPlainData;
+    } else if (layout == Rec26Layout::Extended) {
+        walk.fields(kRec26Extended, bytesOf(rec.extended));
+        dataAt = kExtendedData;
+    }
+    const std::array data = {opaqueField("data", dataAt, std::min(walk.remaining(), sizeof(Rec26) - dataAt))};
+    walk.fields(data, bytesOf(rec));
 }
 
 }  // namespace
@@ -150,172 +293,102 @@ void completeSbasMessage(std::uint32_t time, Rec25Sub2& message) {
 
 std::uint16_t readRec21(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec21* rec = state.records.rec21;
-    std::uint8_t* header = state.records.datHeader;
-    if (rec == nullptr || header == nullptr) return 0;
-    const ByteView bytes = frameBytes(frame);
+    if (rec == nullptr || state.records.datHeader == nullptr) return 0;
     // Every field is assigned, the second byte included, which clears the structure.
-    rec->svId = getByte(bytes, 3);
     rec->secondByte = 0;
-    getRuns(bytes, kBodyOffset, kRec21Body, structBytes(*rec, offsetof(Rec21, words)));
+    FrameReadWalk walk{{}, frameBytes(frame), 3};
+    walkRec21(walk, *rec);
     constexpr std::uint16_t length = 4 + sizeof(Rec21);
-    setDatHeader(header, length, 0, kType21);
+    setDatHeader(state.records.datHeader, length, 0, kType21);
     return length;
 }
 
 std::uint16_t writeRec21(const Rec21& rec, nvb_frame_t& frame) {
     WriteBuffer out = openFrame(frame, kType21, false);
-    putByte(out, rec.svId);
-    putRuns(out, kRec21Body, structBytes(rec, offsetof(Rec21, words)));
+    FrameWriteWalk walk{{}, out};
+    walkRec21(walk, const_cast<Rec21&>(rec));
     return closeFrame(out, false);
 }
 
 int parseRec21Dat(DatReader& in, Rec21* rec) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    rec->svId = datRead<std::uint8_t>(in);
-    rec->secondByte = datRead<std::uint8_t>(in);
-    datRuns(in, kRec21Body, structBytes(*rec, offsetof(Rec21, words)));
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec21(walk, *rec);
     return 0;
 }
 
 std::uint16_t readRec28(const nvb_frame_t& frame, nvb_expand_t& state, bool mapSystem5To7) {
     Rec28* rec = state.records.rec28;
-    std::uint8_t* header = state.records.datHeader;
-    if (rec == nullptr || header == nullptr) return 0;
-    const ByteView bytes = frameBytes(frame);
-    rec->subtype = getByte(bytes, 3);
+    if (rec == nullptr || state.records.datHeader == nullptr) return 0;
+    // Not cleared: what the subtype does not write keeps the last record's values.
+    FrameReadWalk walk{{}, frameBytes(frame), 3};
     std::uint16_t length = 0;
-    if (const Rec28Form* form = rec28Form(rec->subtype)) {
-        std::uint8_t* body = structBytes(*rec, 1);
-        if (rec->subtype == 3) {
-            // Only the record's length tells the two forms apart; at any other length the
-            // tail keeps what the last record left.
-            const FieldLayout head = form->body.first(kSub3HeadRuns);
-            const std::size_t tail = getRuns(bytes, kBodyOffset, head, body);
-            if (frame.length == kSub3Long) {
-                getRuns(bytes, tail, form->body.subspan(kSub3HeadRuns), body + layoutBytes(head));
-            } else if (frame.length == kSub3Short) {
-                rec->sub3.tailWord1 = 0xFFFF;
-                rec->sub3.tailWord2 = 0xFFFF;
-                const FieldLayout part = form->body.subspan(kSub3HeadRuns + 1, 2);
-                const std::size_t second =
-                    getRuns(bytes, tail, part, structBytes(*rec, offsetof(Rec28, sub3.tailDword1)));
-                getRuns(bytes, second, part, structBytes(*rec, offsetof(Rec28, sub3.tailDword2)));
-            }
-        } else if (rec->subtype == 10) {
-            const std::size_t doubles = getRuns(bytes, kBodyOffset, form->body.first(kSub10HeadRuns), body);
-            for (std::size_t i = 0; i < kSub10WireOrder.size(); ++i) {
-                rec->sub10.doubles[kSub10WireOrder[i]] = getDouble(bytes, doubles + 8 * i);
-            }
-        } else {
-            getRuns(bytes, kBodyOffset, form->body, body);
-        }
-        length = static_cast<std::uint16_t>(4 + 1 + layoutBytes(form->body));
+    if (walkRec28(walk, *rec, frame.length)) {
+        length = static_cast<std::uint16_t>(rec->subtype == 3 ? 5 + sizeof(Rec28Sub3) : 4 + walk.position);
     }
     if (mapSystem5To7 && rec->subtype == 6) {
         rec->common.svId = remapSystem5Sv(rec->common.svId);
         rec->subtype = 9;
     }
-    setDatHeader(header, static_cast<std::uint8_t>(length), 0, kType28);
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), 0, kType28);
     return length;
 }
 
 NavFilter filterRec28(std::uint8_t subtype, std::uint8_t dropMask) {
-    const Rec28Form* form = rec28Form(subtype);
-    if (form == nullptr) return NavFilter::Refuse;
-    return (form->dropBit & dropMask) != 0 ? NavFilter::Drop : NavFilter::Write;
+    const auto* known = std::find_if(kRec28DropBits.begin(), kRec28DropBits.end(),
+                                     [subtype](const auto& entry) { return entry.first == subtype; });
+    if (known == kRec28DropBits.end()) return NavFilter::Refuse;
+    return (known->second & dropMask) != 0 ? NavFilter::Drop : NavFilter::Write;
 }
 
 std::uint16_t writeRec28(const Rec28& rec, nvb_frame_t& frame) {
-    const Rec28Form* form = rec28Form(rec.subtype);
-    if (form == nullptr) return 0;
     WriteBuffer out = openFrame(frame, kType28, false);
-    putByte(out, rec.subtype);
-    const std::uint8_t* body = structBytes(rec, 1);
-    if (rec.subtype == 10) {
-        putRuns(out, form->body.first(kSub10HeadRuns), body);
-        for (const std::uint8_t slot : kSub10WireOrder) putF64(out, rec.sub10.doubles[slot]);
-    } else {
-        putRuns(out, form->body, body);
-    }
+    FrameWriteWalk walk{{}, out};
+    if (!walkRec28(walk, const_cast<Rec28&>(rec))) return 0;
     return closeFrame(out, false);
 }
 
 int parseRec28Dat(DatReader& in, Rec28* rec) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    rec->subtype = datRead<std::uint8_t>(in);
-    if (const Rec28Form* form = rec28Form(rec->subtype)) datRuns(in, form->body, structBytes(*rec, 1));
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec28(walk, *rec);
     return 0;
 }
 
 std::uint16_t readRec25(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec25* rec = clearedTarget(state.records.rec25, state);
     if (rec == nullptr) return 0;
-    std::uint8_t* header = state.records.datHeader;
     const ByteView bytes = frameBytes(frame);
     const std::uint8_t subtype = getByte(bytes, 3);
-    std::size_t at = getRuns(bytes, kBodyOffset, kTimedHead, structBytes(*rec, 0));
+    FrameReadWalk walk{{}, bytes, kBodyOffset};
     std::uint16_t length = 0;
-    if (subtype == 0) {
-        getBytes(rec->sub0.data, bytes, at, NVB_SBAS_DATA_BYTES);
-        length = 39;
-    } else if (subtype == 2) {
-        Rec25Sub2& message = rec->sub2;
-        message.flags = getByte(bytes, at++);
-        getBytes(message.data, bytes, at, NVB_SBAS_DATA_BYTES);
-        at += NVB_SBAS_DATA_BYTES;
-        if ((message.flags & kCheckOnWire) != 0) {
-            message.preamble = getByte(bytes, at);
-            message.crc = getUint(bytes, at + 1, 3);
-            length = 44;
-        } else {
-            completeSbasMessage(rec->time, message);
-            length = 40;
-        }
+    if (walkRec25(walk, *rec, subtype)) {
+        if (subtype == 2 && (rec->sub2.flags & kCheckOnWire) == 0) completeSbasMessage(rec->time, rec->sub2);
+        length = static_cast<std::uint16_t>(4 + walk.position);
     }
-    setDatHeader(header, static_cast<std::uint8_t>(length), subtype, kType25);
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), subtype, kType25);
     return length;
 }
 
 std::uint16_t writeRec25(const Rec25& rec, std::uint8_t subtype, nvb_frame_t& frame) {
-    if (subtype != 0 && subtype != 2) return 0;
+    Rec25 sent = rec;
+    std::uint8_t* data = subtype == 0 ? sent.sub0.data : sent.sub2.data;
+    data[NVB_SBAS_DATA_BYTES - 1] &= kLastDataBits;
     WriteBuffer out = openFrame(frame, kType25, false);
     putByte(out, subtype);
-    putRuns(out, kTimedHead, structBytes(rec, 0));
-    if (subtype == 0) {
-        putSbasData(out, rec.sub0.data);
-    } else {
-        const Rec25Sub2& message = rec.sub2;
-        putByte(out, message.flags);
-        putSbasData(out, message.data);
-        if ((message.flags & kCheckOnWire) != 0) {
-            putByte(out, message.preamble);
-            putByte(out, static_cast<std::uint8_t>(message.crc >> 16));
-            putU16(out, static_cast<std::uint16_t>(message.crc));
-        }
-    }
+    FrameWriteWalk walk{{}, out};
+    if (!walkRec25(walk, sent, subtype)) return 0;
     return closeFrame(out, false);
 }
 
 int parseRec25Dat(DatReader& in, Rec25* rec, std::uint8_t subtype) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    datRuns(in, kTimedHead, structBytes(*rec, 0));
-    if (subtype == 0) {
-        datCopy(in, rec->sub0.data, NVB_SBAS_DATA_BYTES, 1);
-    } else if (subtype == 2) {
-        Rec25Sub2& message = rec->sub2;
-        message.flags = datRead<std::uint8_t>(in);
-        datCopy(in, message.data, NVB_SBAS_DATA_BYTES, 1);
-        if ((message.flags & kCheckOnWire) != 0) {
-            message.preamble = datRead<std::uint8_t>(in);
-            // The DAT form holds the 24-bit check in three bytes, low byte first.
-            datCopy(in, &message.crc, 3, 1);
-        } else {
-            completeSbasMessage(rec->time, message);
-        }
-    }
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec25(walk, *rec, subtype);
+    if (subtype == 2 && (rec->sub2.flags & kCheckOnWire) == 0) completeSbasMessage(rec->time, rec->sub2);
     return 0;
 }
 
@@ -325,7 +398,9 @@ std::uint16_t readRec26(const nvb_frame_t& frame, nvb_expand_t& state, bool mapS
     std::uint8_t* header = state.records.datHeader;
     const ByteView bytes = frameBytes(frame);
     const std::uint8_t subtype = getByte(bytes, 3);
-    std::size_t at = getRuns(bytes, kBodyOffset, kTimedHead, structBytes(*rec, 0));
+    FrameReadWalk walk{{}, bytes, kBodyOffset};
+    walk.fields(kRec26Head, bytesOf(*rec));
+    std::size_t at = kBodyOffset + walk.position;
     const Rec26Form* form = rec26Form(subtype);
     if (form == nullptr) {
         setDatHeader(header, 0, subtype, kType26);
@@ -369,7 +444,7 @@ std::uint16_t readRec26(const nvb_frame_t& frame, nvb_expand_t& state, bool mapS
             break;
         }
     }
-    getBytes(structBytes(*rec, data), bytes, at, form->dataBytes);
+    getBytes(bytesOf(*rec) + data, bytes, at, form->dataBytes);
     std::uint8_t reported = form->reportedAs;
     if (mapSystem5To7 && subtype == 8) {
         reported = 11;
@@ -396,15 +471,16 @@ std::uint16_t writeRec26(const Rec26& rec, std::uint8_t subtype, nvb_frame_t& fr
     }
     WriteBuffer out = openFrame(frame, kType26, false);
     putByte(out, subtype);
-    putRuns(out, kTimedHead, structBytes(rec, 0));
-    const std::uint8_t* data = structBytes(rec, kPlainData);
+    FrameWriteWalk walk{{}, out};
+    walk.fields(kRec26Head, bytesOf(const_cast<Rec26&>(rec)));
+    const std::uint8_t* data = bytesOf(rec) + kPlainData;
     switch (form->layout) {
         case Rec26Layout::Older:
-            data = structBytes(rec, kOlderData);
+            data = bytesOf(rec) + kOlderData;
             break;
         case Rec26Layout::OlderGlonass:
             putByte(out, rec.rawByte);
-            data = structBytes(rec, kOlderData + 1);
+            data = bytesOf(rec) + kOlderData + 1;
             break;
         case Rec26Layout::Plain:
             putByte(out, rec.rawByte);
@@ -414,7 +490,7 @@ std::uint16_t writeRec26(const Rec26& rec, std::uint8_t subtype, nvb_frame_t& fr
             putByte(out, rec.rawByte);
             putByte(out, static_cast<std::uint8_t>(rec.extended.rawWord));
             putByte(out, rec.extended.extraByte);
-            data = structBytes(rec, kExtendedData);
+            data = bytesOf(rec) + kExtendedData;
             break;
         case Rec26Layout::Page:
             putByte(out, rec.rawByte);
@@ -429,17 +505,39 @@ std::uint16_t writeRec26(const Rec26& rec, std::uint8_t subtype, nvb_frame_t& fr
 int parseRec26Dat(DatReader& in, Rec26* rec, std::uint8_t subtype) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    datRuns(in, kTimedHead, structBytes(*rec, 0));
-    std::size_t at = kTimedHeadBytes;
-    const Rec26Form* form = rec26Form(subtype);
-    if (form != nullptr && (form->layout == Rec26Layout::Plain || form->layout == Rec26Layout::Extended)) {
-        rec->rawByte = datRead<std::uint8_t>(in);
-        rec->plain.rawWord = datRead<std::uint32_t>(in);
-        at = offsetof(Rec26, plain.length);
-    }
-    // Everything else is single bytes, up to the DAT length and the structure's end.
-    datCopy(in, structBytes(*rec, at), std::min(datLeft(in), sizeof(Rec26) - at), 1);
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec26Dat(walk, *rec, subtype);
     return 0;
+}
+
+bool describeNavigationRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,
+                              const FieldSink& sink) {
+    const nvb_record_table_t& records = state.records;
+    std::uint8_t* header = records.datHeader;
+    if (header == nullptr) return false;
+    DescribeWalk walk{{datLength > 4 ? datLength - 4 : 0}, sink};
+    // Records 25 and 26 keep their subtype in the DAT header.
+    const std::array subtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
+    switch (type) {
+        case 21:
+            if (records.rec21 == nullptr) return false;
+            walkRec21(walk, *records.rec21);
+            return true;
+        case 25:
+            if (records.rec25 == nullptr) return false;
+            walk.fields(subtype, header);
+            walkRec25(walk, *records.rec25, header[2]);
+            return true;
+        case 26:
+            if (records.rec26 == nullptr) return false;
+            walk.fields(subtype, header);
+            walkRec26Dat(walk, *records.rec26, header[2]);
+            return true;
+        case 28:
+            return records.rec28 != nullptr && walkRec28(walk, *records.rec28);
+        default:
+            return false;
+    }
 }
 
 }  // namespace nvb

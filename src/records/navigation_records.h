@@ -1,7 +1,7 @@
 #ifndef NVB_RECORDS_NAVIGATION_RECORDS_H
 #define NVB_RECORDS_NAVIGATION_RECORDS_H
 
-#include "records/field_codec.h"
+#include "records/field_walk.h"
 
 #include <nvbdll/records_navigation.h>
 #include <nvbdll/state.h>
@@ -39,6 +39,12 @@ int parseRec21Dat(DatReader& in, Rec21* rec);
 int parseRec25Dat(DatReader& in, Rec25* rec, std::uint8_t subtype);
 int parseRec26Dat(DatReader& in, Rec26* rec, std::uint8_t subtype);
 int parseRec28Dat(DatReader& in, Rec28* rec);
+
+// Hands each field of the decoded record of `type` (21, 25, 26 or 28) to `sink`, as its
+// DAT form holds it; `datLength` is what the decoding step reported. False for another
+// type or a missing structure.
+bool describeNavigationRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,
+                              const FieldSink& sink);
 
 // The 24-bit shift register of the SBAS check (polynomial 0x864CFB, from 0, most
 // significant bit first), run over the first `bitCount` bits and then 24 zero bits.

@@ -5,75 +5,280 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
 
 namespace nvb {
 
 namespace {
 
 constexpr std::size_t kBodyOffset = 4;
+constexpr std::size_t kTrailer = 3;  // checksum and end byte
 
-template <std::size_t N>
-constexpr FieldLayout layout(const FieldRun (&runs)[N]) {
-    return FieldLayout(runs, N);
+template <class Walk>
+void walkOpaque(Walk& walk, const char* name, std::size_t offset, std::size_t count, std::uint8_t* base) {
+    const std::array field = {opaqueField(name, offset, count)};
+    walk.fields(field, base);
 }
 
 // Record 5: the structure repeats the body behind the subtype in native order.
-constexpr FieldRun kRec5Sub0[] = {{2, 1}, {1, 5}, {1, 1}, {8, 4}, {1, 3}};  // then the text
-constexpr FieldRun kRec5Sub1[] = {{2, 1}, {1, 5}, {1, 1}, {2, 9}, {1, 10}, {1, 4}, {8, 1}, {4, 3}, {1, 1}};
-constexpr FieldRun kRec5Sub2[] = {{2, 6}, {1, 12}, {1, 12}, {1, 5}, {1, 3}, {8, 1}, {4, 1}, {2, 1}, {1, 2}};
-constexpr FieldRun kRec5Sub3[] = {{2, 1}, {8, 12}, {4, 2}};
-constexpr FieldRun kRec5Sub4[] = {{2, 1}, {1, 4}, {4, 4}};
-constexpr FieldRun kRec5Sub5[] = {{2, 1}, {1, 2}, {4, 6}};
-constexpr FieldRun kRec5Sub6[] = {{2, 2}, {4, 4}};
-constexpr FieldRun kRec5Sub7[] = {{2, 1}, {8, 1}, {2, 1}};  // then the pairs
-constexpr std::array<FieldLayout, 8> kRec5Layouts = {layout(kRec5Sub0), layout(kRec5Sub1), layout(kRec5Sub2),
-                                                     layout(kRec5Sub3), layout(kRec5Sub4), layout(kRec5Sub5),
-                                                     layout(kRec5Sub6), layout(kRec5Sub7)};
+constexpr std::array kRec5Sub0 = {NVB_FIELD(Rec5Sub0, word1),  NVB_FIELD(Rec5Sub0, bytes1),
+                                  NVB_FIELD(Rec5Sub0, byte1),  NVB_FIELD(Rec5Sub0, doubles),
+                                  NVB_FIELD(Rec5Sub0, bytes2), NVB_FIELD(Rec5Sub0, textLength)};
+constexpr std::array kRec5Sub1 = {
+    NVB_FIELD(Rec5Sub1, word1),   NVB_FIELD(Rec5Sub1, bytes1), NVB_FIELD(Rec5Sub1, byte1),
+    NVB_FIELD(Rec5Sub1, words),   NVB_FIELD(Rec5Sub1, bytes2), NVB_FIELD(Rec5Sub1, bytes3),
+    NVB_FIELD(Rec5Sub1, double1), NVB_FIELD(Rec5Sub1, dwords), NVB_FIELD(Rec5Sub1, byte2)};
+// Subtype 2 up to and including its presence mark, where the writer may stop, and the rest.
+constexpr std::array kRec5Sub2Marked = {NVB_FIELD(Rec5Sub2, words), NVB_FIELD(Rec5Sub2, bytes1),
+                                        NVB_FIELD(Rec5Sub2, bytes2), NVB_FIELD(Rec5Sub2, bytes3),
+                                        NVB_FIELD(Rec5Sub2, presenceMark)};
+constexpr std::array kRec5Sub2Rest = {NVB_FIELD(Rec5Sub2, bytes4), NVB_FIELD(Rec5Sub2, double1),
+                                      NVB_FIELD(Rec5Sub2, dword1), NVB_FIELD(Rec5Sub2, word7),
+                                      NVB_FIELD(Rec5Sub2, bytes5)};
+constexpr std::array kRec5Sub3 = {NVB_FIELD(Rec5Sub3, word1), NVB_FIELD(Rec5Sub3, doubles),
+                                  NVB_FIELD(Rec5Sub3, dwords)};
+constexpr std::array kRec5Sub4 = {NVB_FIELD(Rec5Sub4, word1), NVB_FIELD(Rec5Sub4, bytes), NVB_FIELD(Rec5Sub4, dwords)};
+constexpr std::array kRec5Sub5 = {NVB_FIELD(Rec5Sub5, word1), NVB_FIELD(Rec5Sub5, bytes), NVB_FIELD(Rec5Sub5, dwords)};
+constexpr std::array kRec5Sub6 = {NVB_FIELD(Rec5Sub6, words), NVB_FIELD(Rec5Sub6, dwords)};
+constexpr std::array kRec5Sub7 = {NVB_FIELD(Rec5Sub7, word1), NVB_FIELD(Rec5Sub7, double1), NVB_FIELD(Rec5Sub7, count)};
 static_assert(layoutBytes(kRec5Sub0) == offsetof(Rec5Sub0, text) && layoutBytes(kRec5Sub1) == sizeof(Rec5Sub1) &&
-              layoutBytes(kRec5Sub2) == sizeof(Rec5Sub2) && layoutBytes(kRec5Sub3) == sizeof(Rec5Sub3) &&
-              layoutBytes(kRec5Sub4) == sizeof(Rec5Sub4) && layoutBytes(kRec5Sub5) == sizeof(Rec5Sub5) &&
-              layoutBytes(kRec5Sub6) == sizeof(Rec5Sub6) && layoutBytes(kRec5Sub7) == offsetof(Rec5Sub7, pairs));
-// Subtype 2 up to and including its presence mark, where the writer may stop.
-constexpr std::size_t kRec5Sub2MarkedRuns = 4;
+              layoutBytes(kRec5Sub2Marked) + layoutBytes(kRec5Sub2Rest) == sizeof(Rec5Sub2) &&
+              layoutBytes(kRec5Sub3) == sizeof(Rec5Sub3) && layoutBytes(kRec5Sub4) == sizeof(Rec5Sub4) &&
+              layoutBytes(kRec5Sub5) == sizeof(Rec5Sub5) && layoutBytes(kRec5Sub6) == sizeof(Rec5Sub6) &&
+              layoutBytes(kRec5Sub7) == offsetof(Rec5Sub7, pairs));
+constexpr std::uint8_t kRec5Subtypes = 8;
 constexpr std::size_t kRec5PairsAt = offsetof(Rec5Sub7, pairs);
 
-// Record 12 around its two scaled header fields.
-constexpr FieldRun kRec12Head[] = {{1, 2}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}};
-constexpr FieldRun kRec12Middle[] = {{1, 8}, {4, 2}, {2, 1}, {1, 14}};
-static_assert(layoutBytes(kRec12Head) == offsetof(Rec12, unsignedValue) &&
-              offsetof(Rec12, bytes2) + layoutBytes(kRec12Middle) == offsetof(Rec12, signedValue));
+// The pairs of subtype 7 are read as receivers have always read them: from the frame's
+// own first bytes, in steps of three. Only what the DAT path carries comes back whole.
+void readRec5Pairs(ByteView bytes, Rec5& rec) {
+    std::uint8_t* area = bytesOf(rec);
+    for (std::size_t i = 0; i < rec.sub7.count && kRec5PairsAt + 2 * i < sizeof(Rec5); i += 3) {
+        area[kRec5PairsAt + 2 * i] = getByte(bytes, i);
+        if (kRec5PairsAt + 1 + 2 * (i + 1) < sizeof(Rec5)) area[kRec5PairsAt + 1 + 2 * (i + 1)] = getByte(bytes, i + 1);
+    }
+}
+
+// A subtype without a layout is kept as its bytes.
+template <class Walk>
+void walkRec5(Walk& walk, Rec5& rec, std::uint8_t subtype) {
+    std::uint8_t* base = bytesOf(rec);
+    switch (subtype) {
+        case 0:
+            walk.fields(kRec5Sub0, base);
+            walkOpaque(walk, "text", offsetof(Rec5Sub0, text),
+                       std::min<std::size_t>(rec.sub0.textLength, NVB_REC5_TEXT_BYTES), base);
+            return;
+        case 1:
+            walk.fields(kRec5Sub1, base);
+            return;
+        case 2:
+            walk.fields(kRec5Sub2Marked, base);
+            // The writer ends the record at a zero mark; the reader reads on regardless.
+            if (std::is_same_v<Walk, FrameWriteWalk> && rec.sub2.presenceMark == 0) return;
+            walk.fields(kRec5Sub2Rest, base);
+            return;
+        case 3:
+            walk.fields(kRec5Sub3, base);
+            return;
+        case 4:
+            walk.fields(kRec5Sub4, base);
+            return;
+        case 5:
+            walk.fields(kRec5Sub5, base);
+            return;
+        case 6:
+            walk.fields(kRec5Sub6, base);
+            return;
+        case 7:
+            walk.fields(kRec5Sub7, base);
+            if constexpr (std::is_same_v<Walk, FrameReadWalk>) {
+                readRec5Pairs(walk.bytes, rec);
+            } else {
+                walkOpaque(walk, "pairs", kRec5PairsAt, 2 * std::min<std::size_t>(rec.sub7.count, NVB_REC5_MAX_PAIRS),
+                           base);
+            }
+            return;
+        default:
+            walkOpaque(walk, "body", 0, std::min(walk.remaining(), sizeof(Rec5)), base);
+            return;
+    }
+}
+
+// Record 12 around its scaled fields.
+constexpr std::array kRec12Head = {NVB_FIELD(Rec12, count), NVB_FIELD(Rec12, byte1),  NVB_FIELD(Rec12, word1),
+                                   NVB_FIELD(Rec12, word2), NVB_FIELD(Rec12, byte2),  NVB_FIELD(Rec12, byte3),
+                                   NVB_FIELD(Rec12, word3), NVB_FIELD(Rec12, bytes1), NVB_FIELD(Rec12, word4)};
+constexpr std::array kRec12Middle = {NVB_FIELD(Rec12, bytes2), NVB_FIELD(Rec12, dword1), NVB_FIELD(Rec12, dword2),
+                                     NVB_FIELD(Rec12, word5), NVB_FIELD(Rec12, bytes3)};
+constexpr ScaledSpec kRec12Unsigned{NVB_FIELD(Rec12, unsignedValue), 4, 0, false};
+constexpr ScaledSpec kRec12Signed{NVB_FIELD(Rec12, signedValue), 4, -22, true};
+constexpr ScaledSpec kRec12First{NVB_FIELD(Rec12Pair, first), 2, -11, true};
+constexpr ScaledSpec kRec12Second{NVB_FIELD(Rec12Pair, second), 2, -21, true};
 constexpr std::uint16_t kRec12HeaderDat = 4 + offsetof(Rec12, pairs);
 
-constexpr FieldRun kRec15Doubles[] = {{8, 11}};
-constexpr FieldRun kRec15Dat[] = {{8, 14}, {1, 8}};
-static_assert(layoutBytes(kRec15Dat) == sizeof(Rec15));
+std::size_t rec12Pairs(const Rec12& rec) {
+    return rec.count > 0 ? rec.count - 1u : 0u;
+}
 
-constexpr FieldRun kRec24[] = {{8, 12}, {4, 2}};
+// The pairs stop at what the structure holds, while the DAT length follows the count.
+template <class Walk>
+void walkRec12(Walk& walk, Rec12& rec) {
+    std::uint8_t* base = bytesOf(rec);
+    walk.fields(kRec12Head, base);
+    walkScaled(walk, kRec12Unsigned, base);
+    walk.fields(kRec12Middle, base);
+    walkScaled(walk, kRec12Signed, base);
+    for (std::size_t j = 0; j < std::min<std::size_t>(rec12Pairs(rec), NVB_REC12_MAX_PAIRS); ++j) {
+        walk.open("pairs", true);
+        walkScaled(walk, kRec12First, bytesOf(rec.pairs[j]));
+        walkScaled(walk, kRec12Second, bytesOf(rec.pairs[j]));
+        walk.close();
+    }
+}
+
+constexpr std::array kRec15Doubles = {NVB_FIELD(Rec15, doubles)};
+constexpr ScaledSpec kRec15Signed1{NVB_FIELD(Rec15, signedValue1), 2, 0, true};
+constexpr ScaledSpec kRec15Signed2{NVB_FIELD(Rec15, signedValue2), 2, 0, true};
+constexpr ScaledSpec kRec15Unsigned{NVB_FIELD(Rec15, unsignedValue), 4, 0, false};
+constexpr std::array kRec15Tail = {NVB_FIELD(Rec15, bytes), NVB_FIELD(Rec15, byte1)};
+
+template <class Walk>
+void walkRec15(Walk& walk, Rec15& rec) {
+    std::uint8_t* base = bytesOf(rec);
+    walk.fields(kRec15Doubles, base);
+    walkScaled(walk, kRec15Signed1, base);
+    walkScaled(walk, kRec15Signed2, base);
+    walkScaled(walk, kRec15Unsigned, base);
+    walk.fields(kRec15Tail, base);
+}
+
+// Record 19 by subtype; 9 to 12 are delivered in the layout of 7.
+constexpr ScaledSpec kRec19Sub1Value{NVB_FIELD(Rec19Sub1, value), 4, 0, false};
+constexpr std::array kRec19Sub1Word = {NVB_FIELD(Rec19Sub1, word)};
+constexpr std::array kRec19Sub2Word = {NVB_FIELD(Rec19Sub2, word)};
+constexpr ScaledSpec kRec19Sub2Value{NVB_FIELD(Rec19Sub2, value), 4, 0, false};
+constexpr std::array kRec19Sub3Word = {NVB_FIELD(Rec19Sub3, word)};
+constexpr std::array kRec19Sub6 = {NVB_FIELD(Rec19Sub6, word), NVB_FIELD(Rec19Sub6, value)};
+constexpr std::array kRec19Sub7 = {NVB_FIELD(Rec19Sub7, slot), NVB_FIELD(Rec19Sub7, word), NVB_FIELD(Rec19Sub7, value)};
+constexpr std::array kRec19Sub8 = {NVB_FIELD(Rec19Sub8, slot), NVB_FIELD(Rec19Sub8, word)};
+
+// The frame reader takes subtypes 8 to 12 its own way; every walk takes the others, and
+// the writer only 5, 6 and 7, sending any other subtype as its subtype byte alone.
+template <class Walk>
+void walkRec19(Walk& walk, Rec19& rec, std::uint8_t subtype) {
+    std::uint8_t* base = bytesOf(rec);
+    if (std::is_same_v<Walk, FrameWriteWalk> && (subtype < 5 || subtype > 7)) return;
+    switch (subtype) {
+        case 1:
+            walkScaled(walk, kRec19Sub1Value, base);
+            walk.fields(kRec19Sub1Word, base);
+            return;
+        case 2:
+        case 4:
+        case 5:
+            walk.fields(kRec19Sub2Word, base);
+            walkScaled(walk, kRec19Sub2Value, base);
+            return;
+        case 3:
+            walk.fields(kRec19Sub3Word, base);
+            walkOpaque(walk, "text", offsetof(Rec19Sub3, text), std::min(walk.remaining(), sizeof rec.sub3.text), base);
+            return;
+        case 6:
+            walk.fields(kRec19Sub6, base);
+            return;
+        case 8:
+            walk.fields(kRec19Sub8, base);
+            walkOpaque(walk, "text", offsetof(Rec19Sub8, text), std::min(walk.remaining(), sizeof rec.sub8.text), base);
+            return;
+        case 7:
+        case 9:
+        case 10:
+        case 11:
+        case 12:
+            walk.fields(kRec19Sub7, base);
+            return;
+        default:
+            return;
+    }
+}
+
+// Record 19's prediction, run after each record of a tracking slot. The prediction
+// takes the current record; its value then goes on by the last step, as the value the
+// prediction holds at that point is already the current one.
+void trackSlot(TrackingSlot& slot, const TrackingRecord& current) {
+    slot.predicted = current;
+    slot.predicted.word = static_cast<std::uint16_t>(current.word + 1);
+    slot.predicted.value = current.value - slot.last.value + slot.predicted.value;
+    slot.last = current;
+}
+
+std::size_t textBytes(std::uint16_t frameLength, std::size_t ahead, std::size_t capacity) {
+    return frameLength > ahead ? std::min<std::size_t>(frameLength - ahead, capacity) : 0;
+}
+
+// Record 22: each table has count + 1 entries on the wire, of which the structure keeps
+// the first eight.
+constexpr std::array kRec22Head = {NVB_FIELD(Rec22, count), NVB_FIELD(Rec22, doubles), NVB_FIELD(Rec22, bytes1)};
+constexpr FieldSpec kRec22Table1 = NVB_FIELD(Rec22, byteTable1);
+constexpr std::array kRec22Middle = {NVB_FIELD(Rec22, bytes2)};
+constexpr FieldSpec kRec22Table2 = NVB_FIELD(Rec22, byteTable2);
+constexpr std::array kRec22Words = {NVB_FIELD(Rec22, words)};
+constexpr FieldSpec kRec22Dwords = NVB_FIELD(Rec22, dwordTables);
+constexpr std::array kRec22Tail = {NVB_FIELD(Rec22, word5), NVB_FIELD(Rec22, dword1), NVB_FIELD(Rec22, dword2),
+                                   NVB_FIELD(Rec22, word6), NVB_FIELD(Rec22, word7)};
+
+template <class Walk>
+void walkRec22(Walk& walk, Rec22& rec) {
+    std::uint8_t* base = bytesOf(rec);
+    walk.fields(kRec22Head, base);
+    const std::size_t entries = rec.count + 1u;
+    const std::size_t kept = std::min<std::size_t>(entries, NVB_REC22_MAX_ENTRIES);
+    const auto table = [&](const FieldSpec& spec, std::size_t index) {
+        const std::array items = {fieldItems(spec, index * NVB_REC22_MAX_ENTRIES, kept)};
+        walk.fields(items, base);
+        walk.position += spec.width * (entries - kept);
+    };
+    table(kRec22Table1, 0);
+    walk.fields(kRec22Middle, base);
+    table(kRec22Table2, 0);
+    walk.fields(kRec22Words, base);
+    for (std::size_t t = 0; t < std::size(rec.dwordTables); ++t) table(kRec22Dwords, t);
+    walk.fields(kRec22Tail, base);
+}
+
+constexpr std::array kRec24 = {NVB_FIELD(Rec24, values), NVB_FIELD(Rec24, counters)};
 static_assert(layoutBytes(kRec24) == sizeof(Rec24));
 
-constexpr FieldRun kRec22Head[] = {{8, 4}, {1, 8}};
-constexpr FieldRun kRec22Words[] = {{2, 4}};
-constexpr FieldRun kRec22Tail[] = {{2, 1}, {4, 2}, {2, 2}};
-constexpr std::size_t kRec22Tables = 4;
+// The wire body of records 22 and 24, from offset 3, as far as the generic area holds it.
+void keepWireBody(ByteView bytes, std::size_t count, RecGeneric& generic) {
+    std::memset(generic.data, 0, sizeof generic.data);
+    getBytes(generic.data, bytes, 3, std::min(count, sizeof generic.data));
+}
 
-constexpr FieldRun kRec30Sub0[] = {{4, 1}, {2, 2}};
-static_assert(layoutBytes(kRec30Sub0) == sizeof(Rec30Sub0));
+// Record 30 sections: a field at offset k of a section's area is present when the
+// section's length byte is above k. The areas sit behind each length byte.
+constexpr std::array kRec30Sub0 = {NVB_FIELD(Rec30Sub0, dword1), NVB_FIELD(Rec30Sub0, words)};
+constexpr std::array kRec30Count = {NVB_FIELD(Rec30Sections, sectionCount)};
+constexpr std::array kSectionLength = {NVB_FIELD(Rec30Section, length)};
+constexpr std::array kSectionA = {NVB_FIELD(Rec30Sub1A, dword1), NVB_FIELD(Rec30Sub1A, word1)};
+constexpr std::array kSectionText = {opaqueField("text", offsetof(Rec30Text, text), NVB_REC30_SECTION_BYTES)};
+constexpr std::array kSectionD = {NVB_FIELD(Rec30Sub1D, words)};
+constexpr std::array kSectionEI = {NVB_FIELD(Rec30Sub1E, byte1)};
+// Section F's two bytes stand as they came and are there or not together.
+constexpr std::array kSectionF = {NVB_FIELD(Rec30Sub1F, dword1),
+                                  FieldSpec{"bytes", offsetof(Rec30Sub1F, bytes), 2, FieldKind::Opaque, 1}};
+constexpr std::array kSectionG = {NVB_FIELD(Rec30Sub1G, bytes)};
+constexpr std::array kSectionH = {NVB_FIELD(Rec30Sub1H, bytes)};
+constexpr std::array kThreeBytes = {fieldItems(NVB_FIELD(Rec30Section, bytes), 0, 3)};
+constexpr std::array kEightBytes = {fieldItems(NVB_FIELD(Rec30Section, bytes), 0, 8)};
+constexpr std::array kTwoWords = {NVB_FIELD(Rec30Sub3Pair, dwords)};
 
-// Record 30 sections: a field at offset k of a section is present when the section's
-// length byte is above k, so a section is the list of its fields from its start.
-constexpr FieldRun kWordAndHalf[] = {{4, 1}, {2, 1}};        // A: a 32-bit and a 16-bit number
-constexpr FieldRun kWordAndPair[] = {{4, 1}, {2, 1, true}};  // F: a 32-bit number and two bytes
-constexpr FieldRun kText[] = {{1, NVB_REC30_SECTION_BYTES}};
-constexpr FieldRun kThreeHalves[] = {{2, 3}};
-constexpr FieldRun kOneByte[] = {{1, 1}};
-constexpr FieldRun kTwoBytes[] = {{1, 2}};
-constexpr FieldRun kThreeBytes[] = {{1, 3}};
-constexpr FieldRun kFourBytes[] = {{1, 4}};
-constexpr FieldRun kEightBytes[] = {{1, 8}};
-constexpr FieldRun kTwoWords[] = {{4, 2}};
+constexpr std::array<const char*, NVB_REC30_SECTION_COUNT> kSectionNames = {"a", "b", "c", "d", "e",
+                                                                            "f", "g", "h", "i"};
 
 struct Rec30Shape {
-    std::array<FieldLayout, NVB_REC30_SECTION_COUNT> sections;
+    std::array<Layout, NVB_REC30_SECTION_COUNT> sections;
     std::size_t count;
     std::uint8_t freeFrom;  // a section count from which the DAT form carries the free area
     bool sectionsInDat;     // subtype 2 keeps its sections out of the DAT form
@@ -82,40 +287,31 @@ struct Rec30Shape {
 
 constexpr std::array<Rec30Shape, 4> kRec30Shapes = {{
     {},
-    {{layout(kWordAndHalf), layout(kText), layout(kText), layout(kThreeHalves), layout(kOneByte), layout(kWordAndPair),
-      layout(kFourBytes), layout(kTwoBytes), layout(kOneByte)},
+    {{kSectionA, kSectionText, kSectionText, kSectionD, kSectionEI, kSectionF, kSectionG, kSectionH, kSectionEI},
      9,
      10,
      true,
      true},
-    {{layout(kThreeBytes), layout(kThreeBytes), layout(kThreeBytes), layout(kEightBytes), layout(kThreeBytes)},
-     5,
-     6,
-     false,
-     false},
-    {{layout(kTwoWords), layout(kThreeBytes), layout(kTwoWords)}, 3, 4, true, false},
+    {{kThreeBytes, kThreeBytes, kThreeBytes, kEightBytes, kThreeBytes}, 5, 6, false, false},
+    {{kTwoWords, kThreeBytes, kTwoWords}, 3, 4, true, false},
 }};
 // Sections H and I of subtype 1 take their further DAT bytes from section G.
-constexpr std::size_t kSectionG = 6;
-
-// Calls visit(offset, width) for each field of a section that its length byte leaves in.
-template <class Visit>
-void forPresentFields(FieldLayout fields, std::uint8_t length, Visit visit) {
-    std::size_t offset = 0;
-    for (const FieldRun& run : fields) {
-        for (unsigned i = 0; i < run.count; ++i, offset += run.width) {
-            if (length <= offset) return;
-            visit(offset, FieldRun{run.width, 1, run.raw});
-        }
-    }
-}
+constexpr std::size_t kSectionG6 = 6;
 
 const Rec30Shape* rec30Shape(std::uint8_t subtype) {
     return subtype >= 1 && subtype < kRec30Shapes.size() ? &kRec30Shapes[subtype] : nullptr;
 }
 
-std::size_t sectionsOf(const Rec30Shape& shape, std::uint8_t count) {
-    return std::min<std::size_t>(count, shape.count);
+// The items of each field that a length byte leaves in; offsets count from the length byte.
+template <class Walk>
+void walkPresent(Walk& walk, Layout fields, std::uint8_t length, std::uint8_t* section) {
+    for (const FieldSpec& field : fields) {
+        const std::size_t from = field.offset - 1u;
+        if (length <= from) return;
+        const std::size_t items = std::min<std::size_t>(field.count, (length - from + field.width - 1) / field.width);
+        const std::array present = {fieldItems(field, 0, items)};
+        walk.fields(present, section);
+    }
 }
 
 // Bytes of a fixed area from `from` on; what lies beyond the area is written as zeros.
@@ -133,25 +329,53 @@ void takeArea(DatReader& in, std::uint8_t* area, std::size_t areaSize, std::size
     in.position += count - kept;
 }
 
-// Record 19's prediction, run after each record of a tracking slot. The prediction
-// takes the current record; its value then goes on by the last step, as the value the
-// prediction holds at that point is already the current one.
-void trackSlot(TrackingSlot& slot, const TrackingRecord& current) {
-    slot.predicted = current;
-    slot.predicted.word = static_cast<std::uint16_t>(current.word + 1);
-    slot.predicted.value = current.value - slot.last.value + slot.predicted.value;
-    slot.last = current;
-}
-
-// The text of record 19 subtypes 3 and 8 runs to the checksum; the structure's array caps it.
-std::size_t textBytes(std::uint16_t frameLength, std::size_t ahead, std::size_t capacity) {
-    return frameLength > ahead ? std::min<std::size_t>(frameLength - ahead, capacity) : 0;
-}
-
-// The wire body of records 22 and 24, from offset 3, as far as the generic area holds it.
-void keepWireBody(ByteView bytes, std::size_t count, RecGeneric& generic) {
-    std::memset(generic.data, 0, sizeof generic.data);
-    getBytes(generic.data, bytes, 3, std::min(count, sizeof generic.data));
+// A subtype above 3 has no sections the reader knows: its count alone, or as a DAT form
+// the whole structure. The wire carries only the thresholded fields; the DAT form adds a
+// subtype 1 section's further bytes and the free area, and leaves subtype 2's sections out.
+template <class Walk>
+void walkRec30(Walk& walk, Rec30& rec, std::uint8_t subtype) {
+    std::uint8_t* base = bytesOf(rec);
+    constexpr bool kDat = std::is_same_v<Walk, DatParseWalk> || std::is_same_v<Walk, DatPackWalk>;
+    if (subtype == 0) {
+        walk.fields(kRec30Sub0, base);
+        return;
+    }
+    const Rec30Shape* shape = rec30Shape(subtype);
+    if (kDat && shape == nullptr) {
+        walkOpaque(walk, "body", 0, std::min(walk.remaining(), sizeof(Rec30)), base);
+        return;
+    }
+    walk.fields(kRec30Count, base);
+    if (shape == nullptr || (kDat && !shape->sectionsInDat)) return;
+    const std::size_t count = std::min<std::size_t>(rec.sections.sectionCount, shape->count);
+    for (std::size_t s = 0; s < count; ++s) {
+        Rec30Section& section = rec.sections.section[s];
+        std::uint8_t* area = bytesOf(section);
+        walk.open(kSectionNames[s], false);
+        walk.fields(kSectionLength, area);
+        walkPresent(walk, shape->sections[s], section.length, area);
+        walk.close();
+        const std::size_t known = layoutBytes(shape->sections[s]);
+        if (!kDat || !shape->moreBytesInDat || section.length <= known) continue;
+        if constexpr (std::is_same_v<Walk, DatPackWalk>) {
+            const bool fromG = s > kSectionG6;
+            const Rec30Section& source = fromG ? rec.sections.section[kSectionG6] : section;
+            const std::size_t from = fromG ? layoutBytes(shape->sections[kSectionG6]) : known;
+            putArea(walk.out, source.bytes, sizeof source.bytes, from, section.length - known);
+        } else if constexpr (std::is_same_v<Walk, DatParseWalk>) {
+            takeArea(walk.in, section.bytes, sizeof section.bytes, known, section.length - known);
+        }
+    }
+    if constexpr (kDat) {
+        if (rec.sections.sectionCount < shape->freeFrom) return;
+        if constexpr (std::is_same_v<Walk, DatPackWalk>) {
+            datWrite(walk.out, rec.freeLength);
+            putArea(walk.out, rec.freeArea, sizeof rec.freeArea, 0, rec.freeLength);
+        } else {
+            rec.freeLength = datRead<std::uint8_t>(walk.in);
+            takeArea(walk.in, rec.freeArea, sizeof rec.freeArea, 0, rec.freeLength);
+        }
+    }
 }
 
 }  // namespace
@@ -159,31 +383,13 @@ void keepWireBody(ByteView bytes, std::size_t count, RecGeneric& generic) {
 std::uint16_t readRec5(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec5* rec = clearedTarget(state.records.rec5, state);
     if (rec == nullptr) return 0;
-    std::uint8_t* header = state.records.datHeader;
     const ByteView bytes = frameBytes(frame);
     const std::uint8_t subtype = getByte(bytes, 3);
-    if (subtype < kRec5Layouts.size()) {
-        const std::size_t end = getRuns(bytes, kBodyOffset, kRec5Layouts[subtype], structBytes(*rec));
-        if (subtype == 0) {
-            getBytes(reinterpret_cast<std::uint8_t*>(rec->sub0.text), bytes, end,
-                     std::min<std::size_t>(rec->sub0.textLength, NVB_REC5_TEXT_BYTES));
-        } else if (subtype == 7) {
-            // The pairs are read as receivers have always read them: from the frame's own
-            // first bytes, in steps of three. Only what the DAT path carries comes back whole.
-            std::uint8_t* area = structBytes(*rec);
-            for (std::size_t i = 0; i < rec->sub7.count && kRec5PairsAt + 2 * i < sizeof(Rec5); i += 3) {
-                area[kRec5PairsAt + 2 * i] = getByte(bytes, i);
-                if (kRec5PairsAt + 1 + 2 * (i + 1) < sizeof(Rec5))
-                    area[kRec5PairsAt + 1 + 2 * (i + 1)] = getByte(bytes, i + 1);
-            }
-        }
-    } else if (frame.length > kBodyOffset + 3) {
-        // A subtype without a layout is kept as it stands.
-        getBytes(structBytes(*rec), bytes, kBodyOffset,
-                 std::min<std::size_t>(frame.length - kBodyOffset - 3, sizeof(Rec5)));
-    }
+    const std::size_t body = frame.length > kBodyOffset + kTrailer ? frame.length - kBodyOffset - kTrailer : 0;
+    FrameReadWalk walk{{body}, bytes, kBodyOffset};
+    walkRec5(walk, *rec, subtype);
     const auto length = static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0);
-    setDatHeader(header, static_cast<std::uint8_t>(length), subtype, 5);
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), subtype, 5);
     return length;
 }
 
@@ -191,420 +397,229 @@ std::uint16_t writeRec5(const Rec5& rec, const std::uint8_t* datHeader, nvb_fram
     const std::uint8_t subtype = datHeader[2];
     const std::size_t body = datHeader[1] >= 4 ? datHeader[1] - 4u : 0u;
     if ((subtype == 0 && rec.sub0.textLength > NVB_REC5_TEXT_BYTES) ||
-        (subtype == 7 && rec.sub7.count > NVB_REC5_MAX_PAIRS) ||
-        (subtype >= kRec5Layouts.size() && body > sizeof(Rec5))) {
+        (subtype == 7 && rec.sub7.count > NVB_REC5_MAX_PAIRS) || (subtype >= kRec5Subtypes && body > sizeof(Rec5))) {
         return 0;
     }
     WriteBuffer out = openFrame(frame, 5, false);
     putByte(out, subtype);
-    if (subtype >= kRec5Layouts.size()) {
-        putBytes(out, structBytes(rec), body);
-        return closeFrame(out, false);
-    }
-    FieldLayout fields = kRec5Layouts[subtype];
-    if (subtype == 2 && rec.sub2.presenceMark == 0) fields = fields.first(kRec5Sub2MarkedRuns);
-    putRuns(out, fields, structBytes(rec));
-    if (subtype == 0) putBytes(out, reinterpret_cast<const std::uint8_t*>(rec.sub0.text), rec.sub0.textLength);
-    if (subtype == 7) putBytes(out, &rec.sub7.pairs[0][0], 2u * rec.sub7.count);
+    FrameWriteWalk walk{{body}, out};
+    walkRec5(walk, const_cast<Rec5&>(rec), subtype);
     return closeFrame(out, false);
 }
 
 int parseRec5Dat(DatReader& in, Rec5* rec, std::uint8_t subtype) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    if (subtype >= kRec5Layouts.size()) {
-        datCopy(in, rec, std::min(datLeft(in), sizeof(Rec5)), 1);
-        return 0;
-    }
-    datRuns(in, kRec5Layouts[subtype], structBytes(*rec));
-    if (subtype == 0) {
-        datCopy(in, rec->sub0.text, std::min<std::size_t>(rec->sub0.textLength, NVB_REC5_TEXT_BYTES), 1);
-    } else if (subtype == 7) {
-        datCopy(in, rec->sub7.pairs, 2 * std::min<std::size_t>(rec->sub7.count, NVB_REC5_MAX_PAIRS), 1);
-    }
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec5(walk, *rec, subtype);
     return 0;
 }
 
 std::uint16_t readRec12(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec12* rec = clearedTarget(state.records.rec12, state);
     if (rec == nullptr) return 0;
-    std::uint8_t* header = state.records.datHeader;
-    const ByteView bytes = frameBytes(frame);
-    getRuns(bytes, 3, kRec12Head, structBytes(*rec));
-    rec->unsignedValue = getScaled(bytes, 19, 4, 0, false);
-    getRuns(bytes, 23, kRec12Middle, structBytes(*rec, offsetof(Rec12, bytes2)));
+    FrameReadWalk walk{{}, frameBytes(frame), 3};
+    walkRec12(walk, *rec);
     if (rec->word5 == 0) rec->word5 = rec->byte2;
-    rec->signedValue = getScaled(bytes, 55, 4, -22, true);
-    std::uint16_t length = kRec12HeaderDat;
-    if (rec->count > 0) {
-        // The DAT length follows the count, while the pairs stop at what the structure holds.
-        const std::size_t pairs = rec->count - 1u;
-        for (std::size_t j = 0; j < std::min<std::size_t>(pairs, NVB_REC12_MAX_PAIRS); ++j) {
-            rec->pairs[j].first = getScaled(bytes, 59 + 4 * j, 2, -11, true);
-            rec->pairs[j].second = getScaled(bytes, 61 + 4 * j, 2, -21, true);
-        }
-        length = static_cast<std::uint16_t>(kRec12HeaderDat + sizeof(Rec12Pair) * pairs);
-    }
-    setDatHeader(header, static_cast<std::uint8_t>(length), static_cast<std::uint8_t>(length >> 8), 12);
+    const auto length = static_cast<std::uint16_t>(kRec12HeaderDat + sizeof(Rec12Pair) * rec12Pairs(*rec));
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), static_cast<std::uint8_t>(length >> 8),
+                 12);
     return length;
 }
 
 std::uint16_t writeRec12(const Rec12& rec, nvb_frame_t& frame) {
-    const std::size_t pairs = rec.count > 0 ? rec.count - 1u : 0u;
-    if (pairs > NVB_REC12_MAX_PAIRS) return 0;
+    if (rec12Pairs(rec) > NVB_REC12_MAX_PAIRS) return 0;
     WriteBuffer out = openFrame(frame, 12, false);
-    putRuns(out, kRec12Head, structBytes(rec));
-    putScaled4(out, rec.unsignedValue, 0);
-    putRuns(out, kRec12Middle, structBytes(rec, offsetof(Rec12, bytes2)));
-    putScaled4(out, rec.signedValue, 22);
-    for (std::size_t j = 0; j < pairs; ++j) {
-        putScaled2(out, rec.pairs[j].first, 11);
-        putScaled2(out, rec.pairs[j].second, 21);
-    }
+    FrameWriteWalk walk{{}, out};
+    walkRec12(walk, const_cast<Rec12&>(rec));
     return closeFrame(out, false);
 }
 
 int parseRec12Dat(DatReader& in, Rec12* rec) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    datRuns(in, kRec12Head, structBytes(*rec));
-    rec->unsignedValue = datRead<double>(in);
-    datRuns(in, kRec12Middle, structBytes(*rec, offsetof(Rec12, bytes2)));
-    rec->signedValue = datRead<double>(in);
-    const std::size_t pairs = rec->count > 0 ? rec->count - 1u : 0u;
-    datCopy(in, rec->pairs, 2 * std::min<std::size_t>(pairs, NVB_REC12_MAX_PAIRS), sizeof(double));
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec12(walk, *rec);
     return 0;
 }
 
 std::uint16_t readRec15(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec15* rec = clearedTarget(state.records.rec15, state);
     if (rec == nullptr) return 0;
-    std::uint8_t* header = state.records.datHeader;
-    const ByteView bytes = frameBytes(frame);
-    getRuns(bytes, 3, kRec15Doubles, structBytes(*rec));
-    rec->signedValue1 = getScaled(bytes, 91, 2, 0, true);
-    rec->signedValue2 = getScaled(bytes, 93, 2, 0, true);
-    rec->unsignedValue = getScaled(bytes, 95, 4, 0, false);
-    getBytes(rec->bytes, bytes, 99, sizeof rec->bytes);
-    rec->byte1 = getByte(bytes, 106);
+    FrameReadWalk walk{{}, frameBytes(frame), 3};
+    walkRec15(walk, *rec);
     constexpr std::uint16_t length = 4 + sizeof(Rec15);
-    setDatHeader(header, length, 0, 15);
+    setDatHeader(state.records.datHeader, length, 0, 15);
     return length;
 }
 
 std::uint16_t writeRec15(const Rec15& rec, nvb_frame_t& frame) {
     WriteBuffer out = openFrame(frame, 15, false);
-    putRuns(out, kRec15Doubles, structBytes(rec));
-    putScaled2(out, rec.signedValue1, 0);
-    putScaled2(out, rec.signedValue2, 0);
-    putScaled4(out, rec.unsignedValue, 0);
-    putBytes(out, rec.bytes, sizeof rec.bytes);
-    putByte(out, rec.byte1);
+    FrameWriteWalk walk{{}, out};
+    walkRec15(walk, const_cast<Rec15&>(rec));
     return closeFrame(out, false);
 }
 
 int parseRec15Dat(DatReader& in, Rec15* rec) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    datRuns(in, kRec15Dat, structBytes(*rec));
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec15(walk, *rec);
     return 0;
 }
 
 std::uint16_t readRec19(const nvb_frame_t& frame, nvb_expand_t& state, TrackingSlots* slots) {
-    Rec19* rec = state.records.rec19;
-    std::uint8_t* header = state.records.datHeader;
-    if (rec == nullptr || header == nullptr || slots == nullptr) return 0;
-    std::memset(rec, 0, sizeof *rec);
+    if (slots == nullptr) return 0;
+    Rec19* rec = clearedTarget(state.records.rec19, state);
+    if (rec == nullptr) return 0;
     const ByteView bytes = frameBytes(frame);
     const std::uint8_t subtype = getByte(bytes, 3);
     std::uint8_t reported = subtype;
+    // A subtype outside 1 to 12 keeps the frame's length.
     std::uint16_t length = frame.length;
-    switch (subtype) {
-        case 1:
-            rec->sub1.value = getScaled(bytes, 4, 4, 0, false);
-            rec->sub1.word = static_cast<std::uint16_t>(getUint(bytes, 8, 2));
-            length = 14;
-            break;
-        case 2:
-        case 4:
-        case 5:
-            rec->sub2.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
-            rec->sub2.value = getScaled(bytes, 6, 4, 0, false);
-            length = 14;
-            break;
-        case 3: {
-            rec->sub3.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
-            const std::size_t text = textBytes(frame.length, 9, sizeof rec->sub3.text);
-            getBytes(reinterpret_cast<std::uint8_t*>(rec->sub3.text), bytes, 6, text);
-            length = static_cast<std::uint16_t>(std::max(frame.length - 5, 4));
-            break;
+    if (subtype == 8) {
+        // The byte is also the high part of the word that starts with it; one byte is unused.
+        rec->sub8.slot = getByte(bytes, 4);
+        rec->sub8.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
+        getBytes(reinterpret_cast<std::uint8_t*>(rec->sub8.text), bytes, 7,
+                 textBytes(frame.length, 10, sizeof rec->sub8.text));
+        length = static_cast<std::uint16_t>(std::max(frame.length - 6, 4));
+    } else if (subtype >= 9 && subtype <= 12) {
+        const std::uint8_t slotNumber = subtype == 9 || subtype == 11 ? 2 : 1;
+        TrackingSlot& slot = slots->slot[slotNumber - 1];
+        TrackingRecord current{slotNumber, 0, 0.0};
+        if (subtype <= 10) {
+            current.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
+            current.value = getFloat(bytes, 6);
+        } else {
+            current.word = slot.predicted.word;
+            current.value = static_cast<std::int8_t>(getByte(bytes, 4)) + slot.predicted.value;
         }
-        case 6:
-            rec->sub6.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
-            rec->sub6.value = getDouble(bytes, 6);
-            length = 14;
-            break;
-        case 7:
-            rec->sub7.slot = getByte(bytes, 4);
-            rec->sub7.word = static_cast<std::uint16_t>(getUint(bytes, 5, 2));
-            rec->sub7.value = getDouble(bytes, 7);
-            length = 15;
-            break;
-        case 8: {
-            // The byte is also the high part of the word that starts with it.
-            rec->sub8.slot = getByte(bytes, 4);
-            rec->sub8.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
-            const std::size_t text = textBytes(frame.length, 10, sizeof rec->sub8.text);
-            getBytes(reinterpret_cast<std::uint8_t*>(rec->sub8.text), bytes, 7, text);
-            length = static_cast<std::uint16_t>(std::max(frame.length - 6, 4));
-            break;
-        }
-        case 9:
-        case 10:
-        case 11:
-        case 12: {
-            const std::uint8_t slotNumber = subtype == 9 || subtype == 11 ? 2 : 1;
-            TrackingSlot& slot = slots->slot[slotNumber - 1];
-            TrackingRecord current{slotNumber, 0, 0.0};
-            if (subtype <= 10) {
-                current.word = static_cast<std::uint16_t>(getUint(bytes, 4, 2));
-                current.value = getFloat(bytes, 6);
-            } else {
-                current.word = slot.predicted.word;
-                current.value = static_cast<std::int8_t>(getByte(bytes, 4)) + slot.predicted.value;
-            }
-            trackSlot(slot, current);
-            rec->sub7 = Rec19Sub7{current.slot, current.word, current.value};
-            reported = 7;
-            length = 15;
-            break;
-        }
-        default:
-            break;
+        trackSlot(slot, current);
+        rec->sub7 = Rec19Sub7{current.slot, current.word, current.value};
+        reported = 7;
+        length = 15;
+    } else if (subtype >= 1 && subtype <= 7) {
+        FrameReadWalk walk{{textBytes(frame.length, 9, sizeof rec->sub3.text) + 2}, bytes, kBodyOffset};
+        walkRec19(walk, *rec, subtype);
+        length = subtype == 3 ? static_cast<std::uint16_t>(std::max(frame.length - 5, 4)) : subtype == 7 ? 15 : 14;
     }
-    setDatHeader(header, static_cast<std::uint8_t>(length), reported, 19);
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), reported, 19);
     return length;
 }
 
 std::uint16_t writeRec19(const Rec19& rec, std::uint8_t subtype, nvb_frame_t& frame) {
     WriteBuffer out = openFrame(frame, 19, false);
     putByte(out, subtype);
-    // Only these three carry a body; every other subtype goes out as its subtype byte.
-    if (subtype == 5) {
-        putU16(out, rec.sub2.word);
-        putScaled4(out, rec.sub2.value, 0);
-    } else if (subtype == 6) {
-        putU16(out, rec.sub6.word);
-        putF64(out, rec.sub6.value);
-    } else if (subtype == 7) {
-        putByte(out, rec.sub7.slot);
-        putU16(out, rec.sub7.word);
-        putF64(out, rec.sub7.value);
-    }
+    FrameWriteWalk walk{{}, out};
+    walkRec19(walk, const_cast<Rec19&>(rec), subtype);
     return closeFrame(out, false);
 }
 
 int parseRec19Dat(DatReader& in, Rec19* rec, std::uint8_t subtype) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    switch (subtype) {
-        case 1:
-            rec->sub1.value = datRead<double>(in);
-            rec->sub1.word = datRead<std::uint16_t>(in);
-            break;
-        case 2:
-        case 4:
-        case 5:
-            rec->sub2.word = datRead<std::uint16_t>(in);
-            rec->sub2.value = datRead<double>(in);
-            break;
-        case 3:
-            rec->sub3.word = datRead<std::uint16_t>(in);
-            datCopy(in, rec->sub3.text, std::min(datLeft(in), sizeof rec->sub3.text), 1);
-            break;
-        case 6:
-            rec->sub6.word = datRead<std::uint16_t>(in);
-            rec->sub6.value = datRead<double>(in);
-            break;
-        case 8:
-            rec->sub8.slot = datRead<std::uint8_t>(in);
-            rec->sub8.word = datRead<std::uint16_t>(in);
-            datCopy(in, rec->sub8.text, std::min(datLeft(in), sizeof rec->sub8.text), 1);
-            break;
-        case 7:
-        case 9:
-        case 10:
-        case 11:
-        case 12:
-            rec->sub7.slot = datRead<std::uint8_t>(in);
-            rec->sub7.word = datRead<std::uint16_t>(in);
-            rec->sub7.value = datRead<double>(in);
-            break;
-        default:
-            break;
-    }
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec19(walk, *rec, subtype);
     return 0;
 }
 
 std::uint16_t readRec22(const nvb_frame_t& frame, nvb_expand_t& state) {
-    Rec22* rec = state.records.rec22;
-    std::uint8_t* header = state.records.datHeader;
-    if (rec == nullptr || header == nullptr || state.records.generic == nullptr) return 0;
-    std::memset(rec, 0, sizeof *rec);
+    if (state.records.generic == nullptr) return 0;
+    Rec22* rec = clearedTarget(state.records.rec22, state);
+    if (rec == nullptr) return 0;
     const ByteView bytes = frameBytes(frame);
-    rec->count = getByte(bytes, 3);
-    // Every table has count + 1 entries on the wire; the structure keeps the first eight.
-    const std::size_t entries = rec->count + 1u;
-    const std::size_t kept = std::min<std::size_t>(entries, NVB_REC22_MAX_ENTRIES);
-    std::size_t at = getRuns(bytes, 4, kRec22Head, structBytes(*rec, offsetof(Rec22, doubles)));
-    getBytes(rec->byteTable1, bytes, at, kept);
-    at += entries;
-    getBytes(rec->bytes2, bytes, at, sizeof rec->bytes2);
-    at += sizeof rec->bytes2;
-    getBytes(rec->byteTable2, bytes, at, kept);
-    at += entries;
-    at = getRuns(bytes, at, kRec22Words, structBytes(*rec, offsetof(Rec22, words)));
-    for (std::size_t table = 0; table < kRec22Tables; ++table, at += 4 * entries) {
-        for (std::size_t e = 0; e < kept; ++e) rec->dwordTables[table][e] = getUint(bytes, at + 4 * e, 4);
-    }
-    at = getRuns(bytes, at, kRec22Tail, structBytes(*rec, offsetof(Rec22, word5)));
-    const std::size_t body = at - 3;
-    keepWireBody(bytes, body, *state.records.generic);
-    const auto length = static_cast<std::uint16_t>(std::min<std::size_t>(body + 4, 255));
-    setDatHeader(header, static_cast<std::uint8_t>(length), 0, 22);
+    FrameReadWalk walk{{}, bytes, 3};
+    walkRec22(walk, *rec);
+    keepWireBody(bytes, walk.position, *state.records.generic);
+    const auto length = static_cast<std::uint16_t>(std::min<std::size_t>(walk.position + 4, 255));
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), 0, 22);
     return length;
 }
 
 std::uint16_t readRec24(const nvb_frame_t& frame, nvb_expand_t& state) {
-    Rec24* rec = state.records.rec24;
-    std::uint8_t* header = state.records.datHeader;
-    if (rec == nullptr || header == nullptr || state.records.generic == nullptr) return 0;
+    if (state.records.generic == nullptr) return 0;
+    Rec24* rec = clearedTarget(state.records.rec24, state);
+    if (rec == nullptr) return 0;
     const ByteView bytes = frameBytes(frame);
-    getRuns(bytes, 3, kRec24, structBytes(*rec));
+    FrameReadWalk walk{{}, bytes, 3};
+    walk.fields(kRec24, bytesOf(*rec));
     keepWireBody(bytes, sizeof(Rec24), *state.records.generic);
     constexpr std::uint16_t length = 4 + sizeof(Rec24);
-    setDatHeader(header, length, 0, 24);
+    setDatHeader(state.records.datHeader, length, 0, 24);
     return length;
 }
 
 std::uint16_t readRec30(const nvb_frame_t& frame, nvb_expand_t& state) {
     Rec30* rec = clearedTarget(state.records.rec30, state);
     if (rec == nullptr) return 0;
-    std::uint8_t* header = state.records.datHeader;
     const ByteView bytes = frameBytes(frame);
     const std::uint8_t subtype = getByte(bytes, 3);
-    std::size_t at = kBodyOffset;
-    if (subtype == 0) {
-        at = getRuns(bytes, at, kRec30Sub0, structBytes(*rec));
-    } else {
-        rec->sections.sectionCount = getByte(bytes, at++);
-        // Only the known fields are taken: a section longer than they are leaves the
-        // next section to be read from inside it.
-        if (const Rec30Shape* shape = rec30Shape(subtype)) {
-            for (std::size_t s = 0; s < sectionsOf(*shape, rec->sections.sectionCount); ++s) {
-                Rec30Section& section = rec->sections.section[s];
-                section.length = getByte(bytes, at++);
-                forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
-                    at = getRuns(bytes, at, FieldLayout(&one, 1), section.bytes + offset);
-                });
-            }
-        }
-    }
-    setDatHeader(header, static_cast<std::uint8_t>(at), subtype, 30);
-    return static_cast<std::uint16_t>(at);
+    FrameReadWalk walk{{}, bytes, kBodyOffset};
+    walkRec30(walk, *rec, subtype);
+    // The DAT form keeps the stream's offsets, so the length is where reading ended.
+    const auto length = static_cast<std::uint16_t>(kBodyOffset + walk.position);
+    setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), subtype, 30);
+    return length;
 }
 
 std::uint16_t writeRec30(const Rec30& rec, const std::uint8_t* datHeader, nvb_frame_t& frame) {
     const std::uint8_t subtype = datHeader[2];
-    const Rec30Shape* shape = rec30Shape(subtype);
     // Of a subtype without sections the reader takes the count alone, so only that goes.
-    if (subtype != 0 && shape == nullptr && datHeader[1] > kBodyOffset + 1) return 0;
+    if (subtype != 0 && rec30Shape(subtype) == nullptr && datHeader[1] > kBodyOffset + 1) return 0;
     WriteBuffer out = openFrame(frame, 30, false);
     putByte(out, subtype);
-    if (subtype == 0) {
-        putRuns(out, kRec30Sub0, structBytes(rec));
-        return closeFrame(out, false);
-    }
-    putByte(out, rec.sections.sectionCount);
-    if (shape != nullptr) {
-        for (std::size_t s = 0; s < sectionsOf(*shape, rec.sections.sectionCount); ++s) {
-            const Rec30Section& section = rec.sections.section[s];
-            putByte(out, section.length);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
-                putRuns(out, FieldLayout(&one, 1), section.bytes + offset);
-            });
-        }
-    }
+    FrameWriteWalk walk{{}, out};
+    walkRec30(walk, const_cast<Rec30&>(rec), subtype);
     return closeFrame(out, false);
 }
 
 void putRec30Dat(const Rec30& rec, std::uint8_t subtype, DatWriter& out) {
-    if (subtype == 0) {
-        datPut(out, &rec.sub0, sizeof rec.sub0);
-        return;
-    }
-    const Rec30Shape* shape = rec30Shape(subtype);
-    if (shape == nullptr) {
-        datPut(out, &rec, sizeof rec);
-        return;
-    }
-    const std::uint8_t count = rec.sections.sectionCount;
-    datWrite(out, count);
-    if (shape->sectionsInDat) {
-        for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
-            const Rec30Section& section = rec.sections.section[s];
-            datWrite(out, section.length);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
-                datPut(out, section.bytes + offset, one.width);
-            });
-            const std::size_t known = layoutBytes(shape->sections[s]);
-            if (shape->moreBytesInDat && section.length > known) {
-                // Sections H and I have always taken theirs from the further bytes of G.
-                const bool fromG = s > kSectionG;
-                const std::size_t from = fromG ? layoutBytes(shape->sections[kSectionG]) : known;
-                const Rec30Section& source = fromG ? rec.sections.section[kSectionG] : section;
-                putArea(out, source.bytes, sizeof source.bytes, from, section.length - known);
-            }
-        }
-    }
-    if (count >= shape->freeFrom) {
-        datWrite(out, rec.freeLength);
-        putArea(out, rec.freeArea, sizeof rec.freeArea, 0, rec.freeLength);
-    }
+    DatPackWalk walk{{out.capacity}, out};
+    walkRec30(walk, const_cast<Rec30&>(rec), subtype);
 }
 
 int parseRec30Dat(DatReader& in, Rec30* rec, std::uint8_t subtype) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    if (subtype == 0) {
-        datRuns(in, kRec30Sub0, structBytes(*rec));
-        return 0;
-    }
-    const Rec30Shape* shape = rec30Shape(subtype);
-    if (shape == nullptr) {
-        datCopy(in, rec, std::min(datLeft(in), sizeof *rec), 1);
-        return 0;
-    }
-    const std::uint8_t count = datRead<std::uint8_t>(in);
-    rec->sections.sectionCount = count;
-    if (shape->sectionsInDat) {
-        for (std::size_t s = 0; s < sectionsOf(*shape, count); ++s) {
-            Rec30Section& section = rec->sections.section[s];
-            section.length = datRead<std::uint8_t>(in);
-            forPresentFields(shape->sections[s], section.length, [&](std::size_t offset, const FieldRun& one) {
-                datRuns(in, FieldLayout(&one, 1), section.bytes + offset);
-            });
-            const std::size_t known = layoutBytes(shape->sections[s]);
-            if (shape->moreBytesInDat && section.length > known) {
-                takeArea(in, section.bytes, sizeof section.bytes, known, section.length - known);
-            }
-        }
-    }
-    if (count >= shape->freeFrom) {
-        rec->freeLength = datRead<std::uint8_t>(in);
-        takeArea(in, rec->freeArea, sizeof rec->freeArea, 0, rec->freeLength);
-    }
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRec30(walk, *rec, subtype);
     return 0;
+}
+
+bool describeReceiverRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,
+                            const FieldSink& sink) {
+    const nvb_record_table_t& records = state.records;
+    std::uint8_t* header = records.datHeader;
+    if (header == nullptr) return false;
+    DescribeWalk walk{{datLength > 4 ? datLength - 4 : 0}, sink};
+    const std::array subtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
+    const auto described = [&](auto* rec, auto walkRecord) {
+        if (rec == nullptr) return false;
+        walkRecord(*rec);
+        return true;
+    };
+    switch (type) {
+        case 5:
+            walk.fields(subtype, header);
+            return described(records.rec5, [&](Rec5& rec) { walkRec5(walk, rec, header[2]); });
+        case 12:
+            return described(records.rec12, [&](Rec12& rec) { walkRec12(walk, rec); });
+        case 15:
+            return described(records.rec15, [&](Rec15& rec) { walkRec15(walk, rec); });
+        case 19:
+            walk.fields(subtype, header);
+            return described(records.rec19, [&](Rec19& rec) { walkRec19(walk, rec, header[2]); });
+        case 22:
+            return described(records.rec22, [&](Rec22& rec) { walkRec22(walk, rec); });
+        case 24:
+            return described(records.rec24, [&](Rec24& rec) { walk.fields(kRec24, bytesOf(rec)); });
+        case 30:
+            walk.fields(subtype, header);
+            return described(records.rec30, [&](Rec30& rec) { walkRec30(walk, rec, header[2]); });
+        default:
+            return false;
+    }
 }
 
 }  // namespace nvb

@@ -1,7 +1,7 @@
 #ifndef NVB_RECORDS_RECEIVER_RECORDS_H
 #define NVB_RECORDS_RECEIVER_RECORDS_H
 
-#include "records/field_codec.h"
+#include "records/field_walk.h"
 
 #include <nvbdll/records_auxiliary.h>
 #include <nvbdll/records_receiver.h>
@@ -59,6 +59,12 @@ int parseRec30Dat(DatReader& in, Rec30* rec, std::uint8_t subtype);
 
 // The DAT form of record 30 behind its header, field by field as its sections allow.
 void putRec30Dat(const Rec30& rec, std::uint8_t subtype, DatWriter& out);
+
+// Hands each field of the decoded record of `type` (5, 12, 15, 19, 22, 24 or 30) to
+// `sink`; `datLength` is what the decoding step reported. False for another type or a
+// missing structure.
+bool describeReceiverRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,
+                            const FieldSink& sink);
 
 }  // namespace nvb
 

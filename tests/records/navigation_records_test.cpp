@@ -124,8 +124,8 @@ TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLen
     const Rec28 before = rec;
     ASSERT_EQ(deliver(handle.get(), frame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).length, 218u);
     constexpr std::size_t kTail = offsetof(Rec28, sub3.tailWord1);
-    EXPECT_EQ(Bytes(nvb::structBytes(rec, kTail), nvb::structBytes(rec, sizeof(Rec28))),
-              Bytes(nvb::structBytes(before, kTail), nvb::structBytes(before, sizeof(Rec28))));
+    EXPECT_EQ(Bytes(nvb::bytesOf(rec) + kTail, nvb::bytesOf(rec) + sizeof(Rec28)),
+              Bytes(nvb::bytesOf(before) + kTail, nvb::bytesOf(before) + sizeof(Rec28)));
 }
 
 TEST(SbasCheck, GivesThePublishedCheckValueOfItsPolynomial) {

@@ -611,13 +611,13 @@ class NavigationAndReceiverRecords(Workspace):
         self.assertEqual(by_type[28][2]["doubles"], list(ORBIT[3:14]))
         self.assertEqual([r["preamble"] for r in by_type[25][1:]], [0x9A, 0xC6])
         self.assertEqual(by_type[26][1]["payloadIndex"], 0)
-        self.assertEqual(by_type[5][0]["text"], "ANT-3 CHOKE RING")
-        self.assertEqual(by_type[12][0]["pairs"], [[1.5, -0.0078125], [-2.0, 0.001953125]])
+        self.assertEqual(bytes.fromhex(by_type[5][0]["text"]), b"ANT-3 CHOKE RING")
+        self.assertEqual([(p["first"], p["second"]) for p in by_type[12][0]["pairs"]], [(1.5, -0.0078125), (-2.0, 0.001953125)])
         self.assertEqual(by_type[15][0]["signedValue1"], -2.0)
         self.assertEqual([r["subtype"] for r in by_type[19]], [5, 6, 7, 1])
-        self.assertEqual(by_type[22][0]["dwordTables"][3], [109, 110, 111])
+        self.assertEqual(by_type[22][0]["dwordTables"], list(range(100, 112)))  # four tables of three
         self.assertEqual(by_type[24][0]["counters"], [302400, 302407])
-        self.assertEqual(by_type[30][1]["b"]["text"], "TR-9 GNSS RX")
+        self.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
         self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
 
     def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
