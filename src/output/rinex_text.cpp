@@ -416,6 +416,7 @@ void rinexFormatValue(double value, char (&text)[15]) {
         milli -= 1000;
         ++whole;
     }
+    const bool roundsToZero = whole == 0 && milli == 0;
     std::memset(text, ' ', 14);
     text[14] = '\0';
     text[10] = '.';
@@ -428,7 +429,9 @@ void rinexFormatValue(double value, char (&text)[15]) {
         text[column--] = static_cast<char>('0' + whole % 10);
         whole /= 10;
     } while (whole != 0 && column >= 0);
-    if (value < 0 && column >= 0) text[column] = '-';
+    // A value that rounds to zero prints without its sign: the differenced form, whose
+    // integers have no negative zero, could not give the sign back.
+    if (value < 0 && !roundsToZero && column >= 0) text[column] = '-';
 }
 
 std::size_t rinexPutInt(std::int32_t value, char* text) {
