@@ -17,6 +17,21 @@ constexpr std::uint8_t kEpochTypes[] = {27, 36, 37, 38, 39};
 constexpr std::uint16_t kVersions[] = {211, 212, 302, 303};
 
 struct Session {
+    Session() : state(nvbdll_GetNVBStateHandle()) {
+        for (std::uint8_t mode = 1; mode <= 3; ++mode) {
+            for (std::size_t v = 0; v < 4; ++v) {
+                if (!nvb::startObservationOutput(controls[mode][v], mode, kVersions[v], writer)) std::abort();
+            }
+        }
+    }
+    ~Session() {
+        for (auto& row : controls) {
+            for (rinex_control_t& control : row) {
+                if (control.history != nullptr) nvb::endObservationOutput(control);
+            }
+        }
+        nvbdll_FreeNVBStateHandle(state);
+    }
     nvb_expand_t* state;
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(1 << 19);
     rinex_writer_t writer{buffer.data(), static_cast<std::uint32_t>(buffer.size()), 0, 0};
@@ -24,17 +39,13 @@ struct Session {
 };
 
 Session& session() {
-    static Session* s = [] {
+    static const bool ready = [] {
         nvbdll_initNVBLib();
-        auto* created = new Session{nvbdll_GetNVBStateHandle()};
-        for (std::uint8_t mode = 1; mode <= 3; ++mode) {
-            for (std::size_t v = 0; v < 4; ++v) {
-                if (!nvb::startObservationOutput(created->controls[mode][v], mode, kVersions[v], created->writer)) std::abort();
-            }
-        }
-        return created;
+        return true;
     }();
-    return *s;
+    (void)ready;
+    static Session s;
+    return s;
 }
 
 }  // namespace

@@ -225,7 +225,8 @@ TEST(BinexRecord, GoldenBytesWithItsChecksumAndNothingForAnEmptyEpoch) {
     epoch.rec->clkOffset = 0.25f;
     signal(epoch.satellite(5, 0), 0, 0, 21000000.5, -10.25, 453, 2, 0x07);
     const std::string record = out.epoch(epoch);
-    EXPECT_EQ(out.lastLength, epoch.frame.length) << "mode 2 delivers the plain record too";
+    const std::uint16_t plainLength = epoch.frame.length;
+    EXPECT_EQ(out.lastLength, plainLength) << "mode 2 delivers the plain record too";
     // Sync, record, length 28, subrecord; minutes and milliseconds; one satellite, clock
     // 250 us; G05 with one signal: L1 C/A, a new arc (slip bit), flags (wide forms, phase in
     // 0.1 mm, slip count, Doppler); 453 / 4 with 1 over in the range field's top bits,
@@ -294,8 +295,10 @@ TEST(ObservationWriter, RefusesAnEpochThatCannotFitWholeAndWritesNothingOfIt) {
     ImageEpoch epoch;
     signal(epoch.satellite(5, 0), 0, 0, 2.1e7, 10.0, 450);
     EXPECT_EQ(out.epoch(epoch), "");
-    EXPECT_EQ(out.writer().refused, 1u);
-    EXPECT_EQ(out.control.headerOpen, 1) << "nothing of the epoch happened";
+    const std::uint32_t refused = out.writer().refused;
+    const std::uint8_t headerOpen = out.control.headerOpen;
+    EXPECT_EQ(refused, 1u);
+    EXPECT_EQ(headerOpen, 1) << "nothing of the epoch happened";
 }
 
 }  // namespace
