@@ -807,7 +807,7 @@ class AuxiliaryRecords(Workspace):
     def log_with_every_type(self):
         """A simulated log with every auxiliary record in the middle, and the same without
         the records no log gives back."""
-        simulated = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 6)))
+        simulated = dat_records(self.dat_of(self.simulate_through_dat("sim.nvb", "--duration", 6)))
         aux = auxiliary_records()
         source = self.write_dat("every.dat", simulated[:4] + aux + WRITE_ONLY + simulated[4:])
         return source, simulated[:4] + aux + simulated[4:]
