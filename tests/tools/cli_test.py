@@ -17,8 +17,8 @@ NVE_MAGIC = bytes([0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9])
 SYSTEMS = {"GPS", "GLONASS", "Galileo", "BeiDou"}
 
 
-def run(*args, stdin=None):
-    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=120)
+def run(*args, stdin=None, timeout=120):
+    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=timeout)
 
 
 # DAT records stand back to back, each as long as its header says.
@@ -188,8 +188,8 @@ class Workspace(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.directory, name)
 
-    def nvb(self, *args, code=0, stdin=None):
-        result = run(*args, stdin=stdin)
+    def nvb(self, *args, code=0, stdin=None, timeout=120):
+        result = run(*args, stdin=stdin, timeout=timeout)
         self.assertEqual(result.returncode, code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}")
         return result
 
@@ -671,8 +671,9 @@ class RinexOutput(Workspace):
     def setUpClass(cls):
         cls._shared = tempfile.TemporaryDirectory(prefix="nvb-rinex-")
         cls.log = os.path.join(cls._shared.name, "hour.nvb")
-        assert run("-q", "simulate", "-o", cls.log).returncode == 0
-        dump = run("dump", "--json", "--type", "27", cls.log).stdout.decode().splitlines()
+        # A whole hour takes a while under the sanitizers, on a loaded machine.
+        assert run("-q", "simulate", "-o", cls.log, timeout=900).returncode == 0
+        dump = run("dump", "--json", "--type", "27", cls.log, timeout=900).stdout.decode().splitlines()
         cls.records = [json.loads(line) for line in dump]
 
     @classmethod
@@ -680,7 +681,7 @@ class RinexOutput(Workspace):
         cls._shared.cleanup()
 
     def convert(self, name, *options, code=0, log=None):
-        self.nvb("-q", "rinex", log or self.log, "-o", self.path(name), *options, code=code)
+        self.nvb("-q", "rinex", log or self.log, "-o", self.path(name), *options, code=code, timeout=900)
         return self.read(self.path(name)).decode()
 
     def expected_type(self, version, letter, signal):
@@ -765,7 +766,7 @@ class RinexOutput(Workspace):
         whole = self.convert("whole.rnx")
         data = self.read(self.log)
         cut = self.write(self.path("cut.nvb"), data[:len(data) // 3])
-        result = self.nvb("rinex", cut, "-o", self.path("cut.rnx"), code=1)
+        result = self.nvb("rinex", cut, "-o", self.path("cut.rnx"), code=1, timeout=900)
         self.assertIn("the log ends inside a block", result.stderr.decode())
         text = self.read(self.path("cut.rnx")).decode()
         body = text[text.index("END OF HEADER"):]
@@ -775,7 +776,7 @@ class RinexOutput(Workspace):
         self.assertLess(len(epochs), len(self.records))
 
     def test_binex_records_are_framed_and_checked(self):
-        self.nvb("-q", "binex", self.log, "-o", self.path("hour.bnx"))
+        self.nvb("-q", "binex", self.log, "-o", self.path("hour.bnx"), timeout=900)
         data, position, records = self.read(self.path("hour.bnx")), 0, 0
         while position < len(data):
             self.assertEqual(data[position:position + 2], b"\xe2\x7f")
