@@ -3,6 +3,7 @@
 #include "common/byte_sum.h"
 #include "common/rclean.h"
 #include "external/su/delta_epoch.h"
+#include "external/su/epoch_image.h"
 #include "external/su/obs_codec.h"
 #include "external/su/position_codec.h"
 #include "external/su/predicted_epoch.h"
@@ -200,7 +201,72 @@ std::uint32_t thin(nvb_expand_t& state, Thinning thinning, std::uint32_t length)
     return length;
 }
 
+bool hasPlainEpochEnd(const nvb_frame_t& plain, bool framed) {
+    if (plain.length < 3 || plain.data[plain.length - 1] != 0x03) return false;
+    return !framed || readU16BigEndian(plain.data + plain.length - 3) == byteSum(plain.data, plain.length - 3u);
+}
+
+// The epoch expanders with the host's control in place of mode 0.
+std::uint8_t expandEpochUnder(nvb_expand_t& state, rinex_control_t& output, bool framed, ExpandedEpoch& result) {
+    const std::uint8_t* frame = state.frame.data;
+    std::uint8_t* plain = state.plainFrame.data;
+    const std::size_t capacity = sizeof state.frame.data;
+    switch (state.currentType) {
+        case kLongDeltaEpochType:
+        case kShortDeltaEpochType:
+            output.verify = framed ? 1 : 0;
+            return expandDeltaEpoch(frame, capacity, plain, capacity, state.epochHistory,
+                                    state.currentType == kLongDeltaEpochType, result, output);
+        case kReferenceEpochType:
+            return expandReferenceEpoch(frame, capacity, plain, capacity, state.epochHistory, result, output);
+        default:
+            return expandPredictedEpoch(frame, capacity, plain, capacity, state.epochHistory, result, output);
+    }
+}
+
 }  // namespace
+
+std::uint32_t processRecordWithOutput(nvb_expand_t& state, rinex_control_t& output, std::uint16_t& recordType,
+                                      std::uint8_t& status) {
+    const std::uint16_t type = state.currentType;
+    if (type != kPlainEpochType && (type < kLongDeltaEpochType || type > kPredictedEpochType)) {
+        return processRecord(state, recordType, status);
+    }
+    std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
+    status = 0;
+    recordType = kNoRecord;
+    const bool framed = isFramedLevel(state.blockLevel);
+    std::uint16_t length = 0;
+    if (type == kPlainEpochType) {
+        copyFrameAsPlain(state);
+        if (!hasPlainEpochEnd(state.plainFrame, framed)) {
+            status = state.plainFrame.length != 0 && state.plainFrame.data[state.plainFrame.length - 1] == 0x03 ? 2 : 5;
+            return 0;
+        }
+        epoch_image_t image;
+        const EpochWorkBuffer work = allocateEpochWork();
+        if (!work || parseEpochImage(image, state.plainFrame.data, state.plainFrame.length).status != 0) {
+            status = 7;
+            return 0;
+        }
+        length = finishEpochOutput(image, state.plainFrame.data, state.plainFrame.length, output, *work);
+    } else {
+        ExpandedEpoch result;
+        if (expandEpochUnder(state, output, framed, result) != 0) {
+            status = 7;
+            return 0;
+        }
+        length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
+        state.plainFrame.length = length;
+        if (length != 0 && !hasPlainEpochEnd(state.plainFrame, framed)) {
+            status = state.plainFrame.data[length - 1] == 0x03 ? 2 : 5;
+            return 0;
+        }
+    }
+    if (length == 0) return 0;
+    recordType = 27;
+    return read27(state);
+}
 
 bool isFramedLevel(std::uint8_t blockLevel) {
     return blockLevel != 3 && blockLevel != 5 && blockLevel != 6 && blockLevel != 7;

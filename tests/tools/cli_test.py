@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Drives the nvb binary as a user does: python3 cli_test.py NVB [TestCase ...]."""
 
+import datetime
 import json
+import math
 import os
 import struct
 import subprocess
@@ -15,8 +17,8 @@ NVE_MAGIC = bytes([0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9])
 SYSTEMS = {"GPS", "GLONASS", "Galileo", "BeiDou"}
 
 
-def run(*args, stdin=None):
-    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=120)
+def run(*args, stdin=None, timeout=120):
+    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=timeout)
 
 
 # DAT records stand back to back, each as long as its header says.
@@ -186,13 +188,22 @@ class Workspace(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.directory, name)
 
-    def nvb(self, *args, code=0, stdin=None):
-        result = run(*args, stdin=stdin)
+    def nvb(self, *args, code=0, stdin=None, timeout=120):
+        result = run(*args, stdin=stdin, timeout=timeout)
         self.assertEqual(result.returncode, code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}")
         return result
 
     def simulate(self, name, *options):
         self.nvb("-q", "simulate", "-o", self.path(name), *options)
+        return self.path(name)
+
+    def simulate_through_dat(self, name, *options):
+        """A simulated log that has been through its DAT form once. The DAT form has no
+        antenna number (its system byte reads back as antenna system & 3), so a log first
+        meets its own DAT round trip unchanged after one pass."""
+        raw = self.simulate(name + ".raw", *options)
+        self.dat_of(raw)
+        self.nvb("-q", "fromdat", raw + ".dat", "-o", self.path(name))
         return self.path(name)
 
     def dat_of(self, log):
@@ -293,7 +304,7 @@ class DumpJson(Workspace):
 
 class DatRoundTrip(Workspace):
     def test_todat_then_fromdat_gives_back_the_same_records(self):
-        log = self.simulate("sim.nvb", "--duration", 60)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 60)
         dat = self.dat_of(log)
         self.assertEqual(len(dat_records(dat)), 120)
         for method in (0, 4, 7):
@@ -302,7 +313,7 @@ class DatRoundTrip(Workspace):
             self.assertEqual(self.dat_of(rewritten), dat, f"method {method}")
 
     def test_pipes_carry_dat_records_both_ways(self):
-        log = self.simulate("sim.nvb", "--duration", 20)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
         dat = self.nvb("todat", "-", "-o", "-", stdin=self.read(log)).stdout
         self.assertEqual(dat, self.dat_of(log))
         rewritten = self.nvb("fromdat", "-", "-o", "-", "-m", 3, stdin=dat).stdout
@@ -323,7 +334,7 @@ class DatRoundTrip(Workspace):
 
 class RecompressEveryPair(Workspace):
     def test_every_method_into_every_method_keeps_the_dat_records(self):
-        log = self.simulate("sim.nvb", "--duration", 40)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 40)
         reference = self.dat_of(log)
         sizes = set()
         for source in range(8):
@@ -339,7 +350,7 @@ class RecompressEveryPair(Workspace):
 
 class LongEpochForms(Workspace):
     def test_epochs_only_the_long_form_carries_come_back_as_they_went_in(self):
-        log = self.simulate("sim.nvb", "--duration", 20)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
         records = dat_records(self.dat_of(log))
         epochs = [Epoch(r) for r in records if r[3] == 27]
         always = [(b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and len(s) >= 2
@@ -457,7 +468,7 @@ class DamagedInput(Workspace):
         self.assertIn("can't open", self.nvb("info", self.path("missing.nvb"), code=2).stderr.decode())
 
     def test_a_dat_file_cut_inside_a_record_writes_what_came_before(self):
-        log = self.simulate("sim.nvb", "--duration", 10)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 10)
         dat = self.dat_of(log)
         records = dat_records(dat)
         cut = self.write_dat("cut.dat", [dat[:len(records[0]) + 100]])
@@ -466,12 +477,338 @@ class DamagedInput(Workspace):
                       result.stderr.decode())
         self.assertEqual(dat_records(self.dat_of(self.path("cut.nvb"))), records[:1])
 
+# A small reader of observation files: RINEX 2 and 3 and their Compact forms, written from
+# the published descriptions; values stay in integer thousandths, as the files print them.
+GPS_EPOCH = datetime.datetime(1980, 1, 6)
+LETTERS = {0: "G", 1: "S", 2: "R", 3: "E", 4: "J", 5: "C", 7: "C", 10: "C", 9: "I"}
+
+
+def milli(value):
+    """Thousandths rounded half away from zero, as the writers round."""
+    return int(math.copysign(math.floor(abs(value) * 1000 + 0.5), value))
+
+
+def thousandths(field):
+    text = field.strip()
+    if not text:
+        return None
+    negative = text.startswith("-")
+    whole, _, fraction = text.lstrip("-").partition(".")
+    value = int(whole or "0") * 1000 + int(fraction)
+    return -value if negative else value
+
+
+def value_text(value):
+    text = f"{abs(value) // 1000}.{abs(value) % 1000:03d}"
+    return (("-" + text) if value < 0 else text).rjust(14)
+
+
+def clock_text(nanoseconds):
+    text = f"{nanoseconds * 1e-9:12.9f}"
+    return " -" + text[2:] if text.startswith("-0.") else text
+
+
+def satellite(text):
+    return text[0] + f"{int(text[1:3]):02d}"
+
+
+def epoch_key(fields):
+    year, month, day, hour, minute = (int(f) for f in fields[:5])
+    year += 2000 if year < 100 else 0
+    ms = round(float(fields[5]) * 1000)
+    delta = datetime.datetime(year, month, day, hour, minute) - GPS_EPOCH
+    total = int(delta.total_seconds()) * 1000 + ms
+    return total // 604800000, total % 604800000
+
+
+class ObservationFile:
+    def __init__(self, text):
+        lines = text.split("\n")
+        assert lines[-1] == "", "the file ends in a whole line"
+        self.header, self.types, self.channels = [], {}, {}
+        index = 0
+        while True:
+            line = lines[index]
+            index += 1
+            self.header.append(line)
+            label = line[60:].strip()
+            if label == "RINEX VERSION / TYPE":
+                self.version = float(line[:9])
+            elif label == "# / TYPES OF OBSERV":
+                self.types.setdefault("", []).extend(line[6:60].split())
+            elif label == "SYS / # / OBS TYPES":
+                self.types.setdefault(line[0] if line[0] != " " else self.last_system, []).extend(line[7:60].split())
+                self.last_system = line[0] if line[0] != " " else self.last_system
+            elif label == "GLONASS SLOT / FRQ #":
+                for k in range(4, 60, 7):
+                    if line[k:k + 3].strip():
+                        self.channels[satellite(line[k:k + 3])] = int(line[k + 3:k + 7])
+            elif label == "END OF HEADER":
+                break
+        self.body = lines[index:-1]
+        self.epochs = {}
+        reader = self.read3 if self.version >= 3 else self.read2
+        reader(iter(self.body))
+
+    def types_of(self, sat):
+        return self.types.get(sat[0], []) if self.version >= 3 else self.types[""]
+
+    def cells(self, sat, text):
+        return {name: (thousandths(text[16 * k:16 * k + 14]), text[16 * k + 14:16 * k + 15].strip(),
+                       text[16 * k + 15:16 * k + 16].strip())
+                for k, name in enumerate(self.types_of(sat)) if text[16 * k:16 * k + 14].strip()}
+
+    def read3(self, lines):
+        for line in lines:
+            assert line.startswith(">"), line
+            count = int(line[32:35])
+            epoch = self.epochs.setdefault(epoch_key(line[2:29].split()), {})
+            for _ in range(count):
+                row = next(lines)
+                epoch[satellite(row[:3])] = self.cells(row[:3], row[3:].ljust(16 * len(self.types_of(row[:3]))))
+
+    def read2(self, lines):
+        per_sat = (len(self.types[""]) + 4) // 5
+        for line in lines:
+            count = int(line[29:32])
+            sats = [line[32 + 3 * k:35 + 3 * k] for k in range(min(count, 12))]
+            while len(sats) < count:
+                more = next(lines)
+                sats += [more[32 + 3 * k:35 + 3 * k] for k in range(min(count - len(sats), 12))]
+            epoch = self.epochs.setdefault(epoch_key(line[1:26].split()), {})
+            for sat in sats:
+                text = "".join(next(lines).ljust(80) for _ in range(per_sat))
+                epoch[satellite(sat)] = self.cells(sat, text)
+
+
+def expand_compact(text):
+    """Compact RINEX back to RINEX: the epoch line and flags by character, values by
+    differences of the order the arc has reached."""
+    lines = iter(text.split("\n")[:-1])
+    assert next(lines)[60:] == "CRINEX VERS   / TYPE"
+    assert next(lines)[60:] == "CRINEX PROG / DATE"
+    out, header = [], []
+    for line in lines:
+        header.append(line)
+        if line[60:].strip() == "END OF HEADER":
+            break
+    rinex = ObservationFile("\n".join(header) + "\n")
+    rinex3 = rinex.version >= 3
+    stored, clock, values, flags, previous = "", [], {}, {}, set()
+
+    def undifference(history, field):
+        if "&" in field:
+            history[:] = [int(field.split("&")[1])]
+        else:
+            levels = [int(field)]
+            for k in range(min(len(history), 3) - 1, -1, -1):
+                levels.insert(0, levels[0] + history[k])
+            history[:] = levels
+        return history[0]
+
+    for line in lines:
+        if line[:1] in ("&", ">"):
+            stored = line
+        else:
+            merged = list(stored.ljust(len(line)))
+            for i, c in enumerate(line):
+                merged[i] = merged[i] if c == " " else (" " if c == "&" else c)
+            stored = "".join(merged).rstrip()
+        nanoseconds = undifference(clock, next(lines)) // (1000 if rinex3 else 1)
+        count = int(stored[32:35] if rinex3 else stored[29:32])
+        start = 41 if rinex3 else 32
+        sats = [stored[start + 3 * k:start + 3 * k + 3] for k in range(count)]
+        if rinex3:
+            out.append((stored[:35] + "      " + clock_text(nanoseconds) + "000").rstrip())
+        else:
+            head = " " + stored[1:32]
+            for k in range(0, count, 12):
+                chunk = "".join(sats[k:k + 12])
+                out.append(((head if k == 0 else " " * 32) + chunk).ljust(68 if k == 0 else 0) +
+                           (clock_text(nanoseconds) if k == 0 else "").rstrip() if k else
+                           (head + chunk).ljust(68) + clock_text(nanoseconds))
+                out[-1] = out[-1].rstrip()
+        for sat in sats:
+            key = satellite(sat)
+            names = rinex.types_of(sat)
+            row, position = next(lines), 0
+            if key not in previous:
+                flags[key] = [" "] * (2 * len(names))
+            cells = []
+            for name in names:
+                end = row.find(" ", position)
+                field = row[position:] if end < 0 else row[position:end]
+                position = len(row) if end < 0 else end + 1
+                history = values.setdefault((key, name), [])
+                if field == "":
+                    history.clear()
+                    cells.append(None)
+                else:
+                    cells.append(undifference(history, field))
+            for i, c in enumerate(row[position:]):
+                flags[key][i] = flags[key][i] if c == " " else (" " if c == "&" else c)
+            texts = [" " * 16 if v is None else value_text(v) + flags[key][2 * k] + flags[key][2 * k + 1]
+                     for k, v in enumerate(cells)]
+            if rinex3:
+                out.append((sat + "".join(texts)).rstrip())
+            else:
+                for k in range(0, len(texts), 5):
+                    out.append("".join(texts[k:k + 5]).rstrip())
+        previous = {satellite(s) for s in sats}
+    return "\n".join(header + out) + "\n"
+
+
+class RinexOutput(Workspace):
+    """nvb rinex and nvb binex on the simulated hour."""
+
+    # Observation types of the simulator's signals, by system letter and (band, track).
+    TYPES3 = {"G": {(0, 0): "1C", (1, 5): "2X", (2, 7): "5Q"}, "R": {(0, 0): "1C", (1, 0): "2C"},
+              "E": {(0, 20): "1X", (2, 8): "5X", (3, 11): "7X"}, "C": {(6, 26): "2I", (7, 29): "6I"}}
+    TYPES2 = {"G": {(0, 0): "A", (1, 5): "C", (2, 7): "5"}, "R": {(0, 0): "A", (1, 0): "D"},
+              "E": {(0, 20): "B", (2, 8): "5"}, "C": {(6, 26): "2", (7, 29): "6"}}
+
+    @classmethod
+    def setUpClass(cls):
+        cls._shared = tempfile.TemporaryDirectory(prefix="nvb-rinex-")
+        cls.log = os.path.join(cls._shared.name, "hour.nvb")
+        # A whole hour takes a while under the sanitizers, on a loaded machine.
+        assert run("-q", "simulate", "-o", cls.log, timeout=900).returncode == 0
+        dump = run("dump", "--json", "--type", "27", cls.log, timeout=900).stdout.decode().splitlines()
+        cls.records = [json.loads(line) for line in dump]
+
+    @classmethod
+    def tearDownClass(cls):
+        cls._shared.cleanup()
+
+    def convert(self, name, *options, code=0, log=None):
+        self.nvb("-q", "rinex", log or self.log, "-o", self.path(name), *options, code=code, timeout=900)
+        return self.read(self.path(name)).decode()
+
+    def expected_type(self, version, letter, signal):
+        if version < 3:
+            suffix = self.TYPES2[letter].get((signal["band"], signal["track"]))
+            return suffix and (version > 2.11 or letter != "C") and suffix
+        suffix = self.TYPES3[letter][(signal["band"], signal["track"])]
+        return "1I" if version == 3.02 and suffix == "2I" else suffix
+
+    def test_the_simulated_hour_reads_back_in_every_version(self):
+        for version in ("2.11", "2.12", "3.02", "3.03"):
+            with self.subTest(version=version):
+                rinex = ObservationFile(self.convert(f"hour{version}.rnx", "--version", version))
+                self.assertEqual(len(rinex.epochs), len(self.records))
+                checked, slips, last_counts = 0, 0, {}
+                for record in self.records:
+                    epoch = rinex.epochs[(record["week"], round(record["time"]))]
+                    counts = {}
+                    for sat in record["satellites"]:
+                        letter = sat["sv"][0]
+                        if letter == "C" and float(version) < 2.12:
+                            self.assertNotIn(sat["sv"], epoch)
+                            continue
+                        for signal in sat["signals"]:
+                            suffix = self.expected_type(float(version), letter, signal)
+                            if not suffix:
+                                continue
+                            key = (sat["sv"], suffix)
+                            counts[key] = signal["slipCount"]
+                            cells = epoch[sat["sv"]]
+                            code, phase, strength = (cells["C" + suffix], cells["L" + suffix], cells["S" + suffix])
+                            self.assertEqual(code[0], milli(signal["range"]))
+                            self.assertEqual(phase[0], milli(-signal["phase"]))
+                            self.assertEqual(strength[0], milli(signal["snr"]))
+                            self.assertIn(code[2], "123456789")
+                            slipped = signal["measFlags1"] & 8 or last_counts.get(key, signal["slipCount"]) != signal["slipCount"]
+                            self.assertEqual(phase[1] in ("1", "3", "5", "7"), bool(slipped), (record["time"], key))
+                            slips += bool(slipped)
+                            checked += 1
+                    last_counts = counts
+                self.assertGreater(checked, 150000)
+                self.assertGreater(slips, 100)
+                if float(version) >= 3.02:
+                    glonass = {s["sv"]: s["channel"] - 256 * (s["channel"] > 127)
+                               for r in self.records for s in r["satellites"] if s["sv"][0] == "R"}
+                    self.assertEqual(rinex.channels, glonass)
+
+    def test_compact_rinex_expands_to_the_rinex_text(self):
+        def without_program_line(text):
+            return "".join(line for line in text.splitlines(True) if "PGM / RUN BY / DATE" not in line)
+
+        for version in ("2.11", "3.03"):
+            with self.subTest(version=version):
+                plain = self.convert(f"c{version}.rnx", "--version", version, "--interval", 5)
+                compact = self.convert(f"c{version}.crx", "--version", version, "--interval", 5, "--crx")
+                self.assertLess(len(compact), len(plain) / 2)
+                self.assertEqual(without_program_line(expand_compact(compact)), without_program_line(plain))
+
+    def test_decimation_keeps_whole_intervals_and_marks_the_slips_it_drops(self):
+        rinex = ObservationFile(self.convert("thin.rnx", "--interval", 30))
+        self.assertEqual(len(rinex.epochs), len(self.records) // 30)
+        self.assertTrue(all(tow % 30000 == 0 for _, tow in rinex.epochs))
+        self.assertIn("    30.000", "".join(rinex.header))
+        slipped_since = set()
+        for record in self.records:
+            for sat in record["satellites"]:
+                for signal in sat["signals"]:
+                    if signal["measFlags1"] & 8:
+                        slipped_since.add((sat["sv"], signal["band"], signal["track"]))
+            if round(record["time"]) % 30000:
+                continue
+            epoch = rinex.epochs[(record["week"], round(record["time"]))]
+            for sat in record["satellites"]:
+                for signal in sat["signals"]:
+                    cell = epoch[sat["sv"]]["L" + self.expected_type(3.03, sat["sv"][0], signal)]
+                    key = (sat["sv"], signal["band"], signal["track"])
+                    if key in slipped_since:
+                        self.assertEqual(cell[1], "1", (record["time"], key))
+            slipped_since.clear()
+
+    def test_a_cut_log_gives_the_epochs_before_the_cut_and_exit_code_1(self):
+        whole = self.convert("whole.rnx")
+        data = self.read(self.log)
+        cut = self.write(self.path("cut.nvb"), data[:len(data) // 3])
+        result = self.nvb("rinex", cut, "-o", self.path("cut.rnx"), code=1, timeout=900)
+        self.assertIn("the log ends inside a block", result.stderr.decode())
+        text = self.read(self.path("cut.rnx")).decode()
+        body = text[text.index("END OF HEADER"):]
+        self.assertTrue(whole[whole.index("END OF HEADER"):].startswith(body))
+        epochs = ObservationFile(text).epochs
+        self.assertGreater(len(epochs), 100)
+        self.assertLess(len(epochs), len(self.records))
+
+    def test_binex_records_are_framed_and_checked(self):
+        self.nvb("-q", "binex", self.log, "-o", self.path("hour.bnx"), timeout=900)
+        data, position, records = self.read(self.path("hour.bnx")), 0, 0
+        while position < len(data):
+            self.assertEqual(data[position:position + 2], b"\xe2\x7f")
+            length, size = data[position + 2], 1
+            if length & 0x80:
+                length, size = (length & 0x7F) << 7 | data[position + 3], 2
+            body_end = position + 2 + size + length
+            checked = data[position + 1:body_end]
+            self.assertEqual(data[position + 2 + size], 0x05)
+            if length < 126:
+                xor = 0
+                for byte in checked:
+                    xor ^= byte
+                self.assertEqual(data[body_end], xor)
+                position = body_end + 1
+            else:
+                crc = 0
+                for byte in checked:
+                    crc ^= byte << 8
+                    for _ in range(8):
+                        crc = ((crc << 1) ^ 0x1021 if crc & 0x8000 else crc << 1) & 0xFFFF
+                self.assertEqual(int.from_bytes(data[body_end:body_end + 2], "big"), crc)
+                position = body_end + 2
+            records += 1
+        self.assertEqual(records, len(self.records))
+
 
 class AuxiliaryRecords(Workspace):
     def log_with_every_type(self):
         """A simulated log with every auxiliary record in the middle, and the same without
         the records no log gives back."""
-        simulated = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 6)))
+        simulated = dat_records(self.dat_of(self.simulate_through_dat("sim.nvb", "--duration", 6)))
         aux = auxiliary_records()
         source = self.write_dat("every.dat", simulated[:4] + aux + WRITE_ONLY + simulated[4:])
         return source, simulated[:4] + aux + simulated[4:]
@@ -575,7 +912,7 @@ def navigation_and_receiver_dats():
 
 class NavigationAndReceiverRecords(Workspace):
     def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
-        log = self.simulate("sim.nvb", "--duration", 30)
+        log = self.simulate_through_dat("sim.nvb", "--duration", 30)
         epochs = dat_records(self.dat_of(log))
         extra = navigation_and_receiver_dats()
         # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as

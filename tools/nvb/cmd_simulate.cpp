@@ -46,6 +46,10 @@ int runSimulate(const SimulateCommandOptions& options, const CommonOptions& comm
         // The DAT form packs the system bytes back into the structure it is made from, so
         // it is made from a copy and the simulator's epoch stays as it left it.
         *packed = *measurements;
+        // Retrieval writes rt_sattype x 65 as the DAT system byte, whose top bits the parser
+        // takes as the antenna; 193 is the inverse of 65 modulo 256, so every satellite
+        // reaches the log on the first antenna with its own system number.
+        for (Rec27Sv& sv : packed->sv) sv.rt_sattype = static_cast<std::uint8_t>(sv.rt_sattype * 193u);
         const std::uint16_t epochLength = nvb::writeDatForm(*packed, dat.data(), dat.size());
         if (epochLength != 0) writer.put(std::span<std::uint8_t>(dat.data(), epochLength));
         const std::uint16_t positionLength = nvb::writeDatForm(*position, dat.data(), dat.size());

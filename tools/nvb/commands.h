@@ -28,6 +28,8 @@ CommandAction addToDatCommand(CLI::App& app, const CommonOptions& common);
 CommandAction addFromDatCommand(CLI::App& app, const CommonOptions& common);
 CommandAction addRecompressCommand(CLI::App& app, const CommonOptions& common);
 CommandAction addThinCommand(CLI::App& app, const CommonOptions& common);
+CommandAction addRinexCommand(CLI::App& app, const CommonOptions& common);
+CommandAction addBinexCommand(CLI::App& app, const CommonOptions& common);
 
 }  // namespace nvbtool
 

@@ -4,6 +4,7 @@
 #include "nvb/status_text.h"
 
 #include "common/byte_sum.h"
+#include "pipeline/expansion.h"
 #include "pipeline/serialisation.h"
 #include "stream/framing.h"
 
@@ -84,13 +85,13 @@ bool sameFile(const std::string& first, const std::string& second) {
 
 }  // namespace
 
-std::unique_ptr<Output> Output::open(const std::string& name, const std::string& inputName) {
+std::unique_ptr<Output> Output::open(const std::string& name, const std::string& inputName, bool text) {
     if (!inputName.empty() && sameFile(name, inputName)) {
         reportError(name, "is the input too; write to another file");
         return nullptr;
     }
     if (name == "-") {
-        if (isatty(STDOUT_FILENO) == 1) {
+        if (!text && isatty(STDOUT_FILENO) == 1) {
             reportError("standard output", "is a terminal; name a file with -o, or send it through a pipe");
             return nullptr;
         }
@@ -206,7 +207,7 @@ bool ReadSummary::unreadable() const {
 }
 
 LogReader::LogReader(Input& input, const ReadOptions& options)
-    : input_(input), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
+    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
     if (state_ == nullptr) throw std::bad_alloc();
     state_->descramble = options.descramble ? 1 : 0;
 }
@@ -270,7 +271,10 @@ void LogReader::handle(std::int32_t result, std::uint8_t status) {
 
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
-    const std::uint32_t length = nvbdll_processNVBRecord(state_, 0, &type, &processStatus);
+    const std::uint32_t length = epochOutput_ != nullptr
+                                     ? nvb::processRecordWithOutput(*state_, *epochOutput_, type, processStatus)
+                                     : nvbdll_processNVBRecord(state_, 0, &type, &processStatus);
+    if (epochOutput_ != nullptr && afterEpochOutput_) afterEpochOutput_();
     const std::optional<std::uint32_t> unpacked =
         blocks ? std::optional<std::uint32_t>(fieldValue(state_->recordOffset)) : std::nullopt;
     if (processStatus != NVB_STATUS_OK) {

@@ -60,7 +60,8 @@ class Output {
 public:
     // Reports the failure and returns null when the output can't be opened; binary
     // output is not sent to a terminal, nor over the input it is made from.
-    static std::unique_ptr<Output> open(const std::string& name, const std::string& inputName = "");
+    static std::unique_ptr<Output> open(const std::string& name, const std::string& inputName = "",
+                                        bool text = false);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -93,6 +94,12 @@ std::string shapeText(StreamShape shape, bool nveMagic);
 
 struct ReadOptions {
     bool descramble = false;  // undo the scrambling of bzip2 blocks
+    // Measurement epochs go through this output control (observation text, BINEX,
+    // decimation) instead of the exported mode 0; epochs it keeps as text deliver nothing.
+    rinex_control_t* epochOutput = nullptr;
+    // Called after every record that went through `epochOutput`, so that its writer can
+    // be drained before the next epoch.
+    std::function<void()> afterEpochOutput;
 };
 
 // A status met while reading, where it was met.
@@ -165,6 +172,8 @@ private:
     void finishSummary(bool plain);
 
     Input& input_;
+    rinex_control_t* epochOutput_;
+    std::function<void()> afterEpochOutput_;
     nvb_expand_t* state_;
     ReadSummary summary_;
     const RecordHandler* onRecord_ = nullptr;

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     const Registration registrations[] = {
         nvbtool::addSimulateCommand, nvbtool::addInfoCommand,       nvbtool::addDumpCommand,
         nvbtool::addToDatCommand,    nvbtool::addFromDatCommand,    nvbtool::addRecompressCommand,
-        nvbtool::addThinCommand,
+        nvbtool::addThinCommand,     nvbtool::addRinexCommand,      nvbtool::addBinexCommand,
     };
     std::vector<std::pair<CLI::App*, nvbtool::CommandAction>> commands;
     for (const Registration registration : registrations) {

@@ -50,13 +50,14 @@ struct SystemPlan {
     std::array<SignalPlan, 3> signals;
 };
 
-// Signals per system, in the order a receiver lists them: GPS L1 C/A, L2C, L5; GLONASS
-// L1 and L2; Galileo E1, E5a, E5b; BeiDou B1I and B3I.
+// Signals per system, in the order a receiver lists them, with the receiver's tracking
+// codes: GPS L1 C/A, L2C (M+L), L5 Q; GLONASS L1 and L2 C/A; Galileo E1 B+C, E5a and E5b
+// (I+Q); BeiDou B1I and B3I.
 constexpr std::array<SystemPlan, 4> kSystemPlans = {{
     {'G', Constellation::Gps, 0, 3, {{{0, 0, 0.0}, {1, 5, -4.0}, {2, 7, 2.0}}}},
-    {'R', Constellation::Glonass, 2, 2, {{{0, 0, -1.0}, {1, 5, -4.5}, {0, 0, 0.0}}}},
-    {'E', Constellation::Galileo, 3, 3, {{{0, 1, -0.5}, {2, 8, 2.5}, {3, 9, 2.0}}}},
-    {'C', Constellation::BeiDou, kSimulatedBeiDouSatType, 2, {{{6, 26, -0.5}, {7, 27, 1.5}, {0, 0, 0.0}}}},
+    {'R', Constellation::Glonass, 2, 2, {{{0, 0, -1.0}, {1, 0, -4.5}, {0, 0, 0.0}}}},
+    {'E', Constellation::Galileo, 3, 3, {{{0, 20, -0.5}, {2, 8, 2.5}, {3, 11, 2.0}}}},
+    {'C', Constellation::BeiDou, kSimulatedBeiDouSatType, 2, {{{6, 26, -0.5}, {7, 29, 1.5}, {0, 0, 0.0}}}},
 }};
 
 // The grid of a field on the wire: a value on it is written and read back unchanged. The

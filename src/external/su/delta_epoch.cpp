@@ -386,7 +386,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
     if (control.verify == 1 && byteSum(out, written - 3u) != readU16BigEndian(image.checksum)) {
         return kStatusEpochChecksum;
     }
-    result.length = finishEpochOutput(image, written, control, *work);
+    result.length = finishEpochOutput(image, out, written, control, *work);
     result.weekNum = weekNum;
     result.receiveTime = receiveTime;
     advanceEpochHistory(history.previous, history.predicted, image);

@@ -330,15 +330,6 @@ void EpochWorkDeleter::operator()(epoch_rinex_t* work) const { delete work; }
 
 EpochWorkBuffer allocateEpochWork() { return EpochWorkBuffer(new (std::nothrow) epoch_rinex_t); }
 
-std::uint16_t finishEpochOutput(const epoch_image_t& image, std::uint16_t plainLength, rinex_control_t& control,
-                                epoch_rinex_t& work) {
-    (void)work;
-    // Decimation: an epoch off the interval's grid is not delivered. The slip tables and
-    // the observation writers of the other modes take their turn here.
-    if (control.interval != 0 && readBigEndian32(image.receiveTime) % control.interval != 0) return 0;
-    return plainLength;
-}
-
 std::uint16_t closeExpandedEpoch(epoch_image_t& image, ByteReader& in, std::uint32_t lengthSum, std::uint8_t* out,
                                  std::size_t outCapacity) {
     if (!readBytes(in, image.checksum, 2)) return 0;

@@ -22,6 +22,34 @@
 #include <cstdint>
 #include <memory>
 
+#pragma pack(push, 1)
+// Work buffer of the observation output modes, taken from the heap once per expanded
+// epoch: the epoch's time and clock, the satellites in observation numbering, which
+// observation types occur, and one row of cells per satellite. It carries the name the
+// output control's sink declares, so it stands outside the namespace. A cell holds one
+// observation of one satellite, written by the collector.
+struct epoch_rinex_cell_t {
+    double value;            // range in metres or phase in cycles
+    std::uint16_t strength;  // 0.1 dB-Hz
+    std::uint8_t strengthDigit;
+    std::uint8_t tracking;   // code of the signal that filled the cell
+    std::uint8_t lossOfLock;
+    std::uint8_t strengthFlag;  // 1: the cell holds a strength, not a value
+    std::uint8_t filled;
+    std::uint8_t slipCount;
+};
+
+struct epoch_rinex_t {
+    std::uint8_t satCount;
+    float clkOffset;
+    double receiveTime;
+    std::uint32_t weekNum;
+    std::uint8_t sats[116][3]; // svId shifted, rinexSystemIndex, antennaNumber
+    std::uint8_t obsUsed[10][87];
+    epoch_rinex_cell_t cells[116][87];
+};
+#pragma pack(pop)
+
 namespace nvb {
 
 inline constexpr std::uint8_t kPlainEpochType = 27;
@@ -130,35 +158,29 @@ void writeRange(std::uint8_t system, ByteWriter& out, std::uint16_t signalIndex,
 [[nodiscard]] std::uint32_t readBigEndian32(const std::uint8_t* bytes);
 void writeBigEndian32(std::uint8_t* bytes, std::uint32_t value);
 
-#pragma pack(push, 1)
-// Work buffer of the observation output modes, taken from the heap once per expanded
-// epoch: the epoch's time and clock, the satellites in observation numbering, which
-// observation types occur, and one row of cells per satellite.
-struct epoch_rinex_t {
-    std::uint8_t satCount;
-    float clkOffset;
-    double receiveTime;
-    std::uint32_t weekNum;
-    std::uint8_t sats[kEpochMaxSatellites][3]; // svId shifted, rinexSystemIndex, antennaNumber
-    std::uint8_t obsUsed[10][87];
-    std::uint8_t cells[kEpochMaxSatellites][87][16];
-};
-#pragma pack(pop)
 
 struct EpochWorkDeleter {
-    void operator()(epoch_rinex_t* work) const;
+    void operator()(::epoch_rinex_t* work) const;
 };
 using EpochWorkBuffer = std::unique_ptr<epoch_rinex_t, EpochWorkDeleter>;
 
 // Null when the heap has no room (status 9 for the expander).
 [[nodiscard]] EpochWorkBuffer allocateEpochWork();
 
-// What an expander does with an epoch once its plain record stands in the out buffer.
-// Mode 0 delivers that record: the result is its length. The observation modes (1 to 3),
-// decimation by `interval` and the slip tables attach here; the exported front ends always
-// run mode 0 without an interval.
-[[nodiscard]] std::uint16_t finishEpochOutput(const epoch_image_t& image, std::uint16_t plainLength,
+// What an expander does with an epoch once its plain record stands in `out`. Mode 0
+// delivers that record: the result is its length. With an interval, an epoch off its grid
+// gives 0, and slip tracking carries the slips of dropped epochs to the next kept one: in
+// mode 0 as `measFlags1` bit 3 of the delivered record (its checksum made anew), in the
+// other modes as the slip marks handed to `control.sink`. Modes 1 and 3 deliver text
+// instead of the record (result 0); mode 2 delivers the record and a BINEX copy.
+[[nodiscard]] std::uint16_t finishEpochOutput(const epoch_image_t& image, std::uint8_t* out, std::uint16_t plainLength,
                                               rinex_control_t& control, epoch_rinex_t& work);
+
+// The slip marks of one epoch by satellite row and signal, from the two slip tables of
+// `control` (which it advances): a new satellite, a changed `slipCount` or `measFlags1`
+// bit 3 sets a pending mark, which a kept epoch reports and clears.
+void trackEpochSlips(const epoch_image_t& image, rinex_control_t& control, bool kept,
+                     std::uint8_t (*marks)[kEpochMaxSignals]);
 
 // Where an expanded epoch lies, for the caller.
 struct ExpandedEpoch {

@@ -240,7 +240,7 @@ std::uint8_t expandPredictedEpoch(const std::uint8_t* record, std::size_t record
     }
     const std::uint16_t written = closeExpandedEpoch(image, in, lengthSum, out, outCapacity);
     if (written == 0) return kStatusBadDeltaLength;
-    result.length = finishEpochOutput(image, written, control, *work);
+    result.length = finishEpochOutput(image, out, written, control, *work);
     result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
     result.receiveTime = readBigEndian32(image.receiveTime);
     advanceEpochHistory(history.previous, history.predicted, image);

@@ -65,7 +65,7 @@ std::uint8_t expandReferenceEpoch(const std::uint8_t* record, std::size_t record
     std::memcpy(&history.predicted, &image, sizeof image);
     result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
     result.receiveTime = readBigEndian32(image.receiveTime);
-    result.length = finishEpochOutput(image, plainLength, control, *work);
+    result.length = finishEpochOutput(image, out, plainLength, control, *work);
     return 0;
 }
 

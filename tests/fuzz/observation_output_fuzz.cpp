@@ -1,0 +1,76 @@
+// Property: any bytes expanded as a measurement epoch under an output control of any mode,
+// version and interval never read or write outside a buffer, and the writer holds whole
+// epochs only, never past its capacity.
+#include "output/observation_output.h"
+#include "pipeline/expansion.h"
+
+#include <nvbdll/nvbdll.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr std::uint8_t kEpochTypes[] = {27, 36, 37, 38, 39};
+constexpr std::uint16_t kVersions[] = {211, 212, 302, 303};
+
+struct Session {
+    Session() : state(nvbdll_GetNVBStateHandle()) {
+        for (std::uint8_t mode = 1; mode <= 3; ++mode) {
+            for (std::size_t v = 0; v < 4; ++v) {
+                if (!nvb::startObservationOutput(controls[mode][v], mode, kVersions[v], writer)) std::abort();
+            }
+        }
+    }
+    ~Session() {
+        for (auto& row : controls) {
+            for (rinex_control_t& control : row) {
+                if (control.history != nullptr) nvb::endObservationOutput(control);
+            }
+        }
+        nvbdll_FreeNVBStateHandle(state);
+    }
+    nvb_expand_t* state;
+    std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(1 << 19);
+    rinex_writer_t writer{buffer.data(), static_cast<std::uint32_t>(buffer.size()), 0, 0};
+    rinex_control_t controls[4][4] = {};
+};
+
+Session& session() {
+    static const bool ready = [] {
+        nvbdll_initNVBLib();
+        return true;
+    }();
+    (void)ready;
+    static Session s;
+    return s;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Session& s = session();
+    if (size < 2) return 0;
+    // The first byte picks the type, the mode, the version and the interval; the state and
+    // the controls carry their histories from one input to the next.
+    const std::uint8_t type = kEpochTypes[(data[0] & 7) % sizeof kEpochTypes];
+    rinex_control_t& control = s.controls[1 + (data[0] >> 3) % 3][(data[0] >> 5) & 3];
+    control.interval = (data[0] & 0x80) != 0 ? 2000 : 0;
+    nvb_expand_t* state = s.state;
+    std::memset(&state->frame, 0, sizeof state->frame);
+    const std::size_t length = std::min(size - 1, sizeof state->frame.data);
+    std::memcpy(state->frame.data, data + 1, length);
+    if (length > 2) state->frame.data[2] = type;
+    state->frame.length = static_cast<std::uint16_t>(length);
+    state->currentType = type;
+    state->blockLevel = 1;
+    std::uint16_t recordType = 0;
+    std::uint8_t status = 0;
+    s.writer.length = 0;
+    (void)nvb::processRecordWithOutput(*state, control, recordType, status);
+    if (s.writer.length > s.writer.capacity) std::abort();
+    if (control.mode != nvb::kOutputBinex && s.writer.length != 0 && s.buffer[s.writer.length - 1] != '\n') std::abort();
+    return 0;
+}

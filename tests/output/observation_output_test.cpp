@@ -1,0 +1,304 @@
+// Observation output: the value column, strength digits and calendar, the epoch and
+// observation lines of each version, Compact RINEX differences, the BINEX record, the
+// slip tracking of decimation, and the bounded writer.
+#include "common/byte_sum.h"
+#include "external/su/epoch_image.h"
+#include "output/binex_record.h"
+#include "output/observation_output.h"
+#include "output/observation_tables.h"
+#include "output/rinex_text.h"
+#include "support/measurement_epochs.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono;
+using nvbtest::addSatellite;
+using nvbtest::addSignal;
+
+constexpr double kStartMs = 345600000.0;  // 2024-12-19 00:00:00 of week 2345
+
+// An epoch through the record writer and the image parser, as the expanders hold it.
+struct ImageEpoch {
+    std::unique_ptr<Rec27> rec = nvbtest::newEpoch(kStartMs);
+    epoch_image_t image{};
+    nvb_frame_t frame{};
+
+    Rec27Sv& satellite(std::uint8_t svId, std::uint8_t system, std::uint8_t channel = 0) {
+        Rec27Sv& sv = addSatellite(*rec, svId, system);
+        sv.channel = channel;
+        return sv;
+    }
+    const epoch_image_t& build() {
+        EXPECT_NE(nvb::writeRec27(*rec, frame, 1, true), 0);
+        EXPECT_EQ(nvb::parseEpochImage(image, frame.data, frame.length).status, 0);
+        return image;
+    }
+};
+
+Rec27Meas& signal(Rec27Sv& sv, std::uint8_t band, std::uint8_t track, double range, double phase, std::uint16_t snr,
+                  std::uint8_t slipCount = 0, std::uint8_t flags = 0x03) {
+    Rec27Meas& meas = addSignal(sv, band, track, range, phase, flags);
+    meas.snr = snr;
+    meas.slipCount = slipCount;
+    return meas;
+}
+
+// A started control writing into a buffer; each epoch's text comes back as a string.
+class Output {
+public:
+    Output(std::uint8_t mode, std::uint16_t version, std::size_t capacity = 1 << 20)
+        : buffer_(capacity), writer_{buffer_.data(), static_cast<std::uint32_t>(capacity), 0, 0},
+          output_(control, mode, version, writer_), work_(std::make_unique<epoch_rinex_t>()) {}
+
+    std::string epoch(ImageEpoch& epoch) {
+        const epoch_image_t& image = epoch.build();
+        writer_.length = 0;
+        lastLength = nvb::finishEpochOutput(image, epoch.frame.data, epoch.frame.length, control, *work_);
+        return std::string(buffer_.begin(), buffer_.begin() + writer_.length);
+    }
+    const rinex_writer_t& writer() const { return writer_; }
+
+    rinex_control_t control{};
+    std::uint16_t lastLength = 0;
+
+private:
+    std::vector<std::uint8_t> buffer_;
+    rinex_writer_t writer_;
+    nvb::ObservationOutput output_;
+    std::unique_ptr<epoch_rinex_t> work_;
+};
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+std::string lineAfterHeader(const std::string& text, std::size_t offset = 0) {
+    const auto lines = linesOf(text.substr(text.find("END OF HEADER")));
+    return lines.at(1 + offset);
+}
+
+TEST(RinexValueColumn, KeepsThreeDecimalsByHandAndWideValuesByPrintf) {
+    const std::pair<double, const char*> cases[] = {
+        {0.0, "         0.000"},          {1.0625, "         1.063"},  {-21299827.1171875, "-21299827.117"},
+        {0.9996, "         1.000"},       {-0.0004, "         0.000"},  {2147483647.0, "2147483647.000"},
+        {3000000000.25, "3000000000.250"}, {-12.5, "       -12.500"},
+    };
+    for (const auto& [value, expected] : cases) {
+        char text[15];
+        nvb::rinexFormatValue(value, text);
+        EXPECT_STREQ(text, std::string(expected).insert(0, 14 - std::string(expected).size(), ' ').c_str()) << value;
+    }
+}
+
+TEST(RinexStrengthDigit, FollowsTheThresholdTablesBelow300AndSixthsOfTheStrengthFromIt) {
+    struct Case {
+        std::uint16_t strength;
+        std::uint8_t system;
+        std::uint16_t version;
+        std::uint8_t digit;
+    };
+    const Case cases[] = {{300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
+                          {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
+                          {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, c.strength, c.system, c.version), c.digit) << c.strength;
+    }
+}
+
+TEST(RinexCalendar, CountsEveryFourthYearAsLeapAndStartsIn1985) {
+    const auto gps = [](year_month_day date) {
+        return (sys_days(date) - sys_days(1980y / January / 6)).count() * std::int64_t{86400};
+    };
+    const nvb::CalendarTime leap2000 = nvb::rinexCalendar(gps(2000y / February / 29) + 3723);
+    EXPECT_EQ(std::vector<int>({leap2000.year, leap2000.month, leap2000.day, leap2000.hour, leap2000.minute,
+                                leap2000.second, leap2000.weekday}),
+              std::vector<int>({2000, 2, 29, 1, 2, 3, 2}));
+    // The rule knows no century exception: the true 1 March 2100 prints as 29 February.
+    const nvb::CalendarTime march2100 = nvb::rinexCalendar(gps(2100y / March / 1));
+    EXPECT_EQ(march2100.month * 100 + march2100.day, 229);
+    const nvb::CalendarTime early = nvb::rinexCalendar(0x9620D00 - 1);
+    EXPECT_EQ(early.year * 10000 + early.month * 100 + early.day, 19800106);
+    EXPECT_EQ(nvb::rinexCalendar(gps(2016y / December / 31) + 86400, true).second, 60);
+}
+
+TEST(RinexEpochLines, CarryTheClockAndContinueAfterTwelveSatellitesInEachVersion) {
+    const auto thirteen = [] {
+        ImageEpoch epoch;
+        epoch.rec->receiveTime = kStartMs + 1500;
+        epoch.rec->clkOffset = -0.5f;
+        for (std::uint8_t sv = 1; sv <= 13; ++sv) signal(epoch.satellite(sv, 0), 0, 0, 2.0e7 + sv, 100.5, 453);
+        return epoch;
+    };
+    Output v2(nvb::kOutputRinex, 212);
+    ImageEpoch first = thirteen();
+    const std::string text2 = v2.epoch(first);
+    EXPECT_EQ(lineAfterHeader(text2), " 24 12 19  0  0  1.5000000  0 13G 1G 2G 3G 4G 5G 6G 7G 8G 9G10G11G12 -.000500000");
+    EXPECT_EQ(lineAfterHeader(text2, 1), "                                G13");
+    EXPECT_EQ(lineAfterHeader(text2, 2), "  20000001.000 8      -100.500 8        45.300");
+
+    Output v3(nvb::kOutputRinex, 303);
+    ImageEpoch again = thirteen();
+    const std::string text3 = v3.epoch(again);
+    EXPECT_EQ(lineAfterHeader(text3), "> 2024 12 19  0  0  1.5000000  0 13       -.000500000000");
+    EXPECT_EQ(lineAfterHeader(text3, 1), "G01  20000001.000 7      -100.500 7        45.300");
+    EXPECT_NE(text3.find("G    3 C1C L1C S1C                                          SYS / # / OBS TYPES\n"),
+              std::string::npos);
+    EXPECT_NE(text3.find("  2024    12    19     0     0    1.5000000     GPS         TIME OF FIRST OBS\n"),
+              std::string::npos);
+}
+
+TEST(RinexObservationLines, BreakAfterFiveValuesBelow300AndLeaveOutSystemsTheVersionLacks) {
+    ImageEpoch epoch;
+    Rec27Sv& gps = epoch.satellite(5, 0);
+    signal(gps, 0, 0, 2.1e7, 10.0, 450);
+    signal(gps, 0, 1, 2.1e7 + 1, 11.0, 440);
+    signal(gps, 1, 5, 2.1e7 + 2, 12.0, 430);
+    signal(gps, 2, 8, 2.1e7 + 3, 13.0, 420);
+    signal(epoch.satellite(193, 4), 0, 0, 3.7e7, 1.0, 400);
+    Output out(nvb::kOutputRinex, 211);
+    const std::string text = out.epoch(epoch);
+    EXPECT_NE(text.find("    12    CA    LA    SA    P1    L1    S1    CC    LC    SC# / TYPES OF OBSERV\n"
+                        "          C5    L5    S5                                    # / TYPES OF OBSERV\n"),
+              std::string::npos);
+    EXPECT_EQ(lineAfterHeader(text), " 24 12 19  0  0  0.0000000  0  1G 5" + std::string(33, ' ') + " 0.000000000");
+    EXPECT_EQ(lineAfterHeader(text, 1), "  21000000.000 8       -10.000 8        45.000    21000001.000 7       -11.000 7");
+    EXPECT_EQ(lineAfterHeader(text, 2), "        44.000    21000002.000 7       -12.000 7        43.000    21000003.000 7");
+    EXPECT_EQ(lineAfterHeader(text, 3), "       -13.000 7        42.000");
+}
+
+TEST(RinexObservationLines, AChangedSignalSetWritesAnEventLineAndNewTypes) {
+    Output out(nvb::kOutputRinex, 302);
+    ImageEpoch first;
+    signal(first.satellite(5, 0), 0, 0, 2.1e7, 10.0, 450);
+    out.epoch(first);
+    ImageEpoch second;
+    second.rec->receiveTime = kStartMs + 1000;
+    Rec27Sv& sv = second.satellite(5, 0);
+    signal(sv, 0, 0, 2.1e7, 10.0, 450);
+    signal(sv, 1, 5, 2.1e7, 10.0, 450);
+    const std::string expected = "> 2024 12 19  0  0  1.0000000  4  1\n"
+                                 "G    6 C1C L1C S1C C2X L2X S2X                              SYS / # / OBS TYPES\n"
+                                 "> 2024 12 19  0  0  1.0000000  0  1";
+    EXPECT_EQ(out.epoch(second).substr(0, expected.size()), expected);
+}
+
+TEST(CompactRinex, DifferencesTheEpochLineValuesAndFlagsAndRestartsAReturningSatellite) {
+    Output out(nvb::kOutputCompactRinex, 303);
+    const auto epochAt = [](int second, bool withSecond, double drift) {
+        ImageEpoch epoch;
+        epoch.rec->receiveTime = kStartMs + 1000.0 * second;
+        signal(epoch.satellite(5, 0), 0, 0, 2.1e7 + drift * second * second, 10.0 + second, 450);
+        if (withSecond) signal(epoch.satellite(7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
+        return epoch;
+    };
+    std::vector<std::string> bodies;
+    for (int second = 0; second < 5; ++second) {
+        ImageEpoch epoch = epochAt(second, second != 2, 0.5);
+        const std::string text = out.epoch(epoch);
+        bodies.push_back(second == 0 ? text.substr(text.find("END OF HEADER") + 21) : text);
+    }
+    EXPECT_EQ(bodies[0],
+              "> 2024 12 19  0  0  0.0000000  0  2      G05G07\n3&0\n"
+              "3&21000000000 3&-10000 3&45000  7 7\n3&22000000000 3&-20000 3&40000  616\n");
+    // Second differences of the range; the phase runs at a constant rate; the slip flag of
+    // G07 clears ("&"); G07 leaves (the line shrinks by "&&&") and comes back with "3&".
+    EXPECT_EQ(bodies[1], "                    1\n0\n500 -1000 0 \n0 0 0   &\n");
+    EXPECT_EQ(bodies[2], "                    2             1         &&&\n0\n1000 0 0 \n");
+    EXPECT_EQ(bodies[3], "                    3             2         G07\n0\n0 0 0 \n3&22000000000 3&-20000 3&40000  6 6\n");
+    EXPECT_EQ(bodies[4], "                    4\n0\n0 0 0 \n0 0 0 \n");
+}
+
+TEST(BinexRecord, GoldenBytesWithItsChecksumAndNothingForAnEmptyEpoch) {
+    Output out(nvb::kOutputBinex, 303);
+    ImageEpoch epoch;
+    epoch.rec->receiveTime = kStartMs + 1500;
+    epoch.rec->clkOffset = 0.25f;
+    signal(epoch.satellite(5, 0), 0, 0, 21000000.5, -10.25, 453, 2, 0x07);
+    const std::string record = out.epoch(epoch);
+    const std::uint16_t plainLength = epoch.frame.length;
+    EXPECT_EQ(out.lastLength, plainLength) << "mode 2 delivers the plain record too";
+    // Sync, record, length 28, subrecord; minutes and milliseconds; one satellite, clock
+    // 250 us; G05 with one signal: L1 C/A, a new arc (slip bit), flags (wide forms, phase in
+    // 0.1 mm, slip count, Doppler); 453 / 4 with 1 over in the range field's top bits,
+    // 21000000500 mm; phase 41.4 mm short of the range; Doppler 0; slip count 2.
+    const std::vector<std::uint8_t> expected = {
+        0xE2, 0x7F, 0x1C, 0x05, 0x01, 0x68, 0xC4, 0xE0, 0x05, 0xDC, 0x80, 0x00, 0x00, 0xFA, 0x05, 0x10,
+        0xA0, 0x6C, 0x71, 0x44, 0xE3, 0xB2, 0x93, 0xF4, 0xFF, 0xFE, 0x62, 0x00, 0x00, 0x00, 0x02, 0x00};
+    std::vector<std::uint8_t> bytes(record.begin(), record.end());
+    ASSERT_EQ(bytes.size(), expected.size());
+    std::uint8_t sum = 0;
+    for (std::size_t i = 1; i + 1 < bytes.size(); ++i) sum ^= bytes[i];
+    EXPECT_EQ(bytes.back(), sum);
+    bytes.back() = 0;
+    EXPECT_EQ(bytes, expected);
+
+    ImageEpoch empty;
+    EXPECT_EQ(out.epoch(empty), "");
+    EXPECT_EQ(nvb::binexCrc16(std::vector<std::uint8_t>{'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x31C3);
+}
+
+TEST(EpochDecimation, CarriesTheSlipOfADroppedEpochAndLeavesAMovedSatellitesMarkInItsOldRow) {
+    rinex_control_t control{};
+    control.interval = 2000;
+    const auto track = [&](std::initializer_list<std::pair<std::uint8_t, std::uint8_t>> sats, double ms) {
+        ImageEpoch epoch;
+        epoch.rec->receiveTime = ms;
+        for (const auto& [sv, slips] : sats) signal(epoch.satellite(sv, 0), 0, 0, 2.1e7, 1.0, 450, slips);
+        std::uint8_t marks[116][6] = {};
+        nvb::trackEpochSlips(epoch.build(), control, static_cast<std::uint32_t>(ms) % 2000 == 0, marks);
+        return std::pair<int, int>{marks[0][0], marks[1][0]};
+    };
+    EXPECT_EQ(track({{3, 0}, {9, 0}}, kStartMs), std::make_pair(1, 1)) << "new satellites";
+    EXPECT_EQ(track({{3, 1}, {9, 0}}, kStartMs + 1000), std::make_pair(0, 0)) << "dropped: the slip waits";
+    EXPECT_EQ(track({{3, 1}, {9, 0}}, kStartMs + 2000), std::make_pair(1, 0)) << "kept: the slip of 3 shows";
+    track({{3, 2}, {9, 0}}, kStartMs + 3000);
+    // 3 moves to row 1: its carried mark stays in row 0, where 9 now reports it.
+    EXPECT_EQ(track({{9, 0}, {3, 2}}, kStartMs + 4000), std::make_pair(1, 0));
+}
+
+TEST(EpochDecimation, MarksTheCarriedSlipInAPlainRecordAndMakesItsChecksumAnew) {
+    Output out(nvb::kOutputBinex, 303);
+    out.control.mode = nvb::kOutputPlain;
+    out.control.interval = 2000;
+    ImageEpoch first;
+    signal(first.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450);
+    out.epoch(first);
+    ImageEpoch dropped;
+    dropped.rec->receiveTime = kStartMs + 1000;
+    signal(dropped.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450, 1);
+    EXPECT_EQ(out.epoch(dropped), "");
+    EXPECT_EQ(out.lastLength, 0);
+    ImageEpoch kept;
+    kept.rec->receiveTime = kStartMs + 2000;
+    signal(kept.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450, 1);
+    out.epoch(kept);
+    ASSERT_NE(out.lastLength, 0);
+    epoch_image_t image{};
+    ASSERT_EQ(nvb::parseEpochImage(image, kept.frame.data, out.lastLength).status, 0);
+    EXPECT_EQ(image.sats[0].signals[0].measFlags1 & 0x08, 0x08);
+    const std::uint16_t length = out.lastLength;
+    EXPECT_EQ(nvb::readU16BigEndian(kept.frame.data + length - 3), nvb::byteSum(kept.frame.data, length - 3u));
+}
+
+TEST(ObservationWriter, RefusesAnEpochThatCannotFitWholeAndWritesNothingOfIt) {
+    Output out(nvb::kOutputRinex, 303, 4096);
+    ImageEpoch epoch;
+    signal(epoch.satellite(5, 0), 0, 0, 2.1e7, 10.0, 450);
+    EXPECT_EQ(out.epoch(epoch), "");
+    const std::uint32_t refused = out.writer().refused;
+    const std::uint8_t headerOpen = out.control.headerOpen;
+    EXPECT_EQ(refused, 1u);
+    EXPECT_EQ(headerOpen, 1) << "nothing of the epoch happened";
+}
+
+}  // namespace
