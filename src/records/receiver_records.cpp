@@ -243,7 +243,7 @@ void walkRec22(Walk& walk, Rec22& rec) {
     walk.fields(kRec22Middle, base);
     table(kRec22Table2, 0);
     walk.fields(kRec22Words, base);
-    for (std::size_t t = 0; t < std::size(rec.dwordTables); ++t) table(kRec22Dwords, t);
+    for (std::size_t t = 0; t < sizeof rec.dwordTables / sizeof rec.dwordTables[0]; ++t) table(kRec22Dwords, t);
     walk.fields(kRec22Tail, base);
 }
 
