@@ -178,8 +178,8 @@ template <class Walk>
 void walkScaled(Walk& walk, const ScaledSpec& scaled, std::uint8_t* base) {
     std::uint8_t* item = base + scaled.field.offset;
     if constexpr (std::is_same_v<Walk, FrameReadWalk>) {
-        const double value = getScaled(walk.bytes, walk.start + walk.position, scaled.wireWidth, scaled.exponent,
-                                       scaled.isSigned);
+        const double value =
+            getScaled(walk.bytes, walk.start + walk.position, scaled.wireWidth, scaled.exponent, scaled.isSigned);
         std::memcpy(item, &value, sizeof value);
         walk.position += scaled.wireWidth;
     } else if constexpr (std::is_same_v<Walk, FrameWriteWalk>) {
@@ -195,6 +195,17 @@ void walkScaled(Walk& walk, const ScaledSpec& scaled, std::uint8_t* base) {
         const std::array field = {scaled.field};
         walk.fields(field, base);
     }
+}
+
+// A DAT parser on a record's walk: the structure cleared, then filled as far as the DAT
+// form reaches. -1 without a structure, -2 for a count beyond it, 0 otherwise.
+template <class Rec, class WalkRecord>
+int parseByWalk(DatReader& in, Rec* rec, WalkRecord walkRecord) {
+    if (rec == nullptr) return -1;
+    std::memset(static_cast<void*>(rec), 0, sizeof *rec);
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRecord(walk, *rec);
+    return walk.overfull ? -2 : 0;
 }
 
 template <class T>

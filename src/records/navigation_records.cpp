@@ -311,11 +311,7 @@ std::uint16_t writeRec21(const Rec21& rec, nvb_frame_t& frame) {
 }
 
 int parseRec21Dat(DatReader& in, Rec21* rec) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec21(walk, *rec);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec21& target) { walkRec21(walk, target); });
 }
 
 std::uint16_t readRec28(const nvb_frame_t& frame, nvb_expand_t& state, bool mapSystem5To7) {
@@ -350,11 +346,7 @@ std::uint16_t writeRec28(const Rec28& rec, nvb_frame_t& frame) {
 }
 
 int parseRec28Dat(DatReader& in, Rec28* rec) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec28(walk, *rec);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec28& target) { walkRec28(walk, target); });
 }
 
 std::uint16_t readRec25(const nvb_frame_t& frame, nvb_expand_t& state) {
@@ -384,12 +376,10 @@ std::uint16_t writeRec25(const Rec25& rec, std::uint8_t subtype, nvb_frame_t& fr
 }
 
 int parseRec25Dat(DatReader& in, Rec25* rec, std::uint8_t subtype) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec25(walk, *rec, subtype);
-    if (subtype == 2 && (rec->sub2.flags & kCheckOnWire) == 0) completeSbasMessage(rec->time, rec->sub2);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec25& target) {
+        walkRec25(walk, target, subtype);
+        if (subtype == 2 && (target.sub2.flags & kCheckOnWire) == 0) completeSbasMessage(target.time, target.sub2);
+    });
 }
 
 std::uint16_t readRec26(const nvb_frame_t& frame, nvb_expand_t& state, bool mapSystem5To7) {
@@ -503,11 +493,7 @@ std::uint16_t writeRec26(const Rec26& rec, std::uint8_t subtype, nvb_frame_t& fr
 }
 
 int parseRec26Dat(DatReader& in, Rec26* rec, std::uint8_t subtype) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec26Dat(walk, *rec, subtype);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec26& target) { walkRec26Dat(walk, target, subtype); });
 }
 
 bool describeNavigationRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,

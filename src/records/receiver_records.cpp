@@ -408,11 +408,7 @@ std::uint16_t writeRec5(const Rec5& rec, const std::uint8_t* datHeader, nvb_fram
 }
 
 int parseRec5Dat(DatReader& in, Rec5* rec, std::uint8_t subtype) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec5(walk, *rec, subtype);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec5& target) { walkRec5(walk, target, subtype); });
 }
 
 std::uint16_t readRec12(const nvb_frame_t& frame, nvb_expand_t& state) {
@@ -436,11 +432,7 @@ std::uint16_t writeRec12(const Rec12& rec, nvb_frame_t& frame) {
 }
 
 int parseRec12Dat(DatReader& in, Rec12* rec) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec12(walk, *rec);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec12& target) { walkRec12(walk, target); });
 }
 
 std::uint16_t readRec15(const nvb_frame_t& frame, nvb_expand_t& state) {
@@ -461,11 +453,7 @@ std::uint16_t writeRec15(const Rec15& rec, nvb_frame_t& frame) {
 }
 
 int parseRec15Dat(DatReader& in, Rec15* rec) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec15(walk, *rec);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec15& target) { walkRec15(walk, target); });
 }
 
 std::uint16_t readRec19(const nvb_frame_t& frame, nvb_expand_t& state, TrackingSlots* slots) {
@@ -517,11 +505,7 @@ std::uint16_t writeRec19(const Rec19& rec, std::uint8_t subtype, nvb_frame_t& fr
 }
 
 int parseRec19Dat(DatReader& in, Rec19* rec, std::uint8_t subtype) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec19(walk, *rec, subtype);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec19& target) { walkRec19(walk, target, subtype); });
 }
 
 std::uint16_t readRec22(const nvb_frame_t& frame, nvb_expand_t& state) {
@@ -580,11 +564,7 @@ void putRec30Dat(const Rec30& rec, std::uint8_t subtype, DatWriter& out) {
 }
 
 int parseRec30Dat(DatReader& in, Rec30* rec, std::uint8_t subtype) {
-    if (rec == nullptr) return -1;
-    std::memset(rec, 0, sizeof *rec);
-    DatParseWalk walk{{datLeft(in)}, in};
-    walkRec30(walk, *rec, subtype);
-    return 0;
+    return parseByWalk(in, rec, [&](DatParseWalk& walk, Rec30& target) { walkRec30(walk, target, subtype); });
 }
 
 bool describeReceiverRecord(const nvb_expand_t& state, std::uint16_t type, std::uint32_t datLength,
