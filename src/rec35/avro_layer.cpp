@@ -50,9 +50,11 @@ AvroSchema viewOf(avro_schema_t reader, avro_schema_t writer) {
         if (!record) return record;
         for (std::size_t i = 0; i < avro_schema_record_size(reader); ++i) {
             const char* name = avro_schema_record_field_name(reader, static_cast<int>(i));
-            avro_schema_t writerField = avro_schema_record_field_get(writer, name);
-            if (writerField == nullptr) continue;
-            AvroSchema field = viewOf(avro_schema_record_field_get_by_index(reader, static_cast<int>(i)), writerField);
+            // Looked up by index: the lookup by name reads past its table for a missing name.
+            const int writerIndex = avro_schema_record_field_get_index(writer, name);
+            if (writerIndex < 0) continue;
+            AvroSchema field = viewOf(avro_schema_record_field_get_by_index(reader, static_cast<int>(i)),
+                                      avro_schema_record_field_get_by_index(writer, writerIndex));
             if (!field || avro_schema_record_field_append(record.get(), name, field.get()) != 0) return AvroSchema();
         }
         return record;
