@@ -24,7 +24,8 @@ NVBDLL_API nvb_encode_t* nvbdll_newEncodeState(void);
 NVBDLL_API int nvbdll_initDATEncodeState(nvb_encode_t* state);
 
 /*! nvbdll_resetDATEncodeState() :
- *  Clears the delta histories of the compact codecs; the filling block stays. */
+ *  Clears the delta histories of the compact codecs, and makes the next record of each
+ *  record 35 subtype a reference; the filling block stays. */
 NVBDLL_API void nvbdll_resetDATEncodeState(nvb_encode_t* state);
 
 /*! nvbdll_processDATRecord() :
@@ -34,7 +35,10 @@ NVBDLL_API void nvbdll_resetDATEncodeState(nvb_encode_t* state);
  *  @return : bytes handed to writeCallback by this call, 0 if none or if the record was
  *            dropped or could not be written.
  *  Statuses: 16 no writeCallback; 8, 10, 13, 24, 25 a block failed to compress (it stays
- *  and is tried again with the next record); 15 a record the writer can't take. */
+ *  and is tried again with the next record); 15 a record the writer can't take (a record
+ *  35 in methods 0, 1, 2, 4, or whose header rec35Mode refuses); record 35: 17 no native
+ *  record or area, or no memory, 19 Avro failure, 20 count above capacity, 21 schema
+ *  newer than the library's or rejected. The DAT form of record 35 is in rec35_state.h. */
 NVBDLL_API uint32_t nvbdll_processDATRecord(nvb_encode_t* state, uint8_t* datRecord, uint8_t* status);
 
 /*! nvbdll_finalizeDATProcessing() :

@@ -133,6 +133,45 @@ bool makeValue(const AvroClass& valueClass, AvroValue& value) {
     return avro_generic_value_new(valueClass.get(), value.out()) == 0;
 }
 
+bool failWith(const char* text, std::uint8_t& status) {
+    logMessage("%s", text);
+    return fail(status);
+}
+
+// The class and value of the library's schema, and of its view where there is one.
+bool makeReaderValues(rec35_reader_cache_t& built, std::uint8_t& status) {
+    built.reader_class = AvroClass(avro_generic_class_from_schema(built.reader_schema.get()));
+    if (built.view_schema) built.view_class = AvroClass(avro_generic_class_from_schema(built.view_schema.get()));
+    if (!built.reader_class || (built.view_schema && !built.view_class)) {
+        return failWith("Could not create reader class\n", status);
+    }
+    if (!makeValue(built.reader_class, built.value) ||
+        (built.view_class && !makeValue(built.view_class, built.view_value))) {
+        return failWith("Error creating instance of record\n", status);
+    }
+    return true;
+}
+
+// The memory reader and the first record; then what was built becomes the cache. On a
+// failure the built objects go, in reverse order, and the cache stays as it was.
+void finishOpening(rec35_reader_cache_t& cache, rec35_reader_cache_t& built, std::span<const std::uint8_t> payload,
+                   bool resolved, std::uint8_t& status) {
+    built.reader = AvroReader(avro_reader_memory(reinterpret_cast<const char*>(payload.data()),
+                                                 static_cast<std::int64_t>(payload.size())));
+    if (!built.reader) {
+        failWith("Error creating avro reader\n", status);
+        return;
+    }
+    built.target = resolved ? built.resolved_value.get() : built.value.get();
+    const char* failureText =
+        resolved ? "Error reading resolved record. Error = %s\n" : "Error reading matched record. Error = %s\n";
+    if (!readRecord(built, payload, failureText, status)) return;
+    built.resolved = resolved ? 1 : 0;
+    cache.tearDown();
+    cache = std::move(built);
+    cache.target = resolved ? cache.resolved_value.get() : cache.value.get();
+}
+
 }  // namespace
 
 void getAvroSchemaVersion(std::span<const std::uint8_t> text, std::int64_t& version, std::uint8_t& status) {
@@ -187,34 +226,10 @@ void openMatchedReader(rec35_reader_cache_t& cache, std::span<const char> librar
     rec35_reader_cache_t built;
     built.reader_schema = parseSchema(withoutTerminator(libraryText));
     if (!built.reader_schema) {
-        logMessage("Unable to parse schema\n");
-        fail(status);
+        failWith("Unable to parse schema\n", status);
         return;
     }
-    built.reader_class = AvroClass(avro_generic_class_from_schema(built.reader_schema.get()));
-    if (!built.reader_class) {
-        logMessage("Could not create reader class\n");
-        fail(status);
-        return;
-    }
-    if (!makeValue(built.reader_class, built.value)) {
-        logMessage("Error creating instance of record\n");
-        fail(status);
-        return;
-    }
-    built.reader = AvroReader(avro_reader_memory(reinterpret_cast<const char*>(payload.data()),
-                                                 static_cast<std::int64_t>(payload.size())));
-    if (!built.reader) {
-        logMessage("Error creating avro reader\n");
-        fail(status);
-        return;
-    }
-    built.target = built.value.get();
-    if (!readRecord(built, payload, "Error reading matched record. Error = %s\n", status)) return;
-    built.resolved = 0;
-    cache.tearDown();
-    cache = std::move(built);
-    cache.target = cache.value.get();
+    if (makeReaderValues(built, status)) finishOpening(cache, built, payload, false, status);
 }
 
 void openResolvedReader(rec35_reader_cache_t& cache, std::span<const char> libraryText,
@@ -223,14 +238,12 @@ void openResolvedReader(rec35_reader_cache_t& cache, std::span<const char> libra
     rec35_reader_cache_t built;
     built.reader_schema = parseSchema(withoutTerminator(libraryText));
     if (!built.reader_schema) {
-        logMessage("Unable to parse reader schema\n");
-        fail(status);
+        failWith("Unable to parse reader schema\n", status);
         return;
     }
     built.writer_schema = parseSchema(streamText);
     if (!built.writer_schema) {
-        logMessage("Unable to parse writer schema\n");
-        fail(status);
+        failWith("Unable to parse writer schema\n", status);
         return;
     }
     built.resolver = AvroClass(avro_resolved_writer_new(built.writer_schema.get(), built.reader_schema.get()));
@@ -240,42 +253,18 @@ void openResolvedReader(rec35_reader_cache_t& cache, std::span<const char> libra
             built.resolver = AvroClass(avro_resolved_writer_new(built.writer_schema.get(), built.view_schema.get()));
         }
         if (!built.resolver) {
-            logMessage("Could not create resolver\n");
-            fail(status);
+            failWith("Could not create resolver\n", status);
             return;
         }
     }
     if (avro_resolved_writer_new_value(built.resolver.get(), built.resolved_value.out()) != 0) {
-        logMessage("Could not create resolved record.\n");
-        fail(status);
+        failWith("Could not create resolved record.\n", status);
         return;
     }
-    built.reader_class = AvroClass(avro_generic_class_from_schema(built.reader_schema.get()));
-    if (built.view_schema) built.view_class = AvroClass(avro_generic_class_from_schema(built.view_schema.get()));
-    if (!built.reader_class || (built.view_schema && !built.view_class)) {
-        logMessage("Could not create reader class\n");
-        fail(status);
-        return;
-    }
-    if (!makeValue(built.reader_class, built.value) || (built.view_class && !makeValue(built.view_class, built.view_value))) {
-        logMessage("Error creating instance of record\n");
-        fail(status);
-        return;
-    }
-    avro_resolved_writer_set_dest(built.resolved_value.get(), built.view_value ? built.view_value.get() : built.value.get());
-    built.reader = AvroReader(avro_reader_memory(reinterpret_cast<const char*>(payload.data()),
-                                                 static_cast<std::int64_t>(payload.size())));
-    if (!built.reader) {
-        logMessage("Error creating avro reader\n");
-        fail(status);
-        return;
-    }
-    built.target = built.resolved_value.get();
-    if (!readRecord(built, payload, "Error reading resolved record. Error = %s\n", status)) return;
-    built.resolved = 1;
-    cache.tearDown();
-    cache = std::move(built);
-    cache.target = cache.resolved_value.get();
+    if (!makeReaderValues(built, status)) return;
+    avro_resolved_writer_set_dest(built.resolved_value.get(),
+                                  built.view_value ? built.view_value.get() : built.value.get());
+    finishOpening(cache, built, payload, true, status);
 }
 
 void readWithCache(rec35_reader_cache_t& cache, std::span<const std::uint8_t> payload, std::uint8_t& status) {
