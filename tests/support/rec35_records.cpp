@@ -46,11 +46,16 @@ Bytes rec35Frame(std::uint8_t code, std::uint64_t subtype, std::uint64_t subsubt
 Bytes rec35Dat(std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& payload) {
     const std::size_t length = 24 + payload.size();
     const std::size_t told = length < 0xFFFF ? length : 0xFFFF;
-    Bytes dat = {0x74, static_cast<std::uint8_t>(told), static_cast<std::uint8_t>(told >> 8), 35};
-    putLittleEndian(dat, subtype);
-    putLittleEndian(dat, subsubtype);
-    putLittleEndian(dat, static_cast<std::uint32_t>(payload.size()));
-    dat.insert(dat.end(), payload.begin(), payload.end());
+    Bytes dat(length);
+    dat[0] = 0x74;
+    dat[1] = static_cast<std::uint8_t>(told);
+    dat[2] = static_cast<std::uint8_t>(told >> 8);
+    dat[3] = 35;
+    const auto payloadLength = static_cast<std::uint32_t>(payload.size());
+    std::memcpy(dat.data() + 4, &subtype, 8);
+    std::memcpy(dat.data() + 12, &subsubtype, 8);
+    std::memcpy(dat.data() + 20, &payloadLength, 4);
+    std::copy(payload.begin(), payload.end(), dat.begin() + 24);
     return dat;
 }
 
