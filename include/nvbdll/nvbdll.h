@@ -63,14 +63,19 @@ NVBDLL_API void nvbdll_freeExpandState(nvb_expand_t* state);
 NVBDLL_API bool nvbdll_initNVBExpandState(nvb_expand_t* state);
 
 /*! nvbdll_resetNVBExpandState() :
- *  Clears the delta histories of the compact codecs, for use after a jump in the input.
- *  Buffers, stream mode and flags stay. */
+ *  Clears the delta histories of the compact codecs, for use after a jump in the input;
+ *  a record 35 in progress is dropped and every record 35 subtype waits for a reference
+ *  record, its schema still known. Buffers, stream mode and flags stay. */
 NVBDLL_API void nvbdll_resetNVBExpandState(nvb_expand_t* state);
 
 /*! nvbdll_getNVBRecord() :
  *  Reads the next record of `file`, Huffman decoding on.
  *  @return : the record type (>0) when a record stands in the frame buffer (status 0 or 18),
- *            0 when none, -1 on a failure that *status tells (1 at the end of the file). */
+ *            0 when none, -1 on a failure that *status tells (1 at the end of the file).
+ *            A record 35, joined from its fragments in block streams only, is announced as
+ *            57 (subtype 2) or 38 (subtypes 9, 19) where convertRec35Sub2/9/19 are set.
+ *            Record 35 statuses: 7 no payload, 17 no content object, 18 fragments out of
+ *            order or cut by another record (which comes with it). */
 NVBDLL_API int32_t nvbdll_getNVBRecord(nvb_expand_t* state, FILE* file, uint8_t* status);
 
 /*! nvbdll_getNVARecord() :
@@ -93,8 +98,13 @@ NVBDLL_API int32_t nvbdll_getNVARecordByByte(nvb_expand_t* state, uint8_t byte, 
 /*! nvbdll_processNVBRecord() :
  *  Expands and decodes the record that the last getter left in the frame buffer.
  *  `unused` is not read. *recordType receives the plain type, 65535 for none.
- *  @return : length of the DAT form, 0 when nothing is delivered.
- *  Statuses: 2 checksum, 5 end byte, 7 expansion failed. */
+ *  A record 35 reports 35, or 0 for a schema record while rec35Assembly.schema_swallow
+ *  is set (every record of subsubtype 0 is then kept from the host).
+ *  @return : length of the DAT form, 0 when nothing is delivered; a record 35's may pass
+ *            65535 (see rec35_state.h).
+ *  Statuses: 2 checksum (a record 35 outside the bare block levels), 5 end byte, 7
+ *  expansion failed; record 35: 17 no memory, 19 Avro or schema failure, 20 count above
+ *  capacity, 23 delta record while a reference is needed. */
 NVBDLL_API uint32_t nvbdll_processNVBRecord(nvb_expand_t* state, uint32_t unused,
                                             uint16_t* recordType, uint8_t* status);
 

@@ -16,6 +16,7 @@
 #include "records/rec33_records.h"
 #include "records/receiver_records.h"
 #include "rec35/rec35_assembly.h"
+#include "rec35/rec35_writer.h"
 #include "stream/block_writer.h"
 #include "stream/huffman.h"
 
@@ -231,10 +232,6 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             handOverListRecord(state);
             return true;
-        case 35:
-            // Its writer comes with the record 35 family; until then it can't be written.
-            status = kNotWritable;
-            return false;
         default:
             return false;
     }
@@ -278,7 +275,10 @@ void initEncodeState(nvb_encode_t& state) {
     state.writeCallback = writeToFile;
 }
 
-void resetEncodeState(nvb_encode_t& state) { resetCompactHistories(state); }
+void resetEncodeState(nvb_encode_t& state) {
+    resetCompactHistories(state);
+    resetRec35Chains(state.rec35Assembly);
+}
 
 void releaseEncodeInternals(nvb_encode_t& state) {
     rcleanFree(state.rclean);
@@ -287,9 +287,13 @@ void releaseEncodeInternals(nvb_encode_t& state) {
 
 std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
     status = 0;
+    if (dat == nullptr) return 0;
+    // Record 35 is parsed by its own writer, whose DAT form may pass 16 bits of length.
+    const bool rec35 = dat[3] == 35;
     // A DAT record can't be shorter than its own header.
-    if (dat == nullptr || parseDATRecord(state, dat, state.dropMask) < 4) return 0;
-    const std::uint8_t type = state.records.datHeader[3];
+    if (!rec35 && parseDATRecord(state, dat, state.dropMask) < 4) return 0;
+    if (rec35 && state.records.datHeader != nullptr) std::memcpy(state.records.datHeader, dat, 4);
+    const std::uint8_t type = dat[3];
     if (type == 29 && state.records.rec29 != nullptr && (state.records.rec29->posFlags & 0x04) == 0) {
         state.rec29BitSeen = 1;
     }
@@ -300,6 +304,7 @@ std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std
     }
     if (state.compressionMethod >= 3 && state.compressionMethod <= 7) state.outputLength = 0;
     if (type < 5 || type > 99) return 0;
+    if (rec35) return writeRec35Record(state, dat, status);
     if (!writeRecord(state, type, status)) return 0;
     ++state.recordCount;
     if (state.compressionMethod == 0) return writeHuffmanRecord(state);

@@ -16,6 +16,7 @@
 #include "records/position_records.h"
 #include "records/rec33_records.h"
 #include "records/receiver_records.h"
+#include "rec35/rec35_reader.h"
 #include "stream/framing.h"
 
 #include <algorithm>
@@ -312,6 +313,8 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
         recordType = kNoRecord;
         return 0;
     }
+    // Record 35 tells its own type: 0 for a swallowed schema record, 65535 on a failure.
+    if (type == 35) return readRec35Buffer(state.rec35Assembly, state, recordType, status);
     recordType = route.reportedType;
     if (route.read == nullptr) return 0;
     return thin(state, route.thinning, route.read(state));

@@ -1,6 +1,7 @@
 #include "pipeline/serialisation.h"
 
 #include "records/auxiliary_records.h"
+#include "rec35/rec35_reader.h"
 #include "records/field_codec.h"
 #include "records/rec33_records.h"
 #include "records/receiver_records.h"
@@ -202,6 +203,7 @@ std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capa
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out) {
     const std::uint8_t* header = state.records.datHeader;
     if (out == nullptr || header == nullptr || recordType != header[3]) return false;
+    if (recordType == 35) return writeRec35Dat(state, out);
     const std::uint16_t length = retrieveLengthOf(header);
     std::memcpy(out, header, 4);
     const std::size_t body = length >= 4 ? length - 4u : 0u;

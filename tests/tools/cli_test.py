@@ -21,11 +21,14 @@ def run(*args, stdin=None, timeout=120):
     return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=timeout)
 
 
-# DAT records stand back to back, each as long as its header says.
+# DAT records stand back to back, each as long as its header says; a record 35 of 65535
+# bytes or more tells its length behind its subtypes.
 def dat_length(header):
     if header[3] <= 2:
         return header[2]
-    if header[3] in (12, 17, 27, 29, 34, 98, 99, 101, 102):
+    if header[3] == 35 and header[1:3] == b"\xff\xff":
+        return 24 + int.from_bytes(header[20:24], "little")
+    if header[3] in (12, 17, 27, 29, 34, 35, 98, 99, 101, 102):
         return header[1] | (header[2] << 8)
     return header[1]
 
@@ -33,7 +36,7 @@ def dat_length(header):
 def dat_records(data):
     records, position = [], 0
     while position < len(data):
-        length = dat_length(data[position:position + 4])
+        length = dat_length(data[position:position + 24])
         assert data[position] == 0x74 and length >= 4, f"no DAT record at byte {position}"
         records.append(bytes(data[position:position + length]))
         position += length
@@ -414,6 +417,96 @@ class ThinCarriesSlips(Workspace):
             signal = next(s for s in epoch["satellites"] if s["sv"] == name)["signals"][0]
             self.assertEqual(bool(signal["measFlags1"] & 0x08), int(epoch["time"]) == carried, epoch["time"])
         self.assertEqual(self.info(thinned)["blockLevel"], 7)
+
+
+def varint(value):
+    out = bytearray()
+    while value >= 0x80:
+        out.append(value & 0x7F | 0x80)
+        value >>= 7
+    return bytes(out + bytes([value]))
+
+
+def avro_long(value):
+    return varint((value << 1) ^ (value >> 63) if value >= 0 else ((-value) << 1) - 1)
+
+
+def rec35_dat(subtype, subsubtype, payload):
+    length = 24 + len(payload)
+    return (bytes([0x74]) + min(length, 0xFFFF).to_bytes(2, "little") + bytes([35]) +
+            struct.pack("<QQI", subtype, subsubtype, len(payload)) + payload)
+
+
+FFT_SCHEMA = (b'{"type": "record", "name": "rec35_sub24", "namespace": "com.halvane.nve.avro", "version": 2, '
+              b'"description": "FFT Data", "fields": [{"name": "gps_msecs", "type": "long"}, '
+              b'{"name": "center_freq", "type": "double"}, {"name": "bin_size", "type": "float"}, '
+              b'{"name": "peak_freq", "type": "double"}, {"name": "peak_snr", "type": "float"}, '
+              b'{"name": "mean_val", "type": "long"}, {"name": "FreqData", "type": {"type": "array", "items": "long"}}, '
+              b'{"name": "antenna_num", "type": "long"}]}\0')
+
+
+def fft_payload(msecs, bins):
+    body = avro_long(msecs) + struct.pack("<dfdf", 1575.42e6, 2441.40625, 1575.43e6, 31.5) + avro_long(-60)
+    if bins:
+        body += avro_long(len(bins)) + b"".join(avro_long(b) for b in bins)
+    return body + avro_long(0) + avro_long(1)
+
+
+class Record35(Workspace):
+    """A newer receiver's log: epochs and positions, and records 35 among them."""
+
+    def setUp(self):
+        super().setUp()
+        plain = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 60)))
+        extra = [rec35_dat(24, 0, FFT_SCHEMA), rec35_dat(24, 1, fft_payload(345600000, [5, -7, 900]))]
+        # Residuals of the linear time: the step once, then nothing while it holds.
+        extra += [rec35_dat(24, 2, fft_payload(residual, [])) for residual in (1000, 0, 0, 0)]
+        extra += [rec35_dat(0, 0, bytes(range(256)) * 40), rec35_dat(13, 3, b"an unknown subtype"),
+                  rec35_dat(12345678, 0, bytes(200)), rec35_dat(0, 0, bytes(70000))]
+        records = []
+        for k, record in enumerate(plain):
+            records.append(record)
+            if k % 12 == 0 and extra:
+                records.append(extra.pop(0))
+        self.assertEqual(extra, [])
+        self.log = self.path("r35.nvb")
+        self.nvb("-q", "fromdat", self.write_dat("r35.dat", records), "-o", self.log, "--method", 7)
+        self.expected = {"0": {"count": 2}, "12345678": {"count": 1}, "13": {"count": 1},
+                         "24": {"count": 6, "delta": 4, "reference": 1, "schema": 1}}
+
+    def record35(self, log):
+        return [json.loads(line) for line in self.nvb("dump", "--json", "-t", 35, log).stdout.splitlines()]
+
+    def test_info_counts_records_35_by_subtype_and_kind(self):
+        info = self.info(self.log)
+        self.assertEqual(info["record35"], self.expected)
+        self.assertEqual(info["records"]["35"], 10)
+        self.assertIn("subtype 24: 6 (1 schema, 1 reference, 4 delta)", self.nvb("info", self.log).stdout.decode())
+
+    def test_dump_shows_the_schema_and_the_decoded_spectra(self):
+        records = self.record35(self.log)
+        self.assertEqual(len(records), 10)
+        schema = next(r for r in records if r["subtype"] == 24 and r["kind"] == "schema")
+        self.assertEqual(schema["schema"], {"name": "rec35_sub24", "version": 2, "description": "FFT Data"})
+        spectra = [r["values"] for r in records if r["subtype"] == 24 and r["kind"] != "schema"]
+        self.assertEqual(spectra[0]["FreqData"], [5, -7, 900])
+        self.assertEqual([s["gps_msecs"] for s in spectra], [345600000 + 1000 * k for k in range(5)])
+        self.assertEqual(next(r for r in records if r["subtype"] == 13)["hex"], b"an unknown subtype".hex())
+
+    def test_recompress_and_thin_keep_every_record_35(self):
+        reference = [r for r in dat_records(self.dat_of(self.log)) if r[3] == 35]
+        for method in (3, 5, 6, 7):
+            out = self.path(f"m{method}.nvb")
+            self.nvb("-q", "recompress", self.log, "-o", out, "-m", method)
+            self.assertEqual([r for r in dat_records(self.dat_of(out)) if r[3] == 35], reference, f"method {method}")
+        thinned = self.path("thin.nvb")
+        self.nvb("-q", "thin", self.log, "-o", thinned, "--interval", 10)
+        self.assertEqual(self.info(thinned)["record35"], self.expected)
+        self.assertEqual([r for r in dat_records(self.dat_of(thinned)) if r[3] == 35], reference)
+
+    def test_a_method_that_cannot_carry_record_35_says_so(self):
+        result = self.nvb("recompress", self.log, "-o", self.path("m0.nvb"), "-m", 0, code=1)
+        self.assertIn(b"10 records of type 35 were left out", result.stderr)
 
 
 class DamagedInput(Workspace):

@@ -1,11 +1,13 @@
 #include "nvb/record_json.h"
 
+#include "nvb/dat_form.h"
 #include "nvb/gnss_names.h"
 
 #include "records/auxiliary_records.h"
 #include "records/navigation_records.h"
 #include "records/rec33_records.h"
 #include "records/receiver_records.h"
+#include "rec35/rec35_codecs.h"
 
 #include <fmt/format.h>
 
@@ -270,6 +272,59 @@ void addNavigationSatellite(json& out, std::uint16_t type) {
     out["sv"] = satelliteName(static_cast<std::uint8_t>(system), out["svId"].get<std::uint8_t>());
 }
 
+}  // namespace
+
+std::string rec35Kind(std::uint64_t subtype, std::uint64_t subsubtype) {
+    if (!nvb::rec35SlotOf(subtype)) return "record";
+    switch (subsubtype) {
+        case 0: return "schema";
+        case 1: return "reference";
+        case 2: return "delta";
+        default: return "other";
+    }
+}
+
+namespace {
+
+json fftJson(const rec35_sub24_t& fft) {
+    const auto* bins = static_cast<const std::int32_t*>(fft.FreqData.elements);
+    return {{"gps_msecs", value(fft.gps_msecs)},
+            {"center_freq", value(fft.center_freq)},
+            {"bin_size", value(fft.bin_size)},
+            {"peak_freq", value(fft.peak_freq)},
+            {"peak_snr", value(fft.peak_snr)},
+            {"mean_val", value(fft.mean_val)},
+            {"FreqData", std::vector<std::int32_t>(bins, bins + std::max<std::int64_t>(fft.FreqData.count, 0))},
+            {"antenna_num", value(fft.antenna_num)}};
+}
+
+// The envelope of a record 35, what a schema record names, and the decoded values where
+// the library has the subtype's family; the payload in hex otherwise.
+void addRec35(json& out, DeliveredRecord& record) {
+    const auto rec = rec35DatOf(record.dat());
+    if (!rec) return;
+    out["subtype"] = rec->subtype;
+    out["subsubtype"] = rec->subsubtype;
+    out["kind"] = rec35Kind(rec->subtype, rec->subsubtype);
+    out["payloadBytes"] = rec->payload.size();
+    if (out["kind"] == "schema") {
+        const auto zero = std::find(rec->payload.begin(), rec->payload.end(), 0);
+        const json schema = json::parse(rec->payload.begin(), zero, nullptr, false);
+        if (schema.is_object()) {
+            out["schema"] = {{"name", schema.value("name", "")},
+                             {"version", schema.value("version", 0)},
+                             {"description", schema.value("description", "")}};
+            return;
+        }
+    }
+    const void* native = record.state->records.rec35->records[*nvb::rec35SlotOf(24)];
+    if (rec->subtype == 24 && rec->subsubtype != 0 && native != nullptr) {
+        out["values"] = fftJson(*static_cast<const rec35_sub24_t*>(native));
+        return;
+    }
+    out["hex"] = hexOf(rec->payload);
+}
+
 // Types whose DAT header holds a subtype in byte 2 rather than a length byte.
 bool headerHoldsSubtype(std::uint16_t type) {
     return !(type <= 2 || type == 12 || type == 17 || type == 27 || type == 29 || type == 101 || type == 102);
@@ -332,6 +387,9 @@ json recordJson(DeliveredRecord& record) {
             break;
         case 11:
             addRec11(out, *records.rec11);
+            break;
+        case 35:
+            addRec35(out, record);
             break;
         default: {
             if (addDescribed(out, record)) {

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <string>
 
 namespace nvbtool {
@@ -14,6 +15,10 @@ namespace nvbtool {
 // by field, every other type as its DAT body in hex. Reads the structure before the DAT
 // form is taken.
 nlohmann::ordered_json recordJson(DeliveredRecord& record);
+
+// What a record 35 is: "schema", "reference", "delta" (or "other") for an Avro-coded
+// subtype by its subsubtype, "record" for the areas and any other subtype.
+std::string rec35Kind(std::uint64_t subtype, std::uint64_t subsubtype);
 
 // One line of text for the same fields: key=value pairs, lists in brackets.
 std::string recordText(const nlohmann::ordered_json& fields);
