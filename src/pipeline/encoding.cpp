@@ -7,6 +7,8 @@
 #include "external/su/codec_histories.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/epoch_compressor.h"
+#include "external/su/list_codec.h"
+#include "external/su/subframe_cache.h"
 #include "records/auxiliary_records.h"
 #include "records/dat_parser.h"
 #include "records/field_codec.h"
@@ -54,12 +56,6 @@ bool writeRec16Frame(nvb_encode_t& state) {
     return closeFrame(out, false) != 0;
 }
 
-// Record 40 always goes out as its compact carrier, type 41. Until that coder is in place
-// the plain form goes as it stands, which every reader takes.
-void handOverListRecord(nvb_encode_t& state) {
-    std::memcpy(&state.frame, &state.plainFrame, sizeof state.frame);
-}
-
 // A record 33 listing the systems in use starts the compact families over: the block
 // closes, and the next epoch and position go out as references.
 void restartAfterSystemList(nvb_encode_t& state) {
@@ -104,7 +100,8 @@ Outcome writeNavigationOrReceiver(nvb_encode_t& state, std::uint8_t type) {
         case 30: length = writeRec30(*records.rec30, header, frame); break;
         case 25:
             if (state.legacyMode != 0 && subtype != 0) return Outcome::Dropped;
-            length = writeRec25(*records.rec25, subtype, frame);
+            length = writeRec25(*records.rec25, subtype, state.plainFrame);
+            if (length != 0) length = compressRec25Frame(state, state.plainFrame, frame);
             break;
         case 26:
             switch (filterRec26(subtype, state.dropMask, state.legacyMode != 0)) {
@@ -230,7 +227,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 status = kNotWritable;
                 return false;
             }
-            handOverListRecord(state);
+            compressRec40Frame(state, state.plainFrame, state.frame);
             return true;
         default:
             return false;

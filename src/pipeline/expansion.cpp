@@ -4,11 +4,13 @@
 #include "common/rclean.h"
 #include "external/su/delta_epoch.h"
 #include "external/su/epoch_image.h"
+#include "external/su/list_codec.h"
 #include "external/su/obs_codec.h"
 #include "external/su/position_codec.h"
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 #include "external/su/solution_codec.h"
+#include "external/su/subframe_cache.h"
 #include "records/auxiliary_records.h"
 #include "records/measurement_records.h"
 #include "records/navigation_records.h"
@@ -134,6 +136,7 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[38] = {27, expandAlone<processType38>, read27, Thinning::Epoch27};
     routes[39] = {27, expandAlone<processType39>, read27, Thinning::Epoch27};
     routes[40] = {40, nullptr, readPlain<readRec40>, Thinning::None};
+    routes[41] = {40, expandAlone<processType41>, readPlain<readRec40>, Thinning::None};
     routes[54] = {11, expandFramed<processType54>, read11, Thinning::Position11};
     routes[55] = {11, expandFramed<processType55>, read11, Thinning::Position11};
     routes[56] = {29, expandAlone<processType56>, read29, Thinning::Position29};
@@ -146,6 +149,9 @@ constexpr std::array<RecordRoute, 256> makeRoutes() {
     routes[75] = routes[67];
     routes[76] = routes[68];
     routes[77] = routes[69];
+    routes[84] = {25, expandAlone<processType84>, readPlain<readRec25>, Thinning::None};
+    routes[85] = routes[84];
+    routes[86] = routes[84];
     routes[90] = {90, nullptr, nullptr, Thinning::None};
     routes[98] = {98, nullptr, readPlain<readRec98>, Thinning::None};
     routes[99] = {99, nullptr, readPlain<readRec99>, Thinning::None};
