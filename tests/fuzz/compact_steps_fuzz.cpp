@@ -1,13 +1,16 @@
 // Property: any bytes standing in the frame buffer, expanded by any single step or by the
 // dispatch as any compact type, or read by the dispatch as a plain type whose reader counts
 // or inflates what the body says, never read or write outside a buffer, nor does taking
-// their DAT form; a refused record leaves the state able to read the next one.
+// their DAT form; a refused record leaves the state able to read the next one, and a
+// subframe or list record that a single step refuses leaves its history byte-identical.
 #include <nvbdll/nvbdll.h>
 
 #include "pipeline/serialisation.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -23,6 +26,26 @@ void standFrame(nvb_expand_t* state, const std::uint8_t* data, std::size_t size,
 
 constexpr std::uint8_t kCompactTypes[] = {36, 37, 38, 39, 54, 55, 56, 57, 66, 67, 68, 69, 74, 75, 76, 77};
 constexpr std::uint8_t kPlainTypes[] = {31, 32, 33, 34, 40, 98, 99};
+constexpr std::uint8_t kTableTypes[] = {41, 84, 85, 86};
+
+// Runs the step of a subframe or list record and ends the process when a refusal has
+// touched the history.
+void stepWithTable(nvb_expand_t* state, std::uint8_t type) {
+    static const auto cache = std::make_unique<subframe_cache_t>();
+    static list_state_t list;
+    std::memcpy(cache.get(), &state->subframeCache, sizeof *cache);
+    list = state->listState;
+    std::uint8_t status = 0;
+    if (type == 41) {
+        nvbdll_processType41(state, &status);
+    } else {
+        nvbdll_processType84(state, &status);
+    }
+    if (status != 0 && (std::memcmp(cache.get(), &state->subframeCache, sizeof *cache) != 0 ||
+                        std::memcmp(&list, &state->listState, sizeof list) != 0)) {
+        std::abort();
+    }
+}
 
 }  // namespace
 
@@ -34,11 +57,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2) return 0;
     // The first byte picks the type and the way in, the rest is the record; the state
     // carries its history from one input to the next, as a reader's does. Bits 4 and 5
-    // send the dispatch a plain type.
+    // send the dispatch a plain type, both together a subframe or list type; bit 6 sends a
+    // single step one of those.
     const bool throughDispatch = (data[0] & 0x80) != 0;
-    const bool plain = throughDispatch && (data[0] & 0x30) != 0;
-    const std::uint8_t type = plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
-                                    : kCompactTypes[data[0] % sizeof kCompactTypes];
+    const bool table = throughDispatch ? (data[0] & 0x30) == 0x30 : (data[0] & 0x40) != 0;
+    const bool plain = throughDispatch && !table && (data[0] & 0x30) != 0;
+    const std::uint8_t type = table   ? kTableTypes[(throughDispatch ? data[0] : data[0] >> 1) & 3]
+                              : plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
+                                      : kCompactTypes[data[0] % sizeof kCompactTypes];
     standFrame(state, data + 1, size - 1, type);
     std::uint8_t status = 0;
     if (throughDispatch) {
@@ -51,6 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             nvb::wholeDatForm(*state, static_cast<std::int16_t>(recordType), static_cast<std::uint16_t>(length),
                               dat.data(), dat.size());
         }
+        return 0;
+    }
+    if (table) {
+        stepWithTable(state, type);
         return 0;
     }
     const std::uint8_t framed = data[0] & 1;
