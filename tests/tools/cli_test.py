@@ -1003,6 +1003,55 @@ def navigation_and_receiver_dats():
     ]
 
 
+def repeating_subframes(seconds):
+    """Navigation data blocks of three satellites, a block each a second, cycling through
+    eight messages of which two change every two minutes; the last one's blocks are 32 bytes
+    long with preamble and check. Crosses a week change."""
+    sats = ((120, 3, 0), (124, 17, 0), (126, 40, 0x40))
+    records, time, week = [], 604800 - seconds // 2, 2345
+    for second in range(seconds):
+        for tag, slot, flag in sats:
+            index = (second + tag) % 8
+            issue = second // 120 if index < 2 else 0
+            data = bytearray((tag * 7 + index * 31 + issue * 13 + i * 5) & 0xFF for i in range(28))
+            data[0] = slot << 2 | index & 3
+            data[27] &= 0xC0  # the writer sends the top two bits of the last byte alone
+            if flag:
+                body = struct.pack("<IHBB", time, week, tag, flag) + bytes(data) + bytes([0x53, index, issue, 9])
+                records.append(dat(25, body, byte2=2))
+            else:
+                records.append(dat(25, struct.pack("<IHB", time, week, tag) + bytes(data)))
+        time += 1
+        if time == 604800:
+            time, week = 0, week + 1
+    return records
+
+
+def drifting_lists(count):
+    """Sensor lists a second apart whose values drift; an identifier comes in the middle of
+    the list, one goes for a while and comes back, and some lists have another subtype."""
+    raw = {1: 2345, 2: 1800, 3: 100, 6: 0xFFF0, 7: 65000, 9: 250}
+    records = []
+    for i in range(count):
+        for ident in raw:
+            if (i * ident) % 7 < 3:
+                raw[ident] = (raw[ident] + (i * 13 + ident) % 9 - 4) & 0xFFFF
+        if i == count // 4:
+            raw[4] = 512
+        idents = [k for k in sorted(raw) if not (count // 2 <= i < count // 2 + 30 and k == 3)]
+        entries = b""
+        for ident in idents:
+            value = raw[ident]
+            if ident == 6:
+                value = value - 0x10000 if value >= 0x8000 else value
+            elif ident not in (7, 8):
+                value = (value - 0x10000 if value >= 0x8000 else value) / 100
+            entries += pack("Bd", ident, value)
+        body = pack("HIB", 2345, 345600000 + 1000 * i, len(idents)) + entries
+        records.append(dat(40, body, byte2=2 if i % 100 == 99 else 1))
+    return records
+
+
 class NavigationAndReceiverRecords(Workspace):
     def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
         log = self.simulate_through_dat("sim.nvb", "--duration", 30)
@@ -1049,6 +1098,25 @@ class NavigationAndReceiverRecords(Workspace):
         self.assertEqual(by_type[24][0]["counters"], [302400, 302407])
         self.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
         self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
+
+    def test_repeating_navigation_blocks_and_lists_read_back_the_same_in_every_method(self):
+        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        epochs = dat_records(self.dat_of(log))
+        subframes, lists = repeating_subframes(700), drifting_lists(700)
+        carried = [record for pair in zip(subframes[::3], subframes[1::3], subframes[2::3], lists) for record in pair]
+        mixed = epochs[:10] + navigation_and_receiver_dats()[:5] + carried + epochs[10:]
+        source = self.write_dat("repeating.dat", mixed)
+        for method in range(8):
+            written = self.path(f"r{method}.nvb")
+            self.nvb("-q", "fromdat", source, "-o", written, "--method", method)
+            self.assertEqual(dat_records(self.dat_of(written)), mixed, f"method {method}")
+        carriers = self.info(self.path("r0.nvb"))["carriedAs"]
+        # One restart at the start and one at the week change; most blocks are references.
+        self.assertEqual(carriers["85"], 2)
+        self.assertGreater(carriers["84"], 1000)
+        self.assertGreater(carriers["86"], 500)
+        self.assertGreater(carriers["41"], 600)
+        self.assertEqual(carriers["41"] + carriers.get("40", 0), 700)
 
     def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
         refused = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
