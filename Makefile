@@ -4,6 +4,7 @@
 BUILD      ?= build
 BUILD_SAN  ?= build-sanitize
 BUILD_REL  ?= build-release
+BUILD_TSAN ?= build-tsan
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
@@ -16,7 +17,7 @@ PACKAGES := g++ cmake make pkg-config python3 binutils \
 
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
 
-.PHONY: all deps build build-sanitize build-release test demo bench install clean
+.PHONY: all deps build build-sanitize build-release test test-threads demo bench install clean
 
 all: build
 
@@ -59,6 +60,13 @@ test: build build-sanitize build-release
 	  ctest --test-dir $(BUILD_SAN) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(BUILD_REL) --output-on-failure -j $(JOBS)
 
+# Writers and readers in parallel threads, under ThreadSanitizer.
+test-threads: deps
+	cmake -S . -B $(BUILD_TSAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_TSAN=ON -DNVBDLL_BUILD_BENCH=OFF \
+	  -DNVBDLL_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(BUILD_TSAN) -j $(JOBS) --target nvbdll_tests
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir $(BUILD_TSAN) --output-on-failure -R '^Threads\.'
+
 demo: build
 	./scripts/demo.sh $(BUILD)
 
@@ -69,4 +77,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_SAN) $(BUILD_REL)
+	rm -rf $(BUILD) $(BUILD_SAN) $(BUILD_REL) $(BUILD_TSAN)
