@@ -451,7 +451,7 @@ class DamagedInput(Workspace):
 
         log = self.simulate("zlib.nvb", "--duration", 240, "--method", 3)
         data = bytearray(self.read(log))
-        start, end = self.blocks_of(data)[0]
+        start, end = self.blocks_of(data)[1]
         for i in range(end - 4, end):
             data[i] ^= 0xA5  # the zlib stream's checksum
         damaged = self.write(self.path("damaged.nvb"), data)
@@ -459,6 +459,39 @@ class DamagedInput(Workspace):
         statuses = {entry["status"] for entry in json.loads(result.stdout)["statuses"]}
         self.assertIn(10, statuses)  # zlib failed
         self.assertIn(f"nvb: {damaged}: byte {end - 1}: zlib failed", result.stderr.decode())
+
+    def test_a_damaged_block_costs_itself_and_the_deltas_up_to_the_next_reference(self):
+        # References come every 600 s of record time, so 1300 s holds three.
+        whole_logs = {}
+        for method, where, hit in [(7, "first", "body"), (7, "middle", "body"), (7, "middle", "length"),
+                                   (7, "middle", "type"), (5, "middle", "body")]:
+            with self.subTest(method=method, where=where, hit=hit):
+                if method not in whole_logs:
+                    log = self.simulate(f"m{method}.nvb", "--duration", 1300, "--method", method)
+                    whole_logs[method] = (self.read(log), dat_records(self.dat_of(log)))
+                data, whole = whole_logs[method]
+                blocks = self.blocks_of(data)
+                start, end = blocks[0 if where == "first" else len(blocks) // 2]
+                damaged = bytearray(data)
+                damaged[{"body": (start + end) // 2, "length": start + 3, "type": start}[hit]] ^= 0x84
+                damaged = self.write(self.path("damaged.nvb"), damaged)
+                result = self.nvb("todat", damaged, "-o", self.path("damaged.dat"), code=1)
+                read = dat_records(self.read(self.path("damaged.dat")))
+
+                before = len(dat_records(self.dat_of(self.write(self.path("before.nvb"), data[:start]))))
+                up_to = len(dat_records(self.dat_of(self.write(self.path("up_to.nvb"), data[:end]))))
+                first_time = Epoch(whole[0]).time()
+                resumed = next(i for i in range(up_to, len(whole)) if whole[i][3] == 27
+                               and (Epoch(whole[i]).time() - first_time) % 600000 == 0)
+                self.assertEqual(read[:before], whole[:before])
+                self.assertEqual(read[before + 1:], whole[resumed + 1:])
+                # The first epoch behind the gap has no predecessor to rebuild its Doppler
+                # from, as the first epoch of a log has none.
+                self.assertEqual(Epoch(read[before]).time(), Epoch(whole[resumed]).time())
+                left_out = resumed - up_to
+                if left_out > 0:
+                    self.assertIn(f"{left_out} delta records behind the damage were left out",
+                                  result.stderr.decode())
 
     def test_what_is_no_log_at_all_is_unreadable(self):
         empty = self.write_dat("empty.nvb", [])

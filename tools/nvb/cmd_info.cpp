@@ -190,6 +190,7 @@ json infoJson(const std::string& name, const ReadSummary& summary, const nvb_exp
         }
     }
     out["statuses"] = statuses;
+    out["unverified"] = summary.recordsUnverified;
     if (summary.truncatedAt) {
         out["truncated"] = {
             {"offset", *summary.truncatedAt}, {"bytes", summary.truncatedBytes}, {"afterDamage", summary.lostFooting}};
@@ -273,6 +274,11 @@ void printInfo(const json& info) {
         if (count > entry["offsets"].size()) offsets += ", ...";
         fmt::print("{:<17}status {:>2} {}: {} time{}, at byte {}\n", first ? "damage" : "", entry["status"].get<int>(),
                    entry["text"].get<std::string>(), count, count == 1 ? "" : "s", offsets);
+        first = false;
+    }
+    if (info["unverified"].get<std::uint64_t>() > 0) {
+        fmt::print("{:<17}{} delta records behind it left out, unverifiable before their next reference\n",
+                   first ? "damage" : "", info["unverified"].get<std::uint64_t>());
         first = false;
     }
     if (info.contains("truncated")) {

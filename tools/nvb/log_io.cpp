@@ -150,6 +150,15 @@ constexpr std::size_t kReadChunk = 1 << 16;
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
 
+// Resuming after damage: a zstd block is type 8, a 24-bit length, then the zstd frame.
+constexpr std::uint8_t kZstdBlockType = 8;
+constexpr std::array<std::uint8_t, 4> kZstdMagic = {0x28, 0xB5, 0x2F, 0xFD};
+constexpr std::size_t kBlockHeader = 4;
+constexpr std::size_t kLongestBlock = 530134;
+constexpr std::size_t kLongestHeaderBlock = 64;
+// Scanned bytes that the window keeps before it drops them.
+constexpr std::size_t kScannedKept = 1 << 16;
+
 constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
 constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
 
@@ -184,6 +193,63 @@ Detected detectShape(std::span<const std::uint8_t> head) {
     return {StreamShape::HuffmanBytes, false};
 }
 
+std::size_t blockLengthAt(const std::uint8_t* block) {
+    return (static_cast<std::size_t>(block[1]) << 16) | (static_cast<std::size_t>(block[2]) << 8) | block[3];
+}
+
+// The header block a stream opens with, to be fed again to a fresh state.
+std::vector<std::uint8_t> headerBlockOf(std::span<const std::uint8_t> head) {
+    if (head.size() < kBlockHeader || head[0] != 0) return {};
+    const std::size_t length = kBlockHeader + blockLengthAt(head.data());
+    if (length > kLongestHeaderBlock || length > head.size()) return {};
+    return {head.begin(), head.begin() + static_cast<std::ptrdiff_t>(length)};
+}
+
+bool isZstdBlockStart(const std::uint8_t* bytes) {
+    const std::size_t length = blockLengthAt(bytes);
+    return bytes[0] == kZstdBlockType && length >= kZstdMagic.size() && length + kBlockHeader <= kLongestBlock &&
+           std::equal(kZstdMagic.begin(), kZstdMagic.end(), bytes + kBlockHeader);
+}
+
+// A block that the library keeps at the front of its input, meeting it again with every
+// byte: an unknown type, or a scrambled block while descrambling is off.
+bool blockStays(const nvb_expand_t& state) {
+    if (state.searching != 0 || state.inputFill < kBlockHeader + blockLengthAt(state.blockInput)) return false;
+    const std::uint8_t type = state.blockInput[0];
+    return type > kZstdBlockType || (type == 6 && (state.descramble & 1u) == 0);
+}
+
+bool isBareLevel(std::uint8_t level) {
+    return level == 3 || level == 5 || level == 6 || level == 7;
+}
+
+// The compact kinds whose deltas lean on a history (epochs, positions, solutions, the two
+// generations of records 17), by the type that carries them, and whether that type is the
+// kind's reference form, which stands alone.
+struct CarriedForm {
+    std::uint16_t type;
+    std::size_t kind;
+    bool reference;
+};
+constexpr CarriedForm kCarriedForms[] = {
+    {36, 0, false}, {37, 0, false}, {38, 0, true},  {39, 0, false}, {54, 1, false}, {55, 1, true},
+    {56, 2, false}, {57, 2, true},  {66, 3, false}, {67, 3, true},  {74, 3, false}, {75, 3, true},
+    {68, 4, false}, {69, 4, true},  {76, 4, false}, {77, 4, true},
+};
+
+const CarriedForm* carriedForm(std::uint16_t type) {
+    const auto* found = std::find_if(std::begin(kCarriedForms), std::end(kCarriedForms),
+                                     [type](const CarriedForm& form) { return form.type == type; });
+    return found == std::end(kCarriedForms) ? nullptr : found;
+}
+
+nvb_expand_t* newReaderState(const ReadOptions& options) {
+    nvb_expand_t* state = nvbdll_GetNVBStateHandle();
+    if (state == nullptr) throw std::bad_alloc();
+    state->descramble = options.descramble ? 1 : 0;
+    return state;
+}
+
 }  // namespace
 
 std::span<std::uint8_t> DeliveredRecord::dat() {
@@ -207,10 +273,8 @@ bool ReadSummary::unreadable() const {
 }
 
 LogReader::LogReader(Input& input, const ReadOptions& options)
-    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
-    if (state_ == nullptr) throw std::bad_alloc();
-    state_->descramble = options.descramble ? 1 : 0;
-}
+    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput),
+      options_(options), state_(newReaderState(options)), datBuffer_(kDatCapacity) {}
 
 LogReader::~LogReader() {
     nvbdll_FreeNVBStateHandle(state_);
@@ -220,14 +284,17 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     onRecord_ = &onRecord;
     summary_ = ReadSummary{};
     fed_ = 0;
+    next_ = 0;
     std::vector<std::uint8_t> chunk(kReadChunk);
     std::size_t count = input_.read(chunk.data(), chunk.size());
-    const Detected detected = detectShape(std::span<const std::uint8_t>(chunk.data(), count));
+    const std::span<const std::uint8_t> head(chunk.data(), count);
+    const Detected detected = detectShape(head);
     summary_.shape = detected.shape;
     summary_.nveMagic = detected.nve;
+    if (detected.shape == StreamShape::Blocks) headerBlock_ = headerBlockOf(head);
     const bool plain = detected.shape == StreamShape::PlainBytes;
     while (count > 0) {
-        for (std::size_t i = 0; i < count; ++i) feed(chunk[i], plain);
+        for (std::size_t i = 0; i < count; ++i) input(chunk[i], plain);
         if (onProgress) onProgress(fed_);
         count = input_.read(chunk.data(), chunk.size());
     }
@@ -236,8 +303,93 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     return summary_;
 }
 
-void LogReader::feed(std::uint8_t byte, bool plain) {
+void LogReader::input(std::uint8_t byte, bool plain) {
     ++fed_;
+    step(byte, plain);
+    while (!replay_.empty()) {
+        const std::uint8_t again = replay_.front();
+        replay_.pop_front();
+        step(again, plain);
+    }
+}
+
+void LogReader::step(std::uint8_t byte, bool plain) {
+    at_ = next_++;
+    if (summary_.shape != StreamShape::Blocks) {
+        feed(byte, plain);
+        return;
+    }
+    window_.push_back(byte);
+    feed(byte, plain);
+    watchBlocks();
+}
+
+void LogReader::watchBlocks() {
+    stuck_ = blockStays(*state_);
+    const bool inTrouble = state_->searching != 0 || stuck_;
+    if (inTrouble && !lost_) scanFrom_ = 1;  // position 0 is the block that failed
+    lost_ = inTrouble;
+    if (!lost_) {
+        // Only the block the library is reading is kept.
+        const std::size_t held = std::min<std::size_t>(state_->inputFill, window_.size());
+        window_.erase(window_.begin(), window_.end() - static_cast<std::ptrdiff_t>(held));
+        return;
+    }
+    if (headerBlock_.empty()) return;
+    for (; scanFrom_ + kBlockHeader + kZstdMagic.size() <= window_.size(); ++scanFrom_) {
+        const std::uint8_t* candidate = window_.data() + scanFrom_;
+        if (!isZstdBlockStart(candidate)) continue;
+        if (scanFrom_ + kBlockHeader + blockLengthAt(candidate) > window_.size()) return;  // not whole yet
+        resumeAt(scanFrom_);
+        return;
+    }
+    if (scanFrom_ > kScannedKept) {
+        window_.erase(window_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(scanFrom_));
+        scanFrom_ = 0;
+    }
+}
+
+void LogReader::resumeAt(std::size_t position) {
+    const std::uint64_t from = next_ - window_.size() + position;
+    const std::uint32_t headers = state_->headerCount;
+    nvbdll_FreeNVBStateHandle(state_);
+    state_ = newReaderState(options_);
+    at_ = from;
+    for (const std::uint8_t byte : headerBlock_) feed(byte, false);
+    state_->headerCount = headers;
+    replay_.insert(replay_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(position), window_.end());
+    window_.clear();
+    next_ = from;
+    lost_ = false;
+    stuck_ = false;
+    resumed_ = true;
+    damageMet(-1);
+}
+
+void LogReader::damageMet(int kind) {
+    if (summary_.shape != StreamShape::Blocks) return;
+    if (kind < 0) {
+        awaitingReference_.fill(true);
+    } else {
+        awaitingReference_[static_cast<std::size_t>(kind)] = true;
+    }
+}
+
+bool LogReader::leftOutAsUnverified() {
+    const CarriedForm* form = carriedForm(fieldValue(state_->currentType));
+    if (form == nullptr) return false;
+    bool& awaiting = awaitingReference_[form->kind];
+    if (form->reference) {
+        awaiting = false;
+        return false;
+    }
+    // Framed levels check each expanded record against its own checksum.
+    if (!awaiting || !isBareLevel(fieldValue(state_->blockLevel))) return false;
+    ++summary_.recordsUnverified;
+    return true;
+}
+
+void LogReader::feed(std::uint8_t byte, bool plain) {
     std::uint8_t status = 0;
     if (plain) {
         const std::int32_t result = nvbdll_getNVARecordByByte(state_, byte, &status);
@@ -256,18 +408,27 @@ void LogReader::feed(std::uint8_t byte, bool plain) {
 
 void LogReader::handle(std::int32_t result, std::uint8_t status) {
     const bool blocks = summary_.shape == StreamShape::Blocks;
-    const std::uint64_t at = fed_ - 1;
+    const std::uint64_t at = at_;
     if (status == NVB_STATUS_HUFFMAN_END) {
         ++summary_.endSymbols;
     } else if (status == NVB_STATUS_READER_TOO_OLD) {
         if (!summary_.refused) summary_.events.push_back(StatusEvent{status, at, -1, std::nullopt});
         summary_.refused = true;
-    } else if (isDamageStatus(status)) {
+    } else if (isDamageStatus(status) && !(stuck_ && status == NVB_STATUS_EXPANSION && result <= 0)) {
+        // A block that stays repeats its status with every byte: it is told once.
         StatusEvent event{status, at, -1, std::nullopt};
         if (blocks && result > 0) event.unpackedOffset = fieldValue(state_->recordOffset);
         summary_.events.push_back(event);
+        damageMet(-1);
     }
     if (result <= 0 || (status != NVB_STATUS_OK && status != NVB_STATUS_RESYNCHRONISED)) return;
+    if (resumed_) {
+        // The first record of the block found after damage tells that reading goes on.
+        summary_.events.push_back(
+            StatusEvent{NVB_STATUS_RESYNCHRONISED, at, -1, fieldValue(state_->recordOffset)});
+        resumed_ = false;
+    }
+    if (leftOutAsUnverified()) return;
 
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
@@ -279,6 +440,9 @@ void LogReader::handle(std::int32_t result, std::uint8_t status) {
         blocks ? std::optional<std::uint32_t>(fieldValue(state_->recordOffset)) : std::nullopt;
     if (processStatus != NVB_STATUS_OK) {
         summary_.events.push_back(StatusEvent{processStatus, at, fieldValue(state_->currentType), unpacked});
+        if (const CarriedForm* form = carriedForm(fieldValue(state_->currentType))) {
+            damageMet(static_cast<int>(form->kind));
+        }
         return;
     }
     if (length == 0) {
@@ -314,7 +478,7 @@ void LogReader::finishSummary(bool plain) {
             summary_.truncatedAt = fed_ - std::min<std::uint64_t>(fed_, state_->inputFill);
             // Still searching at the end: nothing behind the last damage could be read,
             // not only the bytes the search kept.
-            summary_.lostFooting = state_->searching != 0;
+            summary_.lostFooting = lost_;
             if (summary_.lostFooting && !summary_.events.empty()) {
                 summary_.truncatedAt = std::min(*summary_.truncatedAt, summary_.events.back().offset + 1);
                 summary_.truncatedBytes = fed_ - *summary_.truncatedAt;
@@ -371,6 +535,12 @@ void reportReadProblems(const ReadSummary& summary, const std::string& file) {
             text = fmt::format("the log ends inside a record: {} bytes of it were lost", summary.truncatedBytes);
         }
         reportErrorAt(file, *summary.truncatedAt, text);
+    }
+    if (summary.recordsUnverified > 0) {
+        reportError(file, fmt::format("{} delta records behind the damage were left out: they lean on records that "
+                                      "were lost, and this method carries no check that could verify them (each "
+                                      "kind comes back with its next reference)",
+                                      summary.recordsUnverified));
     }
     if (summary.refused) return;
     if (summary.damaged()) {

@@ -3,9 +3,11 @@
 
 #include <nvbdll/nvbdll.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -135,6 +137,10 @@ struct ReadSummary {
     std::uint64_t bytesRead = 0;
     std::uint64_t recordsDelivered = 0;
     std::uint64_t recordsUndecoded = 0;  // found but of a type this reader does not decode, or empty
+    // Delta records behind damage in a stream whose records carry no check of their own,
+    // before the next reference of their kind: they lean on what was lost, can't be
+    // verified, and are left out.
+    std::uint64_t recordsUnverified = 0;
     std::uint64_t endSymbols = 0;
     std::vector<StatusEvent> events;  // statuses that tell of damage
     bool refused = false;             // the header asks for a newer reader
@@ -149,7 +155,10 @@ struct ReadSummary {
 
 // Reads a log with an expand state at its defaults (Doppler rebuilt where the wire has
 // none, system numbers mapped), byte by byte, so that every status and record is placed
-// at the input byte where it came out.
+// at the input byte where it came out. Where the library's search after damage can't
+// find the next block (it has no row that matches a zstd block), the reader resumes at
+// the next block that opens with the zstd magic and whose length fits, with a fresh
+// state fed the stream's header block and the stream from that block on.
 class LogReader {
 public:
     using RecordHandler = std::function<void(DeliveredRecord&)>;
@@ -167,18 +176,38 @@ public:
     StreamShape shape() const { return summary_.shape; }
 
 private:
+    void input(std::uint8_t byte, bool plain);
+    void step(std::uint8_t byte, bool plain);
     void feed(std::uint8_t byte, bool plain);
     void handle(std::int32_t result, std::uint8_t status);
+    bool leftOutAsUnverified();
+    void damageMet(int family);
+    void watchBlocks();
+    void resumeAt(std::size_t position);
     void finishSummary(bool plain);
 
     Input& input_;
     rinex_control_t* epochOutput_;
     std::function<void()> afterEpochOutput_;
+    ReadOptions options_;
     nvb_expand_t* state_;
     ReadSummary summary_;
     const RecordHandler* onRecord_ = nullptr;
     std::vector<std::uint8_t> datBuffer_;
-    std::uint64_t fed_ = 0;
+    std::uint64_t fed_ = 0;   // input bytes read
+    std::uint64_t next_ = 0;  // input offset of the next byte for the library
+    std::uint64_t at_ = 0;    // input offset of the byte the library has now
+    // The block the library is reading, from its first byte; after damage, everything
+    // since the first byte of the block that failed.
+    std::vector<std::uint8_t> window_;
+    std::uint64_t windowStart_ = 0;
+    std::size_t scanFrom_ = 0;
+    bool lost_ = false;
+    bool stuck_ = false;
+    bool resumed_ = false;
+    std::vector<std::uint8_t> headerBlock_;
+    std::deque<std::uint8_t> replay_;  // bytes to feed again from a block found after damage
+    std::array<bool, 5> awaitingReference_{};  // by compact kind, after damage
 };
 
 // The exit code that a read earns: 2 when nothing could be read, 1 when damage was met
