@@ -891,6 +891,72 @@ class AuxiliaryRecords(Workspace):
         self.assertIn("entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]", text)
 
 
+class SafeOutput(Workspace):
+    def assert_alone(self, *names):
+        """Nothing half written stands beside the named files."""
+        self.assertEqual(sorted(os.listdir(self.directory)), sorted(names))
+
+    def test_a_command_that_fails_leaves_the_target_as_it_was(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        kept = self.read(log)
+        noise = self.write(self.path("noise.bin"), bytes((i * 37 + 11) % 251 for i in range(20000)))
+        empty = self.write(self.path("empty.nvb"), b"")
+        keep = self.write(self.path("keep.dat"), b"keep")
+        for args in (["recompress", noise, "-o", log, "--method", 5], ["thin", noise, "-o", log, "--interval", 5],
+                     ["fromdat", noise, "-o", log], ["todat", empty, "-o", keep]):
+            with self.subTest(args=args[0]):
+                result = self.nvb(*args, code=2)
+                self.assertIn("not written; a file there is left as it was", result.stderr.decode())
+                self.assertEqual(self.read(log), kept)
+                self.assertEqual(self.read(keep), b"keep")
+                self.assert_alone("sim.nvb", "noise.bin", "empty.nvb", "keep.dat")
+
+    def test_a_write_that_fails_halfway_leaves_no_partial_file(self):
+        import resource
+        import signal
+
+        def small_files():
+            # A file size limit fails writes as a full disk does.
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
+
+        log = self.simulate("sim.nvb", "--duration", 300)
+        kept = self.read(log)
+        target = self.write(self.path("target.nvb"), b"old")
+        for args in (["recompress", log, "-o", target, "--method", 1], ["todat", log, "-o", target],
+                     ["simulate", "-o", target, "--duration", 300]):
+            with self.subTest(args=args[0]):
+                result = subprocess.run([NVB, *map(str, args)], capture_output=True, timeout=120,
+                                        preexec_fn=small_files)
+                self.assertEqual(result.returncode, 2, result.stderr.decode())
+                self.assertIn("write error", result.stderr.decode())
+                self.assertEqual(self.read(target), b"old")
+                self.assertEqual(self.read(log), kept)
+                self.assert_alone("sim.nvb", "target.nvb")
+
+    def test_a_link_stays_a_link_and_a_device_is_written_in_place(self):
+        log = self.simulate("sim.nvb", "--duration", 5)
+        os.symlink("real.dat", self.path("link.dat"))
+        self.write(self.path("real.dat"), b"old")
+        os.chmod(self.path("real.dat"), 0o640)
+        self.nvb("-q", "todat", log, "-o", self.path("link.dat"))
+        self.assertTrue(os.path.islink(self.path("link.dat")))
+        self.assertEqual(self.read(self.path("real.dat")), self.dat_of(log))
+        self.assertEqual(os.stat(self.path("real.dat")).st_mode & 0o777, 0o640)
+        self.nvb("-q", "todat", log, "-o", os.devnull)
+        self.assertTrue(os.path.exists(os.devnull) and not os.path.isfile(os.devnull))
+
+    def test_info_and_dump_tell_of_a_full_standard_output(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("no /dev/full")
+        log = self.simulate("sim.nvb", "--duration", 5)
+        for command in ("info", "dump"):
+            with open("/dev/full", "wb") as full:
+                result = subprocess.run([NVB, command, log], stdout=full, stderr=subprocess.PIPE, timeout=120)
+            self.assertEqual(result.returncode, 2, command)
+            self.assertIn("nvb: standard output: write error", result.stderr.decode())
+
+
 class UsageErrors(Workspace):
     def test_wrong_usage_gives_exit_code_2_and_help_gives_0(self):
         log = self.simulate("sim.nvb", "--duration", 5)

@@ -317,9 +317,9 @@ int runInfo(const InfoOptions& options, const CommonOptions& common) {
     } else {
         printInfo(info);
     }
-    std::fflush(stdout);
+    const bool written = flushStandardOutput();
     reportReadProblems(summary, input->name());
-    return exitCodeOf(summary);
+    return written ? exitCodeOf(summary) : kExitUsage;
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <sys/stat.h>
@@ -68,10 +69,12 @@ std::size_t Input::read(std::uint8_t* buffer, std::size_t capacity) {
     return count;
 }
 
-Output::Output(std::FILE* file, bool owned, std::string name) : file_(file), owned_(owned), name_(std::move(name)) {}
+Output::Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary)
+    : file_(file), owned_(owned), name_(std::move(name)), target_(std::move(target)),
+      temporary_(std::move(temporary)) {}
 
 Output::~Output() {
-    if (file_ != nullptr && owned_) std::fclose(file_);
+    discard();
 }
 
 namespace {
@@ -81,6 +84,13 @@ bool sameFile(const std::string& first, const std::string& second) {
     struct stat b {};
     if (first == "-" || second == "-" || stat(first.c_str(), &a) != 0 || stat(second.c_str(), &b) != 0) return false;
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The mode a new file gets from the process's umask.
+mode_t newFileMode() {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return static_cast<mode_t>(0666 & ~mask);
 }
 
 }  // namespace
@@ -95,36 +105,93 @@ std::unique_ptr<Output> Output::open(const std::string& name, const std::string&
             reportError("standard output", "is a terminal; name a file with -o, or send it through a pipe");
             return nullptr;
         }
-        return std::unique_ptr<Output>(new Output(stdout, false, "standard output"));
+        return std::unique_ptr<Output>(new Output(stdout, false, "standard output", "", ""));
     }
-    std::FILE* file = std::fopen(name.c_str(), "wb");
-    if (file == nullptr) {
+    // The temporary file stands beside the file a link points to, so that the link stays.
+    std::string target = name;
+    struct stat existing {};
+    const bool exists = stat(name.c_str(), &existing) == 0;
+    if (exists && !S_ISREG(existing.st_mode)) {
+        std::FILE* file = std::fopen(name.c_str(), "wb");
+        if (file == nullptr) {
+            reportError(name, fmt::format("can't open: {}", std::strerror(errno)));
+            return nullptr;
+        }
+        return std::unique_ptr<Output>(new Output(file, true, name, "", ""));
+    }
+    if (exists) {
+        char* resolved = realpath(name.c_str(), nullptr);
+        if (resolved != nullptr) {
+            target = resolved;
+            std::free(resolved);
+        }
+    }
+    const std::size_t slash = target.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : target.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    std::string temporary = (slash == std::string::npos ? "" : directory) + "." + base + ".XXXXXX";
+    const int descriptor = mkstemp(temporary.data());
+    if (descriptor < 0) {
         reportError(name, fmt::format("can't create: {}", std::strerror(errno)));
         return nullptr;
     }
-    return std::unique_ptr<Output>(new Output(file, true, name));
+    fchmod(descriptor, exists ? static_cast<mode_t>(existing.st_mode & 07777) : newFileMode());
+    std::FILE* file = fdopen(descriptor, "wb");
+    if (file == nullptr) {
+        reportError(name, fmt::format("can't create: {}", std::strerror(errno)));
+        close(descriptor);
+        unlink(temporary.c_str());
+        return nullptr;
+    }
+    return std::unique_ptr<Output>(new Output(file, true, name, target, temporary));
+}
+
+void Output::fail(const std::string& what) {
+    if (!failed_) reportError(name_, fmt::format("{}: {}", what, std::strerror(errno)));
+    failed_ = true;
 }
 
 void Output::write(const std::uint8_t* bytes, std::size_t count) {
     if (failed_ || count == 0) return;
     if (std::fwrite(bytes, 1, count, file_) != count) {
-        failed_ = true;
-        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+        fail("write error");
         return;
     }
     bytes_ += count;
 }
 
-bool Output::close() {
+bool Output::commit() {
     if (file_ == nullptr) return !failed_;
-    const bool flushed = std::fflush(file_) == 0;
-    const bool closed = owned_ ? std::fclose(file_) == 0 : true;
-    file_ = nullptr;
-    if ((!flushed || !closed) && !failed_) {
-        failed_ = true;
-        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+    if (std::fflush(file_) != 0) fail("write error");
+    if (!temporary_.empty() && !failed_ && fsync(fileno(file_)) != 0) fail("write error");
+    if (owned_) {
+        const bool closed = std::fclose(file_) == 0;
+        file_ = nullptr;
+        if (!closed) fail("write error");
     }
+    file_ = nullptr;
+    if (!failed_ && !temporary_.empty()) {
+        if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
+            fail("can't put the new file in place");
+        } else {
+            temporary_.clear();
+        }
+    }
+    discard();
     return !failed_;
+}
+
+void Output::discard() {
+    if (file_ != nullptr && owned_) std::fclose(file_);
+    file_ = nullptr;
+    if (!temporary_.empty()) unlink(temporary_.c_str());
+    temporary_.clear();
+}
+
+bool flushStandardOutput() {
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
+    reportError("standard output", fmt::format("write error: {}", std::strerror(errno)));
+    return false;
 }
 
 std::string shapeText(StreamShape shape, bool nveMagic) {

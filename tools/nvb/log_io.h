@@ -57,32 +57,45 @@ private:
     std::uint64_t size_;
 };
 
-// An output named on the command line: a file, or "-" for standard output.
+// An output named on the command line: a file, or "-" for standard output. A file is
+// written beside its target under a temporary name and put in its place only by
+// commit(), so that a failed command leaves the target as it was and nothing half
+// written. A device or a pipe named as the target is written directly.
 class Output {
 public:
     // Reports the failure and returns null when the output can't be opened; binary
     // output is not sent to a terminal, nor over the input it is made from.
     static std::unique_ptr<Output> open(const std::string& name, const std::string& inputName = "",
                                         bool text = false);
+    // An output that was not committed leaves nothing behind.
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     void write(const std::uint8_t* bytes, std::size_t count);
-    // Flushes and closes; reports and returns false when anything failed to be written.
-    bool close();
+    // Flushes and puts the file in place of its target; reports and returns false when
+    // anything failed to be written, and then removes what was written.
+    bool commit();
+    // Drops what was written; a file at the target stays as it was.
+    void discard();
     std::uint64_t bytes() const { return bytes_; }
     bool failed() const { return failed_; }
     const std::string& name() const { return name_; }
 
 private:
-    Output(std::FILE* file, bool owned, std::string name);
+    Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary);
+    void fail(const std::string& what);
     std::FILE* file_;
     bool owned_;
     bool failed_ = false;
     std::uint64_t bytes_ = 0;
-    std::string name_;
+    std::string name_;       // for messages, as the user named it
+    std::string target_;     // the file that commit() replaces
+    std::string temporary_;  // the file being written, until commit()
 };
+
+// Standard output flushed, and a failure to write it reported; false when it failed.
+bool flushStandardOutput();
 
 enum class StreamShape : std::uint8_t {
     Empty,         // no byte at all
