@@ -352,6 +352,10 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     summary_ = ReadSummary{};
     fed_ = 0;
     next_ = 0;
+    window_.clear();
+    replay_.clear();
+    lost_ = stuck_ = resumed_ = false;
+    awaitingReference_.fill(false);
     std::vector<std::uint8_t> chunk(kReadChunk);
     std::size_t count = input_.read(chunk.data(), chunk.size());
     const std::span<const std::uint8_t> head(chunk.data(), count);
@@ -481,7 +485,7 @@ void LogReader::handle(std::int32_t result, std::uint8_t status) {
     } else if (status == NVB_STATUS_READER_TOO_OLD) {
         if (!summary_.refused) summary_.events.push_back(StatusEvent{status, at, -1, std::nullopt});
         summary_.refused = true;
-    } else if (isDamageStatus(status) && !(stuck_ && status == NVB_STATUS_EXPANSION && result <= 0)) {
+    } else if (isDamageStatus(status) && !(stuck_ && result <= 0)) {
         // A block that stays repeats its status with every byte: it is told once.
         StatusEvent event{status, at, -1, std::nullopt};
         if (blocks && result > 0) event.unpackedOffset = fieldValue(state_->recordOffset);
