@@ -31,10 +31,6 @@ constexpr std::uint32_t kEndSymbolInterval = 600;
 // Room for a Huffman-coded frame of the longest kind and two end symbols behind it.
 constexpr std::uint32_t kHuffmanRecordRoom = kMaxFrameLength * 2 + 8;
 
-bool isBareMethod(std::uint8_t method) {
-    return method == 3 || method == 5 || method == 6 || method == 7;
-}
-
 int levelOr(const nvb_encode_t& state, int otherwise) {
     return state.compressionLevel == kExplicitLevel ? state.explicitLevel : otherwise;
 }
@@ -102,6 +98,10 @@ bool compressBlock(nvb_encode_t& state, std::span<std::uint8_t> body, std::uint8
 }
 
 }  // namespace
+
+bool isBareMethod(std::uint8_t method) {
+    return method == 3 || method == 5 || method == 6 || method == 7;
+}
 
 void setBlockTarget(nvb_encode_t& state) {
     if (state.compressionLevel == 0 || state.compressionMethod == 2) {

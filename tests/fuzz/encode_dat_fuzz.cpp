@@ -16,6 +16,22 @@ constexpr std::array<std::size_t, 38> kSlotSizes = {
     186, 213, 104, 204, 139, 22021, 214, 571, 343, 260, 99, 464, 1254, 196, 187, 1032, 4103, 42,  833,
 };
 
+// A record 35 of 65535 bytes or more tells its length behind the subtypes.
+constexpr std::size_t kLongestDat = 1 << 20;
+
+std::size_t slotSize(std::size_t slot) { return slot == 32 ? sizeof(rec35_content_t) : kSlotSizes[slot]; }
+
+std::size_t datLength(const std::uint8_t* header, std::size_t available) {
+    const bool twoBytes = header[3] == 12 || header[3] == 17 || header[3] == 27 || header[3] == 29 || header[3] == 34 ||
+                          header[3] == 35 || header[3] == 98 || header[3] == 99;
+    const std::size_t told = twoBytes ? header[1] | (header[2] << 8) : header[1];
+    if (header[3] != 35 || told != 0xFFFF) return told;
+    if (available < 24) return kLongestDat + 1;
+    std::uint32_t payload = 0;
+    std::memcpy(&payload, header + 20, 4);
+    return 24 + std::size_t{payload};
+}
+
 void collect(const std::uint8_t* buffer, std::uint32_t length, void* context) {
     auto* out = static_cast<std::vector<std::uint8_t>*>(context);
     out->insert(out->end(), buffer, buffer + length);
@@ -30,10 +46,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto* state = new nvb_encode_t();
     nvbdll_initDATEncodeState(state);
     void** slots = reinterpret_cast<void**>(&state->records);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) slots[slot] = ::operator new[](kSlotSizes[slot]);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) std::memset(slots[slot], 0, kSlotSizes[slot]);
+    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) slots[slot] = ::operator new[](slotSize(slot));
+    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) std::memset(slots[slot], 0, slotSize(slot));
     std::vector<std::uint8_t> output;
     state->compressionMethod = data[0] % 8;
+    state->rec35Mode = static_cast<std::uint8_t>((data[0] >> 3) & 0x03);
     state->writeCallback = collect;
     state->writeContext = &output;
 
@@ -42,9 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t position = 1;
     while (position + 4 <= size) {
         const std::uint8_t* header = data + position;
-        const bool twoBytes = header[3] == 12 || header[3] == 17 || header[3] == 27 || header[3] == 29 ||
-                              header[3] == 34 || header[3] == 98 || header[3] == 99;
-        const std::size_t length = twoBytes ? header[1] | (header[2] << 8) : header[1];
+        const std::size_t length = datLength(data + position, size - position);
+        if (length > kLongestDat) break;
         std::vector<std::uint8_t> dat(std::max<std::size_t>(length, 4), 0);
         std::memcpy(dat.data(), header, std::min(dat.size(), size - position));
         std::uint8_t status = 0;
@@ -58,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     nvbdll_freeEncodeState(state);
 
     nvb_expand_t* reader = nvbdll_GetNVBStateHandle();
-    static std::vector<std::uint8_t> dat(1 << 17);
+    std::vector<std::uint8_t> dat;
     for (std::size_t i = 0; i < output.size(); ++i) {
         std::uint8_t status = 0;
         std::uint8_t more = 0;
@@ -67,7 +83,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (result > 0 && (status == 0 || status == 18)) {
                 std::uint16_t type = 0;
                 std::uint8_t processStatus = 0;
-                if (nvbdll_processNVBRecord(reader, 0, &type, &processStatus) > 0 && processStatus == 0) {
+                const std::uint32_t length = nvbdll_processNVBRecord(reader, 0, &type, &processStatus);
+                if (length > 0 && processStatus == 0) {
+                    dat.assign(std::max<std::size_t>(length, 1 << 17), 0);
                     nvbdll_retrieveDATRecord(reader, static_cast<std::int16_t>(type), dat.data());
                 }
             }

@@ -2,6 +2,7 @@
 // announces, never reads or writes outside a buffer and never hangs.
 #include <nvbdll/nvbdll.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <vector>
@@ -14,7 +15,9 @@ void processAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t sta
     std::uint8_t processStatus = 0;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
     if (length == 0 || processStatus != 0) return;
-    static std::vector<std::uint8_t> dat(1 << 17);
+    // The length the decoding step reported is the room retrieval needs.
+    static std::vector<std::uint8_t> dat;
+    dat.assign(std::max<std::size_t>(length, 1 << 17), 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.data());
 }
 

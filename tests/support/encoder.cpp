@@ -18,6 +18,8 @@ constexpr std::array<std::size_t, 38> kSlotSizes = {
 constexpr std::array<std::size_t, 19> kLibraryFreedSlots = {0, 6, 12, 13, 14, 15, 16, 17, 19, 22,
                                                             23, 24, 25, 26, 27, 28, 33, 34, 35};
 
+constexpr std::size_t kContentSlot = 32;
+
 bool freedByLibrary(std::size_t slot) {
     for (const std::size_t freed : kLibraryFreedSlots) {
         if (freed == slot) return true;
@@ -32,8 +34,10 @@ Encoder::Encoder(std::uint8_t method, std::uint8_t level) : state_(new nvb_encod
     nvbdll_initDATEncodeState(state_);
     void** slots = reinterpret_cast<void**>(&state_->records);
     for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        slots[slot] = ::operator new(kSlotSizes[slot]);
-        std::memset(slots[slot], 0, kSlotSizes[slot]);
+        // The record 35 content holds pointers: its size is that of the platform's.
+        const std::size_t size = slot == kContentSlot ? sizeof(rec35_content_t) : kSlotSizes[slot];
+        slots[slot] = ::operator new(size);
+        std::memset(slots[slot], 0, size);
     }
     state_->compressionMethod = method;
     state_->compressionLevel = level;
@@ -91,6 +95,14 @@ std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t m
     for (const Bytes& dat : dats) encoder.put(dat);
     Handle handle;
     return deliveredDat(readStream(handle.get(), encoder.finish(), Getter::NvbFile));
+}
+
+Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength) {
+    const auto* bytes = static_cast<const std::uint8_t*>(rec);
+    Bytes dat = shortDat(type, type == 12 ? static_cast<std::uint8_t>(datLength >> 8) : byte2,
+                         Bytes(bytes, bytes + (datLength - 4)));
+    dat[1] = static_cast<std::uint8_t>(datLength);
+    return dat;
 }
 
 }  // namespace nvbtest

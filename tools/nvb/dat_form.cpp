@@ -41,12 +41,45 @@ std::size_t datLengthOf(std::span<const std::uint8_t, 4> header) {
         case 34:
         case 98:
         case 99:
+        case 35:
         case 101:
         case 102:
             return static_cast<std::size_t>(header[1] | (header[2] << 8));
         default:
             return header[1];
     }
+}
+
+namespace {
+
+constexpr std::size_t kRec35Head = 24;  // DAT header, subtype, subsubtype, payload length
+constexpr std::size_t kLongRec35 = 0xFFFF;
+
+std::uint64_t littleEndian(std::span<const std::uint8_t> bytes, std::size_t at, std::size_t count) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < count; ++i) value |= std::uint64_t{bytes[at + i]} << (8 * i);
+    return value;
+}
+
+}  // namespace
+
+std::size_t datBytesToTellLength(std::span<const std::uint8_t, 4> header) {
+    return header[3] == 35 && datLengthOf(header) == kLongRec35 ? kRec35Head : 4;
+}
+
+std::size_t datRecordLength(std::span<const std::uint8_t> record) {
+    if (record.size() < 4) return 0;
+    const std::span<const std::uint8_t, 4> header(record.data(), 4);
+    if (record.size() < datBytesToTellLength(header)) return 0;
+    if (datBytesToTellLength(header) == kRec35Head) return kRec35Head + littleEndian(record, 20, 4);
+    return datLengthOf(header);
+}
+
+std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat) {
+    if (dat.size() < kRec35Head || dat[3] != 35) return std::nullopt;
+    const std::size_t length = littleEndian(dat, 20, 4);
+    if (dat.size() < kRec35Head + length) return std::nullopt;
+    return Rec35Dat{littleEndian(dat, 4, 8), littleEndian(dat, 12, 8), dat.subspan(kRec35Head, length)};
 }
 
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace nvbtool {
@@ -12,9 +13,24 @@ namespace nvbtool {
 inline constexpr std::size_t kRec27CountOffset = 4 + 1 + 2 + 8 + 4;
 
 // The length of a DAT record as its header tells it: byte 2 for types 0 to 2, bytes 1
-// and 2 for 12, 17, 27, 29, 34, 98, 99, 101 and 102, byte 1 for every other type. The
+// and 2 for 12, 17, 27, 29, 34, 35, 98, 99, 101 and 102, byte 1 for every other type. The
 // tool writes records 34, 98 and 99 whole, so their high byte counts.
 std::size_t datLengthOf(std::span<const std::uint8_t, 4> header);
+
+// A record 35 of 65535 bytes or more tells its length behind the subtypes: the bytes a
+// reader needs before it can tell a record's length.
+std::size_t datBytesToTellLength(std::span<const std::uint8_t, 4> header);
+// The length of a DAT record from its first bytes; 0 when they are too few to tell.
+std::size_t datRecordLength(std::span<const std::uint8_t> record);
+
+// The parts of a record 35 DAT form.
+struct Rec35Dat {
+    std::uint64_t subtype = 0;
+    std::uint64_t subsubtype = 0;
+    std::span<const std::uint8_t> payload;
+};
+// Empty unless the record is a whole record 35.
+std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat);
 
 // What the encoder needs to know of a record 27 in DAT form.
 struct EpochShape {

@@ -314,6 +314,12 @@ nvb_expand_t* newReaderState(const ReadOptions& options) {
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
     if (state == nullptr) throw std::bad_alloc();
     state->descramble = options.descramble ? 1 : 0;
+    // Records 35 come as they are, schema records included, so that a log written from
+    // them keeps every one.
+    state->rec35Assembly.schema_swallow = 0;
+    state->convertRec35Sub2 = 0;
+    state->convertRec35Sub9 = 0;
+    state->convertRec35Sub19 = 0;
     return state;
 }
 
@@ -322,13 +328,18 @@ nvb_expand_t* newReaderState(const ReadOptions& options) {
 std::span<std::uint8_t> DeliveredRecord::dat() {
     if (!dat_) {
         std::vector<std::uint8_t>& buffer = *buffer_;
+        // A record 35 may pass 64 KB; the reported length is the room retrieval needs.
+        if (buffer.size() < length + 64u) buffer.resize(length + 64u);
         std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
         // Whole: retrieval gives a record 34 from the generic area and cuts a 98 or 99
-        // above 255 bytes to the low byte of its length.
-        nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length), buffer.data(),
-                          buffer.size());
-        const std::size_t size =
-            std::min(datLengthOf(std::span<const std::uint8_t, 4>(buffer.data(), 4)), buffer.size());
+        // above 255 bytes to the low byte of its length. A record 35 tells its own length.
+        if (type == 35) {
+            nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
+        } else {
+            nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length),
+                              buffer.data(), buffer.size());
+        }
+        const std::size_t size = std::min(datRecordLength(buffer), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
     }
     return *dat_;
@@ -340,7 +351,6 @@ bool ReadSummary::unreadable() const {
 }
 
 LogReader::LogReader(Input& input, const ReadOptions& options)
-    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput),
       options_(options), state_(newReaderState(options)), datBuffer_(kDatCapacity) {}
 
 LogReader::~LogReader() {
@@ -633,6 +643,7 @@ constexpr std::array<std::size_t, 38> kSlotSizes = {
 // The slots that nvbdll_freeEncodeState deletes itself; the host frees the others.
 constexpr std::array<std::size_t, 19> kLibraryFreedSlots = {0,  6,  12, 13, 14, 15, 16, 17, 19, 22,
                                                             23, 24, 25, 26, 27, 28, 33, 34, 35};
+constexpr std::size_t kContentSlot = 32;
 // The NVE form: rollover ranges and three-byte range differences in measFlags2.
 constexpr std::uint32_t kNveFileFormat = 5;
 
@@ -651,10 +662,14 @@ LogWriter::LogWriter(Output& output, const WriteOptions& options)
     nvbdll_initDATEncodeState(state_);
     void** slots = reinterpret_cast<void**>(&state_->records);
     for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        slots[slot] = ::operator new(kSlotSizes[slot]);
-        std::memset(slots[slot], 0, kSlotSizes[slot]);
+        // The record 35 content holds pointers: its size is that of the platform's.
+        const std::size_t size = slot == kContentSlot ? sizeof(rec35_content_t) : kSlotSizes[slot];
+        slots[slot] = ::operator new(size);
+        std::memset(slots[slot], 0, size);
     }
     state_->fileFormat = kNveFileFormat;
+    // Records 35 go out as they came: the stream's own schemas, every subtype.
+    state_->rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
     state_->compressionMethod = static_cast<std::uint8_t>(options.method);
     state_->compressionLevel = static_cast<std::uint8_t>(options.level);
     state_->explicitLevel = 0;
@@ -679,7 +694,8 @@ void LogWriter::written(const std::uint8_t* buffer, std::uint32_t length, void* 
 void LogWriter::put(std::span<std::uint8_t> dat) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
-    if (dat.size() < 4 || datLengthOf(std::span<const std::uint8_t, 4>(dat.data(), 4)) > dat.size()) {
+    const std::size_t length = datRecordLength(dat);
+    if (length < 4 || length > dat.size()) {
         ++summary_.refusedByType[-1];
         return;
     }
@@ -720,6 +736,10 @@ bool reportWriteProblems(const WriteSummary& summary, const std::string& file) {
     for (const auto& [type, count] : summary.refusedByType) {
         if (type < 0) {
             reportError(file, fmt::format("{} records shorter than their headers say were left out", count));
+        } else if (type == 35) {
+            reportError(file, fmt::format("{} records of type 35 were left out: the writer can't take them "
+                                          "(methods 0, 1, 2 and 4 carry none)",
+                                          count));
         } else {
             reportError(file,
                         fmt::format("{} records of type {} were left out: the writer can't take them", count, type));
@@ -766,7 +786,13 @@ bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
         problemOffset_ = consumed_;
         return false;
     }
-    const std::size_t length = datLengthOf(std::span<const std::uint8_t, 4>(header, 4));
+    if (!fill(datBytesToTellLength(std::span<const std::uint8_t, 4>(header, 4)))) {
+        problem_ = fmt::format("the input ends inside the head of a record of type {}", buffer_[begin_ + 3]);
+        problemOffset_ = consumed_;
+        return false;
+    }
+    header = buffer_.data() + begin_;
+    const std::size_t length = datRecordLength(std::span<const std::uint8_t>(header, end_ - begin_));
     if (length < 4) {
         problem_ = fmt::format("impossible DAT length {} for a record of type {}", length, header[3]);
         problemOffset_ = consumed_;
