@@ -351,6 +351,7 @@ bool ReadSummary::unreadable() const {
 }
 
 LogReader::LogReader(Input& input, const ReadOptions& options)
+    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput),
       options_(options), state_(newReaderState(options)), datBuffer_(kDatCapacity) {}
 
 LogReader::~LogReader() {
