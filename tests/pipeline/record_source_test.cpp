@@ -1,6 +1,6 @@
 #include "common/byte_sum.h"
-#include "support/frame_builder.h"
-#include "support/reader.h"
+#include "support/wire.h"
+#include "support/host.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
 #include "stream/block_codecs.h"
-#include "stream/block_stream_support.h"
-#include "support/reader.h"
+#include "support/blocks.h"
 
 #include <gtest/gtest.h>
 

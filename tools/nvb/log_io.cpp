@@ -1,6 +1,6 @@
 #include "nvb/log_io.h"
 
-#include "nvb/dat_form.h"
+#include "host/dat_form.h"
 #include "nvb/status_text.h"
 
 #include "common/byte_sum.h"
@@ -384,20 +384,8 @@ void reportReadProblems(const ReadSummary& summary, const std::string& file) {
 
 namespace {
 
-// Sizes of the 38 structures that a host allocates for an encode state, by slot.
-constexpr std::array<std::size_t, 38> kSlotSizes = {
-    4,   252, 78,  78,  78,  202,   106, 160, 118, 20,  5,  86,  142,  832, 120, 250,  1937, 259, 264,
-    186, 213, 104, 204, 139, 22021, 214, 571, 343, 260, 99, 464, 1254, 196, 187, 1032, 4103, 42,  833,
-};
-// The slots that nvbdll_freeEncodeState deletes itself; the host frees the others.
-constexpr std::array<std::size_t, 19> kLibraryFreedSlots = {0,  6,  12, 13, 14, 15, 16, 17, 19, 22,
-                                                            23, 24, 25, 26, 27, 28, 33, 34, 35};
 // The NVE form: rollover ranges and three-byte range differences in measFlags2.
 constexpr std::uint32_t kNveFileFormat = 5;
-
-bool freedByLibrary(std::size_t slot) {
-    return std::find(kLibraryFreedSlots.begin(), kLibraryFreedSlots.end(), slot) != kLibraryFreedSlots.end();
-}
 
 bool isThinnedType(std::uint8_t type) {
     return type == 11 || type == 17 || type == 27 || type == 29;
@@ -406,33 +394,14 @@ bool isThinnedType(std::uint8_t type) {
 }  // namespace
 
 LogWriter::LogWriter(Output& output, const WriteOptions& options)
-    : output_(output), options_(options), state_(new nvb_encode_t()) {
-    nvbdll_initDATEncodeState(state_);
-    void** slots = reinterpret_cast<void**>(&state_->records);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        slots[slot] = ::operator new(kSlotSizes[slot]);
-        std::memset(slots[slot], 0, kSlotSizes[slot]);
-    }
-    state_->fileFormat = kNveFileFormat;
-    state_->compressionMethod = static_cast<std::uint8_t>(options.method);
-    state_->compressionLevel = static_cast<std::uint8_t>(options.level);
-    state_->explicitLevel = 0;
-    state_->measurementInterval = options.measurementInterval;
-    state_->positionInterval = options.positionInterval;
-    state_->writeCallback = &LogWriter::written;
-    state_->writeContext = this;
-}
-
-LogWriter::~LogWriter() {
-    void** slots = reinterpret_cast<void**>(&state_->records);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        if (!freedByLibrary(slot)) ::operator delete(slots[slot]);
-    }
-    nvbdll_freeEncodeState(state_);
-}
-
-void LogWriter::written(const std::uint8_t* buffer, std::uint32_t length, void* context) {
-    static_cast<LogWriter*>(context)->output_.write(buffer, length);
+    : options_(options),
+      encoder_(static_cast<std::uint8_t>(options.method), static_cast<std::uint8_t>(options.level),
+               [&output](std::span<const std::uint8_t> unit) { output.write(unit.data(), unit.size()); }) {
+    nvb_encode_t& state = encoder_.state();
+    state.fileFormat = kNveFileFormat;
+    state.explicitLevel = 0;
+    state.measurementInterval = options.measurementInterval;
+    state.positionInterval = options.positionInterval;
 }
 
 void LogWriter::put(std::span<std::uint8_t> dat) {
@@ -449,13 +418,13 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
         // and the epoch takes the long delta form when the short one would lose a flag
         // byte, a range rollover or a wide range difference.
         longEpoch = prepareEpochForEncoder(dat).needsLongForm;
-        state_->epochForceLong = longEpoch ? 1 : 0;
+        encoder_.state().epochForceLong = longEpoch ? 1 : 0;
     }
-    const std::uint32_t before = state_->recordCount;
+    const std::uint32_t before = encoder_.state().recordCount;
     std::uint8_t status = 0;
-    nvbdll_processDATRecord(state_, dat.data(), &status);
+    encoder_.put(dat.data(), status);
     if (status != NVB_STATUS_OK) summary_.failures.push_back(status);
-    if (state_->recordCount != before) {
+    if (encoder_.state().recordCount != before) {
         ++summary_.recordsWritten;
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
@@ -471,7 +440,7 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
 void LogWriter::finish() {
     if (finished_) return;
     finished_ = true;
-    nvbdll_finalizeDATProcessing(state_);
+    encoder_.finish();
 }
 
 bool reportWriteProblems(const WriteSummary& summary, const std::string& file) {

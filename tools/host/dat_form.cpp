@@ -1,4 +1,4 @@
-#include "nvb/dat_form.h"
+#include "host/dat_form.h"
 
 #include <cmath>
 #include <cstring>

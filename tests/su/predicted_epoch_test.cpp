@@ -3,7 +3,9 @@
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 
-#include "support/epoch_sequence.h"
+#include "common/byte_sum.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 
 namespace nvb {
@@ -185,7 +188,7 @@ TEST(PredictedEpoch, SystemEightRangeComesBackScaledAndBothSidesAgree) {
     options.maxSignals = 1;
     options.events = false;
     options.longFlags = false;
-    nvbtest::EpochLink link;
+    nvbtest::CompactLink link = nvbtest::epochLink();
     link.encoder().epochUsePredicted = 1;
     double firstCycles = 0.0;
     double metres = 0.0;
@@ -217,6 +220,86 @@ TEST(PredictedEpoch, SystemEightRangeComesBackScaledAndBothSidesAgree) {
         ++epoch;
     }
     EXPECT_EQ(predicted, 2u);
+}
+
+double absoluteRange(const epoch_image_t& image, std::size_t sat, std::size_t index) {
+    const epoch_sat_row_t& row = image.sats[sat];
+    const auto read = [&](std::size_t which) {
+        const epoch_sig_row_t& signal = row.signals[which];
+        std::uint16_t position = 0;
+        return readRange(signal.range, position, row.rt_sattype, static_cast<std::uint16_t>(which),
+                              (signal.measFlags2 & 1) != 0, (signal.measFlags2 & 2) != 0);
+    };
+    return index == 0 ? read(0) : read(0) + read(index);
+}
+
+// A predicted epoch keeps time, clock, the satellites and flags, phase and doppler exactly;
+// it loses snr, elevation, azimuth and the rest of the rows to the prediction, and derives
+// the pseudorange from the phase. Epochs on the whole 100 ms stay exact, so both sides hold
+// the same history throughout.
+TEST(PredictedEpoch, KeepsPhaseDopplerAndClockAndDerivesTheRangeOverALog) {
+    nvbtest::EpochSequenceOptions options;
+    options.epochs = 3000;
+    options.intervalMs = 50;
+    options.satellites = 20;
+    const auto frames = nvbtest::makeEpochSequence(options);
+    nvbtest::CompactLink link = nvbtest::epochLink();
+    link.encoder().epochUsePredicted = 1;
+    auto incoming = std::make_unique<epoch_image_t>();
+    auto expanded = std::make_unique<epoch_image_t>();
+    auto before = std::make_unique<epoch_image_t>();
+    std::map<std::uint8_t, std::size_t> forms;
+    std::size_t snrLost = 0, exactOthers = 0;
+    double worstRange = 0.0;
+    for (const Bytes& frame : frames) {
+        const Bytes compact = link.compress(frame);
+        ++forms[compact.at(2)];
+        Bytes plain;
+        ASSERT_EQ(link.expand(compact, plain), 0);
+        ASSERT_EQ(readU16BigEndian(plain.data() + plain.size() - 3), byteSum(plain.data(), plain.size() - 3));
+        nvbtest::readPlainEpoch(plain, *expanded);
+        if (compact[2] != 39) {
+            exactOthers += plain == frame;
+        } else {
+            nvbtest::readPlainEpoch(frame, *incoming);
+            const epoch_image_t& n = *incoming;
+            const epoch_image_t& x = *expanded;
+            const epoch_image_t& b = *before;
+            ASSERT_EQ(std::memcmp(x.weekNum, n.weekNum, 2 + 4 + 3 + 1), 0); // week to nSv
+            ASSERT_EQ(std::memcmp(x.clkDrift, n.clkDrift, 3), 0);
+            ASSERT_EQ(std::memcmp(&x.clockBlock, &n.clockBlock, sizeof x.clockBlock), 0);
+            EXPECT_EQ(x.epochFlags, b.epochFlags);
+            EXPECT_EQ(x.raimFault, b.raimFault);
+            for (std::size_t sat = 0; sat < n.nSv; ++sat) {
+                const epoch_sat_row_t& got = x.sats[sat];
+                const epoch_sat_row_t& sent = n.sats[sat];
+                ASSERT_EQ(std::memcmp(&got.svId, &sent.svId, 5), 0); // svId to nMeas
+                ASSERT_EQ(got.svFlags, sent.svFlags);
+                ASSERT_EQ(got.elevation, b.sats[sat].elevation);
+                ASSERT_EQ(got.azimuth, b.sats[sat].azimuth);
+                for (std::size_t index = 0; index < sent.nMeas; ++index) {
+                    const epoch_sig_row_t& g = got.signals[index];
+                    const epoch_sig_row_t& s = sent.signals[index];
+                    ASSERT_EQ(std::memcmp(g.phase, s.phase, 6), 0);
+                    ASSERT_EQ(std::memcmp(&g.slipCount, &s.slipCount, 4), 0); // slip and flags
+                    if ((s.measFlags1 & 4) != 0) {
+                        ASSERT_EQ(std::memcmp(g.doppler, s.doppler, 3), 0);
+                    }
+                    ASSERT_EQ(std::memcmp(g.snr, b.sats[sat].signals[index].snr, 2), 0);
+                    snrLost += std::memcmp(g.snr, s.snr, 2) != 0;
+                    worstRange = std::max(worstRange, std::fabs(absoluteRange(x, sat, index) - absoluteRange(n, sat, index)));
+                }
+            }
+        }
+        std::swap(expanded, before);
+        ASSERT_EQ(std::memcmp(&link.encoder().epochHistory, &link.expander().epochHistory, sizeof(epoch_history_t)), 0);
+    }
+    EXPECT_GT(forms[39], 1000u);
+    EXPECT_GT(forms[36], 1000u);
+    EXPECT_EQ(exactOthers, frames.size() - forms[39]);
+    EXPECT_GT(snrLost, 100u);
+    EXPECT_LT(worstRange, 2.0);
+    EXPECT_GT(worstRange, 0.0);
 }
 
 }  // namespace

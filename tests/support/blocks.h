@@ -1,7 +1,8 @@
-// Block streams for tests and benchmarks: frames of every length coding, an encode state
-// as its initialisation leaves it, and the reading loops of a host.
-#ifndef NVB_TESTS_BLOCK_STREAM_SUPPORT_H
-#define NVB_TESTS_BLOCK_STREAM_SUPPORT_H
+#ifndef NVB_TESTS_BLOCKS_H
+#define NVB_TESTS_BLOCKS_H
+
+// Block streams for tests and benchmarks: frames of every length coding, and an encode
+// state as its initialisation leaves it, driven through the block writer alone.
 
 #include <nvbdll/nvbdll.h>
 
@@ -9,7 +10,7 @@
 #include "stream/block_writer.h"
 #include "stream/framing.h"
 #include "stream/huffman.h"
-#include "support/frame_builder.h"
+#include "support/host.h"
 
 #include <cstdio>
 #include <cstring>
@@ -20,8 +21,7 @@
 
 namespace nvbtest::blocks {
 
-using Bytes = std::vector<std::uint8_t>;
-
+using nvbtest::Bytes;
 using nvbtest::copyOf;
 
 inline bool isBareMethod(int method) {
@@ -182,60 +182,12 @@ private:
     std::size_t blockFirst_ = 0;
 };
 
-// A getter result other than "nothing yet"; `frame` holds the record when one is ready.
-struct Event {
-    std::int32_t result = 0;
-    std::uint8_t status = 0;
-    Bytes frame;
-
-    bool isRecord() const { return result > 0 && result != 255 && (status == 0 || status == 18); }
-};
-
-inline void collect(nvb_expand_t* state, std::int32_t result, std::uint8_t status, std::vector<Event>& events) {
-    if (result == 0 && status == 0) return;
-    Event event{result, status, {}};
-    if (event.isRecord()) event.frame.assign(state->frame.data, state->frame.data + state->frame.length);
-    events.push_back(std::move(event));
+// The host's reading loops of the by-byte getter, following `more`, and the file getter.
+inline std::vector<ReadEvent> readByByte(nvb_expand_t* state, const Bytes& stream) {
+    return readStream(state, stream, Getter::NvbByByte);
 }
-
-// The by-byte getter, following `more`.
-inline std::vector<Event> readByByte(nvb_expand_t* state, const Bytes& stream) {
-    std::vector<Event> events;
-    for (const std::uint8_t byte : stream) {
-        std::uint8_t status = 0;
-        std::uint8_t more = 0;
-        std::int32_t result = nvbdll_getNVBRecordByByte(state, byte, &status, 1, &more);
-        collect(state, result, status, events);
-        while (more == 1) {
-            result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
-            collect(state, result, status, events);
-        }
-    }
-    return events;
-}
-
-// The file getter, to the end of the file.
-inline std::vector<Event> readFile(nvb_expand_t* state, const Bytes& stream) {
-    std::vector<Event> events;
-    std::FILE* file = std::tmpfile();
-    if (!stream.empty()) std::fwrite(stream.data(), 1, stream.size(), file);
-    std::rewind(file);
-    for (std::size_t guard = 0; guard <= stream.size() * 2 + 16; ++guard) {
-        std::uint8_t status = 0;
-        const std::int32_t result = nvbdll_getNVBRecord(state, file, &status);
-        if (status == 1) break;
-        collect(state, result, status, events);
-    }
-    std::fclose(file);
-    return events;
-}
-
-inline std::vector<Bytes> recordsOf(const std::vector<Event>& events) {
-    std::vector<Bytes> frames;
-    for (const Event& event : events) {
-        if (event.isRecord()) frames.push_back(event.frame);
-    }
-    return frames;
+inline std::vector<ReadEvent> readFile(nvb_expand_t* state, const Bytes& stream) {
+    return readStream(state, stream, Getter::NvbFile);
 }
 
 // What a reader gives back for frames [first, first + count) written with `method`.

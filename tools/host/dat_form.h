@@ -1,5 +1,5 @@
-#ifndef NVB_TOOL_DAT_FORM_H
-#define NVB_TOOL_DAT_FORM_H
+#ifndef NVB_HOST_DAT_FORM_H
+#define NVB_HOST_DAT_FORM_H
 
 #include <cstddef>
 #include <cstdint>

@@ -2,7 +2,8 @@
 #include "external/su/reference_epoch.h"
 
 #include "common/byte_sum.h"
-#include "support/epoch_sequence.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 
@@ -40,33 +41,7 @@ std::vector<Bytes> quietSequence(std::size_t epochs, std::uint32_t intervalMs) {
     return nvbtest::makeEpochSequence(options);
 }
 
-TEST(EpochForm, ReferenceComesFirstEveryTenMinutesAtABackwardStepAndOnRequest) {
-    const auto frames = quietSequence(12, 1000);
-    Writer writer;
-    const std::uint32_t start = 1000000;
-    struct Step {
-        std::uint32_t time;
-        std::uint8_t forceReference;
-        std::uint8_t type;
-    };
-    const Step steps[] = {
-        {start, 0, 38},                  // nothing is at or above 0xFFFFFFFF
-        {start + 1000, 0, 37},
-        {start + 599999, 0, 37},
-        {start + 600000, 0, 38},
-        {start + 600001, 0, 37},
-        {start + 1000, 0, 38},           // earlier than the last reference, as at a new week
-        {start + 2000, 0, 37},
-        {start + 3000, 1, 38},
-        {start + 4000, 0, 37},
-    };
-    for (std::size_t i = 0; i < std::size(steps); ++i) {
-        EXPECT_EQ(writer.put(frames[i], steps[i].time, 0, 0, 0, steps[i].forceReference), steps[i].type) << i;
-    }
-    EXPECT_EQ(writer.lastReference, start + 3000);
-}
-
-TEST(EpochForm, AnyOptionSelectsTheLongFormAndTheEncodeStepClearsTheForcedReference) {
+TEST(EpochForm, AnyOptionSelectsTheLongForm) {
     const auto frames = quietSequence(3, 1000);
     const std::array<std::array<std::uint8_t, 3>, 4> options = {{{0, 0, 0}, {1, 0, 0}, {0, 0, 7}, {0, 1, 0}}};
     for (const auto& option : options) {
@@ -75,21 +50,30 @@ TEST(EpochForm, AnyOptionSelectsTheLongFormAndTheEncodeStepClearsTheForcedRefere
         const bool longForm = option[0] != 0 || option[1] != 0 || option[2] != 0;
         EXPECT_EQ(writer.put(frames[1], 11000, option[0], option[1], option[2]), longForm ? 36 : 37);
     }
-
-    nvbtest::EpochLink link;
-    EXPECT_EQ(link.compress(frames[0]).at(2), 38);
-    link.encoder().epochForceReference = 1;
-    EXPECT_EQ(link.compress(frames[1]).at(2), 38);
-    EXPECT_EQ(link.encoder().epochForceReference, 0);
-    EXPECT_EQ(link.compress(frames[2]).at(2), 37);
 }
 
 TEST(EpochForm, PredictedFormIsTakenOnlyOffTheWholeHundredMilliseconds) {
     const auto frames = quietSequence(6, 50);
-    nvbtest::EpochLink link;
+    nvbtest::CompactLink link = nvbtest::epochLink();
     link.encoder().epochUsePredicted = 1;
     const std::uint8_t expected[] = {38, 39, 36, 39, 36, 39};
     for (std::size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(link.compress(frames[i]).at(2), expected[i]) << i;
+}
+
+TEST(EpochReference, EveryEpochOfALogComesBackFromItsReferenceForm) {
+    EpochSequenceOptions options;
+    options.epochs = 500;
+    const auto frames = nvbtest::makeEpochSequence(options);
+    nvbtest::CompactLink link = nvbtest::epochLink();
+    for (const Bytes& frame : frames) {
+        link.encoder().epochForceReference = 1;
+        const Bytes compact = link.compress(frame);
+        ASSERT_EQ(compact.at(2), 38);
+        ASSERT_EQ(compact.size(), frame.size() - 1);
+        Bytes plain;
+        ASSERT_EQ(link.expand(compact, plain), 0);
+        ASSERT_EQ(plain, frame);
+    }
 }
 
 TEST(EpochReference, IsOneByteShorterEndsInItsOwnChecksumAndExpandsToThePlainRecord) {
