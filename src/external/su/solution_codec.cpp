@@ -447,10 +447,12 @@ std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t
     if (distanceFrom(reader, start) > length) return status = kShort;
     if (!readBytes(reader, image.checksum, sizeof image.checksum)) return status = kShort;
 
-    // Kept to 8 bits: the high byte stays what the delta record held.
+    // Kept to 8 bits: the high byte stays what the delta record held. A record that then
+    // claims more than a frame holds is refused before the history moves.
     const std::uint32_t total = lengthSum + image.block6Length + 53 + image.block3[0] + image.block4[0] + 15 + 7;
     image.head[1] = static_cast<std::uint8_t>(total);
     image.head[2] = kTypeSolution;
+    if (image.head[1] + 256u * image.head[3] > NVB_FRAME_CAPACITY) return status = kShort;
     advanceSolutionHistory(image, history.previous, history.predicted);
     return status;
 }
