@@ -248,24 +248,4 @@ TEST(Getters, FileGetterReportsEndOfFile) {
     EXPECT_EQ(status, 1);
 }
 
-TEST(BadInput, RandomAndTruncatedStreamsThroughEveryGetterStayInBounds) {
-    std::mt19937 random(5);
-    Bytes good = kLeadIn;
-    const std::uint8_t types[] = {14, 16, 23};
-    for (int i = 0; i < 100; ++i) {
-        good = concat({good, opaque(types[i % 3], random() % 240, static_cast<std::uint8_t>(i))});
-    }
-    for (int round = 0; round < 40; ++round) {
-        Bytes stream(random() % 20000);
-        for (auto& byte : stream) byte = static_cast<std::uint8_t>(random() % 8 == 0 ? 0x02 : random());
-        if (round % 2 == 0) stream = concat({stream, Bytes(good.begin(), good.begin() + static_cast<long>(random() % good.size()))});
-        for (const Getter getter : {Getter::NvbFile, Getter::NvaFile, Getter::NvbByByte, Getter::NvaByByte}) {
-            Handle handle;
-            for (const auto& event : readStream(handle.get(), stream, getter)) {
-                EXPECT_TRUE(!event.delivered() || event.datLength <= 5120u);
-            }
-        }
-    }
-}
-
 }  // namespace
