@@ -23,8 +23,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNotWritable = NVB_STATUS_NOT_WRITABLE;
-constexpr std::uint8_t kNoCallback = NVB_STATUS_NO_CALLBACK;
 constexpr std::uint8_t kRec33MixedSystems = 3;
 constexpr std::uint32_t kNoReference = 0xFFFFFFFFu;
 constexpr std::uint16_t kLongestRecord17 = 511;
@@ -88,11 +86,11 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
     switch (type) {
         case 14: case 22: case 23: case 24:
             if (writeGenericFrame(state, type)) return true;
-            status = kNotWritable;
+            status = NVB_STATUS_NOT_WRITABLE;
             return false;
         case 16:
             if (writeRec16Frame(state)) return true;
-            status = kNotWritable;
+            status = NVB_STATUS_NOT_WRITABLE;
             return false;
         case 11: {
             Rec11& rec = *state.records.rec11;
@@ -100,7 +98,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
                 return false;
             }
             if (writeRec11(rec, state.plainFrame) == 0) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             compressRec11Frame(state, state.plainFrame, state.frame);
@@ -117,7 +115,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             // one of more than 511 bytes (many satellites on two frequencies) can't be told.
             const std::uint16_t length = writeRec17(rec, state.plainFrame);
             if (length == 0 || length > kLongestRecord17) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             if (compressRec17Frame(state, state.plainFrame, state.frame) == 0) return false;
@@ -131,7 +129,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             if (state.legacyMode == 1) applyLegacyToRec27(rec);
             if (writeRec27(rec, state.plainFrame, state.fileFormat, state.epochKeepDoppler != 0) == 0) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             compressEpochFrame(state, state.plainFrame, state.frame);
@@ -146,7 +144,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             if (state.legacyMode == 1) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags & ~0x10);
             if (state.rec29BitSeen == 0) rec.posFlags = static_cast<std::uint8_t>(rec.posFlags | 0x04);
             if (writeRec29(rec, state.plainFrame) == 0) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             compressRec29Frame(state, state.plainFrame, state.frame);
@@ -160,12 +158,12 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
         case 98:
         case 99:
             if (writeAuxiliaryFrame(state, type)) return true;
-            status = kNotWritable;
+            status = NVB_STATUS_NOT_WRITABLE;
             return false;
         case 33: {
             const Rec33& rec = *state.records.rec33;
             if (!writeRec33(rec, state.records.datHeader[1], state.frame)) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             if (rec.subtype == kRec33MixedSystems) restartAfterSystemList(state);
@@ -173,7 +171,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
         }
         case 40:
             if (!writeRec40(*state.records.rec40, state.records.datHeader[2], state.plainFrame)) {
-                status = kNotWritable;
+                status = NVB_STATUS_NOT_WRITABLE;
                 return false;
             }
             handOverListRecord(state);
@@ -190,7 +188,7 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
         case 35:
             // Their writers (and the filters of 25, 26 and 28) come with the receiver,
             // navigation and record 35 families; until then such a record can't be written.
-            status = kNotWritable;
+            status = NVB_STATUS_NOT_WRITABLE;
             return false;
         default:
             return false;
@@ -252,7 +250,7 @@ std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std
     }
     state.flushBlock = state.restartHeader != 0 ? 1 : 0;
     if (state.writeCallback == nullptr) {
-        status = kNoCallback;
+        status = NVB_STATUS_NO_CALLBACK;
         return 0;
     }
     if (state.compressionMethod >= 3 && state.compressionMethod <= 7) state.outputLength = 0;

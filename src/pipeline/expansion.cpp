@@ -1,5 +1,7 @@
 #include "pipeline/expansion.h"
 
+#include <nvbdll/status.h>
+
 #include "common/byte_sum.h"
 #include "common/rclean.h"
 #include "external/su/delta_epoch.h"
@@ -14,6 +16,7 @@
 #include "records/opaque_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "stream/block_codecs.h"
 #include "stream/framing.h"
 
 #include <algorithm>
@@ -180,9 +183,15 @@ std::uint32_t thin(nvb_expand_t& state, Thinning thinning, std::uint32_t length)
     return length;
 }
 
-bool hasPlainEpochEnd(const nvb_frame_t& plain, bool framed) {
-    if (plain.length < 3 || plain.data[plain.length - 1] != 0x03) return false;
-    return !framed || readU16BigEndian(plain.data + plain.length - 3) == byteSum(plain.data, plain.length - 3u);
+// The end byte (unless told not to test it), and in a framed level the checksum, of a
+// plain frame: 0 when both hold.
+std::uint8_t plainFrameStatus(const nvb_frame_t& plain, bool framed, bool testEndByte = true) {
+    if (testEndByte && (plain.length == 0 || plain.data[plain.length - 1] != 0x03)) return NVB_STATUS_END_BYTE;
+    if (framed && (plain.length < 3 || readU16BigEndian(plain.data + plain.length - 3) !=
+                                           byteSum(plain.data, plain.length - 3u))) {
+        return NVB_STATUS_CHECKSUM;
+    }
+    return 0;
 }
 
 // The epoch expanders with the host's control in place of mode 0.
@@ -214,47 +223,39 @@ std::uint32_t processRecordWithOutput(nvb_expand_t& state, rinex_control_t& outp
     std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
     status = 0;
     recordType = kNoRecord;
-    const bool framed = isFramedLevel(state.blockLevel);
+    const bool framed = !isBareLevel(state.blockLevel);
     std::uint16_t length = 0;
     if (type == kPlainEpochType) {
         copyFrameAsPlain(state);
-        if (!hasPlainEpochEnd(state.plainFrame, framed)) {
-            status = state.plainFrame.length != 0 && state.plainFrame.data[state.plainFrame.length - 1] == 0x03 ? 2 : 5;
-            return 0;
-        }
+        status = plainFrameStatus(state.plainFrame, framed);
+        if (status != 0) return 0;
         epoch_image_t image;
         const EpochWorkBuffer work = allocateEpochWork();
         if (!work || parseEpochImage(image, state.plainFrame.data, state.plainFrame.length).status != 0) {
-            status = 7;
+            status = NVB_STATUS_EXPANSION;
             return 0;
         }
         length = finishEpochOutput(image, state.plainFrame.data, state.plainFrame.length, output, *work);
     } else {
         ExpandedEpoch result;
         if (expandEpochUnder(state, output, framed, result) != 0) {
-            status = 7;
+            status = NVB_STATUS_EXPANSION;
             return 0;
         }
         length = result.length != 0 ? epochFrameLength(state.plainFrame.data) : 0;
         state.plainFrame.length = length;
-        if (length != 0 && !hasPlainEpochEnd(state.plainFrame, framed)) {
-            status = state.plainFrame.data[length - 1] == 0x03 ? 2 : 5;
-            return 0;
-        }
+        if (length != 0) status = plainFrameStatus(state.plainFrame, framed);
+        if (status != 0) return 0;
     }
     if (length == 0) return 0;
     recordType = 27;
     return read27(state);
 }
 
-bool isFramedLevel(std::uint8_t blockLevel) {
-    return blockLevel != 3 && blockLevel != 5 && blockLevel != 6 && blockLevel != 7;
-}
-
 std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std::uint8_t& status) {
     std::memset(&state.plainFrame, 0, sizeof state.plainFrame);
     status = 0;
-    const bool framed = isFramedLevel(state.blockLevel);
+    const bool framed = !isBareLevel(state.blockLevel);
     const std::uint16_t type = state.currentType;
     const RecordRoute& route = kRoutes[type & 0xFFu];
     const bool compact = type < 256 && isCompactType(static_cast<std::uint8_t>(type));
@@ -269,24 +270,15 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
     if (route.expand != nullptr) {
         status = route.expand(state, framed);
         if (status != 0) {
-            status = 7;
+            status = NVB_STATUS_EXPANSION;
             return 0;
         }
     } else if (type != 35) {
         copyFrameAsPlain(state);
     }
 
-    const nvb_frame_t& plain = state.plainFrame;
-    if (testEndByte && (plain.length == 0 || plain.data[plain.length - 1] != 0x03)) {
-        status = 5;
-        return 0;
-    }
-    if (framed) {
-        if (plain.length < 3 || readU16BigEndian(plain.data + plain.length - 3) != byteSum(plain.data, plain.length - 3u)) {
-            status = 2;
-            return 0;
-        }
-    }
+    status = plainFrameStatus(state.plainFrame, framed, testEndByte);
+    if (status != 0) return 0;
     if (type < 5 || type > 99) {
         recordType = kNoRecord;
         return 0;

@@ -1,6 +1,7 @@
 #include "pipeline/serialisation.h"
 
 #include "records/auxiliary_records.h"
+#include "records/dat_parser.h"
 #include "records/field_codec.h"
 #include "records/rec33_records.h"
 
@@ -10,18 +11,6 @@
 #include <cstring>
 
 namespace nvb {
-
-std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
-    const std::uint8_t type = datHeader[3];
-    switch (type) {
-        case 0: case 1: case 2:
-            return datHeader[2];
-        case 12: case 17: case 27: case 29: case 101: case 102:
-            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
-        default:
-            return datHeader[1];
-    }
-}
 
 namespace {
 
@@ -54,20 +43,20 @@ struct PlainStructure {
 PlainStructure plainStructureOf(const nvb_expand_t& state, std::int16_t type) {
     const nvb_record_table_t& records = state.records;
     switch (type) {
-        case 5: return {records.rec5, 106};
+        case 5: return {records.rec5, sizeof(Rec5)};
         case 11: return {records.rec11, sizeof(Rec11)};
-        case 12: return {records.rec12, 832};
-        case 15: return {records.rec15, 120};
-        case 16: return {records.rec16, 250};
-        case 19: return {records.rec19, 259};
-        case 21: return {records.rec21, 186};
-        case 25: return {records.rec25, 204};
-        case 26: return {records.rec26, 139};
-        case 28: return {records.rec28, 214};
-        case 31: return {records.rec31, 260};
-        case 32: return {records.rec32, 99};
-        case 40: return {records.rec40, 187};
-        case 99: return {records.rec99, 4103};
+        case 12: return {records.rec12, sizeof(Rec12)};
+        case 15: return {records.rec15, sizeof(Rec15)};
+        case 16: return {records.rec16, sizeof(Rec16)};
+        case 19: return {records.rec19, sizeof(Rec19)};
+        case 21: return {records.rec21, sizeof(Rec21)};
+        case 25: return {records.rec25, sizeof(Rec25)};
+        case 26: return {records.rec26, sizeof(Rec26)};
+        case 28: return {records.rec28, sizeof(Rec28)};
+        case 31: return {records.rec31, sizeof(Rec31)};
+        case 32: return {records.rec32, sizeof(Rec32)};
+        case 40: return {records.rec40, sizeof(Rec40)};
+        case 99: return {records.rec99, sizeof(Rec99)};
         default: return {nullptr, 0};
     }
 }

@@ -43,6 +43,35 @@ std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader) {
     }
 }
 
+std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
+    switch (datHeader[3]) {
+        case 0:
+        case 1:
+        case 2:
+            return datHeader[2];
+        case 12:
+        case 17:
+        case 27:
+        case 29:
+        case 101:
+        case 102:
+            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
+        default:
+            return datHeader[1];
+    }
+}
+
+std::uint16_t wholeLengthOf(const std::uint8_t* datHeader) {
+    switch (datHeader[3]) {
+        case 34:
+        case 98:
+        case 99:
+            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
+        default:
+            return retrieveLengthOf(datHeader);
+    }
+}
+
 std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t systemMask) {
     std::uint8_t* header = state.records.datHeader;
     if (header == nullptr || dat == nullptr) return 0;

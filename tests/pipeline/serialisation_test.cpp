@@ -333,19 +333,20 @@ TEST(DatParser, RefusesUnknownTypesMissingStructuresAndCountsBeyondTheArrays) {
     EXPECT_EQ(parsed.parse(withCount(11, 77, 1)), 0);
 }
 
-TEST(DatLengthRules, ParsingAndRetrievingReadTheHeaderEachByItsOwnRule) {
+TEST(DatLengthRules, ParsingRetrievingAndTheWholeFormReadTheHeaderEachByItsOwnRule) {
     struct Case {
         std::uint8_t type;
-        std::uint16_t parse;
-        std::uint16_t retrieve;
+        std::uint16_t parse, retrieve, whole;
     };
-    const Case cases[] = {{0, 0x34, 0x12},      {1, 0x34, 0x12},      {12, 0x1234, 0x1234}, {17, 0x1234, 0x1234},
-                          {27, 0x1234, 0x1234}, {29, 0x1234, 0x1234}, {34, 0x1234, 0x34},   {98, 0x1234, 0x34},
-                          {99, 0x1234, 0x34},   {101, 0x34, 0x1234},  {5, 0x34, 0x34}};
+    const Case cases[] = {{0, 0x34, 0x12, 0x12},       {1, 0x34, 0x12, 0x12},       {12, 0x1234, 0x1234, 0x1234},
+                          {17, 0x1234, 0x1234, 0x1234}, {27, 0x1234, 0x1234, 0x1234}, {29, 0x1234, 0x1234, 0x1234},
+                          {34, 0x1234, 0x34, 0x1234},   {98, 0x1234, 0x34, 0x1234},   {99, 0x1234, 0x34, 0x1234},
+                          {101, 0x34, 0x1234, 0x1234},  {5, 0x34, 0x34, 0x34}};
     for (const Case& c : cases) {
         const std::uint8_t header[4] = {0x74, 0x34, 0x12, c.type};
         EXPECT_EQ(nvb::parseDatLengthOf(header), c.parse) << int(c.type);
         EXPECT_EQ(nvb::retrieveLengthOf(header), c.retrieve) << int(c.type);
+        EXPECT_EQ(nvb::wholeLengthOf(header), c.whole) << int(c.type);
     }
 }
 

@@ -367,7 +367,7 @@ struct Epochs {
             {"7 signals", with(1, 1, {0x01, 5, 0, 1, 7}), true, kStatusBadEpochCode},
             {"record ends in a signal", record({0x00, 0x00, 0x00}), true, kStatusBadDeltaLength},
             {"record ends in the header block", record({0x80, 15}), true, kStatusBadDeltaLength},
-            {"checksum", checksum, true, kStatusEpochChecksum},
+            {"checksum", checksum, true, kStatusChecksum},
         };
         if (!Long) {
             cases.push_back({"svFlags2 in a short record", with(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});

@@ -7,6 +7,7 @@
 #include <nvbdll/nvbdll.h>
 
 #include "common/byte_sum.h"
+#include "stream/block_codecs.h"
 #include "stream/block_writer.h"
 #include "stream/framing.h"
 #include "stream/huffman.h"
@@ -23,10 +24,6 @@ namespace nvbtest::blocks {
 
 using nvbtest::Bytes;
 using nvbtest::copyOf;
-
-inline bool isBareMethod(int method) {
-    return method == 3 || method == 5 || method == 6 || method == 7;
-}
 
 // A frame of `type` and total `length`: plain types with a true checksum and end byte,
 // compact types with a trailer of their own; the payload in runs, for the compressors.
@@ -69,7 +66,7 @@ inline std::vector<Bytes> mixedFrames(std::size_t count, std::uint32_t seed) {
 // A frame as a reader gives it back: rebuilt from a bare record, its checksum or trailer
 // bytes are zero.
 inline Bytes readBack(Bytes frame, int method) {
-    if (isBareMethod(method)) {
+    if (nvb::isBareLevel(static_cast<std::uint8_t>(method))) {
         const std::size_t from = frame.size() - (nvb::isCompactType(frame[2]) ? 2 : 3);
         frame[from] = frame[from + 1] = 0;
     }

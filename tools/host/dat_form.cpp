@@ -28,27 +28,6 @@ double rangeAt(std::span<const std::uint8_t> dat, std::size_t at) {
 
 }  // namespace
 
-std::size_t datLengthOf(std::span<const std::uint8_t, 4> header) {
-    switch (header[3]) {
-        case 0:
-        case 1:
-        case 2:
-            return header[2];
-        case 12:
-        case 17:
-        case 27:
-        case 29:
-        case 34:
-        case 98:
-        case 99:
-        case 101:
-        case 102:
-            return static_cast<std::size_t>(header[1] | (header[2] << 8));
-        default:
-            return header[1];
-    }
-}
-
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {
     EpochShape shape;
     if (dat.size() <= kRec27CountOffset + 1 || dat[3] != 27) return shape;

@@ -11,11 +11,6 @@ namespace nvbtool {
 // the epoch header length, the week, the time and the clock offset.
 inline constexpr std::size_t kRec27CountOffset = 4 + 1 + 2 + 8 + 4;
 
-// The length of a DAT record as its header tells it: byte 2 for types 0 to 2, bytes 1
-// and 2 for 12, 17, 27, 29, 34, 98, 99, 101 and 102, byte 1 for every other type. The
-// tool writes records 34, 98 and 99 whole, so their high byte counts.
-std::size_t datLengthOf(std::span<const std::uint8_t, 4> header);
-
 // What the encoder needs to know of a record 27 in DAT form.
 struct EpochShape {
     std::size_t satellites = 0;  // satellite entries that follow the epoch header

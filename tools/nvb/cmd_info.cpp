@@ -5,7 +5,7 @@
 #include "nvb/gnss_names.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
-#include "nvb/status_text.h"
+#include "nvb/status_report.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

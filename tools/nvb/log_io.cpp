@@ -1,11 +1,13 @@
 #include "nvb/log_io.h"
 
 #include "host/dat_form.h"
-#include "nvb/status_text.h"
+#include "nvb/status_report.h"
 
 #include "common/byte_sum.h"
 #include "pipeline/expansion.h"
 #include "pipeline/serialisation.h"
+#include "records/dat_parser.h"
+#include "stream/block_codecs.h"
 #include "stream/framing.h"
 
 #include <fmt/format.h>
@@ -150,9 +152,6 @@ constexpr std::size_t kReadChunk = 1 << 16;
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
 
-constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
-constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
-
 struct Detected {
     StreamShape shape;
     bool nve;
@@ -165,8 +164,8 @@ Detected detectShape(std::span<const std::uint8_t> head) {
     if (head.empty()) return {StreamShape::Empty, false};
     if (head.size() >= 10 && head[0] == 0 && head[1] == 0 && head[2] == 0) {
         const auto magic = head.subspan(4, 6);
-        if (std::equal(magic.begin(), magic.end(), kFirstHeaderMagic.begin())) return {StreamShape::Blocks, false};
-        if (std::equal(magic.begin(), magic.end(), kNveHeaderMagic.begin())) return {StreamShape::Blocks, true};
+        if (std::equal(magic.begin(), magic.end(), nvb::kFirstHeaderMagic.begin())) return {StreamShape::Blocks, false};
+        if (std::equal(magic.begin(), magic.end(), nvb::kSecondHeaderMagic.begin())) return {StreamShape::Blocks, true};
     }
     if (head.size() >= 6 && head[0] == nvb::kStartByte) {
         const std::uint8_t type = head[2];
@@ -195,7 +194,7 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length), buffer.data(),
                           buffer.size());
         const std::size_t size =
-            std::min(datLengthOf(std::span<const std::uint8_t, 4>(buffer.data(), 4)), buffer.size());
+            std::min<std::size_t>(nvb::wholeLengthOf(buffer.data()), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
     }
     return *dat_;
@@ -407,7 +406,7 @@ LogWriter::LogWriter(Output& output, const WriteOptions& options)
 void LogWriter::put(std::span<std::uint8_t> dat) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
-    if (dat.size() < 4 || datLengthOf(std::span<const std::uint8_t, 4>(dat.data(), 4)) > dat.size()) {
+    if (dat.size() < 4 || nvb::wholeLengthOf(dat.data()) > dat.size()) {
         ++summary_.refusedByType[-1];
         return;
     }
@@ -494,7 +493,7 @@ bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
         problemOffset_ = consumed_;
         return false;
     }
-    const std::size_t length = datLengthOf(std::span<const std::uint8_t, 4>(header, 4));
+    const std::size_t length = nvb::wholeLengthOf(header);
     if (length < 4) {
         problem_ = fmt::format("impossible DAT length {} for a record of type {}", length, header[3]);
         problemOffset_ = consumed_;

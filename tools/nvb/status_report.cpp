@@ -1,4 +1,4 @@
-#include "nvb/status_text.h"
+#include "nvb/status_report.h"
 
 #include <nvbdll/status.h>
 

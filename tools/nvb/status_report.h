@@ -1,5 +1,5 @@
-#ifndef NVB_TOOL_STATUS_TEXT_H
-#define NVB_TOOL_STATUS_TEXT_H
+#ifndef NVB_TOOL_STATUS_REPORT_H
+#define NVB_TOOL_STATUS_REPORT_H
 
 #include <cstdint>
 #include <string>
