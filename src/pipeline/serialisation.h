@@ -4,6 +4,8 @@
 #include <nvbdll/records.h>
 #include <nvbdll/state.h>
 
+#include "records/field_codec.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -12,6 +14,12 @@ namespace nvb {
 // Writes the DAT form of the record just decoded: the header, then the structure in the
 // order its DAT form asks. Returns true when written in a form the type defines.
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out);
+
+// The fields of the structures whose DAT form is not the structure as it stands. Record
+// 27's packed system bytes go back into the structure on the way.
+void writeDatFields(Rec27& rec, DatWriter& out);
+void writeDatFields(const Rec29& rec, DatWriter& out);
+void writeDatFields(const Rec17& rec, DatWriter& out);
 
 // The DAT form of a structure, header included, laid out as retrieval lays it out, for a
 // host that builds records itself (the tools, the simulator). Record 27's packed system

@@ -1,10 +1,6 @@
 #include "records/dat_parser.h"
 
-#include "records/auxiliary_records.h"
 #include "records/field_codec.h"
-#include "records/measurement_records.h"
-#include "records/position_records.h"
-#include "records/rec33_records.h"
 
 #include <nvbdll/records.h>
 
@@ -13,11 +9,6 @@
 
 namespace nvb {
 
-namespace {
-
-constexpr std::uint8_t kHighestType = 102;
-
-// Bodies of 14, 22, 23 and 24 go byte by byte into the generic area, as far as it holds.
 int parseGenericDat(DatReader& in, RecGeneric* generic, std::uint16_t length) {
     if (generic == nullptr) return -1;
     if (length <= 4) return 0;
@@ -25,8 +16,6 @@ int parseGenericDat(DatReader& in, RecGeneric* generic, std::uint16_t length) {
     for (std::size_t i = 0; i < count; ++i) generic->data[i] = datRead<std::uint8_t>(in);
     return 0;
 }
-
-}  // namespace
 
 std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader) {
     switch (datHeader[3]) {
@@ -70,54 +59,6 @@ std::uint16_t wholeLengthOf(const std::uint8_t* datHeader) {
         default:
             return retrieveLengthOf(datHeader);
     }
-}
-
-std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t systemMask) {
-    std::uint8_t* header = state.records.datHeader;
-    if (header == nullptr || dat == nullptr) return 0;
-    std::memcpy(header, dat, 4);
-    const std::uint16_t length = parseDatLengthOf(dat);
-    const std::uint8_t type = dat[3];
-    if (type > kHighestType) return 0;
-    DatReader in{dat, length, 4};
-    int result = 0;
-    switch (type) {
-        case 11:
-            result = parseRec11Dat(in, state.records.rec11);
-            break;
-        case 17:
-            result = parseRec17Dat(in, state.records.rec17);
-            break;
-        case 27:
-            result = parseRec27Dat(in, state.records.rec27, systemMask, header);
-            break;
-        case 29:
-            result = parseRec29Dat(in, state.records.rec29);
-            break;
-        case 33:
-            result = parseRec33Dat(in, state.records.rec33);
-            break;
-        case 20:
-        case 31:
-        case 32:
-        case 34:
-        case 40:
-        case 98:
-        case 99:
-        case 101:
-        case 102:
-            result = parseAuxiliaryDat(state, type, in);
-            break;
-        case 14:
-        case 22:
-        case 23:
-        case 24:
-            result = parseGenericDat(in, state.records.generic, length);
-            break;
-        default:
-            return 0;
-    }
-    return result < 0 ? 0 : length;
 }
 
 }  // namespace nvb

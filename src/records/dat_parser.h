@@ -3,6 +3,8 @@
 
 #include <nvbdll/state.h>
 
+#include "records/field_codec.h"
+
 #include <cstdint>
 
 namespace nvb {
@@ -16,12 +18,9 @@ namespace nvb {
 [[nodiscard]] std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader);
 [[nodiscard]] std::uint16_t wholeLengthOf(const std::uint8_t* datHeader);
 
-// Parses a DAT record (header and structure) into the encode state's structure of its
-// type, after copying the header into the state's DAT header area. `systemMask` is the
-// dropMask that record 27 applies. Reads never pass the length the header announces.
-// Returns that length, 0 for a type without a parser (above 102, or not built), a
-// missing structure, or counts beyond the structure's arrays.
-[[nodiscard]] std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t systemMask);
+// Records 14, 22, 23 and 24: the body goes byte by byte into the generic area, as far as
+// it holds. -1 without the area.
+int parseGenericDat(DatReader& in, RecGeneric* generic, std::uint16_t length);
 
 }  // namespace nvb
 

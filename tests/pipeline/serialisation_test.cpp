@@ -1,3 +1,4 @@
+#include "pipeline/encoding.h"
 #include "pipeline/serialisation.h"
 #include "records/dat_parser.h"
 #include "records/opaque_records.h"
