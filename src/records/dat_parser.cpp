@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 
 namespace nvb {
 
@@ -17,48 +18,30 @@ int parseGenericDat(DatReader& in, RecGeneric* generic, std::uint16_t length) {
     return 0;
 }
 
-std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader) {
-    switch (datHeader[3]) {
-        case 12:
-        case 17:
-        case 27:
-        case 29:
-        case 34:
-        case 98:
-        case 99:
-            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
-        default:
-            return datHeader[1];
+namespace {
+
+// The length in bytes 1 and 2 for the types of `wide`, in byte 1 for every other type.
+std::uint16_t lengthOf(const std::uint8_t* datHeader, std::initializer_list<std::uint8_t> wide) {
+    for (const std::uint8_t type : wide) {
+        if (datHeader[3] == type) return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
     }
+    return datHeader[1];
+}
+
+}  // namespace
+
+std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader) {
+    return lengthOf(datHeader, {12, 17, 27, 29, 34, 98, 99});
 }
 
 std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
-    switch (datHeader[3]) {
-        case 0:
-        case 1:
-        case 2:
-            return datHeader[2];
-        case 12:
-        case 17:
-        case 27:
-        case 29:
-        case 101:
-        case 102:
-            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
-        default:
-            return datHeader[1];
-    }
+    if (datHeader[3] <= 2) return datHeader[2];
+    return lengthOf(datHeader, {12, 17, 27, 29, 101, 102});
 }
 
 std::uint16_t wholeLengthOf(const std::uint8_t* datHeader) {
-    switch (datHeader[3]) {
-        case 34:
-        case 98:
-        case 99:
-            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
-        default:
-            return retrieveLengthOf(datHeader);
-    }
+    const std::uint8_t type = datHeader[3];
+    return type == 34 || type == 98 || type == 99 ? lengthOf(datHeader, {type}) : retrieveLengthOf(datHeader);
 }
 
 }  // namespace nvb
