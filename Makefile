@@ -10,7 +10,7 @@ CMAKE_ARGS ?=
 
 PACKAGES := g++ cmake make pkg-config python3 binutils \
             googletest libgtest-dev libbenchmark-dev \
-            zlib1g-dev libbz2-dev libbrotli-dev libzstd-dev libavro-dev libjansson-dev \
+            zlib1g-dev libbz2-dev libbrotli-dev libzstd-dev libavro-dev libjansson-dev python3-avro \
             libcli11-dev nlohmann-json3-dev libfmt-dev \
             bzip2 brotli zstd pigz
 

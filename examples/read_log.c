@@ -27,8 +27,9 @@ int main(int argc, char** argv) {
         fclose(file);
         return 2;
     }
-    /* The largest DAT form is a full record 27; 64 KiB holds any. */
-    uint8_t* dat = malloc(65536);
+    /* 64 KiB holds any DAT form but that of a long record 35, for which it grows. */
+    size_t capacity = 65536;
+    uint8_t* dat = malloc(capacity);
     unsigned records = 0;
     unsigned damaged = 0;
 
@@ -46,6 +47,12 @@ int main(int argc, char** argv) {
         }
         uint16_t type = 0;
         uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &status);
+        if (length > capacity) {
+            uint8_t* grown = realloc(dat, length);
+            if (grown == NULL) break;
+            dat = grown;
+            capacity = length;
+        }
         if (length > 0 && status == NVB_STATUS_OK) {
             nvbdll_retrieveDATRecord(state, (int16_t)type, dat);
             ++records;

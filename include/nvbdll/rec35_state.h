@@ -1,11 +1,39 @@
 /* Record 35 envelope state: the growable buffer, the fragment assembly and the decoded
- * content. The per-subtype slots and native records are owned by the library. */
+ * content. The per-subtype slots and, on the read path, the native records are owned by
+ * the library.
+ *
+ * DAT form of a record 35: the header 0x74, length low, length high, 35; then the
+ * subtype (u64), the subsubtype (u64) and the payload length (u32), little-endian; then
+ * the payload as the stream carries it (a schema text with its terminating zero, or the
+ * Avro bytes of a reference or delta record, or the bytes of an area). Its length is 24
+ * plus the payload length; the header holds the low 16 bits of it. */
 #ifndef NVBDLL_REC35_STATE_H
 #define NVBDLL_REC35_STATE_H
 
 #include "nvbdll_platform.h"
+#include "rec35_records.h"
 
 #define NVB_REC35_SUBTYPES 40
+
+#define NVB_REC35_RAW_AREA_SUBTYPE 0u          /* schema-less raw area */
+#define NVB_REC35_RESET_MARKER_SUBTYPE 1u      /* encode path: every chain starts again */
+#define NVB_REC35_TEST_AREA_SUBTYPE 12345678u  /* schema-less test area */
+#define NVB_REC35_RAW_AREA_BYTES 80000u
+#define NVB_REC35_TEST_AREA_BYTES 800u
+#define NVB_REC35_DAT_HEADER_BYTES 24u         /* DAT header, subtype, subsubtype, payload length */
+
+/* Bits of the encode state's rec35Mode. 0: the library writes its own schema texts and
+ * encodes Avro subtypes from the native records in rec35_content_t; DAT payloads are
+ * taken only for subtypes 0 and 12345678.
+ * PASSTHROUGH: the host's subsubtypes stand; a schema record (subsubtype 0) offers the
+ * stream's schema text, refused with status 21 when newer than the library's; a record
+ * with a payload goes out as it is, one without is encoded from its native record under
+ * the offered schema.
+ * COPY, with PASSTHROUGH: records the library can't check go out as they are too: any
+ * subtype, and schema texts newer than the library's. A log read and written back keeps
+ * every record 35. */
+#define NVB_REC35_PASSTHROUGH 0x01u
+#define NVB_REC35_COPY 0x02u
 
 #pragma pack(push, 1)
 

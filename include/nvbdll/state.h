@@ -197,7 +197,7 @@ typedef struct nvb_encode_t {
     uint8_t flushBlock;
     uint8_t dropMask;
     uint16_t scrambleBlocks;
-    uint8_t rec35Mode;
+    uint8_t rec35Mode; /* NVB_REC35_PASSTHROUGH, NVB_REC35_COPY (rec35_state.h) */
     nvb_huffman_encoder_t huffmanEncoder;
     position_history_t positionHistory;
     obs_history_t secondGenHistory;

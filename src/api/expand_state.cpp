@@ -144,6 +144,7 @@ NVBDLL_API void nvbdll_resetNVBExpandState(nvb_expand_t* state) {
     std::memset(state->rec17Work, 0, sizeof state->rec17Work);
     std::memset(state->previousEpochs, 0, sizeof state->previousEpochs);
     resetCompactHistories(*state);
+    restartRec35Assembly(state->rec35Assembly);
 }
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 #include "pipeline/record_routes.h"
 #include "records/dat_parser.h"
 #include "rec35/rec35_assembly.h"
+#include "rec35/rec35_writer.h"
 #include "stream/block_writer.h"
 #include "stream/huffman.h"
 
@@ -48,6 +49,13 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
     if (route.write == nullptr) {
         if (route.catalogued) status = NVB_STATUS_NOT_WRITABLE;
         return false;
+    }
+    if (route.filter != nullptr) {
+        switch (route.filter(state)) {
+            case NavFilter::Write: break;
+            case NavFilter::Drop: return false;
+            case NavFilter::Refuse: status = NVB_STATUS_NOT_WRITABLE; return false;
+        }
     }
     if (!keepOnWrite(state, route.thinning)) return false;
     if (route.write(state, route.compress != nullptr ? state.plainFrame : state.frame) == 0) {
@@ -102,7 +110,10 @@ void initEncodeState(nvb_encode_t& state) {
     state.writeCallback = writeToFile;
 }
 
-void resetEncodeState(nvb_encode_t& state) { resetCompactHistories(state); }
+void resetEncodeState(nvb_encode_t& state) {
+    resetCompactHistories(state);
+    resetRec35Chains(state.rec35Assembly);
+}
 
 void releaseEncodeInternals(nvb_encode_t& state) {
     rcleanFree(state.rclean);
@@ -122,9 +133,13 @@ std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::
 
 std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
     status = 0;
+    if (dat == nullptr) return 0;
+    // Record 35 is parsed by its own writer, whose DAT form may pass 16 bits of length.
+    const bool rec35 = dat[3] == 35;
     // A DAT record can't be shorter than its own header.
-    if (dat == nullptr || parseDATRecord(state, dat, state.dropMask) < 4) return 0;
-    const std::uint8_t type = state.records.datHeader[3];
+    if (!rec35 && parseDATRecord(state, dat, state.dropMask) < 4) return 0;
+    if (rec35 && state.records.datHeader != nullptr) std::memcpy(state.records.datHeader, dat, 4);
+    const std::uint8_t type = dat[3];
     if (type == 29 && state.records.rec29 != nullptr && (state.records.rec29->posFlags & 0x04) == 0) {
         state.rec29BitSeen = 1;
     }
@@ -135,6 +150,7 @@ std::uint32_t processDatRecord(nvb_encode_t& state, const std::uint8_t* dat, std
     }
     if (state.compressionMethod >= 3 && state.compressionMethod <= 7) state.outputLength = 0;
     if (type < 5 || type > 99) return 0;
+    if (rec35) return writeRec35Record(state, dat, status);
     if (!writeRecord(state, type, status)) return 0;
     ++state.recordCount;
     if (state.compressionMethod == 0) return writeHuffmanRecord(state);

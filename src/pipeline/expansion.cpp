@@ -9,6 +9,7 @@
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 #include "pipeline/record_routes.h"
+#include "rec35/rec35_reader.h"
 #include "stream/block_codecs.h"
 #include "stream/framing.h"
 
@@ -168,6 +169,8 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
         recordType = kNoRecord;
         return 0;
     }
+    // Record 35 tells its own type: 0 for a swallowed schema record, 65535 on a failure.
+    if (type == 35) return readRec35Buffer(state.rec35Assembly, state, recordType, status);
     recordType = route.reportedType;
     if (route.read == nullptr) return 0;
     return thin(state, route.thinning, route.read(state));

@@ -15,12 +15,16 @@
 #include "records/dat_parser.h"
 #include "records/measurement_records.h"
 #include "records/opaque_records.h"
+#include "records/navigation_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 namespace nvb {
 
@@ -48,12 +52,20 @@ std::uint16_t read27(nvb_expand_t& state) {
     return readRec27(body, state, state.previousEpochs, options);
 }
 
+template <std::uint16_t (*Read)(const nvb_frame_t&, nvb_expand_t&, bool)>
+std::uint16_t readMapped(nvb_expand_t& state) {
+    return Read(state.plainFrame, state, state.mapSystem5To7 != 0);
+}
+std::uint16_t read19(nvb_expand_t& state) {
+    return readRec19(state.plainFrame, state, reinterpret_cast<TrackingSlots*>(state.trackingSlots));
+}
+
 // A new reference description (record 30 of subtype 0) starts the first-generation
-// record 17 history over, except for the first one. Its reader is not part of the library
-// yet, so the record itself is reported as no record.
-std::uint16_t applyRec30Rule(nvb_expand_t& state) {
-    applyRec30ToFirstGeneration(state, state.plainFrame.data[3]);
-    return 0;
+// record 17 history over, except for the first one.
+std::uint16_t read30(nvb_expand_t& state) {
+    const std::uint16_t length = readRec30(state.plainFrame, state);
+    if (length != 0) applyRec30ToFirstGeneration(state, state.records.datHeader[2]);
+    return length;
 }
 
 // The compact expanders, by the pair of arguments the dispatch gives them; each reports
@@ -77,11 +89,15 @@ std::uint8_t expandDelta(nvb_expand_t& state, bool framed) {
 }
 
 // The DAT form of a type whose structure goes as it stands, cut to the length reported.
+// A length beyond the structure (a record 12 of more pairs than it holds) is filled with
+// zeros rather than left as the host's buffer held it.
 template <auto Slot>
 bool retrieveStructure(nvb_expand_t& state, DatWriter& out) {
     const auto* structure = state.records.*Slot;
     if (structure == nullptr) return false;
-    std::memcpy(out.data, structure, std::min(out.capacity, sizeof *structure));
+    const std::size_t copied = std::min(out.capacity, sizeof *structure);
+    std::memcpy(out.data, structure, copied);
+    std::memset(out.data + copied, 0, out.capacity - copied);
     return true;
 }
 
@@ -89,6 +105,15 @@ bool retrieveStructure(nvb_expand_t& state, DatWriter& out) {
 using nvb::writeDatFields;
 void writeDatFields(const Rec33& rec, DatWriter& out) { writeRec33Dat(rec, out); }
 void writeDatFields(const Rec98& rec, DatWriter& out) { writeRec98Dat(rec, out); }
+
+// A section count that promises more than the sections hold leaves the rest of the
+// announced length as zeros, not as whatever the host's buffer held.
+bool retrieve30(nvb_expand_t& state, DatWriter& out) {
+    if (state.records.rec30 == nullptr) return false;
+    std::memset(out.data, 0, out.capacity);
+    putRec30Dat(*state.records.rec30, state.records.datHeader[2], out);
+    return true;
+}
 
 template <auto Slot>
 bool retrieveFields(nvb_expand_t& state, DatWriter& out) {
@@ -100,14 +125,24 @@ bool retrieveFields(nvb_expand_t& state, DatWriter& out) {
 constexpr std::array<ReadRoute, 256> makeReadRoutes() {
     using T = nvb_record_table_t;
     std::array<ReadRoute, 256> routes{};
+    routes[5] = {5, nullptr, readPlain<readRec5>, Thinning::None, retrieveStructure<&T::rec5>};
     routes[11] = {11, nullptr, read11, Thinning::Position11, retrieveStructure<&T::rec11>};
+    routes[12] = {12, nullptr, readPlain<readRec12>, Thinning::None, retrieveStructure<&T::rec12>};
     routes[14] = {14, nullptr, readGeneric, Thinning::None, nullptr};
+    routes[15] = {15, nullptr, readPlain<readRec15>, Thinning::None, retrieveStructure<&T::rec15>};
     routes[16] = {16, nullptr, read16, Thinning::None, retrieveStructure<&T::rec16>};
     routes[17] = {17, nullptr, read17, Thinning::Epoch17, retrieveFields<&T::rec17>};
+    routes[19] = {19, nullptr, read19, Thinning::None, retrieveStructure<&T::rec19>};
+    routes[21] = {21, nullptr, readPlain<readRec21>, Thinning::None, retrieveStructure<&T::rec21>};
+    routes[22] = {22, nullptr, readPlain<readRec22>, Thinning::None, nullptr};
     routes[23] = {23, nullptr, readGeneric, Thinning::None, nullptr};
+    routes[24] = {24, nullptr, readPlain<readRec24>, Thinning::None, nullptr};
+    routes[25] = {25, nullptr, readPlain<readRec25>, Thinning::None, retrieveStructure<&T::rec25>};
+    routes[26] = {26, nullptr, readMapped<readRec26>, Thinning::None, retrieveStructure<&T::rec26>};
     routes[27] = {27, nullptr, read27, Thinning::Epoch27, retrieveFields<&T::rec27>};
+    routes[28] = {28, nullptr, readMapped<readRec28>, Thinning::None, retrieveStructure<&T::rec28>};
     routes[29] = {29, nullptr, read29, Thinning::Position29, retrieveFields<&T::rec29>};
-    routes[30] = {kNoRecord, nullptr, applyRec30Rule, Thinning::None, nullptr};
+    routes[30] = {30, nullptr, read30, Thinning::None, retrieve30};
     routes[31] = {31, nullptr, readPlain<readRec31>, Thinning::None, retrieveStructure<&T::rec31>};
     routes[32] = {32, nullptr, readPlain<readRec32>, Thinning::None, retrieveStructure<&T::rec32>};
     routes[33] = {33, nullptr, read33, Thinning::None, retrieveFields<&T::rec33>};
@@ -132,16 +167,6 @@ constexpr std::array<ReadRoute, 256> makeReadRoutes() {
     routes[90] = {90, nullptr, nullptr, Thinning::None, nullptr};
     routes[98] = {98, nullptr, readPlain<readRec98>, Thinning::None, retrieveFields<&T::rec98>};
     routes[99] = {99, nullptr, readPlain<readRec99>, Thinning::None, retrieveStructure<&T::rec99>};
-    // Types whose readers come with their record families; their structures already have
-    // a DAT form.
-    routes[5].retrieve = retrieveStructure<&T::rec5>;
-    routes[12].retrieve = retrieveStructure<&T::rec12>;
-    routes[15].retrieve = retrieveStructure<&T::rec15>;
-    routes[19].retrieve = retrieveStructure<&T::rec19>;
-    routes[21].retrieve = retrieveStructure<&T::rec21>;
-    routes[25].retrieve = retrieveStructure<&T::rec25>;
-    routes[26].retrieve = retrieveStructure<&T::rec26>;
-    routes[28].retrieve = retrieveStructure<&T::rec28>;
     return routes;
 }
 
@@ -163,6 +188,17 @@ int parseGeneric(nvb_encode_t& state, DatReader& in, std::uint16_t length, std::
 }
 int parse33(nvb_encode_t& state, DatReader& in, std::uint16_t, std::uint8_t) {
     return parseRec33Dat(in, state.records.rec33);
+}
+// The navigation and receiver records: with the subtype of the DAT header, or without.
+template <auto Slot>
+using SlotRecord = std::remove_pointer_t<std::remove_reference_t<decltype(std::declval<nvb_record_table_t&>().*Slot)>>;
+template <auto Slot, int (*Parse)(DatReader&, SlotRecord<Slot>*)>
+int parseStructure(nvb_encode_t& state, DatReader& in, std::uint16_t, std::uint8_t) {
+    return Parse(in, state.records.*Slot);
+}
+template <auto Slot, int (*Parse)(DatReader&, SlotRecord<Slot>*, std::uint8_t)>
+int parseSubtyped(nvb_encode_t& state, DatReader& in, std::uint16_t, std::uint8_t) {
+    return Parse(in, state.records.*Slot, state.records.datHeader[2]);
 }
 template <std::uint8_t Type>
 int parseAuxiliary(nvb_encode_t& state, DatReader& in, std::uint16_t, std::uint8_t) {
@@ -259,31 +295,64 @@ std::uint16_t handOverListRecord(nvb_encode_t&, const nvb_frame_t& plain, nvb_fr
     return out.length;
 }
 
+// The navigation and receiver records, subtype from the DAT header where the writer takes one.
+template <auto Slot, std::uint16_t (*Write)(const SlotRecord<Slot>&, nvb_frame_t&)>
+std::uint16_t writeStructure(nvb_encode_t& state, nvb_frame_t& frame) {
+    return Write(*(state.records.*Slot), frame);
+}
+template <auto Slot, std::uint16_t (*Write)(const SlotRecord<Slot>&, std::uint8_t, nvb_frame_t&)>
+std::uint16_t writeSubtyped(nvb_encode_t& state, nvb_frame_t& frame) {
+    return Write(*(state.records.*Slot), state.records.datHeader[2], frame);
+}
+template <auto Slot, std::uint16_t (*Write)(const SlotRecord<Slot>&, const std::uint8_t*, nvb_frame_t&)>
+std::uint16_t writeWithHeader(nvb_encode_t& state, nvb_frame_t& frame) {
+    return Write(*(state.records.*Slot), state.records.datHeader, frame);
+}
+
+// Older readers know only the first subtype of record 25.
+NavFilter filter25(const nvb_encode_t& state) {
+    return state.legacyMode != 0 && state.records.datHeader[2] != 0 ? NavFilter::Drop : NavFilter::Write;
+}
+NavFilter filter26(const nvb_encode_t& state) {
+    return filterRec26(state.records.datHeader[2], state.dropMask, state.legacyMode != 0);
+}
+NavFilter filter28(const nvb_encode_t& state) { return filterRec28(state.records.rec28->subtype, state.dropMask); }
+
 constexpr std::array<WriteRoute, 256> makeWriteRoutes() {
+    using T = nvb_record_table_t;
+    constexpr Thinning None = Thinning::None;
     std::array<WriteRoute, 256> routes{};
-    routes[11] = {parse11, Thinning::Position11, true, write11, compressRec11Frame};
-    routes[14] = {parseGeneric, Thinning::None, true, writeGeneric, nullptr};
-    routes[16] = {nullptr, Thinning::None, true, write16, nullptr};
-    routes[17] = {parse17, Thinning::Epoch17, true, write17, compressRec17Frame};
+    routes[5] = {parseSubtyped<&T::rec5, parseRec5Dat>, None, true, nullptr, writeWithHeader<&T::rec5, writeRec5>};
+    routes[11] = {parse11, Thinning::Position11, true, nullptr, write11, compressRec11Frame};
+    routes[12] = {parseStructure<&T::rec12, parseRec12Dat>, None, true, nullptr, writeStructure<&T::rec12, writeRec12>};
+    routes[14] = {parseGeneric, None, true, nullptr, writeGeneric, nullptr};
+    routes[15] = {parseStructure<&T::rec15, parseRec15Dat>, None, true, nullptr, writeStructure<&T::rec15, writeRec15>};
+    routes[16] = {nullptr, None, true, nullptr, write16, nullptr};
+    routes[17] = {parse17, Thinning::Epoch17, true, nullptr, write17, compressRec17Frame};
+    routes[19] = {parseSubtyped<&T::rec19, parseRec19Dat>, None, true, nullptr, writeSubtyped<&T::rec19, writeRec19>};
+    routes[20] = {parseAuxiliary<20>, None, true, nullptr, writeAuxiliary<20>, nullptr};
+    routes[21] = {parseStructure<&T::rec21, parseRec21Dat>, None, true, nullptr, writeStructure<&T::rec21, writeRec21>};
     routes[22] = routes[14];
     routes[23] = routes[14];
     routes[24] = routes[14];
-    routes[27] = {parse27, Thinning::Epoch27, true, write27, compressEpochFrame};
-    routes[29] = {parse29, Thinning::Position29, true, write29, compressRec29Frame};
-    routes[20] = {parseAuxiliary<20>, Thinning::None, true, writeAuxiliary<20>, nullptr};
-    routes[31] = {parseAuxiliary<31>, Thinning::None, true, writeAuxiliary<31>, nullptr};
-    routes[32] = {parseAuxiliary<32>, Thinning::None, true, writeAuxiliary<32>, nullptr};
-    routes[33] = {parse33, Thinning::None, true, write33, nullptr};
-    routes[34] = {parseAuxiliary<34>, Thinning::None, true, writeAuxiliary<34>, nullptr};
-    routes[40] = {parseAuxiliary<40>, Thinning::None, true, write40, handOverListRecord};
-    routes[98] = {parseAuxiliary<98>, Thinning::None, true, writeAuxiliary<98>, nullptr};
-    routes[99] = {parseAuxiliary<99>, Thinning::None, true, writeAuxiliary<99>, nullptr};
+    routes[25] = {parseSubtyped<&T::rec25, parseRec25Dat>, None, true, filter25, writeSubtyped<&T::rec25, writeRec25>};
+    routes[26] = {parseSubtyped<&T::rec26, parseRec26Dat>, None, true, filter26, writeSubtyped<&T::rec26, writeRec26>};
+    routes[27] = {parse27, Thinning::Epoch27, true, nullptr, write27, compressEpochFrame};
+    routes[28] = {parseStructure<&T::rec28, parseRec28Dat>, None, true, filter28, writeStructure<&T::rec28, writeRec28>};
+    routes[29] = {parse29, Thinning::Position29, true, nullptr, write29, compressRec29Frame};
+    routes[30] = {parseSubtyped<&T::rec30, parseRec30Dat>, None, true, nullptr, writeWithHeader<&T::rec30, writeRec30>};
+    routes[31] = {parseAuxiliary<31>, None, true, nullptr, writeAuxiliary<31>, nullptr};
+    routes[32] = {parseAuxiliary<32>, None, true, nullptr, writeAuxiliary<32>, nullptr};
+    routes[33] = {parse33, None, true, nullptr, write33, nullptr};
+    routes[34] = {parseAuxiliary<34>, None, true, nullptr, writeAuxiliary<34>, nullptr};
+    // Record 35 is parsed and written by its own writer, ahead of this table.
+    routes[35] = {nullptr, None, true, nullptr, nullptr, nullptr};
+    routes[40] = {parseAuxiliary<40>, None, true, nullptr, write40, handOverListRecord};
+    routes[98] = {parseAuxiliary<98>, None, true, nullptr, writeAuxiliary<98>, nullptr};
+    routes[99] = {parseAuxiliary<99>, None, true, nullptr, writeAuxiliary<99>, nullptr};
     // Records 101 and 102 exist in DAT form only: parsed into their slots, never written.
-    routes[101] = {parseAuxiliary<101>, Thinning::None, false, nullptr, nullptr};
-    routes[102] = {parseAuxiliary<102>, Thinning::None, false, nullptr, nullptr};
-    // Their parsers and writers (and the filters of 25, 26 and 28) come with the receiver,
-    // navigation and record 35 families.
-    for (const std::uint8_t type : {5, 12, 15, 19, 21, 25, 26, 28, 30, 35}) routes[type].catalogued = true;
+    routes[101] = {parseAuxiliary<101>, None, false, nullptr, nullptr, nullptr};
+    routes[102] = {parseAuxiliary<102>, None, false, nullptr, nullptr, nullptr};
     return routes;
 }
 

@@ -7,6 +7,7 @@
 #include <nvbdll/state.h>
 
 #include "records/field_codec.h"
+#include "records/navigation_records.h"
 
 #include <cstdint>
 
@@ -35,13 +36,15 @@ struct ReadRoute {
 };
 
 // Writing, by the type of a DAT record: the parser into the type's structure (null: the
-// record is refused), its thinning, whether the type is in the catalogue, the writer of its
-// frame (null: a catalogued type without a writer yet, refused as not writable), and the
-// compact coder that replaces the plain frame (null: the frame goes out as written).
+// record is refused), its thinning, whether the type is in the catalogue, the filter that
+// drops or refuses a subtype (null: every record goes on), the writer of its frame (null:
+// a catalogued type without a writer, refused as not writable), and the compact coder that
+// replaces the plain frame (null: the frame goes out as written).
 struct WriteRoute {
     int (*parse)(nvb_encode_t& state, DatReader& in, std::uint16_t length, std::uint8_t systemMask) = nullptr;
     Thinning thinning = Thinning::None;
     bool catalogued = false;
+    NavFilter (*filter)(const nvb_encode_t& state) = nullptr;
     std::uint16_t (*write)(nvb_encode_t& state, nvb_frame_t& out) = nullptr;
     std::uint16_t (*compress)(nvb_encode_t& state, const nvb_frame_t& plain, nvb_frame_t& out) = nullptr;
 };

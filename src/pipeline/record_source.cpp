@@ -2,6 +2,8 @@
 
 #include <nvbdll/status.h>
 
+#include "rec35/rec35_assembly.h"
+#include "rec35/rec35_reader.h"
 #include "stream/block_reader.h"
 #include "stream/frame_assembler.h"
 
@@ -73,9 +75,13 @@ std::int32_t getNextRecord(nvb_expand_t& state, bool haveByte, std::uint8_t byte
     if (state.byteMode == 1) {
         result = feedByteStream(state, haveByte, byte, more, status, huffman);
     } else {
+        // Record 35 fragments are joined on this path only: bare levels are the only place
+        // a record 35 can be read.
         result = feedBlockByte(state, haveByte, byte, more, status);
+        result = assembleRec35(state.frame, state.records.rec35, state.rec35Assembly, result, status);
     }
     state.currentType = static_cast<std::uint16_t>(result);
+    if (result == 35) return rec35ReportedType(state);
     return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include "pipeline/record_routes.h"
 #include "records/dat_parser.h"
+#include "rec35/rec35_reader.h"
 #include "records/field_codec.h"
 
 #include <nvbdll/records.h>
@@ -162,6 +163,7 @@ std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capa
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out) {
     const std::uint8_t* header = state.records.datHeader;
     if (out == nullptr || header == nullptr || recordType != header[3]) return false;
+    if (recordType == 35) return writeRec35Dat(state, out);
     const std::uint16_t length = retrieveLengthOf(header);
     std::memcpy(out, header, 4);
     const std::size_t body = length >= 4 ? length - 4u : 0u;

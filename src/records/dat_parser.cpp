@@ -41,7 +41,8 @@ std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
 
 std::uint16_t wholeLengthOf(const std::uint8_t* datHeader) {
     const std::uint8_t type = datHeader[3];
-    return type == 34 || type == 98 || type == 99 ? lengthOf(datHeader, {type}) : retrieveLengthOf(datHeader);
+    return type == 34 || type == 35 || type == 98 || type == 99 ? lengthOf(datHeader, {type})
+                                                                 : retrieveLengthOf(datHeader);
 }
 
 }  // namespace nvb

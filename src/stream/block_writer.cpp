@@ -99,6 +99,10 @@ bool compressBlock(nvb_encode_t& state, std::span<std::uint8_t> body, std::uint8
 
 }  // namespace
 
+bool isBareMethod(std::uint8_t method) {
+    return method == 3 || method == 5 || method == 6 || method == 7;
+}
+
 void setBlockTarget(nvb_encode_t& state) {
     if (state.compressionLevel == 0 || state.compressionMethod == 2) {
         state.blockTarget = kSmallTarget;

@@ -16,6 +16,9 @@ struct MinimumVersionOverride {
 };
 extern MinimumVersionOverride minimumVersionOverride;
 
+// Whether a compression method keeps its records bare (3, 5, 6, 7) rather than framed.
+[[nodiscard]] bool isBareMethod(std::uint8_t method);
+
 // Recomputes blockTarget and bzip2BlockSize from compressionLevel and compressionMethod.
 void setBlockTarget(nvb_encode_t& state);
 

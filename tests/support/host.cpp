@@ -30,7 +30,9 @@ void processAnnounced(nvb_expand_t* state, ReadEvent& event) {
     if (event.isRecord()) event.frame.assign(state->frame.data, state->frame.data + state->frame.length);
     event.datLength = nvbdll_processNVBRecord(state, 0, &event.type, &event.processStatus);
     if (event.delivered()) {
-        event.dat.assign(event.datLength + 64u, 0);
+        // Filled with a pattern, so that a byte retrieval leaves as the host's buffer held
+        // it shows.
+        event.dat.assign(event.datLength + 64u, 0xA5);
         nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type), static_cast<std::uint16_t>(event.datLength),
                           event.dat.data(), event.dat.size());
         event.dat.resize(event.datLength);
@@ -156,6 +158,14 @@ Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body) {
     dat[2] = byte2;
     dat[3] = type;
     std::copy(body.begin(), body.end(), dat.begin() + 4);
+    return dat;
+}
+
+Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength) {
+    const auto* bytes = static_cast<const std::uint8_t*>(rec);
+    Bytes dat = shortDat(type, type == 12 ? static_cast<std::uint8_t>(datLength >> 8) : byte2,
+                         Bytes(bytes, bytes + (datLength - 4)));
+    dat[1] = static_cast<std::uint8_t>(datLength);
     return dat;
 }
 

@@ -73,6 +73,7 @@ class Encoder {
 public:
     explicit Encoder(std::uint8_t method, std::uint8_t level = 0);
     nvb_encode_t* operator->() const { return &host_.state(); }
+    nvb_encode_t* get() const { return &host_.state(); }
 
     // Hands one DAT record to the encoder; returns what nvbdll_processDATRecord returned.
     std::uint32_t put(Bytes dat, std::uint8_t* status = nullptr);
@@ -88,6 +89,9 @@ private:
 
 // A DAT record of a type whose DAT length is in byte 1 alone (14, 16, 22, 23, 24).
 Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body);
+// The DAT form of a structure: the header, then its first datLength - 4 bytes. Record 12
+// takes the high length byte in byte 2, every other type `byte2` (a subtype or 0).
+Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength);
 // The frame the encoder builds from one DAT record, as it stands in a framed block;
 // empty when the record is refused, with the encoder's status in `status`.
 Bytes writtenFrame(const Bytes& dat, std::uint8_t* status = nullptr);

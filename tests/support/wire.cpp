@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace nvbtest {
 
@@ -21,6 +22,25 @@ void putScaled(Bytes& bytes, double value, unsigned width, int fractionBits) {
 }
 
 }  // namespace
+
+Body& Body::scaled(double value, unsigned width, int fractionBits) {
+    putScaled(bytes, value, width, fractionBits);
+    return *this;
+}
+
+Fields fields(const Runs& runs, unsigned seed) {
+    Fields out;
+    unsigned k = seed;
+    for (const auto& [width, count] : runs) {
+        for (unsigned i = 0; i < count; ++i, ++k) {
+            std::uint64_t pattern = width == 1 ? (k * 37u) & 0xFFu : width == 2 ? 2300u + k : 302400u + 7u * k;
+            if (width == 8) pattern = std::bit_cast<std::uint64_t>(kOrbit[k % std::size(kOrbit)]);
+            out.wire.be(pattern, width);
+            for (unsigned b = 0; b < width; ++b) out.native.push_back(static_cast<std::uint8_t>(pattern >> (8 * b)));
+        }
+    }
+    return out;
+}
 
 Bytes plainFrame(std::uint8_t type, const Bytes& body) {
     Bytes frame = {0x02, static_cast<std::uint8_t>(body.size() + 6), type};

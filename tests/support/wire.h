@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace nvbtest {
@@ -60,11 +61,29 @@ struct Body {
         putBigEndian(bytes, value, width);
         return *this;
     }
+    // `value` in units of 2^-fractionBits, rounded half away from zero.
+    Body& scaled(double value, unsigned width, int fractionBits);
 };
 // The fewest signed bytes (1 to 7) that hold `value`, as the clock block writers take them.
 unsigned signedWidth(std::int64_t value);
 // `value` in units of 2^-fractionBits, rounded half away from zero.
 std::int64_t wireUnits(double value, int fractionBits);
+
+// Records whose fields stand back to back, from the field tables: the same real-looking
+// values once in a structure's native order and once as the wire's big-endian fields.
+// Bytes count up, 16-bit words look like weeks, 32-bit words like times of week, and
+// doubles come from kOrbit.
+using Runs = std::vector<std::pair<unsigned, unsigned>>;  // width in bytes, count
+struct Fields {
+    Bytes native;
+    Body wire;
+};
+Fields fields(const Runs& runs, unsigned seed = 1);
+// Broadcast orbit and clock values as a receiver decodes them: sqrt(A), e, i0, Omega0,
+// omega, M0, rates, harmonic terms, clock terms, times of week.
+inline constexpr double kOrbit[] = {5153.6372, 0.01234,  0.9634,    -2.0941,  0.6712,   1.2034,   4.61e-9,
+                                    -8.21e-9,  1.12e-10, 2.31e-6,   -1.41e-6, 254.3125, 180.1875, 3.21e-8,
+                                    -1.13e-8,  1.207e-4, -3.41e-12, 0.0,      302400.0};
 
 // Record 27 in its byte-stream form: no measFlags2, ranges of later signals as 16-bit
 // differences from the first (which must stay within 128 m).

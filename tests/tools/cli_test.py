@@ -21,11 +21,14 @@ def run(*args, stdin=None, timeout=120):
     return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=timeout)
 
 
-# DAT records stand back to back, each as long as its header says.
+# DAT records stand back to back, each as long as its header says; a record 35 of 65535
+# bytes or more tells its length behind its subtypes.
 def dat_length(header):
     if header[3] <= 2:
         return header[2]
-    if header[3] in (12, 17, 27, 29, 34, 98, 99, 101, 102):
+    if header[3] == 35 and header[1:3] == b"\xff\xff":
+        return 24 + int.from_bytes(header[20:24], "little")
+    if header[3] in (12, 17, 27, 29, 34, 35, 98, 99, 101, 102):
         return header[1] | (header[2] << 8)
     return header[1]
 
@@ -33,7 +36,7 @@ def dat_length(header):
 def dat_records(data):
     records, position = [], 0
     while position < len(data):
-        length = dat_length(data[position:position + 4])
+        length = dat_length(data[position:position + 24])
         assert data[position] == 0x74 and length >= 4, f"no DAT record at byte {position}"
         records.append(bytes(data[position:position + length]))
         position += length
@@ -414,6 +417,96 @@ class ThinCarriesSlips(Workspace):
             signal = next(s for s in epoch["satellites"] if s["sv"] == name)["signals"][0]
             self.assertEqual(bool(signal["measFlags1"] & 0x08), int(epoch["time"]) == carried, epoch["time"])
         self.assertEqual(self.info(thinned)["blockLevel"], 7)
+
+
+def varint(value):
+    out = bytearray()
+    while value >= 0x80:
+        out.append(value & 0x7F | 0x80)
+        value >>= 7
+    return bytes(out + bytes([value]))
+
+
+def avro_long(value):
+    return varint((value << 1) ^ (value >> 63) if value >= 0 else ((-value) << 1) - 1)
+
+
+def rec35_dat(subtype, subsubtype, payload):
+    length = 24 + len(payload)
+    return (bytes([0x74]) + min(length, 0xFFFF).to_bytes(2, "little") + bytes([35]) +
+            struct.pack("<QQI", subtype, subsubtype, len(payload)) + payload)
+
+
+FFT_SCHEMA = (b'{"type": "record", "name": "rec35_sub24", "namespace": "com.halvane.nve.avro", "version": 2, '
+              b'"description": "FFT Data", "fields": [{"name": "gps_msecs", "type": "long"}, '
+              b'{"name": "center_freq", "type": "double"}, {"name": "bin_size", "type": "float"}, '
+              b'{"name": "peak_freq", "type": "double"}, {"name": "peak_snr", "type": "float"}, '
+              b'{"name": "mean_val", "type": "long"}, {"name": "FreqData", "type": {"type": "array", "items": "long"}}, '
+              b'{"name": "antenna_num", "type": "long"}]}\0')
+
+
+def fft_payload(msecs, bins):
+    body = avro_long(msecs) + struct.pack("<dfdf", 1575.42e6, 2441.40625, 1575.43e6, 31.5) + avro_long(-60)
+    if bins:
+        body += avro_long(len(bins)) + b"".join(avro_long(b) for b in bins)
+    return body + avro_long(0) + avro_long(1)
+
+
+class Record35(Workspace):
+    """A newer receiver's log: epochs and positions, and records 35 among them."""
+
+    def setUp(self):
+        super().setUp()
+        plain = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 60)))
+        extra = [rec35_dat(24, 0, FFT_SCHEMA), rec35_dat(24, 1, fft_payload(345600000, [5, -7, 900]))]
+        # Residuals of the linear time: the step once, then nothing while it holds.
+        extra += [rec35_dat(24, 2, fft_payload(residual, [])) for residual in (1000, 0, 0, 0)]
+        extra += [rec35_dat(0, 0, bytes(range(256)) * 40), rec35_dat(13, 3, b"an unknown subtype"),
+                  rec35_dat(12345678, 0, bytes(200)), rec35_dat(0, 0, bytes(70000))]
+        records = []
+        for k, record in enumerate(plain):
+            records.append(record)
+            if k % 12 == 0 and extra:
+                records.append(extra.pop(0))
+        self.assertEqual(extra, [])
+        self.log = self.path("r35.nvb")
+        self.nvb("-q", "fromdat", self.write_dat("r35.dat", records), "-o", self.log, "--method", 7)
+        self.expected = {"0": {"count": 2}, "12345678": {"count": 1}, "13": {"count": 1},
+                         "24": {"count": 6, "delta": 4, "reference": 1, "schema": 1}}
+
+    def record35(self, log):
+        return [json.loads(line) for line in self.nvb("dump", "--json", "-t", 35, log).stdout.splitlines()]
+
+    def test_info_counts_records_35_by_subtype_and_kind(self):
+        info = self.info(self.log)
+        self.assertEqual(info["record35"], self.expected)
+        self.assertEqual(info["records"]["35"], 10)
+        self.assertIn("subtype 24: 6 (1 schema, 1 reference, 4 delta)", self.nvb("info", self.log).stdout.decode())
+
+    def test_dump_shows_the_schema_and_the_decoded_spectra(self):
+        records = self.record35(self.log)
+        self.assertEqual(len(records), 10)
+        schema = next(r for r in records if r["subtype"] == 24 and r["kind"] == "schema")
+        self.assertEqual(schema["schema"], {"name": "rec35_sub24", "version": 2, "description": "FFT Data"})
+        spectra = [r["values"] for r in records if r["subtype"] == 24 and r["kind"] != "schema"]
+        self.assertEqual(spectra[0]["FreqData"], [5, -7, 900])
+        self.assertEqual([s["gps_msecs"] for s in spectra], [345600000 + 1000 * k for k in range(5)])
+        self.assertEqual(next(r for r in records if r["subtype"] == 13)["hex"], b"an unknown subtype".hex())
+
+    def test_recompress_and_thin_keep_every_record_35(self):
+        reference = [r for r in dat_records(self.dat_of(self.log)) if r[3] == 35]
+        for method in (3, 5, 6, 7):
+            out = self.path(f"m{method}.nvb")
+            self.nvb("-q", "recompress", self.log, "-o", out, "-m", method)
+            self.assertEqual([r for r in dat_records(self.dat_of(out)) if r[3] == 35], reference, f"method {method}")
+        thinned = self.path("thin.nvb")
+        self.nvb("-q", "thin", self.log, "-o", thinned, "--interval", 10)
+        self.assertEqual(self.info(thinned)["record35"], self.expected)
+        self.assertEqual([r for r in dat_records(self.dat_of(thinned)) if r[3] == 35], reference)
+
+    def test_a_method_that_cannot_carry_record_35_says_so(self):
+        result = self.nvb("recompress", self.log, "-o", self.path("m0.nvb"), "-m", 0, code=1)
+        self.assertIn(b"10 records of type 35 were left out", result.stderr)
 
 
 class DamagedInput(Workspace):
@@ -856,6 +949,116 @@ class AuxiliaryRecords(Workspace):
         self.assertEqual(len(timed[0]["entries"]), 30)
         text = self.nvb("dump", log, "--type", 40).stdout.decode()
         self.assertIn("entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]", text)
+
+
+ORBIT = (5153.6372, 0.01234, 0.9634, -2.0941, 0.6712, 1.2034, 4.61e-9, -8.21e-9, 1.12e-10, 2.31e-6,
+         -1.41e-6, 254.3125, 180.1875, 3.21e-8, -1.13e-8, 1.207e-4, -3.41e-12, 0.0, 302400.0)
+SBAS = bytes.fromhex("246c03d21b008f113ae007559 02c41fe0019b3660d7218c4005e2a80".replace(" ", ""))
+
+
+def navigation_and_receiver_dats():
+    """One or more real-looking DAT records of each navigation and receiver type."""
+    ephemeris = struct.pack("<BB2H2B3I19dI9sB", 12, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7,
+                            bytes(9), 0)
+    common = struct.pack("<BB2H2B3I19dI", 3, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7)
+    galileo = struct.pack("<BHIHI15dBHBHI4dHI4d", 11, 2345, 345600, 81, 345600, *ORBIT[:15], 1, 517, 0,
+                          0xFFFF, 345600, *ORBIT[15:19], 0xFFFF, 345600, *ORBIT[:4])
+    beidou = struct.pack("<B4sH11d", 23, bytes([1, 0, 3, 0]), 745, *ORBIT[3:14])
+    sbas_eph = struct.pack("<BHI2s11d", 131, 2345, 345600, bytes([2, 0]), *ORBIT[:11])
+    page = struct.pack("<IHBBBBBBB31s", 345618, 2345, 11, 4, 0x05, 0, 5, 0, 31, bytes(range(31)))
+    description = bytes([9, 6]) + struct.pack("<IH", 0xA1B2C3, 0x0545) + bytes([12]) + b"TR-9 GNSS RX" + \
+        bytes([9]) + b"5.45.0017" + bytes([6]) + struct.pack("<3H", 1, 16, 0x0203) + bytes([1, 7, 6]) + \
+        struct.pack("<I", 0x12345678) + bytes([0x9A, 0xBC, 4, 1, 2, 3, 4, 2, 5, 6, 1, 8])
+    pairs = struct.pack("<dd", 1.5, -0.0078125) + struct.pack("<dd", -2.0, 0.001953125)
+    table12 = struct.pack("<BBHHBBH4sHd8sIIH14sd", 3, 1, 2, 3, 4, 5, 6, bytes(4), 7, 86400.0, bytes(8), 8, 9,
+                          10, bytes(14), 0.25) + pairs
+    wire22 = struct.pack(">B4d8s3s6s3s4H", 2, *ORBIT[:4], bytes(8), b"abc", bytes(6), b"def", 1, 2, 3, 4) + \
+        struct.pack(">12I", *range(100, 112)) + struct.pack(">HIIHH", 5, 6, 7, 8, 9)
+    return [
+        dat(21, ephemeris),
+        dat(28, bytes([5]) + common),
+        dat(28, bytes([3]) + galileo),
+        dat(28, bytes([10]) + beidou),
+        dat(28, bytes([1]) + sbas_eph),
+        dat(25, struct.pack("<IHB", 345600, 2345, 131) + SBAS),
+        dat(25, struct.pack("<IHBB", 345601, 2345, 131, 0x00) + SBAS, byte2=2),
+        dat(25, struct.pack("<IHBB", 345602, 2345, 131, 0x40) + SBAS + bytes([0xC6, 0x3F, 0xB1, 0x0A]), byte2=2),
+        dat(26, struct.pack("<IHBBIB", 345618, 2345, 12, 1, 0x8B, 38) + bytes(range(38)), byte2=6),
+        dat(26, page, byte2=2),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 4, 6, 2, 9, 11) + bytes(range(11)), byte2=7),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 195, 1, 2, 3, 125) + bytes(range(125)), byte2=12),
+        dat(5, struct.pack("<H5sB4d2sB", 1, b"ANT-3", 2, 0.0512, 0.0, 0.0, 0.1, bytes(2), 16) +
+            b"ANT-3 CHOKE RING"),
+        dat(5, struct.pack("<H12d2I", 3, *ORBIT[:12], 4, 5), byte2=3),
+        bytes([0x74, 100, 0, 12]) + table12,
+        dat(15, struct.pack("<11dddd7sB", *ORBIT[:11], -2.0, 300.0, 4000000000.0, b"setting", 9)),
+        dat(19, struct.pack("<Hd", 77, 654321.0), byte2=5),
+        dat(19, struct.pack("<Hd", 78, -3.25e-7), byte2=6),
+        dat(19, struct.pack("<BHd", 1, 79, 42.125), byte2=7),
+        dat(22, wire22),
+        dat(24, struct.pack(">12d2I", *ORBIT[:12], 302400, 302407)),
+        dat(30, struct.pack("<IHH", 12345, 2, 1)),
+        dat(30, description, byte2=1),
+        dat(30, bytes([3, 8]) + struct.pack("<II", 1, 2) + bytes([3, 7, 8, 9, 4]) + struct.pack("<I", 4), byte2=3),
+    ]
+
+
+class NavigationAndReceiverRecords(Workspace):
+    def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
+        log = self.simulate_through_dat("sim.nvb", "--duration", 30)
+        epochs = dat_records(self.dat_of(log))
+        extra = navigation_and_receiver_dats()
+        # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as
+        # whatever stands behind it.
+        tagged = dat(19, struct.pack("<dH", 3000000000.0, 77), byte2=1)
+        mixed = epochs[:10] + extra + epochs[10:] + [tagged]
+        source = self.write_dat("mixed.dat", mixed)
+        for method in range(8):
+            written = self.path(f"m{method}.nvb")
+            self.nvb("-q", "fromdat", source, "-o", written, "--method", method)
+            back = dat_records(self.dat_of(written))
+            self.assertEqual(back[:-1], mixed[:-1], f"method {method}")
+            self.assertEqual(back[-1][:4], tagged[:4])
+            self.assertNotEqual(back[-1], tagged)
+
+        info = self.info(self.path("m7.nvb"))
+        counts = {}
+        for record in mixed:
+            counts[str(record[3])] = counts.get(str(record[3]), 0) + 1
+        self.assertEqual(info["records"], counts)
+        self.assertEqual(info["statuses"], [])
+
+        lines = self.nvb("dump", "--json", self.path("m3.nvb"), "--type", "21,25,26,28,5,12,15,19,22,24,30")
+        records = [json.loads(line) for line in lines.stdout.splitlines()]
+        self.assertEqual(len(records), len(extra) + 1)
+        by_type = {}
+        for record in records:
+            by_type.setdefault(record["type"], []).append(record)
+        self.assertEqual(by_type[21][0]["sv"], "G12")
+        self.assertEqual(by_type[21][0]["doubles"], list(ORBIT))
+        self.assertEqual([r["subtype"] for r in by_type[28]], [5, 3, 10, 1])
+        self.assertEqual(by_type[28][1]["system"], "Galileo")
+        self.assertEqual(by_type[28][2]["doubles"], list(ORBIT[3:14]))
+        self.assertEqual([r["preamble"] for r in by_type[25][1:]], [0x9A, 0xC6])
+        self.assertEqual(by_type[26][1]["payloadIndex"], 0)
+        self.assertEqual(bytes.fromhex(by_type[5][0]["text"]), b"ANT-3 CHOKE RING")
+        self.assertEqual([(p["first"], p["second"]) for p in by_type[12][0]["pairs"]], [(1.5, -0.0078125), (-2.0, 0.001953125)])
+        self.assertEqual(by_type[15][0]["signedValue1"], -2.0)
+        self.assertEqual([r["subtype"] for r in by_type[19]], [5, 6, 7, 1])
+        self.assertEqual(by_type[22][0]["dwordTables"], list(range(100, 112)))  # four tables of three
+        self.assertEqual(by_type[24][0]["counters"], [302400, 302407])
+        self.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
+        self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
+
+    def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
+        refused = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
+                   dat(25, bytes(40), byte2=1), dat(28, bytes([12]) + bytes(60))]
+        kept = navigation_and_receiver_dats()[:3]
+        source = self.write_dat("refused.dat", kept + refused)
+        result = self.nvb("fromdat", source, "-o", self.path("refused.nvb"), code=1)
+        for record_type in (25, 26, 28):
+            self.assertIn(f"1 records of type {record_type} were left out", result.stderr.decode())
+        self.assertEqual(dat_records(self.dat_of(self.path("refused.nvb"))), kept)
 
 
 class UsageErrors(Workspace):

@@ -1,5 +1,7 @@
 #include "host/dat_form.h"
 
+#include "records/dat_parser.h"
+
 #include <cmath>
 #include <cstring>
 
@@ -26,7 +28,35 @@ double rangeAt(std::span<const std::uint8_t> dat, std::size_t at) {
     return range;
 }
 
+constexpr std::size_t kRec35Head = 24;  // DAT header, subtype, subsubtype, payload length
+constexpr std::size_t kLongRec35 = 0xFFFF;
+
+std::uint64_t littleEndian(std::span<const std::uint8_t> bytes, std::size_t at, std::size_t count) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < count; ++i) value |= std::uint64_t{bytes[at + i]} << (8 * i);
+    return value;
+}
+
 }  // namespace
+
+std::size_t datBytesToTellLength(std::span<const std::uint8_t, 4> header) {
+    return header[3] == 35 && nvb::wholeLengthOf(header.data()) == kLongRec35 ? kRec35Head : 4;
+}
+
+std::size_t datRecordLength(std::span<const std::uint8_t> record) {
+    if (record.size() < 4) return 0;
+    const std::span<const std::uint8_t, 4> header(record.data(), 4);
+    if (record.size() < datBytesToTellLength(header)) return 0;
+    if (datBytesToTellLength(header) == kRec35Head) return kRec35Head + littleEndian(record, 20, 4);
+    return nvb::wholeLengthOf(header.data());
+}
+
+std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat) {
+    if (dat.size() < kRec35Head || dat[3] != 35) return std::nullopt;
+    const std::size_t length = littleEndian(dat, 20, 4);
+    if (dat.size() < kRec35Head + length) return std::nullopt;
+    return Rec35Dat{littleEndian(dat, 4, 8), littleEndian(dat, 12, 8), dat.subspan(kRec35Head, length)};
+}
 
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {
     EpochShape shape;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace nvbtool {
@@ -10,6 +11,22 @@ namespace nvbtool {
 // The offset of the satellite count in the DAT form of record 27: behind the DAT header,
 // the epoch header length, the week, the time and the clock offset.
 inline constexpr std::size_t kRec27CountOffset = 4 + 1 + 2 + 8 + 4;
+
+// A record 35 of 65535 bytes or more tells its length behind the subtypes: the bytes a
+// reader needs before it can tell a record's length.
+std::size_t datBytesToTellLength(std::span<const std::uint8_t, 4> header);
+// The length of a DAT record from its first bytes, as a host keeping every record writes
+// it; 0 when they are too few to tell.
+std::size_t datRecordLength(std::span<const std::uint8_t> record);
+
+// The parts of a record 35 DAT form.
+struct Rec35Dat {
+    std::uint64_t subtype = 0;
+    std::uint64_t subsubtype = 0;
+    std::span<const std::uint8_t> payload;
+};
+// Empty unless the record is a whole record 35.
+std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat);
 
 // What the encoder needs to know of a record 27 in DAT form.
 struct EpochShape {

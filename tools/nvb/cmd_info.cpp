@@ -1,10 +1,12 @@
 // info: what a log is and holds: its shape and header, records per type, time span and
 // rate, satellites per system, the damage met and where, and the bytes an epoch costs.
+#include "host/dat_form.h"
 #include "nvb/command_support.h"
 #include "nvb/commands.h"
 #include "nvb/gnss_names.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
+#include "nvb/record_json.h"
 #include "nvb/status_report.h"
 
 #include <fmt/format.h>
@@ -73,6 +75,11 @@ struct Statistics {
     std::map<int, SystemCount> systems;
     std::uint64_t signalCount = 0;
     std::uint64_t slipMarks = 0;  // signals with the slip bit set
+    std::map<std::uint64_t, std::map<std::string, std::uint64_t>> rec35;  // subtype, kind
+
+    void addRec35(DeliveredRecord& record) {
+        if (const auto rec = rec35DatOf(record.dat())) ++rec35[rec->subtype][rec35Kind(rec->subtype, rec->subsubtype)];
+    }
 
     void addEpoch(const Rec27& rec) {
         epochs.add(TimeTag{rec.weekNum, rec.receiveTime});
@@ -147,6 +154,19 @@ json infoJson(const std::string& name, const ReadSummary& summary, const nvb_exp
     for (const auto& [type, count] : stats.perCarrier) carriers[std::to_string(type)] = count;
     out["carriedAs"] = carriers;
     out["recordsUndecoded"] = summary.recordsUndecoded;
+    // Records 35 by subtype, and by kind where the subtype is Avro-coded.
+    json rec35 = json::object();
+    for (const auto& [subtype, kinds] : stats.rec35) {
+        json entry = {{"count", 0}};
+        std::uint64_t count = 0;
+        for (const auto& [kind, n] : kinds) {
+            count += n;
+            if (kind != "record") entry[kind] = n;
+        }
+        entry["count"] = count;
+        rec35[std::to_string(subtype)] = entry;
+    }
+    out["record35"] = rec35;
     out["epochs"] = spanJson(stats.epochs);
     out["positions"] = spanJson(stats.positions);
     json systems = json::object();
@@ -241,6 +261,17 @@ void printInfo(const json& info) {
         carriers += fmt::format("{}{} x {}", carriers.empty() ? "" : ", ", count.get<std::uint64_t>(), type);
     }
     if (carriers != records) fmt::print("{:<17}{}\n", "carried as", carriers);
+    std::string rec35;
+    for (const auto& [subtype, entry] : info["record35"].items()) {
+        std::string kinds;
+        for (const char* kind : {"schema", "reference", "delta", "other"}) {
+            if (!entry.contains(kind)) continue;
+            kinds += fmt::format("{}{} {}", kinds.empty() ? "" : ", ", entry[kind].get<std::uint64_t>(), kind);
+        }
+        rec35 += fmt::format("{}subtype {}: {}{}", rec35.empty() ? "" : "; ", subtype, entry["count"].get<std::uint64_t>(),
+                             kinds.empty() ? "" : " (" + kinds + ")");
+    }
+    if (!rec35.empty()) fmt::print("{:<17}{}\n", "record 35", rec35);
     if (info["recordsUndecoded"].get<std::uint64_t>() > 0) {
         fmt::print("{:<17}{} of types this reader does not decode\n", "",
                    info["recordsUndecoded"].get<std::uint64_t>());
@@ -298,6 +329,7 @@ int runInfo(const InfoOptions& options, const CommonOptions& common) {
             ++stats.perType[record.type];
             ++stats.perCarrier[fieldValue(record.state->currentType)];
             if (record.type == 27) stats.addEpoch(*record.state->records.rec27);
+            if (record.type == 35) stats.addRec35(record);
             if (record.type == 29) {
                 const Rec29& position = *record.state->records.rec29;
                 stats.positions.add(TimeTag{position.week, static_cast<double>(position.time)});

@@ -188,13 +188,18 @@ Detected detectShape(std::span<const std::uint8_t> head) {
 std::span<std::uint8_t> DeliveredRecord::dat() {
     if (!dat_) {
         std::vector<std::uint8_t>& buffer = *buffer_;
+        // A record 35 may pass 64 KB; the reported length is the room retrieval needs.
+        if (buffer.size() < length + 64u) buffer.resize(length + 64u);
         std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
         // Whole: retrieval gives a record 34 from the generic area and cuts a 98 or 99
-        // above 255 bytes to the low byte of its length.
-        nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length), buffer.data(),
-                          buffer.size());
-        const std::size_t size =
-            std::min<std::size_t>(nvb::wholeLengthOf(buffer.data()), buffer.size());
+        // above 255 bytes to the low byte of its length. A record 35 tells its own length.
+        if (type == 35) {
+            nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
+        } else {
+            nvb::wholeDatForm(*state, static_cast<std::int16_t>(type), static_cast<std::uint16_t>(length),
+                              buffer.data(), buffer.size());
+        }
+        const std::size_t size = std::min(datRecordLength(buffer), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
     }
     return *dat_;
@@ -209,6 +214,12 @@ LogReader::LogReader(Input& input, const ReadOptions& options)
     : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
     if (state_ == nullptr) throw std::bad_alloc();
     state_->descramble = options.descramble ? 1 : 0;
+    // Records 35 come as they are, schema records included, so that a log written from
+    // them keeps every one.
+    state_->rec35Assembly.schema_swallow = 0;
+    state_->convertRec35Sub2 = 0;
+    state_->convertRec35Sub9 = 0;
+    state_->convertRec35Sub19 = 0;
 }
 
 LogReader::~LogReader() {
@@ -398,6 +409,8 @@ LogWriter::LogWriter(Output& output, const WriteOptions& options)
                [&output](std::span<const std::uint8_t> unit) { output.write(unit.data(), unit.size()); }) {
     nvb_encode_t& state = encoder_.state();
     state.fileFormat = kNveFileFormat;
+    // Records 35 go out as they came: the stream's own schemas, every subtype.
+    state.rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
     state.explicitLevel = 0;
     state.measurementInterval = options.measurementInterval;
     state.positionInterval = options.positionInterval;
@@ -406,7 +419,8 @@ LogWriter::LogWriter(Output& output, const WriteOptions& options)
 void LogWriter::put(std::span<std::uint8_t> dat) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
-    if (dat.size() < 4 || nvb::wholeLengthOf(dat.data()) > dat.size()) {
+    const std::size_t length = datRecordLength(dat);
+    if (length < 4 || length > dat.size()) {
         ++summary_.refusedByType[-1];
         return;
     }
@@ -447,6 +461,10 @@ bool reportWriteProblems(const WriteSummary& summary, const std::string& file) {
     for (const auto& [type, count] : summary.refusedByType) {
         if (type < 0) {
             reportError(file, fmt::format("{} records shorter than their headers say were left out", count));
+        } else if (type == 35) {
+            reportError(file, fmt::format("{} records of type 35 were left out: the writer can't take them "
+                                          "(methods 0, 1, 2 and 4 carry none)",
+                                          count));
         } else {
             reportError(file,
                         fmt::format("{} records of type {} were left out: the writer can't take them", count, type));
@@ -493,7 +511,13 @@ bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
         problemOffset_ = consumed_;
         return false;
     }
-    const std::size_t length = nvb::wholeLengthOf(header);
+    if (!fill(datBytesToTellLength(std::span<const std::uint8_t, 4>(header, 4)))) {
+        problem_ = fmt::format("the input ends inside the head of a record of type {}", buffer_[begin_ + 3]);
+        problemOffset_ = consumed_;
+        return false;
+    }
+    header = buffer_.data() + begin_;
+    const std::size_t length = datRecordLength(std::span<const std::uint8_t>(header, end_ - begin_));
     if (length < 4) {
         problem_ = fmt::format("impossible DAT length {} for a record of type {}", length, header[3]);
         problemOffset_ = consumed_;

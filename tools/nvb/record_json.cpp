@@ -1,9 +1,13 @@
 #include "nvb/record_json.h"
 
+#include "host/dat_form.h"
 #include "nvb/gnss_names.h"
 
 #include "records/auxiliary_records.h"
+#include "records/navigation_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
+#include "rec35/rec35_codecs.h"
 
 #include <fmt/format.h>
 
@@ -190,7 +194,7 @@ void collectField(void* context, const nvb::FieldSpec& field, const std::uint8_t
     json& object = static_cast<FieldCollector*>(context)->objects.back();
     json values;
     if (field.kind == nvb::FieldKind::Opaque) {
-        values = hexOf(std::span<const std::uint8_t>(items, field.count));
+        values = hexOf(std::span<const std::uint8_t>(items, std::size_t{field.width} * field.count));
     } else if (field.count == 1) {
         values = itemJson(field, items);
     } else {
@@ -239,11 +243,86 @@ bool addDescribed(json& out, const DeliveredRecord& record) {
     if (record.type == 33) {
         if (records.rec33 == nullptr) return false;
         nvb::describeRec33(*records.rec33, static_cast<std::uint16_t>(record.length), sink);
-    } else if (!nvb::describeAuxiliaryRecord(*record.state, record.type, record.length, sink)) {
+    } else if (!nvb::describeAuxiliaryRecord(*record.state, record.type, record.length, sink) &&
+               !nvb::describeNavigationRecord(*record.state, record.type, record.length, sink) &&
+               !nvb::describeReceiverRecord(*record.state, record.type, record.length, sink)) {
         return false;
     }
     for (auto& [key, field] : collector.objects.front().items()) out[key] = std::move(field);
     return true;
+}
+
+// The system of a navigation record's satellite, by its type and subtype: 21 GPS, 25
+// SBAS, 26 and 28 as their subtypes name them (28 subtypes 7 and 8 name none).
+int navigationSystem(std::uint16_t type, std::uint8_t subtype) {
+    constexpr std::array<int, 15> kRaw = {0, 2, 3, 3, 3, 3, 0, 2, 7, 4, 4, 7, 4, 9, 3};
+    constexpr std::array<int, 14> kEphemeris = {-1, 1, 2, 3, 3, 4, 5, -1, -1, 7, 7, 7, -1, 9};
+    if (type == 21) return 0;
+    if (type == 25) return 1;
+    if (type == 26) return subtype < kRaw.size() ? kRaw[subtype] : -1;
+    if (type == 28) return subtype < kEphemeris.size() ? kEphemeris[subtype] : -1;
+    return -1;
+}
+
+void addNavigationSatellite(json& out, std::uint16_t type) {
+    if (!out.contains("svId")) return;
+    const int system = navigationSystem(type, out.value("subtype", std::uint8_t{0}));
+    if (system < 0) return;
+    out["system"] = systemName(static_cast<std::uint8_t>(system));
+    out["sv"] = satelliteName(static_cast<std::uint8_t>(system), out["svId"].get<std::uint8_t>());
+}
+
+}  // namespace
+
+std::string rec35Kind(std::uint64_t subtype, std::uint64_t subsubtype) {
+    if (!nvb::rec35SlotOf(subtype)) return "record";
+    switch (subsubtype) {
+        case 0: return "schema";
+        case 1: return "reference";
+        case 2: return "delta";
+        default: return "other";
+    }
+}
+
+namespace {
+
+json fftJson(const rec35_sub24_t& fft) {
+    const auto* bins = static_cast<const std::int32_t*>(fft.FreqData.elements);
+    return {{"gps_msecs", value(fft.gps_msecs)},
+            {"center_freq", value(fft.center_freq)},
+            {"bin_size", value(fft.bin_size)},
+            {"peak_freq", value(fft.peak_freq)},
+            {"peak_snr", value(fft.peak_snr)},
+            {"mean_val", value(fft.mean_val)},
+            {"FreqData", std::vector<std::int32_t>(bins, bins + std::max<std::int64_t>(fft.FreqData.count, 0))},
+            {"antenna_num", value(fft.antenna_num)}};
+}
+
+// The envelope of a record 35, what a schema record names, and the decoded values where
+// the library has the subtype's family; the payload in hex otherwise.
+void addRec35(json& out, DeliveredRecord& record) {
+    const auto rec = rec35DatOf(record.dat());
+    if (!rec) return;
+    out["subtype"] = rec->subtype;
+    out["subsubtype"] = rec->subsubtype;
+    out["kind"] = rec35Kind(rec->subtype, rec->subsubtype);
+    out["payloadBytes"] = rec->payload.size();
+    if (out["kind"] == "schema") {
+        const auto zero = std::find(rec->payload.begin(), rec->payload.end(), 0);
+        const json schema = json::parse(rec->payload.begin(), zero, nullptr, false);
+        if (schema.is_object()) {
+            out["schema"] = {{"name", schema.value("name", "")},
+                             {"version", schema.value("version", 0)},
+                             {"description", schema.value("description", "")}};
+            return;
+        }
+    }
+    const void* native = record.state->records.rec35->records[*nvb::rec35SlotOf(24)];
+    if (rec->subtype == 24 && rec->subsubtype != 0 && native != nullptr) {
+        out["values"] = fftJson(*static_cast<const rec35_sub24_t*>(native));
+        return;
+    }
+    out["hex"] = hexOf(rec->payload);
 }
 
 // Types whose DAT header holds a subtype in byte 2 rather than a length byte.
@@ -309,8 +388,14 @@ json recordJson(DeliveredRecord& record) {
         case 11:
             addRec11(out, *records.rec11);
             break;
+        case 35:
+            addRec35(out, record);
+            break;
         default: {
-            if (addDescribed(out, record)) break;
+            if (addDescribed(out, record)) {
+                addNavigationSatellite(out, record.type);
+                break;
+            }
             const auto dat = record.dat();
             if (dat.size() >= 4 && headerHoldsSubtype(record.type)) out["subtype"] = dat[2];
             out["hex"] = hexOf(dat.size() > 4 ? dat.subspan(4) : std::span<const std::uint8_t>());

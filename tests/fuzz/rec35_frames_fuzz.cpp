@@ -1,0 +1,119 @@
+// Property: any run of record 35 frames, whole, fragmented, broken or cut by other
+// records, written into a bare block stream and read through any getter, with whatever
+// the getter announces processed and retrieved, never reads or writes outside a buffer,
+// never leaks and never hangs.
+//
+// Input: a byte choosing the getter and whether schema records are delivered, a byte
+// choosing the bare method, then frames: two bytes (length of the body, its top four
+// bits the fragment code; bit 15 makes a short foreign record instead) and the body, the
+// bytes behind the fragment code: subtype and subsubtype varints, then the piece.
+#include <nvbdll/nvbdll.h>
+
+#include "common/byte_sum.h"
+#include "stream/block_writer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr std::array<std::uint8_t, 4> kBareMethods = {3, 5, 6, 7};
+constexpr std::size_t kLongestBody = 4095 - 7;
+
+void collect(const std::uint8_t* buffer, std::uint32_t length, void* context) {
+    auto* out = static_cast<std::vector<std::uint8_t>*>(context);
+    out->insert(out->end(), buffer, buffer + length);
+}
+
+// The frame in the encoder's frame buffer, checksum and end byte included.
+void putFrame(nvb_encode_t& state, std::uint8_t type, std::uint8_t code, const std::uint8_t* body,
+              std::size_t size) {
+    nvb_frame_t& frame = state.frame;
+    std::memset(&frame, 0, sizeof frame);
+    const std::size_t length = size + 7;
+    frame.data[0] = 0x02;
+    frame.data[1] = static_cast<std::uint8_t>(length);
+    frame.data[2] = type;
+    frame.data[3] = type == 35 ? static_cast<std::uint8_t>((code << 4) | ((length >> 8) & 0x0F)) : code;
+    std::memcpy(frame.data + 4, body, size);
+    nvb::writeU16BigEndian(frame.data + 4 + size, nvb::byteSum(frame.data, 4 + size));
+    frame.data[length - 1] = 0x03;
+    frame.length = static_cast<std::uint16_t>(length);
+}
+
+std::vector<std::uint8_t> writeStream(const std::uint8_t* data, std::size_t size, std::uint8_t method) {
+    std::vector<std::uint8_t> output;
+    auto* state = new nvb_encode_t();
+    nvbdll_initDATEncodeState(state);
+    state->compressionMethod = method;
+    state->writeCallback = collect;
+    state->writeContext = &output;
+    for (std::size_t position = 0; position + 2 <= size;) {
+        const std::uint16_t head = static_cast<std::uint16_t>(data[position] | (data[position + 1] << 8));
+        const bool foreign = (head & 0x8000u) != 0;
+        const std::size_t wanted = foreign ? (head & 0xFFu) % 200 : head & 0x0FFFu;
+        const std::size_t body = std::min({wanted, size - position - 2, kLongestBody});
+        putFrame(*state, foreign ? 14 : 35, static_cast<std::uint8_t>((head >> 12) & 0x03), data + position + 2, body);
+        std::uint8_t status = 0;
+        (void)nvb::appendToBlock(*state, status);
+        position += 2 + body;
+    }
+    nvbdll_finalizeDATProcessing(state);
+    nvbdll_freeEncodeState(state);
+    return output;
+}
+
+void processAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t status, std::vector<std::uint8_t>& dat) {
+    if (result <= 0 || (status != 0 && status != 18)) return;
+    std::uint16_t type = 0;
+    std::uint8_t processStatus = 0;
+    const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
+    if (length == 0 || processStatus != 0) return;
+    dat.assign(std::max<std::size_t>(length, 4), 0);
+    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.data());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool initialised = (nvbdll_initNVBLib(), true);
+    (void)initialised;
+    if (size < 2) return 0;
+    const std::vector<std::uint8_t> stream = writeStream(data + 2, size - 2, kBareMethods[data[1] % 4]);
+    const std::uint8_t getter = data[0] % 4;
+    nvb_expand_t* state = nvbdll_GetNVBStateHandle();
+    state->rec35Assembly.schema_swallow = (data[0] & 0x80) != 0 ? 1 : 0;
+    std::vector<std::uint8_t> dat;
+    if (getter <= 1) {
+        std::FILE* file = fmemopen(const_cast<std::uint8_t*>(stream.data()), stream.size(), "rb");
+        if (file != nullptr) {
+            for (std::size_t calls = 0; calls < stream.size() + 16; ++calls) {
+                std::uint8_t status = 0;
+                const std::int32_t result =
+                    getter == 0 ? nvbdll_getNVARecord(state, file, &status) : nvbdll_getNVBRecord(state, file, &status);
+                if (status == 1) break;
+                processAnnounced(state, result, status, dat);
+            }
+            std::fclose(file);
+        }
+    } else {
+        for (const std::uint8_t byte : stream) {
+            std::uint8_t status = 0;
+            std::uint8_t more = 0;
+            std::int32_t result = getter == 3 ? nvbdll_getNVARecordByByte(state, byte, &status)
+                                              : nvbdll_getNVBRecordByByte(state, byte, &status, 1, &more);
+            processAnnounced(state, result, status, dat);
+            for (int guard = 0; more == 1 && guard < 100000; ++guard) {
+                result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
+                processAnnounced(state, result, status, dat);
+            }
+        }
+    }
+    if (getter == 2) nvbdll_resetNVBExpandState(state);
+    nvbdll_FreeNVBStateHandle(state);
+    return 0;
+}

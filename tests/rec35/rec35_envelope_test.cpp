@@ -1,0 +1,243 @@
+#include "external/io/io_buffer.h"
+#include "external/io/varint.h"
+#include "rec35/rec35_assembly.h"
+#include "rec35/rec35_envelope.h"
+#include "rec35/rec35_slot.h"
+#include "stream/block_writer.h"
+#include "stream/framing.h"
+#include "support/host.h"
+#include "support/rec35_records.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+
+namespace {
+
+using nvbtest::Bytes;
+
+constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
+
+TEST(Rec35Varint, ShortestFormsAndTheirLengths) {
+    const struct {
+        std::uint64_t value;
+        std::size_t length;
+    } rows[] = {{0, 1}, {127, 1}, {128, 2}, {16383, 2}, {16384, 3}, {1ull << 32, 5}, {1ull << 63, 10}, {kMax, 10}};
+    for (const auto& row : rows) {
+        std::uint8_t out[nvb::kMaxVarintLength] = {};
+        ASSERT_EQ(nvb::writeVarint(row.value, out), row.length) << row.value;
+        const auto back = nvb::readVarint(std::span<const std::uint8_t>(out, row.length));
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->value, row.value);
+        EXPECT_EQ(back->length, row.length);
+    }
+}
+
+TEST(Rec35Varint, LongerFormsAreReadToTheirEndAndBitsPast64AreDropped) {
+    const Bytes eleven = {0x81, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0xFF, 0x7F};
+    const auto value = nvb::readVarint(eleven);
+    ASSERT_TRUE(value);
+    EXPECT_EQ(value->length, 11u);
+    EXPECT_EQ(value->value, 1u | (1ull << 63));
+    EXPECT_FALSE(nvb::readVarint(Bytes{0x80, 0x80, 0x80}));
+    EXPECT_FALSE(nvb::readVarint(Bytes{}));
+}
+
+TEST(Rec35Buffer, ReserveGrowsExactlyAndRefusesWhatItCannotTell) {
+    io_buffer_t buffer{0, 0, nullptr};
+    std::uint8_t status = 0;
+    nvb::reserveIoBuffer(buffer, -1, status);
+    EXPECT_EQ(buffer.capacity, 0u);
+    nvb::reserveIoBuffer(buffer, 10, status);
+    EXPECT_EQ(buffer.capacity, 10u);
+    nvb::reserveIoBuffer(buffer, std::int64_t{1} << 33, status);
+    EXPECT_EQ(status, NVB_STATUS_REC35_CONTENT);
+    EXPECT_EQ(buffer.capacity, 10u);
+    nvb::freeIoBuffer(buffer);
+}
+
+// Splitting: the fragment codes and piece sizes of the frames a payload becomes, read off
+// the bare records of the filling block.
+TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
+    const struct {
+        std::size_t payload;
+        std::vector<int> codes;
+        std::vector<std::size_t> pieces;
+    } rows[] = {
+        {1, {0}, {1}},
+        {4000, {0}, {4000}},
+        {4001, {1, 3}, {4000, 1}},
+        {8000, {1, 3}, {4000, 4000}},
+        {12001, {1, 2, 2, 3}, {4000, 4000, 4000, 1}},
+        {0, {}, {}},
+    };
+    for (const auto& row : rows) {
+        nvbtest::Encoder encoder(3, 2);
+        nvb::setBlockTarget(*encoder.get());
+        std::uint8_t status = 0;
+        const Bytes payload(row.payload, 0x5A);
+        nvb::writeRec35Fragments(*encoder.get(), 24, 1, payload, status);
+        ASSERT_EQ(status, 0);
+        std::vector<int> codes;
+        std::vector<std::size_t> pieces;
+        for (std::uint32_t at = 0; at < encoder->blockFill;) {
+            const std::uint8_t* bare = encoder->block + at;
+            ASSERT_EQ(bare[1], 35);
+            const std::uint32_t length = nvb::addLengthExtension(35, bare[0], bare[2]);
+            codes.push_back(bare[2] >> 4);
+            pieces.push_back(length - 5);  // three bytes of length and type, two varints
+            at += length;
+        }
+        EXPECT_EQ(codes, row.codes) << row.payload;
+        EXPECT_EQ(pieces, row.pieces) << row.payload;
+    }
+}
+
+// Assembly: each step hands one getter result to the assembly, with a frame where it is
+// a record 35.
+struct Step {
+    Bytes frame;                  // empty for a foreign record or a failure
+    std::int32_t getterResult = 35;
+    std::uint8_t getterStatus = 0;
+    std::int32_t result;
+    std::uint8_t status;
+};
+
+struct AssemblyCase {
+    const char* name;
+    std::vector<Step> steps;
+    std::uint8_t pending;
+    std::uint32_t used;
+    bool message = false;  // "Incomplete record 35" was printed
+};
+
+Bytes frame(std::uint8_t code, std::size_t size, std::uint64_t subtype = 24, std::uint64_t subsubtype = 1) {
+    return nvbtest::rec35Frame(code, subtype, subsubtype, Bytes(size, 0x33));
+}
+
+// A frame cut to `length` bytes, as a block may hand one over.
+Bytes withLength(Bytes bytes, std::size_t length) {
+    bytes[1] = static_cast<std::uint8_t>(length);
+    bytes.resize(length);
+    return bytes;
+}
+
+// Every byte behind the code carries bit 7, up to the trailer.
+Bytes unendingVarint() {
+    Bytes bytes = nvbtest::rec35Frame(0, 24, 1, Bytes(20, 0));
+    std::fill(bytes.begin() + 4, bytes.end() - 3, 0x80);
+    return bytes;
+}
+
+Step foreign(std::int32_t result, std::uint8_t getterStatus, std::int32_t expected, std::uint8_t status) {
+    return Step{{}, result, getterStatus, expected, status};
+}
+
+const AssemblyCase kAssemblyCases[] = {
+    {"whole frame", {{frame(0, 10), 35, 0, 35, 0}}, 0, 10},
+    {"first and last", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 5), 35, 0, 35, 0}}, 0, 4005},
+    {"first, two middles, last",
+     {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 4000), 35, 0, 0, 0}, {frame(2, 4000), 35, 0, 0, 0},
+      {frame(3, 1), 35, 0, 35, 0}},
+     0, 12001},
+    {"middle without first keeps the record pending", {{frame(2, 5), 35, 0, -1, 18}}, 1, 0},
+    {"then a foreign record dumps it", {{frame(2, 5), 35, 0, -1, 18}, foreign(27, 0, 27, 18)}, 0, 0, true},
+    {"last without first", {{frame(3, 5), 35, 0, -1, 18}}, 0, 0},
+    {"a first frame throws away an unfinished one",
+     {{frame(1, 4000), 35, 0, 0, 0}, {frame(1, 4000), 35, 0, 0, 18}, {frame(3, 1), 35, 0, 35, 0}}, 0, 4001},
+    {"a whole frame throws away an unfinished one", {{frame(1, 4000), 35, 0, 0, 0}, {frame(0, 7), 35, 0, 35, 18}},
+     0, 7},
+    {"last of another subtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 1, 25), 35, 0, -1, 18}}, 0, 0},
+    {"middle of another subsubtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 1, 24, 2), 35, 0, -1, 18}}, 1, 0},
+    {"a foreign record between fragments", {{frame(1, 4000), 35, 0, 0, 0}, foreign(27, 0, 27, 18)}, 0, 0, true},
+    {"a framing failure between fragments", {{frame(1, 4000), 35, 0, 0, 0}, foreign(-1, 3, -1, 3)}, 0, 0, true},
+    {"a foreign record with nothing pending", {foreign(27, 0, 27, 0)}, 0, 0},
+    {"nothing complete yet", {foreign(0, 0, 0, 0)}, 0, 0},
+    {"a status of the getter alone", {foreign(0, 18, 0, 18)}, 0, 0},
+    {"an empty payload", {{frame(0, 0), 35, 0, -1, 7}}, 0, 0},
+    {"a frame shorter than its envelope", {{withLength(frame(0, 0), 6), 35, 0, -1, 18}}, 0, 0},
+    {"a payload length that would wrap", {{withLength(frame(0, 0), 8), 35, 0, -1, 18}}, 0, 0},
+    {"a subtype varint without end", {{unendingVarint(), 35, 0, -1, 18}}, 0, 0},
+    {"a record 35 arriving with a resynchronisation status", {{frame(0, 9), 35, 18, 35, 18}}, 0, 9},
+};
+
+TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
+    for (const AssemblyCase& c : kAssemblyCases) {
+        SCOPED_TRACE(c.name);
+        nvbtest::Handle handle;
+        nvbtest::MessageLog log;
+        rec35_assembly_t& assembly = handle->rec35Assembly;
+        // A slot whose chain runs, to see whether a status starts every chain again.
+        rec35_slot_t* slot = nullptr;
+        std::uint8_t ignored = 0;
+        nvb::ensureRec35Slot(slot, ignored);
+        slot->need_reference_in = 0;
+        assembly.slots[nvbtest::kFftSlot] = slot;
+        for (const Step& step : c.steps) {
+            std::memset(&handle->frame, 0, sizeof handle->frame);
+            std::copy(step.frame.begin(), step.frame.end(), handle->frame.data);
+            handle->frame.length = static_cast<std::uint16_t>(step.frame.size());
+            slot->need_reference_in = 0;
+            std::uint8_t status = step.getterStatus;
+            const std::int32_t result =
+                nvb::assembleRec35(handle->frame, handle->records.rec35, assembly, step.getterResult, status);
+            EXPECT_EQ(result, step.result);
+            EXPECT_EQ(status, step.status);
+            EXPECT_EQ(slot->need_reference_in, status != 0 ? 1 : 0) << "every chain starts again after a status";
+            if (!step.frame.empty()) {
+                EXPECT_EQ(handle->frame.length, 0) << "the record lies in the assembly now";
+            }
+        }
+        EXPECT_EQ(assembly.pending, c.pending);
+        EXPECT_EQ(nvbtest::copyOf(assembly.payload.used), c.used);
+        EXPECT_EQ(log.text().find("Incomplete record 35. Dump partial record.\n") != std::string::npos, c.message);
+    }
+}
+
+TEST(Rec35Assembly, WithoutAContentObjectEveryRecord35Fails) {
+    nvbtest::Handle handle;
+    rec35_content_t* content = handle->records.rec35;
+    const Bytes whole = frame(0, 10);
+    std::memcpy(handle->frame.data, whole.data(), whole.size());
+    handle->frame.length = static_cast<std::uint16_t>(whole.size());
+    std::uint8_t status = 0;
+    EXPECT_EQ(nvb::assembleRec35(handle->frame, nullptr, handle->rec35Assembly, 35, status), -1);
+    EXPECT_EQ(status, NVB_STATUS_REC35_CONTENT);
+    handle->records.rec35 = content;
+}
+
+TEST(Rec35Assembly, HighSubtypesAndLongVarintsAreReadToTheirEnd) {
+    nvbtest::Handle handle;
+    for (const std::uint64_t subtype : {std::uint64_t{1} << 40, kMax, std::uint64_t{13}, std::uint64_t{134}}) {
+        const Bytes whole = nvbtest::rec35Frame(0, subtype, 7, Bytes(3, 1));
+        std::memset(&handle->frame, 0, sizeof handle->frame);
+        std::memcpy(handle->frame.data, whole.data(), whole.size());
+        handle->frame.length = static_cast<std::uint16_t>(whole.size());
+        std::uint8_t status = 0;
+        ASSERT_EQ(nvb::assembleRec35(handle->frame, handle->records.rec35, handle->rec35Assembly, 35, status), 35);
+        EXPECT_EQ(nvbtest::copyOf(handle->records.rec35->subtype), subtype);
+        EXPECT_EQ(nvbtest::copyOf(handle->records.rec35->subsubtype), 7u);
+    }
+}
+
+// Record 35 stands only in the bare levels: a framed level and a byte stream hand the
+// checksum step an empty plain frame.
+TEST(Rec35Assembly, Record35OutsideTheBareLevelsGivesStatus2) {
+    nvbtest::Encoder framed(1);
+    std::uint8_t status = 0;
+    nvb::writeRec35Fragments(*framed.get(), 12345678, 0, Bytes(50, 9), status);
+    ASSERT_EQ(status, 0);
+    const Bytes block = framed.finish();
+    const Bytes bytes = nvbtest::concat({nvbtest::junk(12), nvbtest::rec35Frame(0, 12345678, 0, Bytes(50, 9))});
+    for (const auto& [stream, getter] : {std::pair{block, nvbtest::Getter::NvbFile},
+                                         std::pair{bytes, nvbtest::Getter::NvaByByte}}) {
+        nvbtest::Handle handle;
+        const auto events = nvbtest::readStream(handle.get(), stream, getter);
+        ASSERT_FALSE(events.empty());
+        EXPECT_EQ(events.back().result, 35);
+        EXPECT_EQ(events.back().processStatus, NVB_STATUS_CHECKSUM);
+    }
+}
+
+}  // namespace

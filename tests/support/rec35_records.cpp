@@ -1,0 +1,267 @@
+#include "support/rec35_records.h"
+
+#include "common/diagnostics.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace nvbtest {
+
+namespace {
+
+void putVarint(Bytes& out, std::uint64_t value) {
+    while (value >= 0x80) {
+        out.push_back(static_cast<std::uint8_t>(value | 0x80));
+        value >>= 7;
+    }
+    out.push_back(static_cast<std::uint8_t>(value));
+}
+
+template <typename T>
+void putLittleEndian(Bytes& out, T value) {
+    std::uint8_t raw[sizeof(T)];
+    std::memcpy(raw, &value, sizeof raw);
+    out.insert(out.end(), raw, raw + sizeof raw);
+}
+
+}  // namespace
+
+Bytes rec35Frame(std::uint8_t code, std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& piece) {
+    Bytes frame = {0x02, 0, 35, static_cast<std::uint8_t>(code << 4)};
+    putVarint(frame, subtype);
+    putVarint(frame, subsubtype);
+    frame.insert(frame.end(), piece.begin(), piece.end());
+    const std::size_t length = frame.size() + 3;
+    frame[1] = static_cast<std::uint8_t>(length);
+    frame[3] = static_cast<std::uint8_t>(frame[3] | ((length >> 8) & 0x0F));
+    std::uint16_t sum = 0;
+    for (const std::uint8_t byte : frame) sum = static_cast<std::uint16_t>(sum + byte);
+    frame.push_back(static_cast<std::uint8_t>(sum >> 8));
+    frame.push_back(static_cast<std::uint8_t>(sum));
+    frame.push_back(0x03);
+    return frame;
+}
+
+Bytes rec35Dat(std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& payload) {
+    const std::size_t length = 24 + payload.size();
+    const std::size_t told = length < 0xFFFF ? length : 0xFFFF;
+    Bytes dat(length);
+    dat[0] = 0x74;
+    dat[1] = static_cast<std::uint8_t>(told);
+    dat[2] = static_cast<std::uint8_t>(told >> 8);
+    dat[3] = 35;
+    const auto payloadLength = static_cast<std::uint32_t>(payload.size());
+    std::memcpy(dat.data() + 4, &subtype, 8);
+    std::memcpy(dat.data() + 12, &subsubtype, 8);
+    std::memcpy(dat.data() + 20, &payloadLength, 4);
+    std::copy(payload.begin(), payload.end(), dat.begin() + 24);
+    return dat;
+}
+
+AvroBytes& AvroBytes::longValue(std::int64_t value) {
+    putVarint(bytes, (static_cast<std::uint64_t>(value) << 1) ^ static_cast<std::uint64_t>(value >> 63));
+    return *this;
+}
+
+AvroBytes& AvroBytes::doubleValue(double value) {
+    putLittleEndian(bytes, value);
+    return *this;
+}
+
+AvroBytes& AvroBytes::floatValue(float value) {
+    putLittleEndian(bytes, value);
+    return *this;
+}
+
+AvroBytes& AvroBytes::longArray(const std::vector<std::int64_t>& values) {
+    if (!values.empty()) longValue(static_cast<std::int64_t>(values.size()));
+    for (const std::int64_t value : values) longValue(value);
+    return longValue(0);
+}
+
+std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs) {
+    std::vector<Fft> out;
+    for (int k = 0; k < count; ++k) {
+        Fft fft;
+        fft.gps_msecs = 345600000u + static_cast<std::uint32_t>(k) * stepMs;
+        fft.center_freq = 1575.42e6;
+        fft.bin_size = 2441.40625f;
+        fft.peak_freq = 1575.42e6 + 1000.0 * std::sin(k * 0.1);
+        fft.peak_snr = 30.0f + static_cast<float>(k % 7);
+        fft.mean_val = -60 + k % 3;
+        for (std::size_t i = 0; i < bins; ++i) {
+            fft.bins.push_back(static_cast<std::int32_t>(1000 * std::cos(0.05 * static_cast<double>(i + k)) - 200));
+        }
+        fft.antenna_num = k % 2;
+        out.push_back(fft);
+    }
+    return out;
+}
+
+Bytes fftSchema(int version, const std::string& typeOfMean) {
+    std::string text = "{\"type\": \"record\", \"name\": \"rec35_sub24\", \"namespace\": \"com.halvane.nve.avro\", "
+                       "\"version\": " +
+                       std::to_string(version) +
+                       ", \"description\": \"FFT Data\", \"fields\": ["
+                       "{\"name\": \"gps_msecs\", \"type\": \"long\"}, {\"name\": \"center_freq\", \"type\": \"double\"}, "
+                       "{\"name\": \"bin_size\", \"type\": \"float\"}, {\"name\": \"peak_freq\", \"type\": \"double\"}, "
+                       "{\"name\": \"peak_snr\", \"type\": \"float\"}, {\"name\": \"mean_val\", \"type\": \"" +
+                       typeOfMean +
+                       "\"}, {\"name\": \"FreqData\", \"type\": {\"type\": \"array\", \"items\": \"long\"}}";
+    if (version >= 2) text += ", {\"name\": \"antenna_num\", \"type\": \"long\"}";
+    if (version >= 3) text += ", {\"name\": \"gain\", \"type\": \"double\"}";
+    text += "]}";
+    Bytes bytes(text.begin(), text.end());
+    bytes.push_back(0);
+    return bytes;
+}
+
+Bytes fftPayload(const Fft& fft, int version) {
+    AvroBytes out;
+    out.longValue(fft.gps_msecs).doubleValue(fft.center_freq).floatValue(fft.bin_size);
+    out.doubleValue(fft.peak_freq).floatValue(fft.peak_snr).longValue(fft.mean_val);
+    out.longArray(std::vector<std::int64_t>(fft.bins.begin(), fft.bins.end()));
+    if (version >= 2) out.longValue(fft.antenna_num);
+    if (version >= 3) out.doubleValue(1.5);
+    return out.bytes;
+}
+
+NativeFft::NativeFft(const Fft& fft) : record_(static_cast<rec35_sub24_t*>(std::calloc(1, sizeof(rec35_sub24_t)))) {
+    record_->gps_msecs = fft.gps_msecs;
+    record_->center_freq = fft.center_freq;
+    record_->bin_size = fft.bin_size;
+    record_->peak_freq = fft.peak_freq;
+    record_->peak_snr = fft.peak_snr;
+    record_->mean_val = fft.mean_val;
+    record_->FreqData.capacity = static_cast<std::int64_t>(fft.bins.size());
+    record_->FreqData.count = static_cast<std::int64_t>(fft.bins.size());
+    record_->FreqData.elements = std::calloc(fft.bins.size() + 1, sizeof(std::int32_t));
+    if (!fft.bins.empty()) std::memcpy(record_->FreqData.elements, fft.bins.data(), fft.bins.size() * 4);
+    record_->antenna_num = fft.antenna_num;
+}
+
+NativeFft::~NativeFft() {
+    std::free(record_->FreqData.elements);
+    std::free(record_);
+}
+
+Fft fftOf(const rec35_sub24_t& record) {
+    Fft fft;
+    fft.gps_msecs = record.gps_msecs;
+    fft.center_freq = record.center_freq;
+    fft.bin_size = record.bin_size;
+    fft.peak_freq = record.peak_freq;
+    fft.peak_snr = record.peak_snr;
+    fft.mean_val = record.mean_val;
+    const auto* bins = static_cast<const std::int32_t*>(record.FreqData.elements);
+    fft.bins.assign(bins, bins + record.FreqData.count);
+    fft.antenna_num = record.antenna_num;
+    return fft;
+}
+
+Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) { encoder->rec35Mode = mode; }
+
+std::uint8_t Rec35Writer::fft(const Fft& fft) {
+    NativeFft native(fft);
+    encoder->records.rec35->records[kFftSlot] = native.get();
+    std::uint8_t status = 0;
+    encoder.put(rec35Dat(24, 1, {}), &status);
+    encoder->records.rec35->records[kFftSlot] = nullptr;
+    return status;
+}
+
+std::uint8_t Rec35Writer::dat(const Bytes& dat) {
+    std::uint8_t status = 0;
+    encoder.put(dat, &status);
+    return status;
+}
+
+namespace {
+
+void processRead(nvb_expand_t* state, Rec35Read& read) {
+    if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
+    const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
+    if (length == 0 || read.processStatus != 0) return;
+    read.dat.assign(length, 0);
+    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
+    const rec35_content_t* content = state->records.rec35;
+    const void* native = content->records[kFftSlot];
+    if (read.type == 35 && content->subtype == 24 && content->subsubtype != 0 && native != nullptr) {
+        read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
+    }
+}
+
+std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < count; ++i) value |= std::uint64_t{dat.at(at + i)} << (8 * i);
+    return value;
+}
+
+}  // namespace
+
+std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
+    nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
+    nvb_expand_t* reader = state != nullptr ? state : own;
+    reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
+    std::vector<Rec35Read> reads;
+    for (const std::uint8_t byte : log) {
+        std::uint8_t more = 0;
+        bool haveByte = true;
+        do {
+            Rec35Read read;
+            read.result = nvbdll_getNVBRecordByByte(reader, byte, &read.status, haveByte ? 1 : 0, &more);
+            haveByte = false;
+            processRead(reader, read);
+            if (read.result != 0 || read.status != 0) reads.push_back(read);
+        } while (more == 1);
+    }
+    nvbdll_FreeNVBStateHandle(own);
+    return reads;
+}
+
+std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads) {
+    std::vector<std::uint8_t> out;
+    for (const Rec35Read& read : reads) {
+        if (read.result > 0 && read.type != 0) out.push_back(read.processStatus);
+    }
+    return out;
+}
+
+std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads) {
+    std::vector<Bytes> out;
+    for (const Rec35Read& read : reads) {
+        if (read.delivered()) out.push_back(read.dat);
+    }
+    return out;
+}
+
+std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
+    std::vector<Fft> out;
+    for (const Rec35Read& read : reads) {
+        if (read.fft) out.push_back(*read.fft);
+    }
+    return out;
+}
+
+std::uint64_t datSubtype(const Bytes& dat) { return littleEndianAt(dat, 4, 8); }
+std::uint64_t datSubsubtype(const Bytes& dat) { return littleEndianAt(dat, 12, 8); }
+Bytes datPayload(const Bytes& dat) { return Bytes(dat.begin() + 24, dat.end()); }
+
+MessageLog::MessageLog() : file_(std::tmpfile()), saved_(nvb::logStream) { nvb::logStream = file_; }
+
+MessageLog::~MessageLog() {
+    nvb::logStream = saved_;
+    std::fclose(file_);
+}
+
+std::string MessageLog::text() const {
+    std::fflush(file_);
+    std::string out;
+    std::rewind(file_);
+    for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) out += static_cast<char>(c);
+    std::fseek(file_, 0, SEEK_END);
+    return out;
+}
+
+}  // namespace nvbtest
