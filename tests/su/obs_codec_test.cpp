@@ -234,5 +234,30 @@ TEST(ObsCodec, WriterReportsAFrameItCannotCode) {
     std::fclose(log);
 }
 
+// The first generation's reader reports a stream that ends inside its header through the
+// codecs' assertion, which goes to the log stream alone: with none set, nothing is written.
+TEST(ObsCodec, FirstGenerationTellsAShortHeaderOnTheLogStreamOnly) {
+    const Bytes shortDelta = {0x02, 6, kTypeObsFirstDelta, 0x60, 0x00, 0x03};
+    std::array<std::uint8_t, 600> out{};
+    std::FILE* log = std::tmpfile();
+    ASSERT_NE(log, nullptr);
+    std::FILE* saved = logStream;
+    testing::internal::CaptureStderr();
+    for (std::FILE* stream : {log, static_cast<std::FILE*>(nullptr)}) {
+        logStream = stream;
+        obs_history_t history{};
+        std::uint8_t status = 0;
+        EXPECT_FALSE(expandFirstGenerationDelta(history, shortDelta.data(), shortDelta.size(), out.data(), out.size(),
+                                                status, false));
+    }
+    logStream = saved;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    std::rewind(log);
+    std::array<char, 64> text{};
+    ASSERT_NE(std::fgets(text.data(), text.size(), log), nullptr);
+    EXPECT_STREQ(text.data(), "Assertion failed: cond, file su_compr_common, line 1319\n");
+    std::fclose(log);
+}
+
 }  // namespace
 }  // namespace nvb

@@ -4,6 +4,7 @@
 #include "external/su/epoch_compressor.h"
 #include "external/su/predicted_epoch.h"
 #include "pipeline/serialisation.h"
+#include "stream/huffman.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -13,8 +14,12 @@
 
 namespace nvbtest {
 
+void initLibrary() {
+    if (nvb::huffmanRoot() == nullptr) nvbdll_initNVBLib();
+}
+
 Handle::Handle() {
-    nvbdll_initNVBLib();
+    initLibrary();
     state_ = nvbdll_GetNVBStateHandle();
     if (state_ == nullptr) throw std::runtime_error("no expand state");
 }
@@ -136,7 +141,7 @@ ReadEvent processFrame(nvb_expand_t* state, const Bytes& frame) {
 }
 
 Encoder::Encoder(std::uint8_t method, std::uint8_t level)
-    : host_((nvbdll_initNVBLib(), method), level, [this](std::span<const std::uint8_t> unit) {
+    : host_((initLibrary(), method), level, [this](std::span<const std::uint8_t> unit) {
           output_.insert(output_.end(), unit.begin(), unit.end());
           ++callbacks_;
       }) {}
