@@ -273,10 +273,9 @@ std::uint16_t writeAuxiliary(nvb_encode_t& state, nvb_frame_t& frame) {
 // A record 33 listing the systems in use (subtype 3) starts the compact families over:
 // the block closes, and the next epoch and position go out as references.
 std::uint16_t write33(nvb_encode_t& state, nvb_frame_t& frame) {
-    constexpr std::uint8_t kMixedSystems = 3;
     const Rec33& rec = *state.records.rec33;
     if (!writeRec33(rec, state.records.datHeader[1], frame)) return 0;
-    if (rec.subtype == kMixedSystems) {
+    if (rec.subtype == kRec33MixedSystems) {
         state.flushBlock = 1;
         state.epochForceReference = 1;
         state.forcePositionReference = 1;

@@ -1,5 +1,7 @@
 #include "rec35/avro_layer.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 
 #include <algorithm>
@@ -11,11 +13,10 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNoMemory = 17;
 constexpr std::string_view kVersionKey = "\"version\"";
 
 bool fail(std::uint8_t& status) {
-    status = kAvroFailure;
+    status = NVB_STATUS_AVRO;
     return false;
 }
 
@@ -396,7 +397,7 @@ bool readBytes(avro_value_t& bytes, rec35_array_t& destination, std::uint8_t& st
     std::size_t length = 0;
     if (avro_value_get_bytes(&bytes, &data, &length) != 0) return fail(status);
     if (destination.capacity < 0 || static_cast<std::uint64_t>(destination.capacity) < length) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return false;
     }
     if (length > 0) std::memcpy(destination.elements, data, length);
