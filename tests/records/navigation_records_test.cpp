@@ -9,20 +9,9 @@
 
 namespace {
 
-using nvbtest::Bytes;
-using nvbtest::concat;
-using nvbtest::copyOf;
-using nvbtest::processFrame;
-using nvbtest::ReadEvent;
-using nvbtest::Handle;
-using nvbtest::structDat;
-using nvbtest::writtenFrame;
-using nvbtest::Body;
-using nvbtest::Runs;
+using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) {
-    return nvbtest::plainFrame(type, body);
-}
+Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
 
 // Record 21 and the record 28 subtypes as their tables list them, from offset 3 (21) or
 // behind the subtype at offset 3 (28), with the DAT length each reads as.

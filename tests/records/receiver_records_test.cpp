@@ -9,21 +9,9 @@
 
 namespace {
 
-using nvbtest::Bytes;
-using nvbtest::concat;
-using nvbtest::copyOf;
-using nvbtest::processFrame;
-using nvbtest::ReadEvent;
-using nvbtest::Handle;
-using nvbtest::shortDat;
-using nvbtest::structDat;
-using nvbtest::writtenFrame;
-using nvbtest::Body;
-using nvbtest::Runs;
+using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) {
-    return nvbtest::plainFrame(type, body);
-}
+Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
 
 Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
