@@ -120,7 +120,7 @@ std::string writeTempFile(const Bytes& bytes, const std::string& suffix) {
 
 void standFrame(nvb_expand_t* state, const Bytes& frame, int type) {
     std::memset(&state->frame, 0, sizeof state->frame);
-    std::memcpy(state->frame.data, frame.data(), std::min(frame.size(), sizeof state->frame.data));
+    std::copy_n(frame.begin(), std::min(frame.size(), sizeof state->frame.data), state->frame.data);
     state->frame.length = static_cast<std::uint16_t>(frame.size());
     state->currentType = static_cast<std::uint16_t>(type >= 0 ? type : (frame.size() > 2 ? frame[2] : 0));
 }
