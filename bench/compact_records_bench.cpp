@@ -6,7 +6,7 @@
 #include "external/su/compact_compressors.h"
 #include "external/su/list_codec.h"
 #include "external/su/subframe_cache.h"
-#include "support/compact_records_sequence.h"
+#include "support/sequences.h"
 #include "support/subframe_list_sequences.h"
 
 #include <nvbdll/nvbdll.h>

@@ -8,9 +8,7 @@
 #include "external/su/subframe_cache.h"
 
 #include "common/byte_sum.h"
-#include "support/compact_codec.h"
-#include "support/encoder.h"
-#include "support/reader.h"
+#include "support/host.h"
 #include "support/subframe_list_sequences.h"
 
 #include <nvbdll/nvbdll.h>
@@ -44,8 +42,8 @@ struct Subframes {
     static constexpr std::uint8_t kPlainType = kTypeSubframe;
     // The writer restarts the cache by itself, at least every ten minutes.
     static constexpr bool kRestartsItself = true;
-    static nvbtest::CompactCodec codec() {
-        return nvbtest::CompactCodec(compressRec25Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
+    static nvbtest::CompactLink codec() {
+        return nvbtest::CompactLink(compressRec25Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
             return nvbdll_processType84(state, status);
         });
     }
@@ -97,8 +95,8 @@ struct Lists {
     static constexpr std::uint8_t kPlainType = kTypeList;
     // Type 41 has no reference form: only a reset of both sides starts it over.
     static constexpr bool kRestartsItself = false;
-    static nvbtest::CompactCodec codec() {
-        return nvbtest::CompactCodec(compressRec40Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
+    static nvbtest::CompactLink codec() {
+        return nvbtest::CompactLink(compressRec40Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
             return nvbdll_processType41(state, status);
         });
     }
@@ -161,7 +159,7 @@ struct CodecNames {
 TYPED_TEST_SUITE(DictionaryCodec, Codecs, CodecNames);
 
 // The dispatch copies a plain frame as it stands and expands the others.
-std::uint8_t expandAny(nvbtest::CompactCodec& codec, std::uint8_t plainType, const Bytes& compact, Bytes& plain) {
+std::uint8_t expandAny(nvbtest::CompactLink& codec, std::uint8_t plainType, const Bytes& compact, Bytes& plain) {
     if (compact[2] != plainType) return codec.expand(compact, plain);
     plain = compact;
     return 0;
@@ -170,13 +168,12 @@ std::uint8_t expandAny(nvbtest::CompactCodec& codec, std::uint8_t plainType, con
 TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispatch) {
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
-    nvbtest::CompactCodec codec = Codec::codec();
-    codec.encoder->lastSubframeReferenceTime = 0xFFFFFFFF;
-    nvbtest::Handle dispatch;
+    nvbtest::CompactLink codec = Codec::codec();
+        nvbtest::Handle dispatch;
     std::set<std::string> seen;
     std::size_t compactBytes = 0, plainBytes = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
-        const Bytes compact = codec.encode(plains[i]);
+        const Bytes compact = codec.compress(plains[i]);
         seen.insert(Codec::form(compact));
         compactBytes += compact.size();
         plainBytes += plains[i].size();
@@ -186,7 +183,7 @@ TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispat
         const nvbtest::ReadEvent event = nvbtest::processFrame(dispatch.get(), compact);
         ASSERT_TRUE(event.delivered()) << i;
         ASSERT_EQ(event.type, Codec::kPlainType);
-        ASSERT_EQ(std::memcmp(&Codec::history(*dispatch.get()), &Codec::history(*codec.reader), sizeof(typename Codec::History)), 0);
+        ASSERT_EQ(std::memcmp(&Codec::history(*dispatch.get()), &Codec::history(codec.expander()), sizeof(typename Codec::History)), 0);
     }
     EXPECT_EQ(seen, Codec::coverage());
     EXPECT_LT(compactBytes * 2, plainBytes);
@@ -195,17 +192,16 @@ TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispat
 TYPED_TEST(DictionaryCodec, AfterALostRecordNothingWrongIsDeliveredAndAllComesRightAtTheNextRestart) {
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
-    nvbtest::CompactCodec codec = Codec::codec();
-    codec.encoder->lastSubframeReferenceTime = 0xFFFFFFFF;
-    nvbtest::Handle reader;
+    nvbtest::CompactLink codec = Codec::codec();
+        nvbtest::Handle reader;
     std::size_t lost = 0, restart = 0, refused = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
         if (!Codec::kRestartsItself && lost != 0 && i == lost + 300) {
-            nvbdll_resetDATEncodeState(codec.encoder.get());
+            nvbdll_resetDATEncodeState(&codec.encoder());
             nvbdll_resetNVBExpandState(reader.get());
             restart = i;
         }
-        const Bytes compact = codec.encode(plains[i]);
+        const Bytes compact = codec.compress(plains[i]);
         if (lost == 0 && i > 200 && Codec::lossBites(compact)) {
             lost = i;
             continue;
@@ -228,18 +224,17 @@ TYPED_TEST(DictionaryCodec, AfterALostRecordNothingWrongIsDeliveredAndAllComesRi
 TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWas) {
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
-    nvbtest::CompactCodec codec = Codec::codec();
-    codec.encoder->lastSubframeReferenceTime = 0xFFFFFFFF;
-    std::vector<Bytes> compacts;
+    nvbtest::CompactLink codec = Codec::codec();
+        std::vector<Bytes> compacts;
     const std::size_t half = plains.size() / 2;
-    for (std::size_t i = 0; i <= half; ++i) compacts.push_back(codec.encode(plains[i]));
+    for (std::size_t i = 0; i <= half; ++i) compacts.push_back(codec.compress(plains[i]));
     Bytes expanded;
     for (std::size_t i = 0; i < half; ++i) ASSERT_EQ(expandAny(codec, Codec::kPlainType, compacts[i], expanded), 0);
-    const auto before = std::make_unique<typename Codec::History>(Codec::history(*codec.reader));
+    const auto before = std::make_unique<typename Codec::History>(Codec::history(codec.expander()));
     for (const Corruption& bad : Codec::corruptions(compacts)) {
         EXPECT_EQ(codec.expand(bad.record, expanded), bad.status) << bad.what;
         EXPECT_TRUE(expanded.empty()) << bad.what;
-        EXPECT_EQ(std::memcmp(before.get(), &Codec::history(*codec.reader), sizeof *before), 0) << bad.what;
+        EXPECT_EQ(std::memcmp(before.get(), &Codec::history(codec.expander()), sizeof *before), 0) << bad.what;
     }
     ASSERT_EQ(expandAny(codec, Codec::kPlainType, compacts[half], expanded), 0);
     EXPECT_EQ(expanded, plains[half]);
