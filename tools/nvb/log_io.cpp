@@ -149,6 +149,7 @@ constexpr std::size_t kReadChunk = 1 << 16;
 // Room for the longest DAT form retrieval can write (its length is 16 bits).
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
+constexpr std::uint8_t kDopplerPresent = 0x04;  // measFlags1
 
 constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
 constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
@@ -204,6 +205,22 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
     }
     return *dat_;
+}
+
+bool DeliveredRecord::dopplerOnWire() const {
+    const std::uint16_t carrier = fieldValue(state->currentType);
+    if (type != 27 || carrier < 36 || carrier > 39) return true;
+    // After an expansion the codec's last image is the epoch as its compact form held it.
+    const epoch_image_t& image = state->epochHistory.previous;
+    const std::size_t satellites = std::min<std::size_t>(image.nSv, std::size(image.sats));
+    for (std::size_t i = 0; i < satellites; ++i) {
+        const epoch_sat_row_t& sat = image.sats[i];
+        const std::size_t signals = std::min<std::size_t>(sat.nMeas, std::size(sat.signals));
+        for (std::size_t j = 0; j < signals; ++j) {
+            if ((sat.signals[j].measFlags1 & kDopplerPresent) != 0) return true;
+        }
+    }
+    return false;
 }
 
 bool ReadSummary::unreadable() const {
@@ -431,8 +448,9 @@ LogWriter::LogWriter(Output& output, const WriteOptions& options)
     // Records 35 go out as they came: the stream's own schemas, every subtype.
     state_->rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
     state_->compressionMethod = static_cast<std::uint8_t>(options.method);
-    state_->compressionLevel = static_cast<std::uint8_t>(options.level);
-    state_->explicitLevel = 0;
+    // The compressor's own level goes with compressionLevel 3, which also sets 32 KiB blocks.
+    state_->compressionLevel = static_cast<std::uint8_t>(options.explicitLevel ? 3 : options.level);
+    state_->explicitLevel = static_cast<std::uint8_t>(options.explicitLevel.value_or(0));
     state_->measurementInterval = options.measurementInterval;
     state_->positionInterval = options.positionInterval;
     state_->writeCallback = &LogWriter::written;
@@ -451,7 +469,7 @@ void LogWriter::written(const std::uint8_t* buffer, std::uint32_t length, void* 
     static_cast<LogWriter*>(context)->output_.write(buffer, length);
 }
 
-void LogWriter::put(std::span<std::uint8_t> dat) {
+void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
     const std::size_t length = datRecordLength(dat);
@@ -461,12 +479,16 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
     }
     const std::uint8_t type = dat[3];
     bool longEpoch = false;
+    bool dopplerKept = false;
     if (type == 27) {
         // The true satellite count goes where retrieval left the first antenna's count,
         // and the epoch takes the long delta form when the short one would lose a flag
         // byte, a range rollover or a wide range difference.
-        longEpoch = prepareEpochForEncoder(dat).needsLongForm;
+        const EpochShape shape = prepareEpochForEncoder(dat);
+        longEpoch = shape.needsLongForm;
+        dopplerKept = options_.keepDoppler && dopplerOnWire && shape.hasDoppler;
         state_->epochForceLong = longEpoch ? 1 : 0;
+        state_->epochKeepDoppler = dopplerKept ? 1 : 0;
     }
     const std::uint32_t before = state_->recordCount;
     std::uint8_t status = 0;
@@ -477,6 +499,7 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
+        if (dopplerKept) ++summary_.dopplerEpochs;
     } else if (isThinnedType(type) &&
                ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
         ++summary_.thinned;
