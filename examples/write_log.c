@@ -160,9 +160,10 @@ int main(int argc, char** argv) {
     }
     nvbdll_finalizeDATProcessing(state);
     printf("records %u skipped %u failed %u\n", written, skipped, failed);
+    if (skipped > 0) fprintf(stderr, "%s: %u records 35 left out: a C host can't release their buffers\n", argv[1], skipped);
 
     freeEncodeState(state);
     nvbdll_freeNVBLib();
     free(dat);
-    return fclose(out) == 0 && failed == 0 ? 0 : 1;
+    return fclose(out) == 0 && failed == 0 && skipped == 0 ? 0 : 1;
 }
