@@ -13,12 +13,14 @@
 #include <string.h>
 
 /* The record structures the encoder parses into, one per type. */
+/* clang-format off */
 #define RECORD_SLOTS(X)                                                                                    \
     X(generic) X(rec5) X(rec11) X(rec12) X(rec15) X(rec16) X(rec17) X(rec19) X(rec21) X(rec22) X(rec24) \
     X(rec25) X(rec26) X(rec27) X(rec28) X(rec29) X(rec30) X(rec31) X(rec32) X(rec33) X(rec34) X(rec40)  \
     X(rec98) X(rec99) X(rec101) X(rec102)
 #define ALLOCATE(field) ok &= (state->records.field = calloc(1, sizeof *state->records.field)) != NULL;
 #define RELEASE(field) free(state->records.field);
+/* clang-format on */
 
 /* nvbdll_freeEncodeState deletes with C++ delete, which memory from calloc must not meet:
  * this host frees everything it allocated itself. The library allocates inside the state
@@ -48,7 +50,9 @@ static void freeEncodeState(nvb_encode_t* state) {
 static size_t datLength(const uint8_t* record, size_t have) {
     if (have < 4) return 0;
     switch (record[3]) {
-        case 0: case 1: case 2:
+        case 0:
+        case 1:
+        case 2:
             return record[2];
         case 35:
             if (record[1] == 0xFF && record[2] == 0xFF) {
@@ -57,7 +61,15 @@ static size_t datLength(const uint8_t* record, size_t have) {
                              (size_t)record[23] << 24);
             }
             return (size_t)record[1] | (size_t)record[2] << 8;
-        case 12: case 17: case 27: case 29: case 34: case 98: case 99: case 101: case 102:
+        case 12:
+        case 17:
+        case 27:
+        case 29:
+        case 34:
+        case 98:
+        case 99:
+        case 101:
+        case 102:
             return (size_t)record[1] | (size_t)record[2] << 8;
         default:
             return record[1];
@@ -160,7 +172,8 @@ int main(int argc, char** argv) {
     }
     nvbdll_finalizeDATProcessing(state);
     printf("records %u skipped %u failed %u\n", written, skipped, failed);
-    if (skipped > 0) fprintf(stderr, "%s: %u records 35 left out: a C host can't release their buffers\n", argv[1], skipped);
+    if (skipped > 0)
+        fprintf(stderr, "%s: %u records 35 left out: a C host can't release their buffers\n", argv[1], skipped);
 
     freeEncodeState(state);
     nvbdll_freeNVBLib();

@@ -45,7 +45,9 @@ void addWriteOptions(CLI::App& command, WriteChoice& choice, MethodDefault metho
                                 "3 zlib, 4 bzip2 over frames, 5 bzip2, 6 brotli, 7 zstd{}",
                                 methodDefaultText))
         ->check(CLI::Range(0, 7));
-    command.add_option("-l,--level", choice.level, "block size and effort: 0 32 KiB (default), 1 256 KiB, 2 512 KiB blocks")
+    command
+        .add_option("-l,--level", choice.level,
+                    "block size and effort: 0 32 KiB (default), 1 256 KiB, 2 512 KiB blocks")
         ->check(CLI::Range(0, 2));
     command.add_option("--explicit-level", choice.explicitLevel,
                        "the compressor's own level, in 32 KiB blocks: zlib 0 to 9, brotli 0 to 11, zstd 1 to 22");
@@ -70,7 +72,8 @@ std::optional<WriteOptions> resolveWrite(const WriteChoice& choice, MethodDefaul
         options.level = kBestLevel;
         return options;
     }
-    if (!choice.method && methodDefault == MethodDefault::Required) return refuse("name a method with --method, or ask for --best");
+    if (!choice.method && methodDefault == MethodDefault::Required)
+        return refuse("name a method with --method, or ask for --best");
     options.method = choice.method.value_or(7);
     options.level = choice.level.value_or(0);
     if (!choice.explicitLevel) return options;
@@ -85,8 +88,9 @@ std::optional<WriteOptions> resolveWrite(const WriteChoice& choice, MethodDefaul
                                   options.method));
     }
     if (*choice.explicitLevel < range->lowest || *choice.explicitLevel > range->highest) {
-        return refuse(fmt::format("--explicit-level {} is outside {} to {} for {}", *choice.explicitLevel, range->lowest,
-                                  range->highest, methodName(static_cast<std::uint8_t>(options.method))));
+        return refuse(fmt::format("--explicit-level {} is outside {} to {} for {}", *choice.explicitLevel,
+                                  range->lowest, range->highest,
+                                  methodName(static_cast<std::uint8_t>(options.method))));
     }
     options.explicitLevel = choice.explicitLevel;
     return options;

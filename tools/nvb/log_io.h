@@ -234,12 +234,12 @@ int exitCodeOf(const ReadSummary& summary);
 void reportReadProblems(const ReadSummary& summary, const std::string& file);
 
 struct WriteOptions {
-    int method = 7;                     // compressionMethod, 0 to 7
-    int level = 0;                      // compressionLevel, 0 to 2
-    std::optional<int> explicitLevel;   // the compressor's own level (zlib, brotli, zstd), in 32 KiB blocks
-    bool keepDoppler = true;            // epochs that carry Doppler keep it on the wire
-    float measurementInterval = 0;      // s; above 0 thins epochs
-    float positionInterval = 0;         // s; above 0 thins positions
+    int method = 7;                    // compressionMethod, 0 to 7
+    int level = 0;                     // compressionLevel, 0 to 2
+    std::optional<int> explicitLevel;  // the compressor's own level (zlib, brotli, zstd), in 32 KiB blocks
+    bool keepDoppler = true;           // epochs that carry Doppler keep it on the wire
+    float measurementInterval = 0;     // s; above 0 thins epochs
+    float positionInterval = 0;        // s; above 0 thins positions
 };
 
 struct WriteSummary {
