@@ -720,16 +720,14 @@ void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
     }
     const std::uint8_t type = dat[3];
     bool longEpoch = false;
-    bool dopplerKept = false;
     if (type == 27) {
         // The true satellite count goes where retrieval left the first antenna's count,
         // and the epoch takes the long delta form when the short one would lose a flag
-        // byte, a range rollover or a wide range difference.
+        // byte, a range rollover or a wide range difference, or when it keeps its Doppler.
         const EpochShape shape = prepareEpochForEncoder(dat);
         longEpoch = shape.needsLongForm;
-        dopplerKept = options_.keepDoppler && dopplerOnWire && shape.hasDoppler;
         state_->epochForceLong = longEpoch ? 1 : 0;
-        state_->epochKeepDoppler = dopplerKept ? 1 : 0;
+        state_->epochKeepDoppler = options_.keepDoppler && dopplerOnWire && shape.hasDoppler ? 1 : 0;
     }
     const std::uint32_t before = state_->recordCount;
     std::uint8_t status = 0;
@@ -740,7 +738,6 @@ void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
-        if (dopplerKept) ++summary_.dopplerEpochs;
     } else if (isThinnedType(type) &&
                ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
         ++summary_.thinned;

@@ -247,7 +247,6 @@ struct WriteSummary {
     std::uint64_t recordsWritten = 0;
     std::uint64_t epochsWritten = 0;  // records 27 and 17
     std::uint64_t longEpochs = 0;     // records 27 that needed the long delta form
-    std::uint64_t dopplerEpochs = 0;  // records 27 written with their Doppler
     std::uint64_t thinned = 0;
     std::uint64_t writeOnly = 0;  // written, but of a type no reader gives back (20)
     std::map<int, std::uint64_t> refusedByType;
