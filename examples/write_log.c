@@ -23,8 +23,10 @@
 /* clang-format on */
 
 /* nvbdll_freeEncodeState deletes with C++ delete, which memory from calloc must not meet:
- * this host frees everything it allocated itself. The library allocates inside the state
- * only for thinning and records 35, neither of which this host asks for. */
+ * this host frees everything it allocated itself. What the library allocates inside the
+ * state (the thinning table, at initialisation; buffers of records 35, which this host
+ * does not pass) only nvbdll_freeEncodeState releases, so the table stays to the end of
+ * the process. */
 static nvb_encode_t* newEncodeState(void) {
     nvb_encode_t* state = calloc(1, sizeof *state);
     if (state == NULL) return NULL;
