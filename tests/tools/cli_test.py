@@ -384,6 +384,69 @@ class LongEpochForms(Workspace):
         self.assertEqual(dat_records(self.dat_of(written)), dat_records(self.read(source)))
 
 
+def dopplers(dat):
+    """Each signal's Doppler bytes and Doppler-present bit, by epoch time, satellite and signal."""
+    found = {}
+    for record in dat_records(dat):
+        if record[3] != 27:
+            continue
+        epoch = Epoch(record)
+        for block, signals in epoch.satellites:
+            for signal in signals:
+                found[(epoch.time(), block[2], block[1], signal[1], signal[2])] = (signal[21:25], signal[26] & 0x04)
+    return found
+
+
+class KeepDoppler(Workspace):
+    def changed(self, before, after):
+        self.assertEqual(before.keys(), after.keys())
+        return sum(before[key] != after[key] for key in before)
+
+    def test_every_method_gives_every_doppler_back_and_drop_doppler_rebuilds_them(self):
+        log = self.simulate("sim.nvb", "--duration", 40)
+        source = dopplers(self.dat_of(log))
+        self.assertTrue(all(present for _, present in source.values()))
+        for method in range(8):
+            kept, dropped = self.path(f"keep{method}.nvb"), self.path(f"drop{method}.nvb")
+            self.nvb("-q", "fromdat", log + ".dat", "-o", kept, "--method", method)
+            self.nvb("-q", "fromdat", log + ".dat", "-o", dropped, "--method", method, "--drop-doppler")
+            self.assertEqual(self.changed(source, dopplers(self.dat_of(kept))), 0, f"method {method}")
+            rebuilt = self.changed(source, dopplers(self.dat_of(dropped)))
+            self.assertGreater(rebuilt, len(source) * 9 // 10, f"method {method}")
+            self.assertLess(os.path.getsize(dropped), os.path.getsize(kept))
+        self.assertNotIn("37", self.info(self.path("keep7.nvb"))["carriedAs"])
+        self.assertNotIn("36", self.info(self.path("drop7.nvb"))["carriedAs"])
+        simulated = self.info(self.simulate("dropped.nvb", "--duration", 40, "--drop-doppler"))
+        self.assertEqual(simulated["carriedAs"]["37"], 39)
+
+    def test_recompress_and_thin_write_doppler_as_their_input_carried_it(self):
+        kept = self.simulate_through_dat("kept.nvb", "--duration", 40)
+        dropped = self.path("dropped.nvb")
+        self.nvb("-q", "fromdat", kept + ".raw.dat", "-o", dropped, "--drop-doppler")
+        for log in (kept, dropped):
+            self.nvb("-q", "recompress", log, "-o", log + ".bz2", "-m", 5)
+            self.assertEqual(self.dat_of(log + ".bz2"), self.dat_of(log), log)
+            self.assertEqual(self.info(log + ".bz2")["carriedAs"].keys(), self.info(log)["carriedAs"].keys(), log)
+        self.nvb("-q", "recompress", kept, "-o", kept + ".drop", "-m", 7, "--drop-doppler")
+        self.assertEqual(self.dat_of(kept + ".drop"), self.dat_of(dropped))
+        self.nvb("-q", "thin", kept, "-o", kept + ".thin", "--interval", 10)
+        thinned = dopplers(self.dat_of(kept + ".thin"))
+        source = dopplers(self.dat_of(kept))
+        self.assertEqual({key: source[key] for key in thinned}, thinned)
+
+    def test_best_and_explicit_levels_read_back_the_same_records(self):
+        log = self.simulate_through_dat("sim.nvb", "--duration", 300)
+        dat = self.dat_of(log)
+        self.nvb("-q", "fromdat", log + ".dat", "-o", self.path("best.nvb"), "--best")
+        self.assertLess(os.path.getsize(self.path("best.nvb")), os.path.getsize(log))
+        self.assertEqual(self.info(self.path("best.nvb"))["blockLevel"], 5)
+        self.assertEqual(self.dat_of(self.path("best.nvb")), dat)
+        for method, level in ((3, 9), (6, 5), (7, 19)):
+            written = self.path(f"explicit{method}.nvb")
+            self.nvb("-q", "recompress", log, "-o", written, "--method", method, "--explicit-level", level)
+            self.assertEqual(self.dat_of(written), dat, f"method {method}")
+
+
 class ThinCarriesSlips(Workspace):
     def test_a_slip_in_a_dropped_epoch_lands_on_the_next_kept_one(self):
         log = self.simulate("sim.nvb", "--duration", 120, "--systems", "GR")
@@ -1176,6 +1239,12 @@ class UsageErrors(Workspace):
             ["dump", log, "--type", "x"],
             ["todat", log, "-o", os.path.join(self.directory, "no", "such", "dir.dat")],
             ["recompress", log, "-o", log, "--method", 3],
+            ["recompress", log, "-o", self.path("x.nvb"), "--best", "--method", 5],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--best", "--level", 2],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--level", 1],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--method", 4],
+            ["simulate", "-o", self.path("x.nvb"), "--explicit-level", 23],
+            ["thin", log, "-o", self.path("x.nvb"), "--interval", 5, "--explicit-level", 3],
         ]
         for args in wrong:
             result = run(*args)

@@ -21,6 +21,7 @@ constexpr std::size_t kSvMeasCountAt = 4;  // in a satellite block
 constexpr std::size_t kMeasRangeAt = 5;    // in a measurement block
 constexpr std::size_t kMeasFlags1At = 26;  // in a measurement block
 constexpr std::uint8_t kFlagByteFollows = 0x80;
+constexpr std::uint8_t kDopplerPresent = 0x04;
 
 double rangeAt(std::span<const std::uint8_t> dat, std::size_t at) {
     double range = 0;
@@ -78,6 +79,7 @@ EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {
             if (measLength == 0) break;
             if (position + kMeasFlags1At < dat.size() && position + measLength <= dat.size()) {
                 if ((dat[position + kMeasFlags1At] & kFlagByteFollows) != 0) shape.needsLongForm = true;
+                if ((dat[position + kMeasFlags1At] & kDopplerPresent) != 0) shape.hasDoppler = true;
                 const double range = rangeAt(dat, position + kMeasRangeAt);
                 if (j == 0) {
                     firstRange = range;

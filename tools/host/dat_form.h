@@ -32,6 +32,7 @@ std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat);
 struct EpochShape {
     std::size_t satellites = 0;  // satellite entries that follow the epoch header
     bool needsLongForm = false;  // something that the short delta form can't carry
+    bool hasDoppler = false;     // a measurement whose Doppler-present bit is set
 };
 
 // Walks the satellite and measurement blocks of a record 27 DAT form by their own

@@ -218,6 +218,7 @@ constexpr std::size_t kReadChunk = 1 << 16;
 // Room for the longest DAT form retrieval can write (its length is 16 bits).
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
+constexpr std::uint8_t kDopplerPresent = 0x04;  // measFlags1
 
 // Resuming after damage: a zstd block is type 8, a 24-bit length, then the zstd frame.
 constexpr std::uint8_t kZstdBlockType = 8;
@@ -342,6 +343,22 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
     }
     return *dat_;
+}
+
+bool DeliveredRecord::dopplerOnWire() const {
+    const std::uint16_t carrier = fieldValue(state->currentType);
+    if (type != 27 || carrier < 36 || carrier > 39) return true;
+    // After an expansion the codec's last image is the epoch as its compact form held it.
+    const epoch_image_t& image = state->epochHistory.previous;
+    const std::size_t satellites = std::min<std::size_t>(image.nSv, std::size(image.sats));
+    for (std::size_t i = 0; i < satellites; ++i) {
+        const epoch_sat_row_t& sat = image.sats[i];
+        const std::size_t signals = std::min<std::size_t>(sat.nMeas, std::size(sat.signals));
+        for (std::size_t j = 0; j < signals; ++j) {
+            if ((sat.signals[j].measFlags1 & kDopplerPresent) != 0) return true;
+        }
+    }
+    return false;
 }
 
 bool ReadSummary::unreadable() const {
@@ -646,18 +663,20 @@ bool isThinnedType(std::uint8_t type) {
 
 LogWriter::LogWriter(Output& output, const WriteOptions& options)
     : options_(options),
-      encoder_(static_cast<std::uint8_t>(options.method), static_cast<std::uint8_t>(options.level),
+      // The compressor's own level goes with compressionLevel 3, which also sets 32 KiB blocks.
+      encoder_(static_cast<std::uint8_t>(options.method),
+               static_cast<std::uint8_t>(options.explicitLevel ? 3 : options.level),
                [&output](std::span<const std::uint8_t> unit) { output.write(unit.data(), unit.size()); }) {
     nvb_encode_t& state = encoder_.state();
     state.fileFormat = kNveFileFormat;
     // Records 35 go out as they came: the stream's own schemas, every subtype.
     state.rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
-    state.explicitLevel = 0;
+    state.explicitLevel = static_cast<std::uint8_t>(options.explicitLevel.value_or(0));
     state.measurementInterval = options.measurementInterval;
     state.positionInterval = options.positionInterval;
 }
 
-void LogWriter::put(std::span<std::uint8_t> dat) {
+void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
     const std::size_t length = datRecordLength(dat);
@@ -670,9 +689,11 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
     if (type == 27) {
         // The true satellite count goes where retrieval left the first antenna's count,
         // and the epoch takes the long delta form when the short one would lose a flag
-        // byte, a range rollover or a wide range difference.
-        longEpoch = prepareEpochForEncoder(dat).needsLongForm;
+        // byte, a range rollover or a wide range difference, or when it keeps its Doppler.
+        const EpochShape shape = prepareEpochForEncoder(dat);
+        longEpoch = shape.needsLongForm;
         encoder_.state().epochForceLong = longEpoch ? 1 : 0;
+        encoder_.state().epochKeepDoppler = options_.keepDoppler && dopplerOnWire && shape.hasDoppler ? 1 : 0;
     }
     const std::uint32_t before = encoder_.state().recordCount;
     std::uint8_t status = 0;
