@@ -20,7 +20,7 @@ from . import _nvbdll
 __all__ = [
     "DamageWarning", "UnreadableLogError", "WriteWarning", "Record", "Log", "open",
     "read_observations", "read_positions", "write", "recompress", "thin", "to_rinex",
-    "GPS_EPOCH",
+    "GPS_EPOCH", "gps_time", "signal_name",
 ]
 
 #: The start of GPS time; times are GPS time, without leap seconds.
@@ -86,6 +86,12 @@ def _call(source, reader, *args):
 def gps_time(week, ms_of_week) -> np.datetime64:
     """A GPS week and milliseconds of the week as datetime64[ns]."""
     return GPS_EPOCH + np.timedelta64(int(week) * _NS_PER_WEEK + round(float(ms_of_week) * _NS_PER_MS), "ns")
+
+
+def signal_name(band: int, track: int) -> str:
+    """The name of the signal of a record's band and tracking code, as the Dataset's
+    variables carry it ("1C" in "C1C")."""
+    return _nvbdll.signal_name(band, track)
 
 
 class Record:

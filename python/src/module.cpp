@@ -368,5 +368,6 @@ PYBIND11_MODULE(_nvbdll, module) {
                py::arg("level"));
     module.def("rewrite", &rewriteLog, py::arg("source"), py::arg("target"), py::arg("method"), py::arg("level"),
                py::arg("interval"), py::arg("position_interval"));
+    module.def("signal_name", &signalName, py::arg("band"), py::arg("track"));
     module.def("run_tool", &runTool, py::arg("args"));
 }
