@@ -74,3 +74,13 @@ def test_rewriting_a_damaged_log_warns_and_keeps_what_was_read(simulated, tmp_pa
     with warnings.catch_warnings():
         warnings.simplefilter("ignore", nvbdll.DamageWarning)
         assert len(nvbdll.open(tmp_path / "damaged.nvb")) == kept == len(nvbdll.open(tmp_path / "kept.nvb"))
+
+
+def test_an_unreadable_log_leaves_no_output(tmp_path):
+    (tmp_path / "short.nvb").write_bytes(b"\x02\x00\x00")
+    for call in (lambda: nvbdll.recompress(tmp_path / "short.nvb", tmp_path / "out", method=7),
+                 lambda: nvbdll.thin(tmp_path / "short.nvb", tmp_path / "out", interval=5),
+                 lambda: nvbdll.to_rinex(tmp_path / "short.nvb", tmp_path / "out")):
+        with pytest.raises(nvbdll.UnreadableLogError, match="short"):
+            call()
+        assert not (tmp_path / "out").exists()
