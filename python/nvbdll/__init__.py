@@ -186,43 +186,47 @@ def read_observations(source, systems: Optional[Sequence[str]] = None, signals: 
     (columns, outcome), name = _call(source, _nvbdll.read_observations)
     _report(name, outcome, stacklevel=2)
     times = GPS_EPOCH + columns["epoch_time"].astype("timedelta64[ns]")
-    satellite = np.asarray(columns["satellite"], dtype=object)
-    signal = np.asarray(columns["signal"], dtype=object)
-    keep = _wanted(np.array([s[:1] for s in satellite], dtype=object), systems) & _wanted(signal, signals)
-    sv_name = np.asarray(columns["sv_name"], dtype=object)
-    sv_keep = _wanted(np.array([s[:1] for s in sv_name], dtype=object), systems)
+    names = np.array(columns["satellite_names"], dtype=object)
+    letters = np.array([sat[:1] for sat in names], dtype=object)
+    sat_kept = _wanted(letters, systems)
+    codes = np.array(columns["signal_names"], dtype=object)
+    keep = sat_kept[columns["satellite"]] & _wanted(codes, signals)[columns["signal"]]
+    sv_keep = sat_kept[columns["sv_index"]]
 
-    sats = sorted(set(satellite[keep]) | set(sv_name[sv_keep]))
-    sat_index = {sat: i for i, sat in enumerate(sats)}
-    shape = (len(times), len(sats))
+    # satellites in name order; -1 for those left out
+    order = sorted(np.flatnonzero(sat_kept), key=lambda index: names[index])
+    column_of = np.full(len(names), -1, dtype=np.int64)
+    column_of[order] = np.arange(len(order))
+    shape = (len(times), len(order))
     epoch = columns["epoch"][keep]
-    column = np.array([sat_index[s] for s in satellite[keep]], dtype=np.int64)
+    column = column_of[columns["satellite"][keep]]
+    signal = columns["signal"][keep]
 
     data_vars = {}
-    for code in sorted(set(signal[keep])):
-        rows = signal[keep] == code
+    for code_index in sorted(set(signal.tolist()), key=lambda index: codes[index]):
+        rows = signal == code_index
         where = (epoch[rows], column[rows])
-        for letter, key in (("C", "C"), ("L", "L"), ("D", "D"), ("S", "S")):
+        for key in ("C", "L", "D", "S"):
             grid = np.full(shape, np.nan)
             grid[where] = columns[key][keep][rows]
-            data_vars[f"{letter}{code}"] = (("time", "sv"), grid)
+            data_vars[f"{key}{codes[code_index]}"] = (("time", "sv"), grid)
         slips = np.full(shape, -1, dtype=np.int16)
         slips[where] = columns["slip"][keep][rows]
-        data_vars[f"slip{code}"] = (("time", "sv"), slips)
+        data_vars[f"slip{codes[code_index]}"] = (("time", "sv"), slips)
 
-    sv_where = (columns["sv_epoch"][sv_keep], np.array([sat_index[s] for s in sv_name[sv_keep]], dtype=np.int64))
+    sv_where = (columns["sv_epoch"][sv_keep], column_of[columns["sv_index"][sv_keep]])
     for key in ("elevation", "azimuth"):
         grid = np.full(shape, np.nan)
         grid[sv_where] = columns[key][sv_keep]
         data_vars[key] = (("time", "sv"), grid)
     data_vars["clock_offset"] = (("time",), columns["epoch_clock"])
 
-    sv = np.array(sats, dtype=object)
+    sats = [str(name) for name in names[order]]
     coords = {
         "time": times,
-        "sv": sv,
-        "system": ("sv", np.array([s[:1] for s in sats], dtype=object)),
-        "prn": ("sv", np.array([int(s[1:]) if s[1:].isdigit() else -1 for s in sats], dtype=np.int16)),
+        "sv": np.array(sats, dtype=object),
+        "system": ("sv", np.array([sat[:1] for sat in sats], dtype=object)),
+        "prn": ("sv", np.array([int(sat[1:]) if sat[1:].isdigit() else -1 for sat in sats], dtype=np.int16)),
     }
     return xr.Dataset(data_vars, coords=coords, attrs={"source": name, "time_scale": "GPS"})
 

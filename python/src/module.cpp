@@ -136,39 +136,54 @@ py::array_t<T> arrayOf(const std::vector<T>& values) {
     return py::array_t<T>(static_cast<py::ssize_t>(values.size()), values.data());
 }
 
+// Names met in order of first appearance, each with its index.
+struct NameIndex {
+    std::vector<std::string> names;
+    std::map<std::string, std::int32_t> index;
+
+    std::int32_t of(const std::string& name) {
+        const auto [found, added] = index.try_emplace(name, static_cast<std::int32_t>(names.size()));
+        if (added) names.push_back(name);
+        return found->second;
+    }
+};
+
 // Measurement epochs as long columns, one row per satellite and signal; the Python side
 // lays them out on the time x satellite grid.
 struct ObservationColumns {
     std::vector<std::int64_t> epochTime;
     std::vector<double> epochClock;
-    std::vector<std::int32_t> epoch;
-    std::vector<std::string> satellite;
-    std::vector<std::string> signal;
+    std::vector<std::int32_t> epoch, satellite, signal;
     std::vector<double> range, phase, doppler, snr;
     std::vector<std::int16_t> slip;
-    std::vector<std::int32_t> svEpoch;
-    std::vector<std::string> svName;
+    std::vector<std::int32_t> svEpoch, svIndex;
     std::vector<double> elevation, azimuth;
+    NameIndex satellites;
+    NameIndex signals;
+    std::map<std::pair<int, int>, std::int32_t> signalOfCode;
 
-    void add(const Rec27& rec, std::map<std::pair<int, int>, std::string>& names) {
+    void add(const Rec27& rec) {
         const auto index = static_cast<std::int32_t>(epochTime.size());
         epochTime.push_back(gpsNanoseconds(fieldValue(rec.weekNum), fieldValue(rec.receiveTime)));
         epochClock.push_back(fieldValue(rec.clkOffset));
         for (std::size_t s = 0; s < std::min<std::size_t>(fieldValue(rec.nSv), NVB_MAX_SV); ++s) {
             const Rec27Sv& sv = rec.sv[s];
+            // Other antennas stay out, as they do in observation output.
             if (fieldValue(sv.antennaNumber) != 0) continue;
-            const std::string name = satelliteName(fieldValue(sv.rt_sattype), fieldValue(sv.svId));
+            const std::int32_t sat = satellites.of(satelliteName(fieldValue(sv.rt_sattype), fieldValue(sv.svId)));
             svEpoch.push_back(index);
-            svName.push_back(name);
+            svIndex.push_back(sat);
             elevation.push_back(fieldValue(sv.elevation));
             azimuth.push_back(fieldValue(sv.azimuth));
             for (std::size_t m = 0; m < std::min<std::size_t>(fieldValue(sv.nMeas), NVB_MAX_MEAS); ++m) {
                 const Rec27Meas& meas = sv.meas[m];
                 const std::pair<int, int> key{fieldValue(meas.blockType), fieldValue(meas.trackType)};
-                auto found = names.find(key);
-                if (found == names.end()) found = names.emplace(key, signalName(key.first, key.second)).first;
+                auto found = signalOfCode.find(key);
+                if (found == signalOfCode.end()) {
+                    found = signalOfCode.emplace(key, signals.of(signalName(key.first, key.second))).first;
+                }
                 epoch.push_back(index);
-                satellite.push_back(name);
+                satellite.push_back(sat);
                 signal.push_back(found->second);
                 range.push_back(fieldValue(meas.range));
                 phase.push_back(fieldValue(meas.phase));
@@ -183,23 +198,24 @@ struct ObservationColumns {
 
 py::tuple readObservations(const std::string& path) {
     ObservationColumns columns;
-    std::map<std::pair<int, int>, std::string> names;
     const ReadOutcome outcome = readLog(path, [&](DeliveredRecord& record) {
-        if (record.type == 27) columns.add(*record.state->records.rec27, names);
+        if (record.type == 27) columns.add(*record.state->records.rec27);
     });
     py::dict out;
     out["epoch_time"] = arrayOf(columns.epochTime);
     out["epoch_clock"] = arrayOf(columns.epochClock);
     out["epoch"] = arrayOf(columns.epoch);
-    out["satellite"] = columns.satellite;
-    out["signal"] = columns.signal;
+    out["satellite"] = arrayOf(columns.satellite);
+    out["satellite_names"] = columns.satellites.names;
+    out["signal"] = arrayOf(columns.signal);
+    out["signal_names"] = columns.signals.names;
     out["C"] = arrayOf(columns.range);
     out["L"] = arrayOf(columns.phase);
     out["D"] = arrayOf(columns.doppler);
     out["S"] = arrayOf(columns.snr);
     out["slip"] = arrayOf(columns.slip);
     out["sv_epoch"] = arrayOf(columns.svEpoch);
-    out["sv_name"] = columns.svName;
+    out["sv_index"] = arrayOf(columns.svIndex);
     out["elevation"] = arrayOf(columns.elevation);
     out["azimuth"] = arrayOf(columns.azimuth);
     return py::make_tuple(out, outcomeTuple(outcome));
