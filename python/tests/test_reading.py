@@ -90,6 +90,16 @@ def test_a_file_object_reads_as_its_path(simulated):
     assert ds.equals(nvbdll.read_observations(log))
 
 
+def test_logs_read_on_threads_as_one_after_another(simulated):
+    from concurrent.futures import ThreadPoolExecutor
+
+    logs = [simulated(method=method, duration=120) for method in (0, 3, 7)] * 2
+    alone = [nvbdll.read_observations(log) for log in logs]
+    with ThreadPoolExecutor(len(logs)) as pool:
+        together = list(pool.map(nvbdll.read_observations, logs))
+    assert all(a.equals(b) for a, b in zip(alone, together))
+
+
 def damaged_copy(log, target, start, count=40):
     data = bytearray(log.read_bytes())
     for index in range(start, start + count):
