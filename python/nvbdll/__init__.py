@@ -134,31 +134,28 @@ class Record:
 
 
 class Log:
-    """The records of a log, read when first iterated; warnings are given then."""
+    """The records of a log, read as they are iterated; damage is reported when the
+    iteration reaches the end."""
 
     def __init__(self, source, fields: bool = True):
         self._source = source
         self._fields = fields
-        self._records: Optional[list] = None
-
-    def _load(self) -> list:
-        if self._records is None:
-            (records, outcome), name = _call(self._source, _nvbdll.read_records, self._fields)
-            _report(name, outcome, stacklevel=4)
-            self._records = [Record(*row) for row in records]
-        return self._records
 
     def __iter__(self) -> Iterator[Record]:
-        return iter(self._load())
+        path, descriptor = _source_path(self._source)
+        name = os.fspath(self._source) if descriptor is None else repr(self._source)
+        stream = _nvbdll.RecordStream(path, self._fields)
+        try:
+            while (row := stream.next()) is not None:
+                yield Record(*row)
+            _report(name, stream.outcome(), stacklevel=3)
+        finally:
+            stream.close()
+            if descriptor is not None:
+                os.close(descriptor)
 
     def __len__(self) -> int:
-        return len(self._load())
-
-    def __enter__(self) -> "Log":
-        return self
-
-    def __exit__(self, *exc) -> None:
-        self._records = None
+        return sum(1 for _ in Log(self._source, fields=False))
 
 
 def open(source, *, fields: bool = True) -> Log:  # noqa: A001 - the package's reading verb

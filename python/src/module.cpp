@@ -17,6 +17,10 @@
 #include <pybind11/stl.h>
 
 #include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <limits>
 #include <map>
 #include <optional>
@@ -98,23 +102,96 @@ struct DeliveredCopy {
     std::string fields;
 };
 
-py::tuple readRecords(const std::string& path, bool withFields) {
-    std::vector<DeliveredCopy> copies;
-    const ReadOutcome outcome = readLog(path, [&](DeliveredRecord& record) {
-        DeliveredCopy copy{record.type, record.offset, record.unpackedOffset, {}, {}};
-        // The fields are taken from the structure before retrieval packs the DAT form.
-        if (withFields) copy.fields = recordJson(record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-        const auto dat = record.dat();
-        copy.dat.assign(reinterpret_cast<const char*>(dat.data()), dat.size());
-        copies.push_back(std::move(copy));
-    });
-    py::list records;
-    for (const DeliveredCopy& copy : copies) {
-        records.append(py::make_tuple(copy.type, copy.offset, copy.unpacked, py::bytes(copy.dat),
-                                      withFields ? py::object(py::str(copy.fields)) : py::object(py::none())));
-    }
-    return py::make_tuple(records, outcomeTuple(outcome));
+DeliveredCopy copyOf(DeliveredRecord& record, bool withFields) {
+    DeliveredCopy copy{record.type, record.offset, record.unpackedOffset, {}, {}};
+    // The fields are taken from the structure before retrieval packs the DAT form.
+    if (withFields) copy.fields = recordJson(record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    const auto dat = record.dat();
+    copy.dat.assign(reinterpret_cast<const char*>(dat.data()), dat.size());
+    return copy;
 }
+
+// The records of a log as they come: a thread of its own reads ahead by at most
+// kAhead records, so a long log never stands in memory whole.
+class RecordStream {
+public:
+    RecordStream(std::string path, bool withFields) : withFields_(withFields) {
+        worker_ = std::thread([this, path = std::move(path)] { run(path); });
+    }
+    ~RecordStream() { close(); }
+    RecordStream(const RecordStream&) = delete;
+    RecordStream& operator=(const RecordStream&) = delete;
+
+    // The next record, or None at the end (when outcome() tells what was met).
+    py::object next() {
+        std::optional<DeliveredCopy> copy;
+        {
+            py::gil_scoped_release released;
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [&] { return !queue_.empty() || finished_; });
+            if (!queue_.empty()) {
+                copy = std::move(queue_.front());
+                queue_.pop_front();
+                changed_.notify_all();
+            }
+        }
+        if (!copy) {
+            if (error_) std::rethrow_exception(error_);
+            return py::none();
+        }
+        return py::make_tuple(copy->type, copy->offset, copy->unpacked, py::bytes(copy->dat),
+                              withFields_ ? py::object(py::str(copy->fields)) : py::object(py::none()));
+    }
+
+    py::tuple outcome() const { return outcomeTuple(outcome_); }
+
+    void close() {
+        {
+            std::lock_guard lock(mutex_);
+            cancelled_ = true;
+        }
+        changed_.notify_all();
+        if (worker_.joinable()) {
+            py::gil_scoped_release released;
+            worker_.join();
+        }
+    }
+
+private:
+    static constexpr std::size_t kAhead = 256;
+    struct Cancelled {};
+
+    void run(const std::string& path) {
+        try {
+            const auto input = openInput(path);
+            LogReader reader(*input, ReadOptions{});
+            outcome_ = outcomeOf(reader.run([&](DeliveredRecord& record) {
+                DeliveredCopy copy = copyOf(record, withFields_);
+                std::unique_lock lock(mutex_);
+                changed_.wait(lock, [&] { return queue_.size() < kAhead || cancelled_; });
+                if (cancelled_) throw Cancelled{};
+                queue_.push_back(std::move(copy));
+                changed_.notify_all();
+            }));
+        } catch (const Cancelled&) {
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+        std::lock_guard lock(mutex_);
+        finished_ = true;
+        changed_.notify_all();
+    }
+
+    bool withFields_;
+    std::thread worker_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<DeliveredCopy> queue_;
+    bool finished_ = false;
+    bool cancelled_ = false;
+    ReadOutcome outcome_;
+    std::exception_ptr error_;
+};
 
 std::int64_t gpsNanoseconds(double week, double msOfWeek) {
     return std::llround((week * kMsPerWeek + msOfWeek) * 1e6);
@@ -377,7 +454,11 @@ PYBIND11_MODULE(_nvbdll, module) {
     char version[8] = {};
     nvbdll_getNVBLibVersion(version);
     module.attr("library_version") = std::string(version, 4);
-    module.def("read_records", &readRecords, py::arg("path"), py::arg("fields"));
+    py::class_<RecordStream>(module, "RecordStream")
+        .def(py::init<std::string, bool>(), py::arg("path"), py::arg("fields"))
+        .def("next", &RecordStream::next)
+        .def("outcome", &RecordStream::outcome)
+        .def("close", &RecordStream::close);
     module.def("read_observations", &readObservations, py::arg("path"));
     module.def("read_positions", &readPositions, py::arg("path"));
     module.def("write_records", &writeRecords, py::arg("path"), py::arg("records"), py::arg("method"),

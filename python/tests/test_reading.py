@@ -90,6 +90,19 @@ def test_a_file_object_reads_as_its_path(simulated):
     assert ds.equals(nvbdll.read_observations(log))
 
 
+def test_a_reading_left_early_stops_its_reader_and_the_next_starts_afresh(simulated):
+    log = simulated()
+    records = nvbdll.open(log, fields=False)
+    for count, record in enumerate(records):
+        if count == 300:
+            break
+    partial = iter(records)
+    first = next(partial)
+    del partial
+    assert first.dat == next(iter(records)).dat
+    assert len(records) == 1200
+
+
 def test_logs_read_on_threads_as_one_after_another(simulated):
     from concurrent.futures import ThreadPoolExecutor
 
