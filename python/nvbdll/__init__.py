@@ -263,9 +263,6 @@ def _rewrite(source, target, method, level, interval, position_interval, stackle
         raise FileNotFoundError(path)
     _, written, problems, outcome = _nvbdll.rewrite(path, os.fspath(target), method, level, interval,
                                                     position_interval)
-    if outcome[1]:
-        # nothing was read, so nothing stands in the output
-        os.unlink(target)
     _report(path, outcome, stacklevel)
     _warn_writes(os.fspath(target), problems, stacklevel)
     return written

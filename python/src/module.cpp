@@ -62,6 +62,12 @@ ReadOutcome outcomeOf(const ReadSummary& summary) {
                                               summary.truncatedBytes);
         outcome.problems.emplace_back(*summary.truncatedAt, 0, -1, text);
     }
+    if (summary.recordsUnverified > 0 && !summary.events.empty()) {
+        outcome.problems.emplace_back(
+            summary.events.front().offset, 0, -1,
+            fmt::format("{} delta records behind the damage were left out: they lean on records that were lost",
+                        summary.recordsUnverified));
+    }
     if (summary.shape == StreamShape::Empty) {
         outcome.unreadable = "is empty";
     } else if (summary.shape == StreamShape::TooShort) {
@@ -380,7 +386,7 @@ py::tuple writeRecords(const std::string& path, const std::vector<std::string>& 
         }
         writer.finish();
         summary = writer.summary();
-        if (!output->close()) throw std::runtime_error(path + ": could not be written whole");
+        if (!output->commit()) throw std::runtime_error(path + ": could not be written whole");
     }
     return py::make_tuple(summary.recordsWritten, writeProblemsOf(summary));
 }
@@ -409,7 +415,12 @@ py::tuple rewriteLog(const std::string& source, const std::string& target, std::
         if (!writer) startWriter();
         writer->finish();
         written = writer->summary();
-        if (!output->close()) throw std::runtime_error(target + ": could not be written whole");
+        // Nothing read, nothing written: a file at the target stays as it was.
+        if (!outcome.unreadable.empty()) {
+            output->discard();
+        } else if (!output->commit()) {
+            throw std::runtime_error(target + ": could not be written whole");
+        }
     }
     return py::make_tuple(written.recordsIn, written.recordsWritten, writeProblemsOf(written), outcomeTuple(outcome));
 }

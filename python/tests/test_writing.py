@@ -76,7 +76,7 @@ def test_rewriting_a_damaged_log_warns_and_keeps_what_was_read(simulated, tmp_pa
         assert len(nvbdll.open(tmp_path / "damaged.nvb")) == kept == len(nvbdll.open(tmp_path / "kept.nvb"))
 
 
-def test_an_unreadable_log_leaves_no_output(tmp_path):
+def test_an_unreadable_log_leaves_the_target_as_it_was(tmp_path):
     (tmp_path / "short.nvb").write_bytes(b"\x02\x00\x00")
     for call in (lambda: nvbdll.recompress(tmp_path / "short.nvb", tmp_path / "out", method=7),
                  lambda: nvbdll.thin(tmp_path / "short.nvb", tmp_path / "out", interval=5),
@@ -84,3 +84,8 @@ def test_an_unreadable_log_leaves_no_output(tmp_path):
         with pytest.raises(nvbdll.UnreadableLogError, match="short"):
             call()
         assert not (tmp_path / "out").exists()
+        (tmp_path / "out").write_bytes(b"earlier")
+        with pytest.raises(nvbdll.UnreadableLogError):
+            call()
+        assert (tmp_path / "out").read_bytes() == b"earlier"
+        (tmp_path / "out").unlink()
