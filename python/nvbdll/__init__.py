@@ -301,5 +301,5 @@ def to_rinex(source, target, version: str = "3.03", compact: bool = False, inter
     if code == 2:
         raise UnreadableLogError(f"{path}: could not be converted (see the messages above)")
     if code == 1:
-        warnings.warn(DamageWarning(path, -1, 0, None, "damage met while converting (see the messages above)"),
-                      stacklevel=2)
+        # the tool tells the damage on standard error; a script gets it as warnings too
+        _report(path, _nvbdll.survey(path), stacklevel=2)

@@ -199,6 +199,11 @@ private:
     std::exception_ptr error_;
 };
 
+// What reading a log meets, nothing kept.
+py::tuple surveyLog(const std::string& path) {
+    return outcomeTuple(readLog(path, [](DeliveredRecord&) {}));
+}
+
 std::int64_t gpsNanoseconds(double week, double msOfWeek) {
     return std::llround((week * kMsPerWeek + msOfWeek) * 1e6);
 }
@@ -470,6 +475,7 @@ PYBIND11_MODULE(_nvbdll, module) {
         .def("next", &RecordStream::next)
         .def("outcome", &RecordStream::outcome)
         .def("close", &RecordStream::close);
+    module.def("survey", &surveyLog, py::arg("path"));
     module.def("read_observations", &readObservations, py::arg("path"));
     module.def("read_positions", &readPositions, py::arg("path"));
     module.def("write_records", &writeRecords, py::arg("path"), py::arg("records"), py::arg("method"),

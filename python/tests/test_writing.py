@@ -64,16 +64,21 @@ def test_bad_arguments_are_refused_before_anything_is_written(simulated, tmp_pat
     assert not (tmp_path / "x.nvb").exists()
 
 
-def test_rewriting_a_damaged_log_warns_and_keeps_what_was_read(simulated, tmp_path):
+@pytest.mark.parametrize("convert", [lambda s, t: nvbdll.recompress(s, t, method=7), nvbdll.to_rinex],
+                         ids=["recompress", "rinex"])
+def test_converting_a_damaged_log_warns_at_the_damage_and_keeps_what_was_read(simulated, tmp_path, convert):
     data = bytearray(simulated(method=0, duration=60).read_bytes())
     for index in range(3000, 3040):
         data[index] ^= 0x5A
     (tmp_path / "damaged.nvb").write_bytes(bytes(data))
-    with pytest.warns(nvbdll.DamageWarning):
-        kept = nvbdll.recompress(tmp_path / "damaged.nvb", tmp_path / "kept.nvb", method=7)
+    with pytest.warns(nvbdll.DamageWarning) as caught:
+        convert(tmp_path / "damaged.nvb", tmp_path / "kept")
+    assert min(warning.message.offset for warning in caught) >= 3000
+    if convert is nvbdll.to_rinex:
+        return
     with warnings.catch_warnings():
         warnings.simplefilter("ignore", nvbdll.DamageWarning)
-        assert len(nvbdll.open(tmp_path / "damaged.nvb")) == kept == len(nvbdll.open(tmp_path / "kept.nvb"))
+        assert len(nvbdll.open(tmp_path / "damaged.nvb")) == len(nvbdll.open(tmp_path / "kept"))
 
 
 def test_an_unreadable_log_leaves_the_target_as_it_was(tmp_path):
