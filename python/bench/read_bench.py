@@ -59,7 +59,7 @@ def main() -> int:
         with ThreadPoolExecutor(4) as pool:
             rows.append(("4 hours, 4 threads", best(lambda: list(pool.map(nvbdll.read_observations, logs)), 1)))
         alone = python_steps(lambda: time.sleep(0.3))
-        beside = python_steps(lambda: nvbdll.read_positions(hour))
+        beside = python_steps(lambda: nvbdll._nvbdll.survey(str(hour)))
         print(f"{hour.stat().st_size} bytes, 3600 epochs of GPS, GLONASS, Galileo and BeiDou")
         for label, seconds in rows:
             print(f"{label:30s} {seconds:7.3f} s")

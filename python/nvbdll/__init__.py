@@ -146,8 +146,9 @@ class Log:
         name = os.fspath(self._source) if descriptor is None else repr(self._source)
         stream = _nvbdll.RecordStream(path, self._fields)
         try:
-            while (row := stream.next()) is not None:
-                yield Record(*row)
+            while rows := stream.next():
+                for row in rows:
+                    yield Record(*row)
             _report(name, stream.outcome(), stacklevel=3)
         finally:
             stream.close()
