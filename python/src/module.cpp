@@ -19,12 +19,12 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
-#include <thread>
 #include <limits>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
