@@ -19,6 +19,14 @@ from pathlib import Path
 import nvbdll
 
 SUFFIXES = {"rinex": ".rnx", "crx": ".crx", "method": ".nvb", "netcdf": ".nc", "parquet": ".parquet"}
+# The modules that xarray and pandas write these tables with, any one of them.
+TABLE_WRITERS = {"netcdf": ("netCDF4", "scipy"), "parquet": ("pyarrow", "fastparquet")}
+
+
+def table_writer_missing(to: str) -> bool:
+    import importlib.util
+
+    return to in TABLE_WRITERS and not any(importlib.util.find_spec(name) for name in TABLE_WRITERS[to])
 
 
 def convert(source: str, out_dir: str, to: str, method: int) -> dict:
@@ -43,6 +51,7 @@ def convert(source: str, out_dir: str, to: str, method: int) -> dict:
 
 
 def run(logs, out_dir, to, method, scheduler=None, workers=2, sequential=False):
+    Path(out_dir).mkdir(parents=True, exist_ok=True)
     args = (str(out_dir), to, method)
     if sequential:
         return [convert(str(log), *args) for log in logs]
@@ -69,8 +78,9 @@ def main(argv=None) -> int:
     parser.add_argument("--workers", type=int, default=2, help="workers of the local cluster")
     parser.add_argument("--sequential", action="store_true", help="no cluster: one log after another")
     options = parser.parse_args(argv)
+    if table_writer_missing(options.to):
+        parser.error(f"--to {options.to} needs one of {', '.join(TABLE_WRITERS[options.to])} installed")
     logs = sorted(options.logs.glob(options.pattern))
-    options.out.mkdir(parents=True, exist_ok=True)
     results = run(logs, options.out, options.to, options.method, options.scheduler, options.workers,
                   options.sequential)
     failed = 0

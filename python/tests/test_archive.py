@@ -1,3 +1,4 @@
+import contextlib
 import os
 import sys
 
@@ -15,14 +16,25 @@ def contents(folder):
             for path in sorted(folder.iterdir())}
 
 
-@pytest.mark.parametrize("to", ["rinex", "method"])
-def test_a_cluster_of_two_workers_converts_as_one_process_does(tmp_path, to):
+@contextlib.contextmanager
+def scheduler_of_one_worker():
+    from distributed import LocalCluster
+
+    with LocalCluster(n_workers=1, threads_per_worker=1, processes=True, dashboard_address=None) as cluster:
+        yield ["--scheduler", cluster.scheduler_address]
+
+
+@pytest.mark.parametrize("to,cluster", [("rinex", contextlib.nullcontext([])), ("method", contextlib.nullcontext([])),
+                                        ("crx", scheduler_of_one_worker())],
+                         ids=["rinex on two local workers", "method on two local workers", "crx on a scheduler"])
+def test_a_cluster_converts_as_one_process_does(tmp_path, to, cluster):
     logs = tmp_path / "logs"
     logs.mkdir()
     for seed in range(8):
         nvb("simulate", "-o", logs / f"site{seed}.nvb", "-d", 30, "-s", "GR", "--seed", seed + 1)
     (logs / "broken.nvb").write_bytes(b"\x00" * 3)
-    assert archive.main([str(logs), str(tmp_path / "cluster"), "--to", to, "--method", "1"]) == 1
+    with cluster as where:
+        assert archive.main([str(logs), str(tmp_path / "cluster"), "--to", to, "--method", "1", *where]) == 1
     assert archive.main([str(logs), str(tmp_path / "one"), "--to", to, "--method", "1", "--sequential"]) == 1
     assert len(list((tmp_path / "cluster").iterdir())) == 8
     assert contents(tmp_path / "cluster") == contents(tmp_path / "one")
