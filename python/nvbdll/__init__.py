@@ -9,7 +9,6 @@ from __future__ import annotations
 
 import json
 import os
-import tempfile
 import warnings
 from typing import Iterable, Iterator, Optional, Sequence
 
@@ -124,6 +123,9 @@ class Record:
         return None
 
     def __getattr__(self, name: str):
+        if name.startswith("_"):
+            # a slot not yet set (a copy being made): no field has such a name
+            raise AttributeError(name)
         fields = object.__getattribute__(self, "fields")
         if name in fields:
             return fields[name]

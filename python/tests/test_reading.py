@@ -1,3 +1,4 @@
+import copy
 import io
 import math
 import warnings
@@ -28,6 +29,7 @@ def test_record_fields_are_those_of_the_tool_with_gps_time(simulated):
                                                            "ns")
     with pytest.raises(AttributeError):
         epoch.no_such_field
+    assert copy.copy(epoch).fields == epoch.fields
 
 
 def test_dataset_equals_the_tool_value_for_value(simulated):
