@@ -1,5 +1,7 @@
 #include "rec35/rec35_family.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 
@@ -12,9 +14,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNoMemory = 17;
-constexpr std::uint8_t kAvroFailure = 19;
-constexpr std::uint8_t kCapacity = 20;
 constexpr double kWireLimit = 1152921504606846976.0;  // 2^60
 
 std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
@@ -54,7 +53,7 @@ void growArray(rec35_array_t& array, std::int64_t capacity, std::size_t elementS
     if (grown == nullptr) {
         std::free(array.elements);
         array = rec35_array_t{0, 0, nullptr};
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     const std::size_t old = array.capacity > 0 ? static_cast<std::size_t>(array.capacity) : 0;
@@ -78,7 +77,7 @@ void freeRecord(void* record) { std::free(record); }
 
 bool countFits(const rec35_array_t& array, std::uint8_t& status) {
     if (array.count >= 0 && array.count <= array.capacity) return true;
-    status = kCapacity;
+    status = NVB_STATUS_CAPACITY;
     return false;
 }
 
@@ -86,7 +85,7 @@ std::int64_t scaleToWire(double value, int n, std::uint8_t& status) {
     const double scaled = std::ldexp(value, n);
     const double rounded = scaled >= 0 ? scaled + 0.5 : scaled - 0.5;
     if (!(std::fabs(rounded) <= kWireLimit)) {
-        status = kAvroFailure;
+        status = NVB_STATUS_AVRO;
         return std::numeric_limits<std::int64_t>::min();
     }
     return static_cast<std::int64_t>(rounded);

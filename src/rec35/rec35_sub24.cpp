@@ -1,5 +1,7 @@
 #include "rec35/rec35_sub24.h"
 
+#include <nvbdll/status.h>
+
 #include "rec35/avro_layer.h"
 #include "rec35/rec35_family.h"
 
@@ -52,7 +54,7 @@ const std::int64_t* longs(const rec35_array_t& array) { return static_cast<const
 void alloc_wire_rec35_sub24(void*& wire, std::int64_t freqDataCapacity, std::uint8_t& status) {
     if (wire == nullptr) wire = allocateRecord(sizeof(Wire));
     if (wire == nullptr) {
-        status = 17;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     growArray(wireOf(wire).FreqData, freqDataCapacity, sizeof(std::int64_t), status);
@@ -68,7 +70,7 @@ void free_wire_rec35_sub24(void*& wire) {
 void alloc_native_rec35_sub24(void*& native, std::int64_t freqDataCapacity, std::uint8_t& status) {
     if (native == nullptr) native = allocateRecord(sizeof(Native));
     if (native == nullptr) {
-        status = 17;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     growArray(static_cast<Native*>(native)->FreqData, freqDataCapacity, sizeof(std::int32_t), status);

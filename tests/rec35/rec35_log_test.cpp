@@ -1,5 +1,4 @@
-#include "support/encoder.h"
-#include "support/reader.h"
+#include "support/host.h"
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>
