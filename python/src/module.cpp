@@ -5,7 +5,7 @@
 #include "nvb/gnss_names.h"
 #include "nvb/log_io.h"
 #include "nvb/record_json.h"
-#include "nvb/status_text.h"
+#include "nvb/status_report.h"
 
 #include "output/observation_tables.h"
 
