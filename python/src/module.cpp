@@ -385,7 +385,10 @@ py::tuple writeRecords(const std::string& path, const std::vector<std::string>& 
     {
         py::gil_scoped_release released;
         const auto output = openOutput(path);
-        LogWriter writer(*output, WriteOptions{method, level, 0, 0});
+        WriteOptions options;
+        options.method = method;
+        options.level = level;
+        LogWriter writer(*output, options);
         for (const std::string& record : records) {
             dat.assign(record.begin(), record.end());
             writer.put(dat);
@@ -408,7 +411,10 @@ py::tuple rewriteLog(const std::string& source, const std::string& target, std::
         const auto input = openInput(source);
         const auto output = openOutput(target, source);
         LogReader reader(*input, ReadOptions{});
-        WriteOptions options{0, level, interval, positionInterval};
+        WriteOptions options;
+        options.level = level;
+        options.measurementInterval = interval;
+        options.positionInterval = positionInterval;
         std::optional<LogWriter> writer;
         const auto startWriter = [&] {
             options.method = method.value_or(methodOfStream(reader.shape(), reader.state().blockLevel));
@@ -416,7 +422,8 @@ py::tuple rewriteLog(const std::string& source, const std::string& target, std::
         };
         outcome = outcomeOf(reader.run([&](DeliveredRecord& record) {
             if (!writer) startWriter();
-            writer->put(record.dat());
+            const bool dopplerOnWire = record.dopplerOnWire();
+            writer->put(record.dat(), dopplerOnWire);
         }));
         if (!writer) startWriter();
         writer->finish();
