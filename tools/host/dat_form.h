@@ -39,6 +39,11 @@ struct EpochShape {
 // length bytes, as the parser does.
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat);
 
+// Retrieval writes each satellite's system byte as the system number times 65, which
+// leaves the antenna out. A host that keeps every satellite puts back antenna x 64 +
+// system, the byte the parser splits again, taken from the structure before retrieval.
+void restoreSystemBytes(std::span<std::uint8_t> dat, std::span<const std::uint8_t> systemBytes);
+
 // Prepares a record 27 DAT form for the encoder: retrieval counts only the first
 // antenna's satellites in the byte where the parser takes the satellite count, so the
 // count is set to the entries that follow. Other types are left alone.

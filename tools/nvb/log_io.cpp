@@ -333,6 +333,15 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
         // Whole: retrieval gives a record 34 from the generic area and cuts a 98 or 99
         // above 255 bytes to the low byte of its length. A record 35 tells its own length.
+        std::array<std::uint8_t, NVB_MAX_SV> systemBytes{};
+        std::size_t satellites = 0;
+        if (type == 27 && state->records.rec27 != nullptr) {
+            const Rec27& epoch = *state->records.rec27;
+            satellites = std::min<std::size_t>(epoch.nSv, systemBytes.size());
+            for (std::size_t i = 0; i < satellites; ++i) {
+                systemBytes[i] = static_cast<std::uint8_t>(epoch.sv[i].antennaNumber << 6 | (epoch.sv[i].rt_sattype & 0x3F));
+            }
+        }
         if (type == 35) {
             nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
         } else {
@@ -341,6 +350,7 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         }
         const std::size_t size = std::min(datRecordLength(buffer), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
+        restoreSystemBytes(*dat_, std::span<const std::uint8_t>(systemBytes.data(), satellites));
     }
     return *dat_;
 }
