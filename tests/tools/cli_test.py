@@ -200,15 +200,6 @@ class Workspace(unittest.TestCase):
         self.nvb("-q", "simulate", "-o", self.path(name), *options)
         return self.path(name)
 
-    def simulate_through_dat(self, name, *options):
-        """A simulated log that has been through its DAT form once. The DAT form has no
-        antenna number (its system byte reads back as antenna system & 3), so a log first
-        meets its own DAT round trip unchanged after one pass."""
-        raw = self.simulate(name + ".raw", *options)
-        self.dat_of(raw)
-        self.nvb("-q", "fromdat", raw + ".dat", "-o", self.path(name))
-        return self.path(name)
-
     def dat_of(self, log):
         self.nvb("-q", "todat", log, "-o", log + ".dat")
         return self.read(log + ".dat")
@@ -307,16 +298,21 @@ class DumpJson(Workspace):
 
 class DatRoundTrip(Workspace):
     def test_todat_then_fromdat_gives_back_the_same_records(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 60)
+        log = self.simulate("sim.nvb", "--duration", 60)
         dat = self.dat_of(log)
         self.assertEqual(len(dat_records(dat)), 120)
         for method in (0, 4, 7):
             rewritten = self.path(f"m{method}.nvb")
             self.nvb("-q", "fromdat", log + ".dat", "-o", rewritten, "--method", method, "--level", 1)
             self.assertEqual(self.dat_of(rewritten), dat, f"method {method}")
+        # Every system keeps antenna 0 through the DAT form, so the observation file is whole.
+        rinex = [b"\n".join(line for line in self.nvb("rinex", path, "-o", "-", "--marker", "SITE").stdout.split(b"\n")
+                            if not line.endswith(b"PGM / RUN BY / DATE ")) for path in (log, rewritten)]
+        self.assertEqual(rinex[1], rinex[0])
+        self.assertTrue(all(f"\n{system}".encode() in rinex[0] for system in "GREC"))
 
     def test_pipes_carry_dat_records_both_ways(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        log = self.simulate("sim.nvb", "--duration", 20)
         dat = self.nvb("todat", "-", "-o", "-", stdin=self.read(log)).stdout
         self.assertEqual(dat, self.dat_of(log))
         rewritten = self.nvb("fromdat", "-", "-o", "-", "-m", 3, stdin=dat).stdout
@@ -337,7 +333,7 @@ class DatRoundTrip(Workspace):
 
 class RecompressEveryPair(Workspace):
     def test_every_method_into_every_method_keeps_the_dat_records(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 40)
+        log = self.simulate("sim.nvb", "--duration", 40)
         reference = self.dat_of(log)
         sizes = set()
         for source in range(8):
@@ -353,7 +349,7 @@ class RecompressEveryPair(Workspace):
 
 class LongEpochForms(Workspace):
     def test_epochs_only_the_long_form_carries_come_back_as_they_went_in(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        log = self.simulate("sim.nvb", "--duration", 20)
         records = dat_records(self.dat_of(log))
         epochs = [Epoch(r) for r in records if r[3] == 27]
         always = [(b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and len(s) >= 2
@@ -382,6 +378,70 @@ class LongEpochForms(Workspace):
         self.assertNotIn("37", carriers)
         self.assertEqual(carriers["36"] + carriers["38"], 20)
         self.assertEqual(dat_records(self.dat_of(written)), dat_records(self.read(source)))
+
+
+def dopplers(dat):
+    """Each signal's Doppler bytes and Doppler-present bit, by epoch time, satellite and signal."""
+    found = {}
+    for record in dat_records(dat):
+        if record[3] != 27:
+            continue
+        epoch = Epoch(record)
+        for block, signals in epoch.satellites:
+            for signal in signals:
+                found[(epoch.time(), block[2], block[1], signal[1], signal[2])] = (signal[21:25], signal[26] & 0x04)
+    return found
+
+
+class KeepDoppler(Workspace):
+    def changed(self, before, after):
+        self.assertEqual(before.keys(), after.keys())
+        return sum(before[key] != after[key] for key in before)
+
+    def test_every_method_gives_every_doppler_back_and_drop_doppler_rebuilds_them(self):
+        log = self.simulate("sim.nvb", "--duration", 40)
+        source = dopplers(self.dat_of(log))
+        self.assertTrue(all(present for _, present in source.values()))
+        for method in range(8):
+            kept, dropped = self.path(f"keep{method}.nvb"), self.path(f"drop{method}.nvb")
+            self.nvb("-q", "fromdat", log + ".dat", "-o", kept, "--method", method)
+            self.nvb("-q", "fromdat", log + ".dat", "-o", dropped, "--method", method, "--drop-doppler")
+            self.assertEqual(self.changed(source, dopplers(self.dat_of(kept))), 0, f"method {method}")
+            rebuilt = self.changed(source, dopplers(self.dat_of(dropped)))
+            self.assertGreater(rebuilt, len(source) * 9 // 10, f"method {method}")
+            self.assertLess(os.path.getsize(dropped), os.path.getsize(kept))
+        self.assertNotIn("37", self.info(self.path("keep7.nvb"))["carriedAs"])
+        self.assertNotIn("36", self.info(self.path("drop7.nvb"))["carriedAs"])
+        simulated = self.info(self.simulate("dropped.nvb", "--duration", 40, "--drop-doppler"))
+        self.assertEqual(simulated["carriedAs"]["37"], 39)
+
+    def test_recompress_and_thin_write_doppler_as_their_input_carried_it(self):
+        kept = self.simulate("kept.nvb", "--duration", 40)
+        dropped = self.path("dropped.nvb")
+        self.dat_of(kept)
+        self.nvb("-q", "fromdat", kept + ".dat", "-o", dropped, "--drop-doppler")
+        for log in (kept, dropped):
+            self.nvb("-q", "recompress", log, "-o", log + ".bz2", "-m", 5)
+            self.assertEqual(self.dat_of(log + ".bz2"), self.dat_of(log), log)
+            self.assertEqual(self.info(log + ".bz2")["carriedAs"].keys(), self.info(log)["carriedAs"].keys(), log)
+        self.nvb("-q", "recompress", kept, "-o", kept + ".drop", "-m", 7, "--drop-doppler")
+        self.assertEqual(self.dat_of(kept + ".drop"), self.dat_of(dropped))
+        self.nvb("-q", "thin", kept, "-o", kept + ".thin", "--interval", 10)
+        thinned = dopplers(self.dat_of(kept + ".thin"))
+        source = dopplers(self.dat_of(kept))
+        self.assertEqual({key: source[key] for key in thinned}, thinned)
+
+    def test_best_and_explicit_levels_read_back_the_same_records(self):
+        log = self.simulate("sim.nvb", "--duration", 300)
+        dat = self.dat_of(log)
+        self.nvb("-q", "fromdat", log + ".dat", "-o", self.path("best.nvb"), "--best")
+        self.assertLess(os.path.getsize(self.path("best.nvb")), os.path.getsize(log))
+        self.assertEqual(self.info(self.path("best.nvb"))["blockLevel"], 5)
+        self.assertEqual(self.dat_of(self.path("best.nvb")), dat)
+        for method, level in ((3, 9), (6, 5), (7, 19)):
+            written = self.path(f"explicit{method}.nvb")
+            self.nvb("-q", "recompress", log, "-o", written, "--method", method, "--explicit-level", level)
+            self.assertEqual(self.dat_of(written), dat, f"method {method}")
 
 
 class ThinCarriesSlips(Workspace):
@@ -594,7 +654,7 @@ class DamagedInput(Workspace):
         self.assertIn("can't open", self.nvb("info", self.path("missing.nvb"), code=2).stderr.decode())
 
     def test_a_dat_file_cut_inside_a_record_writes_what_came_before(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 10)
+        log = self.simulate("sim.nvb", "--duration", 10)
         dat = self.dat_of(log)
         records = dat_records(dat)
         cut = self.write_dat("cut.dat", [dat[:len(records[0]) + 100]])
@@ -934,7 +994,7 @@ class AuxiliaryRecords(Workspace):
     def log_with_every_type(self):
         """A simulated log with every auxiliary record in the middle, and the same without
         the records no log gives back."""
-        simulated = dat_records(self.dat_of(self.simulate_through_dat("sim.nvb", "--duration", 6)))
+        simulated = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 6)))
         aux = auxiliary_records()
         source = self.write_dat("every.dat", simulated[:4] + aux + WRITE_ONLY + simulated[4:])
         return source, simulated[:4] + aux + simulated[4:]
@@ -1151,7 +1211,7 @@ def drifting_lists(count):
 
 class NavigationAndReceiverRecords(Workspace):
     def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 30)
+        log = self.simulate("sim.nvb", "--duration", 30)
         epochs = dat_records(self.dat_of(log))
         extra = navigation_and_receiver_dats()
         # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as
@@ -1244,6 +1304,12 @@ class UsageErrors(Workspace):
             ["dump", log, "--type", "x"],
             ["todat", log, "-o", os.path.join(self.directory, "no", "such", "dir.dat")],
             ["recompress", log, "-o", log, "--method", 3],
+            ["recompress", log, "-o", self.path("x.nvb"), "--best", "--method", 5],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--best", "--level", 2],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--level", 1],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--method", 4],
+            ["simulate", "-o", self.path("x.nvb"), "--explicit-level", 23],
+            ["thin", log, "-o", self.path("x.nvb"), "--interval", 5, "--explicit-level", 3],
         ]
         for args in wrong:
             result = run(*args)
