@@ -1257,7 +1257,7 @@ class NavigationAndReceiverRecords(Workspace):
         self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
 
     def test_repeating_navigation_blocks_and_lists_read_back_the_same_in_every_method(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        log = self.simulate("sim.nvb", "--duration", 20)
         epochs = dat_records(self.dat_of(log))
         subframes, lists = repeating_subframes(700), drifting_lists(700)
         carried = [record for pair in zip(subframes[::3], subframes[1::3], subframes[2::3], lists) for record in pair]
