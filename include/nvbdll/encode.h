@@ -35,10 +35,15 @@ NVBDLL_API void nvbdll_resetDATEncodeState(nvb_encode_t* state);
  *  @return : bytes handed to writeCallback by this call, 0 if none or if the record was
  *            dropped or could not be written.
  *  Statuses: 16 no writeCallback; 8, 10, 13, 24, 25 a block failed to compress (it stays
- *  and is tried again with the next record); 15 a record the writer can't take (a record
- *  35 in methods 0, 1, 2, 4, or whose header rec35Mode refuses); record 35: 17 no native
- *  record or area, or no memory, 19 Avro failure, 20 count above capacity, 21 schema
- *  newer than the library's or rejected. The DAT form of record 35 is in rec35_state.h. */
+ *  and is tried again with the next record); 15 a record the writer can't take (longer
+ *  than a frame, a count beyond its structure, a record 25 of a subtype other than 0 and
+ *  2, a record 26 or 28 of a subtype without a layout, a record 26 of subtype 14, a
+ *  record 35 in methods 0, 1, 2, 4, or whose header rec35Mode refuses); record 35: 17 no
+ *  native record or area, or no memory, 19 Avro failure, 20 count above capacity, 21
+ *  schema newer than the library's or rejected. The DAT form of record 35 is in
+ *  rec35_state.h. dropMask drops records 26 and 28 of the systems it names, legacyMode
+ *  records 25 of a subtype other than 0 and records 26 other than subtype 0: both
+ *  without a status. */
 NVBDLL_API uint32_t nvbdll_processDATRecord(nvb_encode_t* state, uint8_t* datRecord, uint8_t* status);
 
 /*! nvbdll_finalizeDATProcessing() :

@@ -190,6 +190,75 @@ NVBDLL_API uint16_t nvbdll_readRec27Stream(uint8_t* body, nvb_expand_t* state, u
 NVBDLL_API uint16_t nvbdll_readRec29Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7,
                                            uint8_t mapSystem7To10);
 
+/*! nvbdll_readRec21Buffer() :
+ *  Reads a plain record 21 (GPS ephemeris) from `frame` into the state's Rec21 and DAT
+ *  header. Every field is assigned; `secondByte`, which the wire does not carry, is 0.
+ *  @return : the DAT length, 190; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec21Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec25Buffer() :
+ *  Reads a plain record 25 (SBAS message) from `frame` into the state's Rec25 (cleared
+ *  first) and DAT header, whose byte 2 takes the subtype. A subtype 2 message without
+ *  flags bit 6 gets its preamble (by time modulo 3: 0x53, 0x9A, 0xC6) and its 24-bit
+ *  check computed here.
+ *  @return : the DAT length, 39 for subtype 0, 44 or 40 for subtype 2 with or without
+ *            flags bit 6, 0 for any other subtype or without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec25Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec26Buffer() :
+ *  Reads a plain record 26 (raw navigation data) from `frame` into the state's Rec26
+ *  (cleared first) and DAT header. Byte 2 of the DAT header takes the subtype, with
+ *  subtype 0 reported as 6, 1 as 7, and 8 as 11 when `mapSystem5To7` is set (its svId then
+ *  renumbered).
+ *  @return : the DAT length: 4, the structure bytes ahead of the data (13, or 14 for
+ *            subtypes 1, 7, 12 and for a Galileo page with flags bit 7) and the data bytes;
+ *            0 for a subtype without a layout or without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec26Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7);
+
+/*! nvbdll_readRec28Buffer() :
+ *  Reads a plain record 28 (ephemerides of all systems) from `frame` into the state's
+ *  Rec28 and DAT header (byte 2 is 0: the subtype stands in the structure). The structure
+ *  is not cleared: what the subtype does not write keeps the last record's values, so a
+ *  subtype 3 record of neither 216 nor 220 bytes keeps the last tail. With
+ *  `mapSystem5To7` a subtype 6 becomes 9 and its svId is renumbered.
+ *  @return : the DAT length of the subtype (102 to 218); 0 for a subtype without a
+ *            layout or without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec28Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7);
+
+/*! nvbdll_readRec12Buffer() :
+ *  Reads a plain record 12 from `frame` into the state's Rec12 (cleared first) and DAT
+ *  header. A zero word at offset 39 takes the byte at offset 9. Of the n - 1 pairs at
+ *  most 47 are decoded.
+ *  @return : the DAT length, 68 + 16 (n - 1) (68 for n = 0), whatever the structure
+ *            holds; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec12Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec15Buffer() :
+ *  Reads a plain record 15 from `frame` into the state's Rec15 (cleared first) and DAT
+ *  header.
+ *  @return : the DAT length, 124; 0 without the structures. */
+NVBDLL_API uint16_t nvbdll_readRec15Buffer(uint8_t* frame, nvb_expand_t* state);
+
+/*! nvbdll_readRec19Buffer() :
+ *  Reads a plain record 19 from `frame` into the state's Rec19 (cleared first) and DAT
+ *  header. `aux` is the 44 bytes of tracking slots, normally the state's `trackingSlots`:
+ *  subtypes 9 to 12 are delivered as subtype 7 with `slot` 2 (9, 11) or 1 (10, 12), and
+ *  11 and 12 carry only a signed byte that is added to the slot's prediction.
+ *  @return : the DAT length: 14 or 15 for the value subtypes, the frame length less 5 or
+ *            6 for the texts of 3 and 8, the frame length for other subtypes; 0 without
+ *            the structures or `aux`. */
+NVBDLL_API uint16_t nvbdll_readRec19Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t* aux);
+
+/*! nvbdll_readRec30Buffer() :
+ *  Reads a plain record 30 (sectioned receiver description) from `frame` into the
+ *  state's Rec30 (cleared first) and DAT header. A section's fields are taken as far as
+ *  its length byte reaches; what a longer section holds beyond them is not skipped.
+ *  The reset that a subtype 0 brings to the record 17 history is the pipeline's, not
+ *  this reader's.
+ *  @return : the DAT length, the stream offset where reading ended; 0 without the
+ *            structures. */
+NVBDLL_API uint16_t nvbdll_readRec30Buffer(uint8_t* frame, nvb_expand_t* state);
+
 /*! nvbdll_readRec31Buffer() :
  *  Reads a record 31 (a tag, a byte and up to 255 counted bytes) from `frame` into the
  *  state's Rec31 and DAT header.

@@ -4,8 +4,10 @@
 #include "records/auxiliary_records.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
+#include "records/navigation_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 
 using namespace nvb;
 
@@ -57,12 +59,32 @@ NVBDLL_API uint16_t nvbdll_readRec29Buffer(uint8_t* frame, nvb_expand_t* state, 
     return readRec29(asFrame(frame), *state, mapSystem5To7 != 0, mapSystem7To10 != 0);
 }
 
+NVBDLL_API uint16_t nvbdll_readRec19Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t* aux) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec19(asFrame(frame), *state, reinterpret_cast<TrackingSlots*>(aux));
+}
+
+NVBDLL_API uint16_t nvbdll_readRec26Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec26(asFrame(frame), *state, mapSystem5To7 != 0);
+}
+
+NVBDLL_API uint16_t nvbdll_readRec28Buffer(uint8_t* frame, nvb_expand_t* state, uint8_t mapSystem5To7) {
+    if (frame == nullptr || state == nullptr) return 0;
+    return readRec28(asFrame(frame), *state, mapSystem5To7 != 0);
+}
+
 // The plain readers that take nothing but a frame and the state.
 #define NVB_PLAIN_READER(type)                                                              \
     NVBDLL_API uint16_t nvbdll_readRec##type##Buffer(uint8_t* frame, nvb_expand_t* state) { \
         if (frame == nullptr || state == nullptr) return 0;                                 \
         return readRec##type(asFrame(frame), *state);                                       \
     }
+NVB_PLAIN_READER(12)
+NVB_PLAIN_READER(15)
+NVB_PLAIN_READER(21)
+NVB_PLAIN_READER(25)
+NVB_PLAIN_READER(30)
 NVB_PLAIN_READER(31)
 NVB_PLAIN_READER(32)
 NVB_PLAIN_READER(40)

@@ -11,8 +11,10 @@
 #include "records/dat_parser.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
+#include "records/navigation_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 #include "rec35/rec35_assembly.h"
 #include "rec35/rec35_writer.h"
 #include "stream/block_writer.h"
@@ -81,6 +83,49 @@ void applyLegacyToRec27(Rec27& rec) {
             break;
         }
     }
+}
+
+enum class Outcome : std::uint8_t { Written, Dropped, Refused };
+
+// The navigation and receiver records: their filters, then a plain frame, which goes out
+// as it stands.
+Outcome writeNavigationOrReceiver(nvb_encode_t& state, std::uint8_t type) {
+    const nvb_record_table_t& records = state.records;
+    const std::uint8_t* header = records.datHeader;
+    nvb_frame_t& frame = state.frame;
+    const std::uint8_t subtype = header[2];
+    std::uint16_t length = 0;
+    switch (type) {
+        case 5: length = writeRec5(*records.rec5, header, frame); break;
+        case 12: length = writeRec12(*records.rec12, frame); break;
+        case 15: length = writeRec15(*records.rec15, frame); break;
+        case 19: length = writeRec19(*records.rec19, subtype, frame); break;
+        case 21: length = writeRec21(*records.rec21, frame); break;
+        case 30: length = writeRec30(*records.rec30, header, frame); break;
+        case 25:
+            if (state.legacyMode != 0 && subtype != 0) return Outcome::Dropped;
+            length = writeRec25(*records.rec25, subtype, frame);
+            break;
+        case 26:
+            switch (filterRec26(subtype, state.dropMask, state.legacyMode != 0)) {
+                case NavFilter::Drop: return Outcome::Dropped;
+                case NavFilter::Refuse: return Outcome::Refused;
+                case NavFilter::Write: break;
+            }
+            length = writeRec26(*records.rec26, subtype, frame);
+            break;
+        case 28:
+            switch (filterRec28(records.rec28->subtype, state.dropMask)) {
+                case NavFilter::Drop: return Outcome::Dropped;
+                case NavFilter::Refuse: return Outcome::Refused;
+                case NavFilter::Write: break;
+            }
+            length = writeRec28(*records.rec28, frame);
+            break;
+        default:
+            return Outcome::Refused;
+    }
+    return length != 0 ? Outcome::Written : Outcome::Refused;
 }
 
 // The per-type step before and including the writer. Returns false when the record is
@@ -154,6 +199,14 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             ++state.positionCount;
             return true;
         }
+        case 5: case 12: case 15: case 19: case 21: case 25: case 26: case 28: case 30:
+            switch (writeNavigationOrReceiver(state, type)) {
+                case Outcome::Written: return true;
+                case Outcome::Dropped: return false;
+                case Outcome::Refused: break;
+            }
+            status = NVB_STATUS_NOT_WRITABLE;
+            return false;
         case 20:
         case 31:
         case 32:
@@ -179,19 +232,6 @@ bool writeRecord(nvb_encode_t& state, std::uint8_t type, std::uint8_t& status) {
             }
             handOverListRecord(state);
             return true;
-        case 5:
-        case 12:
-        case 15:
-        case 19:
-        case 21:
-        case 25:
-        case 26:
-        case 28:
-        case 30:
-            // Their writers (and the filters of 25, 26 and 28) come with the receiver and
-            // navigation families; until then such a record can't be written.
-            status = kNotWritable;
-            return false;
         default:
             return false;
     }

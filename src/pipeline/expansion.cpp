@@ -11,9 +11,11 @@
 #include "external/su/solution_codec.h"
 #include "records/auxiliary_records.h"
 #include "records/measurement_records.h"
+#include "records/navigation_records.h"
 #include "records/opaque_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 #include "rec35/rec35_reader.h"
 #include "stream/framing.h"
 
@@ -84,26 +86,45 @@ std::uint8_t expandDelta(nvb_expand_t& state, bool framed) {
     return processType37(state, status, framed, IsType36);
 }
 
+template <std::uint16_t (*Read)(const nvb_frame_t&, nvb_expand_t&, bool)>
+std::uint16_t readMapped(nvb_expand_t& state) {
+    return Read(state.plainFrame, state, state.mapSystem5To7 != 0);
+}
+
+std::uint16_t read19(nvb_expand_t& state) {
+    return readRec19(state.plainFrame, state, reinterpret_cast<TrackingSlots*>(state.trackingSlots));
+}
+
 // A new reference description (record 30 of subtype 0) starts the first-generation
-// record 17 history over, except for the first one. Its reader is not part of the library
-// yet, so the record itself is reported as no record.
-std::uint16_t applyRec30Rule(nvb_expand_t& state) {
-    applyRec30ToFirstGeneration(state, state.plainFrame.data[3]);
-    return 0;
+// record 17 history over, except for the first one.
+std::uint16_t read30(nvb_expand_t& state) {
+    const std::uint16_t length = readRec30(state.plainFrame, state);
+    if (length != 0) applyRec30ToFirstGeneration(state, state.records.datHeader[2]);
+    return length;
 }
 
 // Every record type's road through the pipeline, in one place. A compact type whose
 // codec is missing has no route and is reported as type 65535 with length 0.
 constexpr std::array<RecordRoute, 256> makeRoutes() {
     std::array<RecordRoute, 256> routes{};
+    routes[5] = {5, nullptr, readPlain<readRec5>, Thinning::None};
     routes[11] = {11, nullptr, read11, Thinning::Position11};
+    routes[12] = {12, nullptr, readPlain<readRec12>, Thinning::None};
     routes[14] = {14, nullptr, readGeneric, Thinning::None};
+    routes[15] = {15, nullptr, readPlain<readRec15>, Thinning::None};
     routes[16] = {16, nullptr, read16, Thinning::None};
     routes[17] = {17, nullptr, read17, Thinning::Epoch17};
+    routes[19] = {19, nullptr, read19, Thinning::None};
+    routes[21] = {21, nullptr, readPlain<readRec21>, Thinning::None};
+    routes[22] = {22, nullptr, readPlain<readRec22>, Thinning::None};
     routes[23] = {23, nullptr, readGeneric, Thinning::None};
+    routes[24] = {24, nullptr, readPlain<readRec24>, Thinning::None};
+    routes[25] = {25, nullptr, readPlain<readRec25>, Thinning::None};
+    routes[26] = {26, nullptr, readMapped<readRec26>, Thinning::None};
     routes[27] = {27, nullptr, read27, Thinning::Epoch27};
+    routes[28] = {28, nullptr, readMapped<readRec28>, Thinning::None};
     routes[29] = {29, nullptr, read29, Thinning::Position29};
-    routes[30] = {kNoRecord, nullptr, applyRec30Rule, Thinning::None};
+    routes[30] = {30, nullptr, read30, Thinning::None};
     routes[31] = {31, nullptr, readPlain<readRec31>, Thinning::None};
     routes[32] = {32, nullptr, readPlain<readRec32>, Thinning::None};
     routes[33] = {33, nullptr, read33, Thinning::None};

@@ -4,6 +4,7 @@
 #include "rec35/rec35_reader.h"
 #include "records/field_codec.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 
 #include <nvbdll/records.h>
 
@@ -55,7 +56,7 @@ struct PlainStructure {
 PlainStructure plainStructureOf(const nvb_expand_t& state, std::int16_t type) {
     const nvb_record_table_t& records = state.records;
     switch (type) {
-        case 5: return {records.rec5, 106};
+        case 5: return {records.rec5, sizeof(Rec5)};
         case 11: return {records.rec11, sizeof(Rec11)};
         case 12: return {records.rec12, 832};
         case 15: return {records.rec15, 120};
@@ -226,6 +227,13 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
             if (state.records.rec29 == nullptr) return false;
             writeRec29Dat(*state.records.rec29, fields);
             return true;
+        case 30:
+            // A section count that promises more than the sections hold leaves the rest
+            // of the announced length as zeros, not as whatever the host's buffer held.
+            if (state.records.rec30 == nullptr) return false;
+            std::memset(out + 4, 0, body);
+            putRec30Dat(*state.records.rec30, header[2], fields);
+            return true;
         case 33:
             if (state.records.rec33 == nullptr) return false;
             writeRec33Dat(*state.records.rec33, fields);
@@ -239,7 +247,11 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
     }
     if (const PlainStructure plain = plainStructureOf(state, recordType); plain.size > 0) {
         if (plain.data == nullptr) return false;
-        std::memcpy(out + 4, plain.data, std::min(body, plain.size));
+        const std::size_t copied = std::min(body, plain.size);
+        std::memcpy(out + 4, plain.data, copied);
+        // A length beyond the structure (a record 12 of more pairs than it holds) is
+        // filled with zeros rather than left as the host's buffer held it.
+        std::memset(out + 4 + copied, 0, body - copied);
         return true;
     }
     copyGeneric(state, out, body);

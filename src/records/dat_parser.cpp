@@ -3,8 +3,10 @@
 #include "records/auxiliary_records.h"
 #include "records/field_codec.h"
 #include "records/measurement_records.h"
+#include "records/navigation_records.h"
 #include "records/position_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 
 #include <nvbdll/records.h>
 
@@ -64,6 +66,33 @@ std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::
             break;
         case 29:
             result = parseRec29Dat(in, state.records.rec29);
+            break;
+        case 5:
+            result = parseRec5Dat(in, state.records.rec5, header[2]);
+            break;
+        case 12:
+            result = parseRec12Dat(in, state.records.rec12);
+            break;
+        case 15:
+            result = parseRec15Dat(in, state.records.rec15);
+            break;
+        case 19:
+            result = parseRec19Dat(in, state.records.rec19, header[2]);
+            break;
+        case 21:
+            result = parseRec21Dat(in, state.records.rec21);
+            break;
+        case 25:
+            result = parseRec25Dat(in, state.records.rec25, header[2]);
+            break;
+        case 26:
+            result = parseRec26Dat(in, state.records.rec26, header[2]);
+            break;
+        case 28:
+            result = parseRec28Dat(in, state.records.rec28);
+            break;
+        case 30:
+            result = parseRec30Dat(in, state.records.rec30, header[2]);
             break;
         case 33:
             result = parseRec33Dat(in, state.records.rec33);

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace nvb {
@@ -25,6 +26,14 @@ using ByteView = std::span<const std::uint8_t>;
 
 inline ByteView frameBytes(const nvb_frame_t& frame) {
     return ByteView(frame.data, sizeof frame.data);
+}
+
+// The structure a reader fills, cleared, or null when it or the DAT header is missing.
+template <class T>
+[[nodiscard]] T* clearedTarget(T* rec, const nvb_expand_t& state) {
+    if (rec == nullptr || state.records.datHeader == nullptr) return nullptr;
+    std::memset(static_cast<void*>(rec), 0, sizeof *rec);
+    return rec;
 }
 
 [[nodiscard]] inline std::uint8_t getByte(ByteView bytes, std::size_t offset) {
@@ -157,6 +166,11 @@ void datPut(DatWriter& out, const void* source, std::size_t size);
 template <class T>
 void datWrite(DatWriter& out, T value) {
     datPut(out, &value, sizeof value);
+}
+
+// What is left of a DAT record behind the read position.
+[[nodiscard]] inline std::size_t datLeft(const DatReader& in) {
+    return in.length > in.position ? in.length - in.position : 0;
 }
 
 }  // namespace nvb

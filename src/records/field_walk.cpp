@@ -17,8 +17,8 @@ void FrameReadWalk::fields(Layout layout, std::uint8_t* base) {
         std::uint8_t* item = base + field.offset;
         std::size_t at = start + position;
         if (field.kind == FieldKind::Opaque) {
-            getBytes(item, bytes, at, field.count);
-            position += field.count;
+            getBytes(item, bytes, at, bytesOfField(field));
+            position += bytesOfField(field);
             continue;
         }
         for (std::size_t i = 0; i < field.count; ++i, item += field.width, at += field.width) {
@@ -43,7 +43,7 @@ void FrameWriteWalk::fields(Layout layout, std::uint8_t* base) {
         const std::uint8_t* item = base + field.offset;
         position += bytesOfField(field);
         if (field.kind == FieldKind::Opaque) {
-            putBytes(out, item, field.count);
+            putBytes(out, item, bytesOfField(field));
             continue;
         }
         for (std::size_t i = 0; i < field.count; ++i, item += field.width) {
@@ -55,16 +55,11 @@ void FrameWriteWalk::fields(Layout layout, std::uint8_t* base) {
                 double value = 0;
                 std::memcpy(&value, item, sizeof value);
                 putF64(out, value);
-            } else if (field.width == 1) {
-                putByte(out, *item);
-            } else if (field.width == 2) {
-                std::uint16_t value = 0;
-                std::memcpy(&value, item, sizeof value);
-                putU16(out, value);
             } else {
-                std::uint32_t value = 0;
-                std::memcpy(&value, item, sizeof value);
-                putU32(out, value);
+                // Big-endian of the item's own width, three bytes included.
+                std::uint64_t value = 0;
+                std::memcpy(&value, item, field.width);
+                for (unsigned b = field.width; b > 0; --b) putByte(out, static_cast<std::uint8_t>(value >> (8 * (b - 1))));
             }
         }
     }
@@ -72,8 +67,11 @@ void FrameWriteWalk::fields(Layout layout, std::uint8_t* base) {
 
 void DatParseWalk::fields(Layout layout, std::uint8_t* base) {
     for (const FieldSpec& field : layout) {
-        const std::size_t width = field.kind == FieldKind::Opaque ? 1 : field.width;
-        datCopy(in, base + field.offset, field.count, width);
+        if (field.kind == FieldKind::Opaque) {
+            datCopy(in, base + field.offset, bytesOfField(field), 1);
+        } else {
+            datCopy(in, base + field.offset, field.count, field.width);
+        }
         position += bytesOfField(field);
     }
 }

@@ -3,8 +3,10 @@
 
 #include "records/field_codec.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <type_traits>
 
@@ -13,7 +15,7 @@ namespace nvb {
 enum class FieldKind : std::uint8_t {
     Unsigned,  // big-endian on the wire
     Real,      // IEEE single or double
-    Opaque,    // bytes carried as they stand
+    Opaque,    // bytes carried as they stand, `width` of them to an item
 };
 
 // One field of a record body, in the order both encodings carry it: where its items
@@ -27,6 +29,13 @@ struct FieldSpec {
 };
 
 using Layout = std::span<const FieldSpec>;
+
+// The bytes a layout takes in the structure (and, field for field, on the wire).
+constexpr std::size_t layoutBytes(Layout layout) {
+    std::size_t total = 0;
+    for (const FieldSpec& field : layout) total += std::size_t{field.width} * field.count;
+    return total;
+}
 
 template <class Member>
 consteval FieldSpec describeField(const char* name, std::size_t offset) {
@@ -102,6 +111,11 @@ struct DatPackWalk : WalkExtent {
     void close() {}
 };
 
+// Whether a walk carries the stream form, which leaves out or reorders some fields that
+// the structure and the DAT form keep.
+template <class Walk>
+inline constexpr bool kOnWire = std::is_same_v<Walk, FrameReadWalk> || std::is_same_v<Walk, FrameWriteWalk>;
+
 // What a description of a decoded record hands on: each field with its items (native
 // order, unaligned), and the groups (entries, blocks) that hold fields.
 struct FieldSink {
@@ -149,6 +163,49 @@ void walkCounted(Walk& walk, Layout head, std::uint8_t& count, std::size_t capac
                  std::size_t entriesAt, std::uint8_t* base) {
     walk.fields(head, base);
     walkEntries<Walk, Entry>(walk, entry, base + entriesAt, walkCount(walk, count, capacity, false));
+}
+
+// A number that the wire carries as a scaled integer of `wireWidth` bytes (2 or 4) in
+// units of 2^exponent, and the structure and DAT form as the double of `field`.
+struct ScaledSpec {
+    FieldSpec field;
+    std::uint8_t wireWidth;
+    std::int8_t exponent;
+    bool isSigned;
+};
+
+template <class Walk>
+void walkScaled(Walk& walk, const ScaledSpec& scaled, std::uint8_t* base) {
+    std::uint8_t* item = base + scaled.field.offset;
+    if constexpr (std::is_same_v<Walk, FrameReadWalk>) {
+        const double value =
+            getScaled(walk.bytes, walk.start + walk.position, scaled.wireWidth, scaled.exponent, scaled.isSigned);
+        std::memcpy(item, &value, sizeof value);
+        walk.position += scaled.wireWidth;
+    } else if constexpr (std::is_same_v<Walk, FrameWriteWalk>) {
+        double value = 0;
+        std::memcpy(&value, item, sizeof value);
+        if (scaled.wireWidth == 2) {
+            putScaled2(walk.out, value, -scaled.exponent);
+        } else {
+            putScaled4(walk.out, value, -scaled.exponent);
+        }
+        walk.position += scaled.wireWidth;
+    } else {
+        const std::array field = {scaled.field};
+        walk.fields(field, base);
+    }
+}
+
+// A DAT parser on a record's walk: the structure cleared, then filled as far as the DAT
+// form reaches. -1 without a structure, -2 for a count beyond it, 0 otherwise.
+template <class Rec, class WalkRecord>
+int parseByWalk(DatReader& in, Rec* rec, WalkRecord walkRecord) {
+    if (rec == nullptr) return -1;
+    std::memset(static_cast<void*>(rec), 0, sizeof *rec);
+    DatParseWalk walk{{datLeft(in)}, in};
+    walkRecord(walk, *rec);
+    return walk.overfull ? -2 : 0;
 }
 
 template <class T>

@@ -123,6 +123,23 @@ TEST(ExportedReaders, TakeAFrameBufferOfTheStatesLayout) {
               21 + 48);
     EXPECT_EQ(nvbdll_readRec17Buffer(load(olderEpochAt(1000)), handle.get(), nullptr), 0);
     EXPECT_EQ(nvbdll_readRec11Buffer(nullptr, handle.get()), 0);
+    // The navigation and receiver readers, each with the arguments its export names.
+    using nvbtest::plainFrame;
+    auto* slots = handle->trackingSlots;
+    EXPECT_EQ(nvbdll_readRec21Buffer(load(plainFrame(21, {12})), handle.get()), 190);
+    EXPECT_EQ(nvbdll_readRec25Buffer(load(plainFrame(25, {0})), handle.get()), 39);
+    EXPECT_EQ(nvbdll_readRec26Buffer(load(plainFrame(26, {8, 0, 0, 0, 0, 0, 0, 1})), handle.get(), 1), 55);
+    EXPECT_EQ(handle->records.datHeader[2], 11);
+    EXPECT_EQ(nvbdll_readRec28Buffer(load(plainFrame(28, {6, 1})), handle.get(), 1), 181);
+    EXPECT_EQ(handle->records.rec28->subtype, 9);
+    EXPECT_EQ(handle->records.rec28->common.svId, 30) << "system 5 satellite 1 is system 7 satellite 30";
+    EXPECT_EQ(nvbdll_readRec28Buffer(load(plainFrame(28, {6, 1})), handle.get(), 0), 181);
+    EXPECT_EQ(handle->records.rec28->common.svId, 1);
+    EXPECT_EQ(nvbdll_readRec12Buffer(load(plainFrame(12, {0})), handle.get()), 68);
+    EXPECT_EQ(nvbdll_readRec15Buffer(load(plainFrame(15, {})), handle.get()), 124);
+    EXPECT_EQ(nvbdll_readRec19Buffer(load(plainFrame(19, {11, 3})), handle.get(), slots), 15);
+    EXPECT_EQ(nvbdll_readRec19Buffer(load(plainFrame(19, {11, 3})), handle.get(), nullptr), 0);
+    EXPECT_EQ(nvbdll_readRec30Buffer(load(plainFrame(30, {0})), handle.get()), 12);
 }
 
 }  // namespace

@@ -97,4 +97,12 @@ std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t m
     return deliveredDat(readStream(handle.get(), encoder.finish(), Getter::NvbFile));
 }
 
+Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength) {
+    const auto* bytes = static_cast<const std::uint8_t*>(rec);
+    Bytes dat = shortDat(type, type == 12 ? static_cast<std::uint8_t>(datLength >> 8) : byte2,
+                         Bytes(bytes, bytes + (datLength - 4)));
+    dat[1] = static_cast<std::uint8_t>(datLength);
+    return dat;
+}
+
 }  // namespace nvbtest

@@ -45,6 +45,10 @@ Bytes writtenFrame(const Bytes& dat, std::uint8_t* status = nullptr);
 // DAT records written as one log in `method` and read back whole with the default options.
 std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t method);
 
+// The DAT form of a structure: the header, then its first datLength - 4 bytes. Record 12
+// takes the high length byte in byte 2, every other type `byte2` (a subtype or 0).
+Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength);
+
 }  // namespace nvbtest
 
 #endif

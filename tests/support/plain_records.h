@@ -8,7 +8,10 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <iterator>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace nvbtest::plain {
@@ -188,6 +191,40 @@ inline Bytes rec11(const Position11& p) {
     if (p.latitudeResidual) body.u8(static_cast<std::uint8_t>(*p.latitudeResidual));
     if (p.longitudeResidual) body.u8(static_cast<std::uint8_t>(*p.longitudeResidual));
     return frame(11, body.bytes, false);
+}
+
+// Records whose fields stand back to back, from the field tables: the same real-looking
+// values once in a structure's native order and once as the wire's big-endian fields.
+using Runs = std::vector<std::pair<unsigned, unsigned>>;  // width in bytes, count
+
+// Broadcast orbit and clock values as a receiver decodes them: sqrt(A), e, i0, Omega0,
+// omega, M0, rates, harmonic terms, clock terms, times of week.
+inline constexpr double kOrbit[] = {5153.6372, 0.01234,  0.9634,    -2.0941,  0.6712,   1.2034,   4.61e-9,
+                                    -8.21e-9,  1.12e-10, 2.31e-6,   -1.41e-6, 254.3125, 180.1875, 3.21e-8,
+                                    -1.13e-8,  1.207e-4, -3.41e-12, 0.0,      302400.0};
+
+struct Fields {
+    Bytes native;
+    Body wire;
+};
+
+// Bytes count up, 16-bit words look like weeks, 32-bit words like times of week, and
+// doubles come from kOrbit.
+inline Fields fields(const Runs& runs, unsigned seed = 1) {
+    Fields out;
+    unsigned k = seed;
+    for (const auto& [width, count] : runs) {
+        for (unsigned i = 0; i < count; ++i, ++k) {
+            std::uint64_t pattern = width == 1 ? (k * 37u) & 0xFFu : width == 2 ? 2300u + k : 302400u + 7u * k;
+            if (width == 8) {
+                const double value = kOrbit[k % std::size(kOrbit)];
+                std::memcpy(&pattern, &value, sizeof value);
+            }
+            out.wire.be(pattern, width);
+            for (unsigned b = 0; b < width; ++b) out.native.push_back(static_cast<std::uint8_t>(pattern >> (8 * b)));
+        }
+    }
+    return out;
 }
 
 }  // namespace nvbtest::plain

@@ -89,6 +89,20 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
     return events;
 }
 
+Delivered deliver(nvb_expand_t* state, const Bytes& frame) {
+    std::memset(&state->frame, 0, sizeof state->frame);
+    std::memcpy(state->frame.data, frame.data(), std::min(frame.size(), sizeof state->frame.data));
+    state->frame.length = static_cast<std::uint16_t>(frame.size());
+    state->currentType = frame.size() > 2 ? frame[2] : 0;
+    Delivered out;
+    out.length = nvbdll_processNVBRecord(state, 0, &out.type, &out.status);
+    if (out.length > 0 && out.status == 0) {
+        out.dat.assign(out.length, 0xA5);
+        nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(out.type), out.dat.data());
+    }
+    return out;
+}
+
 std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events) {
     std::vector<Bytes> dats;
     for (const ReadEvent& event : events) {

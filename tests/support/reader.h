@@ -50,6 +50,16 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
 // The DAT forms that were delivered, in order.
 std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events);
 
+// What the pipeline delivers for one frame standing where a getter leaves it, with the
+// DAT form retrieved.
+struct Delivered {
+    std::uint32_t length = 0;
+    std::uint16_t type = 0;
+    std::uint8_t status = 0xEE;
+    Bytes dat;
+};
+Delivered deliver(nvb_expand_t* state, const Bytes& frame);
+
 // Writes bytes to a new temporary file and returns its path.
 std::string writeTempFile(const Bytes& bytes, const std::string& suffix);
 

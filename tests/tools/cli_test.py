@@ -951,6 +951,116 @@ class AuxiliaryRecords(Workspace):
         self.assertIn("entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]", text)
 
 
+ORBIT = (5153.6372, 0.01234, 0.9634, -2.0941, 0.6712, 1.2034, 4.61e-9, -8.21e-9, 1.12e-10, 2.31e-6,
+         -1.41e-6, 254.3125, 180.1875, 3.21e-8, -1.13e-8, 1.207e-4, -3.41e-12, 0.0, 302400.0)
+SBAS = bytes.fromhex("246c03d21b008f113ae007559 02c41fe0019b3660d7218c4005e2a80".replace(" ", ""))
+
+
+def navigation_and_receiver_dats():
+    """One or more real-looking DAT records of each navigation and receiver type."""
+    ephemeris = struct.pack("<BB2H2B3I19dI9sB", 12, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7,
+                            bytes(9), 0)
+    common = struct.pack("<BB2H2B3I19dI", 3, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7)
+    galileo = struct.pack("<BHIHI15dBHBHI4dHI4d", 11, 2345, 345600, 81, 345600, *ORBIT[:15], 1, 517, 0,
+                          0xFFFF, 345600, *ORBIT[15:19], 0xFFFF, 345600, *ORBIT[:4])
+    beidou = struct.pack("<B4sH11d", 23, bytes([1, 0, 3, 0]), 745, *ORBIT[3:14])
+    sbas_eph = struct.pack("<BHI2s11d", 131, 2345, 345600, bytes([2, 0]), *ORBIT[:11])
+    page = struct.pack("<IHBBBBBBB31s", 345618, 2345, 11, 4, 0x05, 0, 5, 0, 31, bytes(range(31)))
+    description = bytes([9, 6]) + struct.pack("<IH", 0xA1B2C3, 0x0545) + bytes([12]) + b"TR-9 GNSS RX" + \
+        bytes([9]) + b"5.45.0017" + bytes([6]) + struct.pack("<3H", 1, 16, 0x0203) + bytes([1, 7, 6]) + \
+        struct.pack("<I", 0x12345678) + bytes([0x9A, 0xBC, 4, 1, 2, 3, 4, 2, 5, 6, 1, 8])
+    pairs = struct.pack("<dd", 1.5, -0.0078125) + struct.pack("<dd", -2.0, 0.001953125)
+    table12 = struct.pack("<BBHHBBH4sHd8sIIH14sd", 3, 1, 2, 3, 4, 5, 6, bytes(4), 7, 86400.0, bytes(8), 8, 9,
+                          10, bytes(14), 0.25) + pairs
+    wire22 = struct.pack(">B4d8s3s6s3s4H", 2, *ORBIT[:4], bytes(8), b"abc", bytes(6), b"def", 1, 2, 3, 4) + \
+        struct.pack(">12I", *range(100, 112)) + struct.pack(">HIIHH", 5, 6, 7, 8, 9)
+    return [
+        dat(21, ephemeris),
+        dat(28, bytes([5]) + common),
+        dat(28, bytes([3]) + galileo),
+        dat(28, bytes([10]) + beidou),
+        dat(28, bytes([1]) + sbas_eph),
+        dat(25, struct.pack("<IHB", 345600, 2345, 131) + SBAS),
+        dat(25, struct.pack("<IHBB", 345601, 2345, 131, 0x00) + SBAS, byte2=2),
+        dat(25, struct.pack("<IHBB", 345602, 2345, 131, 0x40) + SBAS + bytes([0xC6, 0x3F, 0xB1, 0x0A]), byte2=2),
+        dat(26, struct.pack("<IHBBIB", 345618, 2345, 12, 1, 0x8B, 38) + bytes(range(38)), byte2=6),
+        dat(26, page, byte2=2),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 4, 6, 2, 9, 11) + bytes(range(11)), byte2=7),
+        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 195, 1, 2, 3, 125) + bytes(range(125)), byte2=12),
+        dat(5, struct.pack("<H5sB4d2sB", 1, b"ANT-3", 2, 0.0512, 0.0, 0.0, 0.1, bytes(2), 16) +
+            b"ANT-3 CHOKE RING"),
+        dat(5, struct.pack("<H12d2I", 3, *ORBIT[:12], 4, 5), byte2=3),
+        bytes([0x74, 100, 0, 12]) + table12,
+        dat(15, struct.pack("<11dddd7sB", *ORBIT[:11], -2.0, 300.0, 4000000000.0, b"setting", 9)),
+        dat(19, struct.pack("<Hd", 77, 654321.0), byte2=5),
+        dat(19, struct.pack("<Hd", 78, -3.25e-7), byte2=6),
+        dat(19, struct.pack("<BHd", 1, 79, 42.125), byte2=7),
+        dat(22, wire22),
+        dat(24, struct.pack(">12d2I", *ORBIT[:12], 302400, 302407)),
+        dat(30, struct.pack("<IHH", 12345, 2, 1)),
+        dat(30, description, byte2=1),
+        dat(30, bytes([3, 8]) + struct.pack("<II", 1, 2) + bytes([3, 7, 8, 9, 4]) + struct.pack("<I", 4), byte2=3),
+    ]
+
+
+class NavigationAndReceiverRecords(Workspace):
+    def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
+        log = self.simulate_through_dat("sim.nvb", "--duration", 30)
+        epochs = dat_records(self.dat_of(log))
+        extra = navigation_and_receiver_dats()
+        # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as
+        # whatever stands behind it.
+        tagged = dat(19, struct.pack("<dH", 3000000000.0, 77), byte2=1)
+        mixed = epochs[:10] + extra + epochs[10:] + [tagged]
+        source = self.write_dat("mixed.dat", mixed)
+        for method in range(8):
+            written = self.path(f"m{method}.nvb")
+            self.nvb("-q", "fromdat", source, "-o", written, "--method", method)
+            back = dat_records(self.dat_of(written))
+            self.assertEqual(back[:-1], mixed[:-1], f"method {method}")
+            self.assertEqual(back[-1][:4], tagged[:4])
+            self.assertNotEqual(back[-1], tagged)
+
+        info = self.info(self.path("m7.nvb"))
+        counts = {}
+        for record in mixed:
+            counts[str(record[3])] = counts.get(str(record[3]), 0) + 1
+        self.assertEqual(info["records"], counts)
+        self.assertEqual(info["statuses"], [])
+
+        lines = self.nvb("dump", "--json", self.path("m3.nvb"), "--type", "21,25,26,28,5,12,15,19,22,24,30")
+        records = [json.loads(line) for line in lines.stdout.splitlines()]
+        self.assertEqual(len(records), len(extra) + 1)
+        by_type = {}
+        for record in records:
+            by_type.setdefault(record["type"], []).append(record)
+        self.assertEqual(by_type[21][0]["sv"], "G12")
+        self.assertEqual(by_type[21][0]["doubles"], list(ORBIT))
+        self.assertEqual([r["subtype"] for r in by_type[28]], [5, 3, 10, 1])
+        self.assertEqual(by_type[28][1]["system"], "Galileo")
+        self.assertEqual(by_type[28][2]["doubles"], list(ORBIT[3:14]))
+        self.assertEqual([r["preamble"] for r in by_type[25][1:]], [0x9A, 0xC6])
+        self.assertEqual(by_type[26][1]["payloadIndex"], 0)
+        self.assertEqual(bytes.fromhex(by_type[5][0]["text"]), b"ANT-3 CHOKE RING")
+        self.assertEqual([(p["first"], p["second"]) for p in by_type[12][0]["pairs"]], [(1.5, -0.0078125), (-2.0, 0.001953125)])
+        self.assertEqual(by_type[15][0]["signedValue1"], -2.0)
+        self.assertEqual([r["subtype"] for r in by_type[19]], [5, 6, 7, 1])
+        self.assertEqual(by_type[22][0]["dwordTables"], list(range(100, 112)))  # four tables of three
+        self.assertEqual(by_type[24][0]["counters"], [302400, 302407])
+        self.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
+        self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
+
+    def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
+        refused = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
+                   dat(25, bytes(40), byte2=1), dat(28, bytes([12]) + bytes(60))]
+        kept = navigation_and_receiver_dats()[:3]
+        source = self.write_dat("refused.dat", kept + refused)
+        result = self.nvb("fromdat", source, "-o", self.path("refused.nvb"), code=1)
+        for record_type in (25, 26, 28):
+            self.assertIn(f"1 records of type {record_type} were left out", result.stderr.decode())
+        self.assertEqual(dat_records(self.dat_of(self.path("refused.nvb"))), kept)
+
+
 class UsageErrors(Workspace):
     def test_wrong_usage_gives_exit_code_2_and_help_gives_0(self):
         log = self.simulate("sim.nvb", "--duration", 5)

@@ -4,7 +4,9 @@
 #include "nvb/gnss_names.h"
 
 #include "records/auxiliary_records.h"
+#include "records/navigation_records.h"
 #include "records/rec33_records.h"
+#include "records/receiver_records.h"
 #include "rec35/rec35_codecs.h"
 
 #include <fmt/format.h>
@@ -192,7 +194,7 @@ void collectField(void* context, const nvb::FieldSpec& field, const std::uint8_t
     json& object = static_cast<FieldCollector*>(context)->objects.back();
     json values;
     if (field.kind == nvb::FieldKind::Opaque) {
-        values = hexOf(std::span<const std::uint8_t>(items, field.count));
+        values = hexOf(std::span<const std::uint8_t>(items, std::size_t{field.width} * field.count));
     } else if (field.count == 1) {
         values = itemJson(field, items);
     } else {
@@ -241,11 +243,33 @@ bool addDescribed(json& out, const DeliveredRecord& record) {
     if (record.type == 33) {
         if (records.rec33 == nullptr) return false;
         nvb::describeRec33(*records.rec33, static_cast<std::uint16_t>(record.length), sink);
-    } else if (!nvb::describeAuxiliaryRecord(*record.state, record.type, record.length, sink)) {
+    } else if (!nvb::describeAuxiliaryRecord(*record.state, record.type, record.length, sink) &&
+               !nvb::describeNavigationRecord(*record.state, record.type, record.length, sink) &&
+               !nvb::describeReceiverRecord(*record.state, record.type, record.length, sink)) {
         return false;
     }
     for (auto& [key, field] : collector.objects.front().items()) out[key] = std::move(field);
     return true;
+}
+
+// The system of a navigation record's satellite, by its type and subtype: 21 GPS, 25
+// SBAS, 26 and 28 as their subtypes name them (28 subtypes 7 and 8 name none).
+int navigationSystem(std::uint16_t type, std::uint8_t subtype) {
+    constexpr std::array<int, 15> kRaw = {0, 2, 3, 3, 3, 3, 0, 2, 7, 4, 4, 7, 4, 9, 3};
+    constexpr std::array<int, 14> kEphemeris = {-1, 1, 2, 3, 3, 4, 5, -1, -1, 7, 7, 7, -1, 9};
+    if (type == 21) return 0;
+    if (type == 25) return 1;
+    if (type == 26) return subtype < kRaw.size() ? kRaw[subtype] : -1;
+    if (type == 28) return subtype < kEphemeris.size() ? kEphemeris[subtype] : -1;
+    return -1;
+}
+
+void addNavigationSatellite(json& out, std::uint16_t type) {
+    if (!out.contains("svId")) return;
+    const int system = navigationSystem(type, out.value("subtype", std::uint8_t{0}));
+    if (system < 0) return;
+    out["system"] = systemName(static_cast<std::uint8_t>(system));
+    out["sv"] = satelliteName(static_cast<std::uint8_t>(system), out["svId"].get<std::uint8_t>());
 }
 
 }  // namespace
@@ -368,7 +392,10 @@ json recordJson(DeliveredRecord& record) {
             addRec35(out, record);
             break;
         default: {
-            if (addDescribed(out, record)) break;
+            if (addDescribed(out, record)) {
+                addNavigationSatellite(out, record.type);
+                break;
+            }
             const auto dat = record.dat();
             if (dat.size() >= 4 && headerHoldsSubtype(record.type)) out["subtype"] = dat[2];
             out["hex"] = hexOf(dat.size() > 4 ? dat.subspan(4) : std::span<const std::uint8_t>());

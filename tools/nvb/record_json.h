@@ -10,10 +10,10 @@
 
 namespace nvbtool {
 
-// The decoded fields of a delivered record: epochs 27 and 17, positions 29 and 11 and
-// the auxiliary records 31 to 34, 40, 98 and 99 field by field, every other type as its
-// DAT body in hex. Reads the structure before
-// the DAT form is taken.
+// The decoded fields of a delivered record: epochs 27 and 17, positions 29 and 11, the
+// navigation and receiver records and the auxiliary records 31 to 34, 40, 98 and 99 field
+// by field, every other type as its DAT body in hex. Reads the structure before the DAT
+// form is taken.
 nlohmann::ordered_json recordJson(DeliveredRecord& record);
 
 // What a record 35 is: "schema", "reference", "delta" (or "other") for an Avro-coded

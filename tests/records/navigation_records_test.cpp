@@ -1,0 +1,282 @@
+#include "records/navigation_records.h"
+#include "support/encoder.h"
+#include "support/plain_records.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace {
+
+using nvbtest::Bytes;
+using nvbtest::concat;
+using nvbtest::copyOf;
+using nvbtest::deliver;
+using nvbtest::Delivered;
+using nvbtest::Handle;
+using nvbtest::structDat;
+using nvbtest::writtenFrame;
+using nvbtest::plain::Body;
+using nvbtest::plain::Runs;
+
+Bytes frame(std::uint8_t type, const Bytes& body) {
+    return nvbtest::plain::frame(type, body, false);
+}
+
+// Record 21 and the record 28 subtypes as their tables list them, from offset 3 (21) or
+// behind the subtype at offset 3 (28), with the DAT length each reads as.
+struct LayoutRow {
+    std::uint8_t type;
+    std::uint8_t subtype;
+    Runs runs;
+    std::uint16_t datLength;
+};
+
+const Runs kCommonBody = {{1, 1}, {1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}};
+const Runs kGalileoHead = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {1, 1}};
+
+Runs galileoLong() {
+    Runs runs = kGalileoHead;
+    runs.insert(runs.end(), {{2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1}, {8, 4}});
+    return runs;
+}
+
+const LayoutRow kLayouts[] = {
+    {21, 0, {{1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}, {1, 9}, {1, 1}}, 190},
+    {28, 1, {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}}, 102},
+    {28, 2, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}}, 139},
+    {28, 3, galileoLong(), 218},
+    {28,
+     4,
+     {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}},
+     188},
+    {28, 5, kCommonBody, 181},
+    {28, 8, {{1, 1}, {2, 1}, {4, 2}, {1, 2}, {8, 3}, {1, 1}, {4, 1}, {1, 1}, {2, 4}, {4, 2}, {4, 1}}, 68},
+    {28, 13, kCommonBody, 181},
+};
+
+// Each field of the tables reads into the structure in its order (a DAT form of native
+// fields), and that DAT form goes through the parser and writer back to the same frame.
+TEST(NavigationRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
+    Handle handle;
+    handle->mapSystem5To7 = 0;
+    for (const LayoutRow& row : kLayouts) {
+        SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
+        const auto f = nvbtest::plain::fields(row.runs, row.type + row.subtype);
+        Bytes native = f.native;
+        Bytes wire;
+        if (row.type == 21) {
+            native.insert(native.begin() + 1, 0);  // the second byte, which the wire leaves out
+            wire = frame(21, f.wire.bytes);
+        } else {
+            native = concat({{row.subtype}, native});
+            wire = frame(28, concat({{row.subtype}, f.wire.bytes}));
+        }
+        const Delivered got = deliver(handle.get(), wire);
+        ASSERT_EQ(got.length, row.datLength);
+        EXPECT_EQ(got.dat, structDat(row.type, 0, native.data(), row.datLength));
+        EXPECT_EQ(writtenFrame(got.dat), wire);
+    }
+}
+
+TEST(NavigationRecords, Record28Subtype10PutsWireDoubleTwoIntoStructureDoubleFour) {
+    // The wire order of the structure's doubles, as the format lists it; it is not its
+    // own inverse, so reading it backwards would put wire double 4 into double 2.
+    constexpr std::array<int, 11> kWireOrder = {0, 1, 4, 3, 6, 8, 5, 7, 2, 9, 10};
+    Body body;
+    body.u8(10).u8(14).u8(1).u8(0).u8(3).u8(0).u16(745);
+    for (int i = 0; i < 11; ++i) body.f64(100.0 + i);
+    const Bytes wire = frame(28, body.bytes);
+    Handle handle;
+    const Delivered got = deliver(handle.get(), wire);
+    ASSERT_EQ(got.length, 100u);
+    const Rec28& rec = *handle->records.rec28;
+    EXPECT_EQ(copyOf(rec.sub10.doubles[4]), 102.0);
+    EXPECT_EQ(copyOf(rec.sub10.doubles[2]), 108.0);
+    for (int i = 0; i < 11; ++i) EXPECT_EQ(copyOf(rec.sub10.doubles[kWireOrder[i]]), 100.0 + i) << i;
+    EXPECT_EQ(writtenFrame(got.dat), wire);
+}
+
+TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLengthKeepsTheLastTail) {
+    Handle handle;
+    const auto head = nvbtest::plain::fields(kGalileoHead, 5);
+    Body tail;  // 216 bytes: u32, 4 doubles, u32, 4 doubles behind the head
+    tail.u32(604000).f64(1.5).f64(-2.5).f64(3.5).f64(-4.5).u32(604001).f64(5.5).f64(-6.5).f64(7.5).f64(-8.5);
+    const Bytes shortForm = frame(28, concat({{3}, head.wire.bytes, tail.bytes}));
+    ASSERT_EQ(shortForm.size(), 216u);
+    const Delivered fromShort = deliver(handle.get(), shortForm);
+    ASSERT_EQ(fromShort.length, 218u);
+    const Rec28& rec = *handle->records.rec28;
+    EXPECT_EQ(copyOf(rec.sub3.tailWord1), 0xFFFF);
+    EXPECT_EQ(copyOf(rec.sub3.tailWord2), 0xFFFF);
+    EXPECT_EQ(copyOf(rec.sub3.tailDoubles2[3]), -8.5);
+    // Written back it takes the 220-byte form: the DAT form survives, the stream form not.
+    const Bytes longForm = writtenFrame(fromShort.dat);
+    ASSERT_EQ(longForm.size(), 220u);
+    EXPECT_EQ(deliver(handle.get(), longForm).dat, fromShort.dat);
+    const Rec28 before = rec;
+    ASSERT_EQ(deliver(handle.get(), frame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).length, 218u);
+    constexpr std::size_t kTail = offsetof(Rec28, sub3.tailWord1);
+    EXPECT_EQ(Bytes(nvb::bytesOf(rec) + kTail, nvb::bytesOf(rec) + sizeof(Rec28)),
+              Bytes(nvb::bytesOf(before) + kTail, nvb::bytesOf(before) + sizeof(Rec28)));
+}
+
+TEST(SbasCheck, GivesThePublishedCheckValueOfItsPolynomial) {
+    const std::string text = "123456789";
+    EXPECT_EQ(nvb::crc24q({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, 72), 0xCDE703u);
+}
+
+// A GEO navigation message body as a receiver logs it: 212 data bits behind the 6-bit
+// message type, the last byte holding only its top two bits.
+const Bytes kSbasBody = {0x24, 0x6C, 0x03, 0xD2, 0x1B, 0x00, 0x8F, 0x11, 0x3A, 0xE0, 0x07, 0x55, 0x90, 0x2C,
+                         0x41, 0xFE, 0x00, 0x19, 0xB3, 0x66, 0x0D, 0x72, 0x18, 0xC4, 0x00, 0x5E, 0x2A, 0x80};
+
+Bytes sbasFrame(std::uint8_t subtype, std::uint32_t time, const Bytes& afterHead) {
+    return frame(25, concat({{subtype}, Body().u32(time).u16(2345).u8(131).bytes, afterHead}));
+}
+
+TEST(SbasCheck, AMessageWithoutItsCheckGetsThePreambleOfItsTimeAndACheckThatLeavesNoRemainder) {
+    const std::pair<std::uint32_t, std::uint8_t> rows[] = {{1, 0x9A}, {2, 0xC6}, {3, 0x53}, {345603, 0x53}};
+    Handle handle;
+    for (const auto& [time, preamble] : rows) {
+        ASSERT_EQ(deliver(handle.get(), sbasFrame(2, time, concat({{0x00}, kSbasBody}))).length, 40u);
+        const Rec25Sub2& message = handle->records.rec25->sub2;
+        EXPECT_EQ(message.preamble, preamble) << time;
+        // The whole 250-bit message, check included, divides by the polynomial.
+        const std::uint32_t crc = message.crc;
+        Bytes whole = concat({{message.preamble}, Bytes(kSbasBody.begin(), kSbasBody.end() - 1)});
+        whole.insert(whole.end(), {static_cast<std::uint8_t>((kSbasBody.back() & 0xC0) | crc >> 18),
+                                   static_cast<std::uint8_t>(crc >> 10), static_cast<std::uint8_t>(crc >> 2),
+                                   static_cast<std::uint8_t>(crc << 6)});
+        EXPECT_EQ(nvb::crc24q(whole, 250), 0u) << time;
+    }
+}
+
+TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBits) {
+    Bytes noisy = kSbasBody;
+    noisy.back() |= 0x2D;  // bits below the message's last two
+    struct Row {
+        std::uint8_t subtype;
+        Bytes ahead, behind;
+        std::uint32_t datLength;
+    };
+    const Row rows[] = {{0, {}, {}, 39},
+                        {2, {0x01}, {}, 40},
+                        {2, {0x41}, {0x9A, 0x12, 0x34, 0x56}, 44},
+                        {1, {}, {}, 0}};
+    Handle handle;
+    for (const Row& row : rows) {
+        const Delivered got =
+            deliver(handle.get(), sbasFrame(row.subtype, 345600, concat({row.ahead, noisy, row.behind})));
+        EXPECT_EQ(got.length, row.datLength) << int(row.subtype);
+        if (got.length == 0) continue;
+        EXPECT_EQ(got.dat[2], row.subtype);
+        if (!row.behind.empty()) {
+            EXPECT_EQ(copyOf(handle->records.rec25->sub2.crc), 0x123456u);
+        }
+        EXPECT_EQ(writtenFrame(got.dat), sbasFrame(row.subtype, 345600, concat({row.ahead, kSbasBody, row.behind})));
+    }
+}
+
+// Record 26: each subtype's bytes between svId and the data, the data count, what it is
+// reported as and the DAT length (4, the structure ahead of the data, the data).
+struct RawRow {
+    std::uint8_t subtype;
+    Bytes between;
+    std::uint8_t dataBytes;
+    std::uint8_t reportedAs;
+    std::uint32_t datLength;
+};
+
+const RawRow kRawForms[] = {
+    {0, {}, 38, 6, 55},
+    {1, {6}, 11, 7, 29},
+    {2, {4, 0x05}, 31, 2, 48},
+    {2, {4, 0x85, 0x77}, 31, 2, 49},
+    {3, {4, 0x03}, 30, 3, 47},
+    {4, {4, 0x0A}, 31, 4, 48},
+    {5, {4, 0x01}, 15, 5, 32},
+    {14, {4, 0x02}, 62, 14, 79},
+    {6, {1, 0x8B}, 38, 6, 55},
+    {7, {6, 2, 9}, 11, 7, 29},
+    {8, {1, 0x40}, 38, 8, 55},
+    {9, {1, 0x22}, 38, 9, 55},
+    {10, {1, 0x23}, 38, 10, 55},
+    {11, {1, 0x41}, 38, 11, 55},
+    {12, {1, 2, 3}, 125, 12, 143},
+    {13, {1, 0x30}, 38, 13, 55},
+};
+
+Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
+    return frame(26, concat({{subtype}, Body().u32(345618).u16(2345).u8(12).bytes, between, data}));
+}
+
+TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
+    Handle handle;
+    handle->mapSystem5To7 = 0;
+    for (const RawRow& row : kRawForms) {
+        SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype) << ", " << row.between.size() << " ahead");
+        Bytes data(row.dataBytes);
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(row.subtype * 31 + i * 7);
+        const Delivered got = deliver(handle.get(), rawFrame(row.subtype, row.between, data));
+        ASSERT_EQ(got.length, row.datLength);
+        EXPECT_EQ(got.dat[2], row.reportedAs);
+        const bool threeBytes = row.reportedAs == 7 || row.reportedAs == 12;
+        const std::size_t dataAt = 4 + (threeBytes ? offsetof(Rec26, extended.data) : offsetof(Rec26, plain.data));
+        EXPECT_EQ(Bytes(got.dat.begin() + dataAt, got.dat.begin() + dataAt + row.dataBytes), data);
+        if (row.subtype >= 2 && row.subtype <= 5) {
+            EXPECT_EQ(handle->records.rec26->page.payloadIndex, row.subtype - 2);
+            EXPECT_EQ(handle->records.rec26->page.flagsLow, row.between[1] & 0x0F);
+        }
+        // The older forms are written in the layout they are reported as; the encoder
+        // knows no system of subtype 14.
+        Bytes between = row.between;
+        if (row.subtype < 2) between.resize(between.size() + 2, 0);
+        EXPECT_EQ(writtenFrame(got.dat), row.subtype == 14 ? Bytes{} : rawFrame(row.reportedAs, between, data));
+    }
+}
+
+TEST(RawNavigationData, UnderTheSystemMapSubtype8ComesBackAsSubtype11WithItsSatelliteRenumbered) {
+    Handle handle;  // mapSystem5To7 is on by default; ids outside 1 to 11 become 0
+    const Bytes written = writtenFrame(deliver(handle.get(), rawFrame(8, {1, 0x40}, Bytes(38, 0x5C))).dat);
+    ASSERT_EQ(written.size(), 54u);
+    EXPECT_EQ(written[3], 11);
+    EXPECT_EQ(written[10], 0);
+}
+
+// What the encoder does with a record ahead of its writer: 1 written, 0 dropped without a
+// status, 15 refused.
+TEST(NavigationFilters, DropMaskLegacyModeAndMissingLayoutsDecideWhatIsWritten) {
+    struct Row {
+        std::uint8_t type, subtype, dropMask, legacy;
+        int outcome;
+    };
+    const Row rows[] = {
+        {26, 0, 0x01, 0, 0},  {26, 6, 0x01, 0, 0},  {26, 6, 0xFE, 0, 1},  {26, 1, 0x04, 0, 0},  {26, 7, 0x04, 0, 0},
+        {26, 3, 0x08, 0, 0},  {26, 9, 0x10, 0, 0},  {26, 12, 0x10, 0, 0}, {26, 10, 0xEF, 0, 1}, {26, 8, 0x20, 0, 0},
+        {26, 11, 0x20, 0, 0}, {26, 13, 0x40, 0, 0}, {26, 13, 0xBF, 0, 1}, {26, 14, 0, 0, 15},   {26, 15, 0, 0, 15},
+        {26, 6, 0, 1, 0},     {26, 0, 0, 1, 1},     {26, 0, 0x01, 1, 0},  {28, 1, 0x02, 0, 0},  {28, 2, 0x04, 0, 0},
+        {28, 3, 0x08, 0, 0},  {28, 4, 0x08, 0, 0},  {28, 5, 0x10, 0, 0},  {28, 6, 0x20, 0, 0},  {28, 9, 0x20, 0, 0},
+        {28, 10, 0x20, 0, 0}, {28, 11, 0x20, 0, 0}, {28, 13, 0x40, 0, 0}, {28, 13, 0xBF, 0, 1}, {28, 7, 0xFF, 0, 1},
+        {28, 8, 0xFF, 0, 1},  {28, 12, 0, 0, 15},   {25, 0, 0xFF, 1, 1},  {25, 2, 0, 1, 0},     {25, 2, 0, 0, 1},
+        {25, 1, 0, 0, 15},    {21, 0, 0xFF, 1, 1},  {5, 1, 0xFF, 1, 1},
+    };
+    for (const Row& row : rows) {
+        nvbtest::Encoder encoder(0);
+        encoder->dropMask = row.dropMask;
+        encoder->legacyMode = row.legacy;
+        Bytes dat =
+            nvbtest::shortDat(row.type, row.type == 28 ? 0 : row.subtype, Bytes(row.type == 21 ? 186 : 60, 0x11));
+        if (row.type == 28) dat[4] = row.subtype;
+        std::uint8_t status = 0;
+        encoder.put(dat, &status);
+        EXPECT_EQ(status != 0 ? status : static_cast<int>(copyOf(encoder->recordCount)), row.outcome)
+            << int(row.type) << "/" << int(row.subtype) << " mask " << int(row.dropMask) << " legacy "
+            << int(row.legacy);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,394 @@
+#include "records/receiver_records.h"
+#include "support/encoder.h"
+#include "support/plain_records.h"
+#include "support/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace {
+
+using nvbtest::Bytes;
+using nvbtest::concat;
+using nvbtest::copyOf;
+using nvbtest::deliver;
+using nvbtest::Delivered;
+using nvbtest::Handle;
+using nvbtest::shortDat;
+using nvbtest::structDat;
+using nvbtest::writtenFrame;
+using nvbtest::plain::Body;
+using nvbtest::plain::Runs;
+
+Bytes frame(std::uint8_t type, const Bytes& body) {
+    return nvbtest::plain::frame(type, body, false);
+}
+
+Bytes text(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
+
+// Bodies of plain fields behind the subtype byte, as their tables list them; a record 5
+// of a subtype without a table is carried as its bytes.
+struct LayoutRow {
+    std::uint8_t type;
+    std::uint8_t subtype;
+    Runs runs;
+};
+
+const LayoutRow kLayouts[] = {
+    {5, 1, {{2, 1}, {1, 5}, {1, 1}, {2, 9}, {1, 10}, {1, 4}, {8, 1}, {4, 3}, {1, 1}}},
+    {5, 2, {{2, 6}, {1, 12}, {1, 12}, {1, 8}, {8, 1}, {4, 1}, {2, 1}, {1, 2}}},
+    {5, 3, {{2, 1}, {8, 12}, {4, 2}}},
+    {5, 4, {{2, 1}, {1, 4}, {4, 4}}},
+    {5, 5, {{2, 1}, {1, 2}, {4, 6}}},
+    {5, 6, {{2, 2}, {4, 4}}},
+    {5, 9, {{1, 5}}},
+    {30, 0, {{4, 1}, {2, 2}}},
+};
+
+TEST(ReceiverRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
+    Handle handle;
+    for (const LayoutRow& row : kLayouts) {
+        SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
+        const auto f = nvbtest::plain::fields(row.runs, 3);
+        const Bytes wire = frame(row.type, concat({{row.subtype}, f.wire.bytes}));
+        const Delivered got = deliver(handle.get(), wire);
+        ASSERT_EQ(got.length, 4 + f.native.size());
+        EXPECT_EQ(got.dat, structDat(row.type, row.subtype, f.native.data(), got.length));
+        EXPECT_EQ(writtenFrame(got.dat), wire);
+    }
+}
+
+TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) {
+    // Seven pairs: the reader walks i = 0, 3, 6 and takes frame byte i into pair byte 2i
+    // and byte i + 1 into pair byte 2i + 3, counted from the pairs' start.
+    const Bytes pairs = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD};
+    const Bytes wire = frame(5, concat({{7}, Body().u16(0x0102).f64(1.5).u16(7).bytes, pairs}));
+    Handle handle;
+    const Delivered got = deliver(handle.get(), wire);
+    ASSERT_EQ(got.length, wire.size() - 3);
+    Bytes expected(2 * NVB_REC5_MAX_PAIRS, 0);
+    for (std::size_t i = 0; i < 7; i += 3) {
+        expected[2 * i] = wire[i];
+        expected[2 * i + 3] = wire[i + 1];
+    }
+    const auto* area = &handle->records.rec5->sub7.pairs[0][0];
+    EXPECT_EQ(Bytes(area, area + expected.size()), expected);
+    EXPECT_EQ(copyOf(handle->records.rec5->sub7.double1), 1.5);
+    // Only the DAT path carries the pairs: a DAT form of them is written as it stands.
+    EXPECT_EQ(writtenFrame(shortDat(5, 7, concat({{0x02, 0x01}, Bytes(6, 0), {0xF8, 0x3F, 7, 0}, pairs}))), wire);
+}
+
+TEST(ReceiverRecords, Record5WithAZeroPresenceMarkIsWrittenUpToTheMarkAndReadOnPastIt) {
+    // The reader still reads what follows the mark, here the checksum and end byte.
+    Handle handle;
+    const Bytes marked =
+        frame(5, concat({{2}, nvbtest::plain::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
+    const Delivered shortened = deliver(handle.get(), marked);
+    ASSERT_EQ(shortened.length, marked.size() - 3);
+    EXPECT_EQ(handle->records.rec5->sub2.bytes4[2], 0x03);
+    EXPECT_EQ(writtenFrame(shortened.dat), marked);
+}
+
+TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
+    const auto head = nvbtest::plain::fields({{1, 1}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}}, 9);
+    const auto middle = nvbtest::plain::fields({{1, 8}, {4, 2}}, 20);
+    auto record = [&](std::uint8_t n, std::uint16_t word5, std::size_t pairs) {
+        Body body;
+        body.u8(n).raw(head.wire.bytes).u32(4000000000u).raw(middle.wire.bytes).u16(word5).raw(Bytes(14, 0x5E));
+        body.scaled(-0.123456, 4, 22);
+        for (std::size_t j = 0; j < pairs; ++j) body.scaled(0.5 + j / 64.0, 2, 11).scaled(-0.001 * j, 2, 21);
+        return frame(12, body.bytes);
+    };
+    Handle handle;
+    for (const std::uint8_t n : {0, 5}) {
+        const Bytes wire = record(n, 0x0203, n > 0 ? n - 1u : 0u);
+        const Delivered got = deliver(handle.get(), wire);
+        EXPECT_EQ(got.length, n == 0 ? 68u : 68u + 16 * (n - 1u));
+        EXPECT_EQ(got.dat[1] | got.dat[2] << 8, static_cast<int>(got.length));
+        EXPECT_EQ(writtenFrame(got.dat), wire) << int(n);
+    }
+    EXPECT_EQ(copyOf(handle->records.rec12->unsignedValue), 4000000000.0);
+    EXPECT_NEAR(copyOf(handle->records.rec12->signedValue), -0.123456, std::ldexp(1.0, -23));
+    EXPECT_NEAR(copyOf(handle->records.rec12->pairs[3].second), -0.003, std::ldexp(1.0, -22));
+    deliver(handle.get(), record(5, 0, 4));
+    EXPECT_EQ(copyOf(handle->records.rec12->word5), copyOf(handle->records.rec12->byte2))
+        << "a zero word takes offset 9";
+
+    // 60 announces 59 pairs: 48 fit the frame, 47 the structure; the DAT form keeps the
+    // count's length, zero beyond the structure, and can't be written.
+    const Delivered got = deliver(handle.get(), record(60, 1, 48));
+    EXPECT_EQ(got.length, 68u + 59 * 16);
+    EXPECT_EQ(copyOf(handle->records.rec12->pairs[46].first), 0.5 + 46 / 64.0);
+    EXPECT_EQ(got.dat.back(), 0);
+    std::uint8_t status = 0;
+    nvbtest::Encoder(0).put(got.dat, &status);
+    EXPECT_EQ(status, NVB_STATUS_NOT_WRITABLE);
+}
+
+TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
+    const Bytes wire = frame(15, Body()
+                                     .raw(nvbtest::plain::fields({{8, 11}}).wire.bytes)
+                                     .u16(0xFFFE)
+                                     .u16(300)
+                                     .u32(4000000000u)
+                                     .raw(text("setting"))
+                                     .u8(9)
+                                     .bytes);
+    Handle handle;
+    const Delivered got = deliver(handle.get(), wire);
+    ASSERT_EQ(got.length, 124u);
+    EXPECT_EQ(copyOf(handle->records.rec15->signedValue1), -2.0);
+    EXPECT_EQ(copyOf(handle->records.rec15->unsignedValue), 4000000000.0);
+    EXPECT_EQ(writtenFrame(got.dat), wire);
+}
+
+TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWrittenWhole) {
+    struct Row {
+        std::uint8_t subtype;
+        Bytes body;
+        std::uint32_t datLength;
+        std::uint8_t reportedAs;
+        double value;
+        Bytes written;  // behind the type byte; empty: the frame read
+    };
+    const Bytes version = text("FW 5.45 BUILD 0017");
+    const Row rows[] = {
+        {1, Body().u32(3000000000u).u16(77).bytes, 14, 1, 3000000000.0, {1}},
+        {2, Body().u16(77).u32(123456).bytes, 14, 2, 123456.0, {2}},
+        {4, Body().u16(77).u32(123456).bytes, 14, 4, 123456.0, {4}},
+        {5, Body().u16(77).u32(654321).bytes, 14, 5, 654321.0, {}},
+        {6, Body().u16(77).f64(-3.25e-7).bytes, 14, 6, -3.25e-7, {}},
+        {7, Body().u8(2).u16(77).f64(42.125).bytes, 15, 7, 42.125, {}},
+        {9, Body().u16(77).u32(0x41200000).bytes, 15, 7, 10.0, Body().u8(7).u8(2).u16(77).f64(10.0).bytes},
+        // The texts: the DAT length ends two and three bytes before the frame's text does.
+        {3, concat({Body().u16(77).bytes, version}), 4 + 2 + 18 - 2, 3, 0, {3}},
+        {8, concat({{0x12, 0x34, 0xFF}, version}), 4 + 3 + 18 - 3, 8, 0, {8}},
+        {13, Body().u16(77).bytes, 9, 13, 0, {13}},
+    };
+    Handle handle;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype));
+        const Bytes wire = frame(19, concat({{row.subtype}, row.body}));
+        const Delivered got = deliver(handle.get(), wire);
+        EXPECT_EQ(got.length, row.datLength);
+        EXPECT_EQ(got.dat[2], row.reportedAs);
+        const Rec19& rec = *handle->records.rec19;
+        const double value = row.subtype == 1      ? rec.sub1.value
+                             : row.subtype == 6    ? rec.sub6.value
+                             : row.reportedAs == 7 ? rec.sub7.value
+                                                   : rec.sub2.value;
+        if (row.value != 0) {
+            EXPECT_EQ(value, row.value);
+        }
+        EXPECT_EQ(writtenFrame(got.dat), row.written.empty() ? wire : frame(19, row.written));
+    }
+    deliver(handle.get(), frame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
+    EXPECT_EQ(copyOf(handle->records.rec19->sub8.word), 0x1234) << "the slot byte is the word's high part";
+    EXPECT_EQ(std::string(handle->records.rec19->sub8.text), "FW 5.45 BUILD 0017");
+}
+
+TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
+    struct Step {
+        std::uint8_t subtype;
+        Bytes body;
+        std::uint8_t slot;
+        std::uint16_t word;
+        double value;
+    };
+    const Step steps[] = {
+        {12, {5}, 1, 0, 5.0},  // nothing before it: the byte alone
+        {9, Body().u16(100).u32(0x41200000).bytes, 2, 100, 10.0},
+        {9, Body().u16(101).u32(0x41400000).bytes, 2, 101, 12.0},
+        {11, {1}, 2, 102, 15.0},     // 1 + 12 + (12 - 10)
+        {11, {0xFE}, 2, 103, 16.0},  // -2 + 15 + (15 - 12)
+        {10, Body().u16(7).u32(0xC0000000).bytes, 1, 7, -2.0},
+        {12, {0}, 1, 8, -9.0},  // 0 + -2 + (-2 - 5)
+    };
+    Handle handle;
+    for (const Step& step : steps) {
+        ASSERT_EQ(deliver(handle.get(), frame(19, concat({{step.subtype}, step.body}))).length, 15u);
+        const Rec19Sub7& rec = handle->records.rec19->sub7;
+        EXPECT_EQ(rec.slot, step.slot) << int(step.subtype);
+        EXPECT_EQ(copyOf(rec.word), step.word) << int(step.subtype);
+        EXPECT_EQ(copyOf(rec.value), step.value) << int(step.subtype);
+    }
+}
+
+TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirStructure) {
+    Handle handle;
+    const Bytes wire24 = frame(24, nvbtest::plain::fields({{8, 12}, {4, 2}}).wire.bytes);
+    const Delivered got24 = deliver(handle.get(), wire24);
+    ASSERT_EQ(got24.length, 108u);
+    EXPECT_EQ(copyOf(handle->records.rec24->values[0]), nvbtest::plain::kOrbit[1]);
+    EXPECT_EQ(copyOf(handle->records.rec24->counters[1]), 302400u + 7 * 14);
+    EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), 24, Bytes(108).data()));
+    EXPECT_EQ(writtenFrame(got24.dat), wire24);
+
+    // Three entries to each table; ten entries fill a frame and the structure keeps eight.
+    for (const std::uint8_t n : {2, 9}) {
+        const std::size_t entries = n + 1u;
+        Body body;
+        body.u8(n).raw(nvbtest::plain::fields({{8, 4}, {1, 8}}).wire.bytes).raw(Bytes(entries, 0x21));
+        body.raw(Bytes(6, 0x06)).raw(Bytes(entries, 0x22)).u16(1).u16(2).u16(3).u16(4);
+        for (std::size_t t = 0; t < 4 * entries; ++t) body.u32(1000 * (t / entries) + t % entries);
+        body.u16(5).u32(6).u32(7).u16(8).u16(9);
+        const Bytes wire = frame(22, body.bytes);
+        const Delivered got = deliver(handle.get(), wire);
+        ASSERT_EQ(got.length, wire.size() - 2) << int(n);
+        const Rec22& rec = *handle->records.rec22;
+        EXPECT_EQ(copyOf(rec.dwordTables[3][2]), 3002u);
+        EXPECT_EQ(copyOf(rec.dwordTables[1][7]), n > 7 ? 1007u : 0u);
+        EXPECT_EQ(copyOf(rec.word7), 9);
+        EXPECT_EQ(writtenFrame(got.dat), wire);
+    }
+    // A DAT form built from the structure goes out in native order and reads back swapped.
+    Rec24 rec{};
+    rec.values[0] = 1.0;
+    rec.counters[0] = 1;
+    deliver(handle.get(), writtenFrame(structDat(24, 0, &rec, 108)));
+    EXPECT_EQ(copyOf(handle->records.rec24->counters[0]), 0x01000000u);
+    EXPECT_NE(copyOf(handle->records.rec24->values[0]), 1.0);
+}
+
+// A receiver description: serial number and firmware, names, a few settings.
+Bytes description() {
+    Body body;
+    body.u8(1).u8(9);
+    body.u8(6).u32(0x00A1B2C3).u16(0x0545);
+    body.u8(12).raw(text("TR-9 GNSS RX"));
+    body.u8(9).raw(text("5.45.0017"));
+    body.u8(6).u16(1).u16(16).u16(0x0203);
+    body.u8(1).u8(7);
+    body.u8(6).u32(0x12345678).u8(0x9A).u8(0xBC);
+    body.u8(4).u8(1).u8(2).u8(3).u8(4);
+    body.u8(2).u8(5).u8(6);
+    body.u8(1).u8(8);
+    return frame(30, body.bytes);
+}
+
+TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
+    Handle handle;
+    const Bytes wire = description();
+    const Delivered got = deliver(handle.get(), wire);
+    ASSERT_EQ(got.length, wire.size() - 3);
+    const Rec30Sub1& rec = handle->records.rec30->sub1;
+    EXPECT_EQ(copyOf(rec.a.dword1), 0x00A1B2C3u);
+    EXPECT_EQ(std::string(rec.b.text), "TR-9 GNSS RX");
+    EXPECT_EQ(copyOf(rec.d.words[2]), 0x0203);
+    EXPECT_EQ(copyOf(rec.f.dword1), 0x12345678u);
+    EXPECT_EQ(rec.f.bytes[0], 0x9A) << "F's two bytes stand as they came";
+    EXPECT_EQ(rec.i.byte1, 8);
+    EXPECT_EQ(writtenFrame(got.dat), wire);
+
+    struct Row {
+        const char* what;
+        Bytes body;
+        std::uint32_t datLength;
+        Bytes dat;      // behind the header, zeros to the length
+        Bytes written;  // behind the type byte; empty: the frame read
+    };
+    const Row rows[] = {
+        // Two sections counted: A and B only, whatever follows.
+        {"c = 2",
+         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9},
+         15,
+         {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66},
+         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
+        // L = 3 holds two words; the second keeps its place in the structure.
+        {"D of 3", {1, 4, 0, 0, 0, 3, 0x11, 0x22, 0x33, 0x44}, 13, {4, 0, 0, 0, 3, 0x22, 0x11, 0x44, 0x33}, {}},
+        // A section longer than its fields: B's length is read from inside A, and the DAT
+        // form, which carries A whole, ends before B's bytes.
+        {"A of 9",
+         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77},
+         16,
+         {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3},
+         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
+        {"subtype 3",
+         {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4},
+         23,
+         {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0},
+         {}},
+        // Subtype 2 keeps its sections out of the DAT form, so they are not written again.
+        {"subtype 2", {2, 5, 3, 1, 2, 3, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 1, 9}, 22, {5}, {2, 5, 0, 0, 0, 0, 0}},
+        {"subtype 0", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, {4, 3, 2, 1, 6, 5, 8, 7}, {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const Bytes read = frame(30, row.body);
+        const Delivered section = deliver(handle.get(), read);
+        ASSERT_EQ(section.length, row.datLength);
+        Bytes expected = row.dat;
+        expected.resize(row.datLength - 4, 0);
+        EXPECT_EQ(Bytes(section.dat.begin() + 4, section.dat.end()), expected);
+        EXPECT_EQ(writtenFrame(section.dat), row.written.empty() ? read : frame(30, row.written));
+    }
+}
+
+TEST(ReceiverRecords, Record30SectionsHAndIRetrieveTheirFurtherBytesFromSectionG) {
+    Handle handle;
+    Rec30& rec = *handle->records.rec30;
+    rec = Rec30{};
+    rec.sub1.sectionCount = 9;
+    rec.sub1.g.length = 6;
+    rec.sub1.g.more[0] = 0xAA;
+    rec.sub1.g.more[1] = 0xBB;
+    rec.sub1.h.length = 3;
+    rec.sub1.h.more[0] = 0x11;
+    rec.sub1.i.length = 2;
+    rec.sub1.i.more[0] = 0x22;
+    const std::uint8_t length = 5 + 6 + 7 + 4 + 3;
+    const std::uint8_t header[] = {0x74, length, 1, 30};
+    std::memcpy(handle->records.datHeader, header, 4);
+    Bytes dat(length);
+    ASSERT_TRUE(nvbdll_retrieveDATRecord(handle.get(), 30, dat.data()));
+    EXPECT_EQ(Bytes(dat.begin() + 11, dat.end()), Bytes({6, 0, 0, 0, 0, 0xAA, 0xBB, 3, 0, 0, 0xAA, 2, 0, 0xAA}));
+}
+
+TEST(ReceiverRecords, OnlyTheFirstDescriptionOfSubtypeZeroLeavesTheFirstGenerationHistory) {
+    Handle handle;
+    handle->firstGenHistory.previous.rowCount = 4;
+    const Bytes reference = frame(30, {0, 1, 2, 3, 4, 5, 6, 7, 8});
+    EXPECT_EQ(deliver(handle.get(), description()).type, 30);
+    EXPECT_EQ(handle->firstRec30, 1) << "subtype 1 is no reference";
+    EXPECT_EQ(deliver(handle.get(), reference).type, 30);
+    EXPECT_EQ(handle->firstRec30, 0);
+    EXPECT_EQ(handle->firstGenHistory.previous.rowCount, 4);
+    deliver(handle.get(), reference);
+    EXPECT_EQ(handle->firstGenHistory.previous.rowCount, 0);
+}
+
+TEST(PlainRecords, ShortBodiesAndUncappedCountsReadSafelyAndTheWriterRefusesWhatItCannotHold) {
+    Handle handle;
+    struct Hostile {
+        Bytes frame;
+        std::uint32_t datLength;
+    };
+    const Hostile frames[] = {
+        {frame(21, {17}), 190},  // svId alone: the rest reads the trailer and zeros
+        {frame(12, {255, 1, 2}), 68 + 16 * 254},
+        {frame(19, {3}), 4},
+        {frame(22, {255, 1, 2, 3}), 255},
+    };
+    for (const Hostile& hostile : frames) {
+        EXPECT_EQ(deliver(handle.get(), hostile.frame).length, hostile.datLength) << "type " << int(hostile.frame[2]);
+    }
+    EXPECT_EQ(copyOf(handle->records.rec21->words[1]), 0x0300) << "end byte, then zero";
+    Rec5 pairs{};
+    pairs.sub7.count = NVB_REC5_MAX_PAIRS + 1;
+    Rec5 named{};
+    named.sub0.textLength = NVB_REC5_TEXT_BYTES + 1;
+    const Bytes refused[] = {structDat(5, 7, &pairs, 4 + sizeof(Rec5)), structDat(5, 0, &named, 4 + sizeof(Rec5)),
+                             shortDat(5, 9, Bytes(sizeof(Rec5) + 1, 1)), shortDat(30, 7, {1, 2, 3})};
+    for (const Bytes& dat : refused) {
+        std::uint8_t status = 0;
+        nvbtest::Encoder(0).put(dat, &status);
+        EXPECT_EQ(status, NVB_STATUS_NOT_WRITABLE) << "type " << int(dat[3]) << " byte 2 " << int(dat[2]);
+    }
+}
+
+}  // namespace
