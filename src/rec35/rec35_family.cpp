@@ -115,6 +115,12 @@ std::int64_t boundSum(std::int64_t constant, std::initializer_list<std::int64_t>
     return sum;
 }
 
+bool boundFits(std::int64_t bound, std::uint8_t& status) {
+    if (bound <= std::int64_t{UINT32_MAX}) return true;
+    status = kNoMemory;
+    return false;
+}
+
 std::int64_t scaleToWire(double value, int n, std::uint8_t& status) {
     const double scaled = std::ldexp(value, n);
     const double rounded = scaled >= 0 ? scaled + 0.5 : scaled - 0.5;

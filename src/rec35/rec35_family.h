@@ -57,6 +57,9 @@ void copyElements(const rec35_array_t& from, rec35_array_t& to, std::size_t elem
 // elements; the sums stop at the largest 64-bit number rather than wrap.
 std::int64_t arrayBound(std::int64_t capacity, std::int64_t each);
 std::int64_t boundSum(std::int64_t constant, std::initializer_list<std::int64_t> terms);
+// Whether a record of that bound can be written at all (the output buffer's size has 32
+// bits); status 17 when not. The reader asks before it sizes anything from a payload.
+bool boundFits(std::int64_t bound, std::uint8_t& status);
 
 // An unscaled long on its way to the wire: unsigned fields take zeros above their 32
 // bits, signed ones the sign.

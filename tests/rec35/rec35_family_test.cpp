@@ -183,6 +183,24 @@ TEST(Rec35Prediction, ADeltaWhileAReferenceIsNeededIsRefusedUntilOneComes) {
     EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
 }
 
+// Subtype 301 is meas[].week_number[][]: every element's inner arrays take the largest
+// count of any, so one long array among many empty elements multiplies out.
+TEST(Rec35BadInput, APayloadWhoseArraysMultiplyOutPastAnyWritableRecordIsRefused) {
+    const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(nvb::rec35SlotOf(301).value());
+    constexpr std::int64_t kElements = 30000;
+    nvbtest::AvroBytes payload;
+    payload.longValue(kElements).longValue(1).longArray(std::vector<std::int64_t>(kElements, 0)).longValue(0);
+    for (std::int64_t i = 1; i < kElements; ++i) payload.longValue(0);
+    payload.longValue(0);
+    nvbtest::Encoder encoder(3);
+    std::uint8_t status = 0;
+    nvb::writeRec35Fragments(*encoder.get(), 301, 0, Bytes(codec.schema.begin(), codec.schema.end()), status);
+    nvb::writeRec35Fragments(*encoder.get(), 301, 1, payload.bytes, status);
+    nvbtest::MessageLog quiet;
+    EXPECT_EQ(nvbtest::processStatuses(nvbtest::readRec35Log(encoder.finish(), true)),
+              std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
+}
+
 // What every member of the family shares, over all 40: random records on each field's
 // grid, arrays growing and shrinking, one reference and deltas behind it, one refused
 // record among them, read back in a fresh state equal field for field.

@@ -804,7 +804,9 @@ def subtype_routines(subtype: Subtype) -> str:
     if count:
         b(capacities)
         b(f"measure_{sfx}(value, capacities, status);")
-        b(f"if (status == 0) alloc_wire_{sfx}(wire, capacities, status);")
+        # Every inner array takes the largest count among its siblings: a hostile payload
+        # of many empty elements and one long one would multiply out past any memory.
+        b(f"if (status == 0 && boundFits(estimate_{sfx}(capacities), status)) alloc_wire_{sfx}(wire, capacities, status);")
     else:
         b(f"alloc_wire_{sfx}(wire, nullptr, status);")
     function(code, f"void prepare_{sfx}(void*& wire, avro_value_t& value, std::uint8_t& status)", b, ("value",))
