@@ -62,7 +62,9 @@ private:
     avro_allocator_state saved_;
 };
 
-const nvb::Rec35Codec& codecOf(std::uint32_t subtype) { return *nvb::rec35CodecAt(nvb::rec35SlotOf(subtype).value()); }
+const nvb::Rec35Codec& codecOf(std::uint32_t subtype) {
+    return *nvb::rec35CodecAt(nvb::rec35SlotOf(subtype).value());
+}
 
 // A smooth run of native records of the subtype, every array `capacity` long.
 std::vector<std::unique_ptr<nvbtest::Rec35Native>> sequence(const nvb::Rec35Codec& codec, std::int64_t capacity) {
@@ -168,10 +170,18 @@ void decodeRecords(benchmark::State& state, std::uint32_t subtype, std::int64_t 
     nvb::freeIoBuffer(schemaCopy);
 }
 
-void BM_Rec35EncodeBarometer(benchmark::State& state) { encodeRecords(state, 8, 1); }
-void BM_Rec35DecodeBarometer(benchmark::State& state) { decodeRecords(state, 8, 1); }
-void BM_Rec35EncodeMeasurementEpoch(benchmark::State& state) { encodeRecords(state, 9, 8); }
-void BM_Rec35DecodeMeasurementEpoch(benchmark::State& state) { decodeRecords(state, 9, 8); }
+void BM_Rec35EncodeBarometer(benchmark::State& state) {
+    encodeRecords(state, 8, 1);
+}
+void BM_Rec35DecodeBarometer(benchmark::State& state) {
+    decodeRecords(state, 8, 1);
+}
+void BM_Rec35EncodeMeasurementEpoch(benchmark::State& state) {
+    encodeRecords(state, 9, 8);
+}
+void BM_Rec35DecodeMeasurementEpoch(benchmark::State& state) {
+    decodeRecords(state, 9, 8);
+}
 
 BENCHMARK(BM_Rec35EncodeBarometer)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Rec35DecodeBarometer)->Unit(benchmark::kMillisecond);

@@ -111,7 +111,7 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
     const std::vector<std::vector<std::int64_t>> wire = {
         {3, 10, 20, 30, 0},
         {2, 1, 1, 0},
-        {3, 0, 0, 33, 0},  // the third element came back: its history starts from 0
+        {3, 0, 0, 33, 0},      // the third element came back: its history starts from 0
         {4, 0, 0, -30, 7, 0},  // and its previous value is 0 as well: 36 - (2 x 33 - 0)
         {0},
     };
@@ -132,8 +132,8 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
     }
     const auto values = nvbtest::deliveredValues(reads);
     ASSERT_EQ(values.size(), records.size());
-    EXPECT_EQ(values[2], (std::vector<std::string>{"version=1", ".msecs#3", ".msecs[0]=12", ".msecs[1]=22",
-                                                   ".msecs[2]=33"}));
+    EXPECT_EQ(values[2],
+              (std::vector<std::string>{"version=1", ".msecs#3", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33"}));
 }
 
 // The wire numbers of a delta record are the residuals: the first long of the payload is
@@ -173,8 +173,16 @@ TEST(Rec35Prediction, ADeltaWhileAReferenceIsNeededIsRefusedUntilOneComes) {
     put(2, nvbtest::fftPayload(fft));
     put(2, nvbtest::fftPayload(fft));
     put(1, nvbtest::fftPayload(fft));
-    put(2, nvbtest::AvroBytes().longValue(0).doubleValue(fft.center_freq).floatValue(fft.bin_size)
-               .doubleValue(fft.peak_freq).floatValue(fft.peak_snr).longValue(0).longArray({}).longValue(0).bytes);
+    put(2, nvbtest::AvroBytes()
+               .longValue(0)
+               .doubleValue(fft.center_freq)
+               .floatValue(fft.bin_size)
+               .doubleValue(fft.peak_freq)
+               .floatValue(fft.peak_snr)
+               .longValue(0)
+               .longArray({})
+               .longValue(0)
+               .bytes);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
     EXPECT_EQ(nvbtest::processStatuses(reads),
               (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0}));

@@ -26,10 +26,16 @@ const T& at(const void* base, std::size_t offset) {
     return *reinterpret_cast<const T*>(static_cast<const std::uint8_t*>(base) + offset);
 }
 
-void* shifted(void* base, std::size_t offset) { return static_cast<std::uint8_t*>(base) + offset; }
-const void* shifted(const void* base, std::size_t offset) { return static_cast<const std::uint8_t*>(base) + offset; }
+void* shifted(void* base, std::size_t offset) {
+    return static_cast<std::uint8_t*>(base) + offset;
+}
+const void* shifted(const void* base, std::size_t offset) {
+    return static_cast<const std::uint8_t*>(base) + offset;
+}
 
-std::size_t elementSizeOf(const Rec35Field& field) { return field.kind == Kind::Bytes ? 1 : field.elementSize; }
+std::size_t elementSizeOf(const Rec35Field& field) {
+    return field.kind == Kind::Bytes ? 1 : field.elementSize;
+}
 
 void* elementAt(const rec35_array_t& array, const Rec35Field& field, std::int64_t index) {
     return static_cast<std::uint8_t*>(array.elements) + static_cast<std::size_t>(index) * elementSizeOf(field);
@@ -70,29 +76,38 @@ struct Filler {
     void fill(const Rec35Field& field, void* base) {
         ++leaf;
         switch (field.kind) {
-        case Kind::Unsigned: at<std::uint32_t>(base, field.offset) = static_cast<std::uint32_t>(whole(0, UINT32_MAX)); break;
-        case Kind::Signed: at<std::int32_t>(base, field.offset) = static_cast<std::int32_t>(whole(INT32_MIN, INT32_MAX)); break;
-        case Kind::Scaled:
-            at<double>(base, field.offset) = std::ldexp(static_cast<double>(whole(-(1LL << 40), 1LL << 40)), -field.scale);
-            break;
-        case Kind::Double: at<double>(base, field.offset) = static_cast<double>(whole(-(1LL << 50), 1LL << 50)) / 1024; break;
-        case Kind::Float: at<float>(base, field.offset) = static_cast<float>(whole(-(1 << 20), 1 << 20)) / 16; break;
-        case Kind::Bytes: {
-            auto& array = at<rec35_array_t>(base, field.offset);
-            array.count = count(array.capacity);
-            auto* bytes = static_cast<std::uint8_t*>(array.elements);
-            for (std::int64_t i = 0; i < array.count; ++i) bytes[i] = static_cast<std::uint8_t>(whole(0, 255) + i);
-            break;
-        }
-        case Kind::Record:
-            for (const Rec35Field& member : field.members) fill(member, shifted(base, field.offset));
-            break;
-        case Kind::Array: {
-            auto& array = at<rec35_array_t>(base, field.offset);
-            array.count = count(array.capacity);
-            for (std::int64_t i = 0; i < array.count; ++i) fill(field.members[0], elementAt(array, field, i));
-            break;
-        }
+            case Kind::Unsigned:
+                at<std::uint32_t>(base, field.offset) = static_cast<std::uint32_t>(whole(0, UINT32_MAX));
+                break;
+            case Kind::Signed:
+                at<std::int32_t>(base, field.offset) = static_cast<std::int32_t>(whole(INT32_MIN, INT32_MAX));
+                break;
+            case Kind::Scaled:
+                at<double>(base, field.offset) =
+                    std::ldexp(static_cast<double>(whole(-(1LL << 40), 1LL << 40)), -field.scale);
+                break;
+            case Kind::Double:
+                at<double>(base, field.offset) = static_cast<double>(whole(-(1LL << 50), 1LL << 50)) / 1024;
+                break;
+            case Kind::Float:
+                at<float>(base, field.offset) = static_cast<float>(whole(-(1 << 20), 1 << 20)) / 16;
+                break;
+            case Kind::Bytes: {
+                auto& array = at<rec35_array_t>(base, field.offset);
+                array.count = count(array.capacity);
+                auto* bytes = static_cast<std::uint8_t*>(array.elements);
+                for (std::int64_t i = 0; i < array.count; ++i) bytes[i] = static_cast<std::uint8_t>(whole(0, 255) + i);
+                break;
+            }
+            case Kind::Record:
+                for (const Rec35Field& member : field.members) fill(member, shifted(base, field.offset));
+                break;
+            case Kind::Array: {
+                auto& array = at<rec35_array_t>(base, field.offset);
+                array.count = count(array.capacity);
+                for (std::int64_t i = 0; i < array.count; ++i) fill(field.members[0], elementAt(array, field, i));
+                break;
+            }
         }
     }
 };
@@ -137,37 +152,50 @@ struct Writer {
 
     void walk(const Rec35Field& field, const void* base, const std::string& path) {
         switch (field.kind) {
-        case Kind::Unsigned: value(path, std::to_string(at<std::uint32_t>(base, field.offset))); break;
-        case Kind::Signed: value(path, std::to_string(at<std::int32_t>(base, field.offset))); break;
-        case Kind::Scaled: {
-            const double native = at<double>(base, field.offset);
-            value(path, json ? std::to_string(std::llround(std::ldexp(native, field.scale))) : number(native, false));
-            break;
-        }
-        case Kind::Double: value(path, number(at<double>(base, field.offset), false)); break;
-        case Kind::Float: value(path, number(at<float>(base, field.offset), true)); break;
-        case Kind::Bytes: {
-            const auto& array = at<rec35_array_t>(base, field.offset);
-            std::string text = json ? "[" : "";
-            for (std::int64_t i = 0; i < array.count; ++i) {
-                text += (json && i > 0 ? ", " : json ? "" : ".") +
-                        std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
+            case Kind::Unsigned:
+                value(path, std::to_string(at<std::uint32_t>(base, field.offset)));
+                break;
+            case Kind::Signed:
+                value(path, std::to_string(at<std::int32_t>(base, field.offset)));
+                break;
+            case Kind::Scaled: {
+                const double native = at<double>(base, field.offset);
+                value(path,
+                      json ? std::to_string(std::llround(std::ldexp(native, field.scale))) : number(native, false));
+                break;
             }
-            value(path, text + (json ? "]" : ""));
-            break;
-        }
-        case Kind::Record: record(field.members, shifted(base, field.offset), path); break;
-        case Kind::Array: {
-            const auto& array = at<rec35_array_t>(base, field.offset);
-            if (json) out += "[";
-            if (!json) values.push_back(path + "#" + std::to_string(array.count));
-            for (std::int64_t i = 0; i < array.count; ++i) {
-                if (json && i > 0) out += ", ";
-                walk(field.members[0], elementAt(array, field, i), path + "[" + std::to_string(i) + "]");
+            case Kind::Double:
+                value(path, number(at<double>(base, field.offset), false));
+                break;
+            case Kind::Float:
+                value(path, number(at<float>(base, field.offset), true));
+                break;
+            case Kind::Bytes: {
+                const auto& array = at<rec35_array_t>(base, field.offset);
+                std::string text = json ? "[" : "";
+                for (std::int64_t i = 0; i < array.count; ++i) {
+                    text += (json && i > 0 ? ", "
+                             : json        ? ""
+                                           : ".") +
+                            std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
+                }
+                value(path, text + (json ? "]" : ""));
+                break;
             }
-            if (json) out += "]";
-            break;
-        }
+            case Kind::Record:
+                record(field.members, shifted(base, field.offset), path);
+                break;
+            case Kind::Array: {
+                const auto& array = at<rec35_array_t>(base, field.offset);
+                if (json) out += "[";
+                if (!json) values.push_back(path + "#" + std::to_string(array.count));
+                for (std::int64_t i = 0; i < array.count; ++i) {
+                    if (json && i > 0) out += ", ";
+                    walk(field.members[0], elementAt(array, field, i), path + "[" + std::to_string(i) + "]");
+                }
+                if (json) out += "]";
+                break;
+            }
         }
     }
 
@@ -188,7 +216,9 @@ Rec35Native::Rec35Native(const nvb::Rec35Codec& codec, std::int64_t capacity)
     for (const Rec35Field& field : codec.fields) allocate(field, record_, capacity);
 }
 
-Rec35Native::~Rec35Native() { codec_.freeNative(record_); }
+Rec35Native::~Rec35Native() {
+    codec_.freeNative(record_);
+}
 
 void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std::mt19937_64& random,
                std::uint32_t step) {
