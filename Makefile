@@ -4,6 +4,10 @@
 BUILD      ?= build
 BUILD_SAN  ?= build-sanitize
 BUILD_REL  ?= build-release
+BUILD_TSAN ?= build-tsan
+BUILD_FUZZ ?= build-fuzz
+FUZZ_SECONDS ?= 600
+FUZZ_TARGETS := $(patsubst tests/fuzz/%.cpp,%,$(wildcard tests/fuzz/*_fuzz.cpp))
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 CMAKE_ARGS ?=
@@ -16,7 +20,7 @@ PACKAGES := g++ cmake make pkg-config python3 binutils \
 
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
 
-.PHONY: all deps build build-sanitize build-release test demo bench install clean
+.PHONY: all deps build build-sanitize build-release test test-threads fuzz demo bench install clean
 
 all: build
 
@@ -59,6 +63,22 @@ test: build build-sanitize build-release
 	  ctest --test-dir $(BUILD_SAN) --output-on-failure -j $(JOBS)
 	ctest --test-dir $(BUILD_REL) --output-on-failure -j $(JOBS)
 
+# Writers and readers in parallel threads, under ThreadSanitizer.
+test-threads: deps
+	cmake -S . -B $(BUILD_TSAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_TSAN=ON -DNVBDLL_BUILD_BENCH=OFF \
+	  -DNVBDLL_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(BUILD_TSAN) -j $(JOBS) --target nvbdll_tests
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir $(BUILD_TSAN) --output-on-failure -R '^Threads\.'
+
+# Each libFuzzer target for FUZZ_SECONDS from its saved corpus, with the library itself
+# instrumented; clang and its runtimes come from Debian.
+fuzz: deps
+	@$(MAKE) --no-print-directory deps PACKAGES="clang libclang-rt-14-dev"
+	cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+	  -DCMAKE_CXX_COMPILER=clang++ -DNVBDLL_FUZZ=ON -DNVBDLL_BUILD_BENCH=OFF -DNVBDLL_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target $(FUZZ_TARGETS)
+	./scripts/fuzz.sh $(BUILD_FUZZ) $(FUZZ_SECONDS)
+
 demo: build
 	./scripts/demo.sh $(BUILD)
 
@@ -69,4 +89,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_SAN) $(BUILD_REL)
+	rm -rf $(BUILD) $(BUILD_SAN) $(BUILD_REL) $(BUILD_TSAN) $(BUILD_FUZZ)

@@ -13,8 +13,12 @@ extern std::FILE* logStream;
 // end in a new line.
 [[gnu::format(printf, 1, 2)]] void logMessage(const char* format, ...);
 
+// A message that the process will not survive: to the log stream, or to standard error
+// when no host has set one.
+[[gnu::format(printf, 1, 2)]] void logFatal(const char* format, ...);
+
 // The codecs' assertion on length ranges: reports "cond" with this module's name and
-// line 1319 on standard error, then returns to the caller. It does not stop the codec.
+// line 1319 to the log stream, then returns to the caller. It does not stop the codec.
 void compactAssert(bool condition);
 
 // A violated assertion that the format treats as fatal (a field writer's range, a

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -17,10 +18,12 @@ constexpr double kL1Wavelength = 0.19029367279836487;
 constexpr double kL2ToL1 = 1227.6 / 1575.42;
 
 // Slip counters of the conversion from record 17, for the first and second frequency.
-// They belong to the process: set to zero at load, never reset, shared by all hosts.
+// They belong to the process: set to zero at load, never reset, shared by all hosts, and
+// atomic, so that conversions in different threads never race on them.
 constexpr std::size_t kSlipCounters = 71;
-std::array<std::uint8_t, kSlipCounters> firstFrequencySlips{};
-std::array<std::uint8_t, kSlipCounters> secondFrequencySlips{};
+using SlipCounters = std::array<std::atomic<std::uint8_t>, kSlipCounters>;
+SlipCounters firstFrequencySlips{};
+SlipCounters secondFrequencySlips{};
 
 void fillHeader(std::uint8_t* datHeader, std::uint16_t length, std::uint8_t type) {
     if (datHeader == nullptr) return;
@@ -31,9 +34,9 @@ void fillHeader(std::uint8_t* datHeader, std::uint16_t length, std::uint8_t type
 }
 
 // An index past the counters (SBAS numbers that do not fold below 71) raises nothing.
-std::uint8_t raiseSlip(std::array<std::uint8_t, kSlipCounters>& counters, std::uint8_t index) {
+std::uint8_t raiseSlip(SlipCounters& counters, std::uint8_t index) {
     if (index >= counters.size()) return 0;
-    return ++counters[index];
+    return static_cast<std::uint8_t>(counters[index].fetch_add(1, std::memory_order_relaxed) + 1);
 }
 
 std::uint16_t snrTenths(double snr) {

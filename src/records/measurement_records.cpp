@@ -48,10 +48,7 @@ void warnRangeWrapsOnce() {
 }
 
 [[noreturn]] void invalidDopplerControl(std::uint8_t value) {
-    constexpr const char* kText = "The dopplerControl in nvb_expand_t is set to an invalid value %d\n";
-    logMessage(kText, value);
-    // The process ends here, so the reason also goes where a host without a log stream sees it.
-    if (logStream != stderr) std::fprintf(stderr, kText, value);
+    logFatal("The dopplerControl in nvb_expand_t is set to an invalid value %d\n", value);
     std::exit(2);
 }
 

@@ -59,6 +59,11 @@ struct BrotliDecoderRelease {
 using BrotliEncoder = std::unique_ptr<BrotliEncoderState, BrotliEncoderRelease>;
 using BrotliDecoder = std::unique_ptr<BrotliDecoderState, BrotliDecoderRelease>;
 
+struct ZstdContextRelease {
+    void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
+};
+using ZstdContext = std::unique_ptr<ZSTD_CCtx, ZstdContextRelease>;
+
 }  // namespace
 
 bool inflateBody(std::span<const std::uint8_t> in, std::span<std::uint8_t> out, std::uint32_t& produced) {
@@ -162,7 +167,15 @@ bool zstdDecompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> ou
 
 bool zstdCompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> out, int level, std::uint32_t& produced) {
     produced = 0;
-    const std::size_t result = ZSTD_compress(out.data(), out.size(), in.data(), in.size(), level);
+    ZstdContext context(ZSTD_createCCtx());
+    if (!context) return false;
+    // The frame carries its content checksum, which every zstd reader verifies: a damaged
+    // block fails whole instead of yielding wrong records.
+    if (ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel, level)) ||
+        ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_checksumFlag, 1))) {
+        return false;
+    }
+    const std::size_t result = ZSTD_compress2(context.get(), out.data(), out.size(), in.data(), in.size());
     if (ZSTD_isError(result)) return false;
     produced = static_cast<std::uint32_t>(result);
     return true;

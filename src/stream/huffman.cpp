@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <vector>
 
@@ -47,9 +48,10 @@ std::array<HuffmanNode, kNodeCount> nodePool;
 std::array<HuffmanCode, kHuffmanSymbolCount> codeTable;
 const HuffmanNode* root = nullptr;
 int symbolCount = 0;
-// Statistics of the encoder, process-wide and unguarded; nothing reads them.
-std::uint32_t encodedBitsIn = 0;
-std::uint32_t encodedBitsOut = 0;
+// Statistics of the encoder, process-wide; nothing reads them. Atomic, so that encoders
+// in different threads never race on them.
+std::atomic<std::uint32_t> encodedBitsIn = 0;
+std::atomic<std::uint32_t> encodedBitsOut = 0;
 
 bool isLeaf(const HuffmanNode* node) { return node->left == nullptr && node->right == nullptr; }
 
@@ -123,8 +125,8 @@ int huffmanEncodeSymbol(nvb_huffman_encoder_t& encoder, std::uint16_t symbol, st
         return 1;
     }
     const HuffmanCode& entry = huffmanCodeOf(symbol);
-    encodedBitsIn += 8;
-    encodedBitsOut += entry.length;
+    encodedBitsIn.fetch_add(8, std::memory_order_relaxed);
+    encodedBitsOut.fetch_add(entry.length, std::memory_order_relaxed);
     std::uint32_t code = entry.code;
     unsigned remaining = entry.length;
     int written = 0;

@@ -251,6 +251,31 @@ INSTANTIATE_TEST_SUITE_P(EveryDecompressor, DamagedBlock,
                                     std::to_string(param.param.nextMethod);
                          });
 
+// zstd blocks carry the frame's content checksum: wherever a byte of a body flips, the
+// block fails whole, or decodes to exactly what was written when the flip is harmless.
+TEST(VerifiedBlocks, AFlippedByteInAZstdBodyGivesAStatusNeverAWrongRecord) {
+    const WrittenBlocks written = writeBlocks(7, 200, 12);
+    const Bytes& target = written.blocks[1];
+    std::vector<std::size_t> positions;
+    for (std::size_t p = 4; p < 24; ++p) positions.push_back(p);
+    for (std::size_t p = 24; p < target.size() - 8; p += target.size() / 97) positions.push_back(p);
+    for (std::size_t p = target.size() - 8; p < target.size(); ++p) positions.push_back(p);
+    const auto whole = joined({written.expected[0], written.expected[1]});
+    for (const std::size_t position : positions) {
+        for (const std::uint8_t flip : {0x01, 0x80}) {
+            Bytes bad = target;
+            bad[position] ^= flip;
+            nvbtest::Handle handle;
+            const auto events = readByByte(handle.get(), join({written.header, written.blocks[0], bad}));
+            const auto records = recordsOf(events);
+            const bool failed = std::any_of(events.begin(), events.end(),
+                                            [](const Event& event) { return event.status == NVB_STATUS_ZSTD; });
+            EXPECT_EQ(frameDifference(records, failed ? written.expected[0] : whole), "")
+                << "byte " << position << " flipped by " << int(flip);
+        }
+    }
+}
+
 TEST(BlockSearch, BlocksBehindARefusedHeaderAreRefusedAndDropped) {
     const WrittenBlocks written = writeBlocks(4, 200, 10);
     const Bytes refused = header(8, 98);

@@ -30,7 +30,7 @@ bool freedByLibrary(std::size_t slot) {
 }  // namespace
 
 Encoder::Encoder(std::uint8_t method, std::uint8_t level) : state_(new nvb_encode_t()) {
-    nvbdll_initNVBLib();
+    initLibrary();
     nvbdll_initDATEncodeState(state_);
     void** slots = reinterpret_cast<void**>(&state_->records);
     for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {

@@ -1,6 +1,7 @@
 #include "support/reader.h"
 
 #include "pipeline/serialisation.h"
+#include "stream/huffman.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,8 +12,12 @@
 
 namespace nvbtest {
 
+void initLibrary() {
+    if (nvb::huffmanRoot() == nullptr) nvbdll_initNVBLib();
+}
+
 Handle::Handle() {
-    nvbdll_initNVBLib();
+    initLibrary();
     state_ = nvbdll_GetNVBStateHandle();
     if (state_ == nullptr) throw std::runtime_error("no expand state");
 }

@@ -11,6 +11,10 @@
 
 namespace nvbtest {
 
+// Builds the library's tree unless one is built: a tree in use stays where it is, so that
+// states in other threads go on reading it.
+void initLibrary();
+
 // An expand state for one test, with the library initialised.
 class Handle {
 public:

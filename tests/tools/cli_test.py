@@ -544,7 +544,7 @@ class DamagedInput(Workspace):
 
         log = self.simulate("zlib.nvb", "--duration", 240, "--method", 3)
         data = bytearray(self.read(log))
-        start, end = self.blocks_of(data)[0]
+        start, end = self.blocks_of(data)[1]
         for i in range(end - 4, end):
             data[i] ^= 0xA5  # the zlib stream's checksum
         damaged = self.write(self.path("damaged.nvb"), data)
@@ -552,6 +552,39 @@ class DamagedInput(Workspace):
         statuses = {entry["status"] for entry in json.loads(result.stdout)["statuses"]}
         self.assertIn(10, statuses)  # zlib failed
         self.assertIn(f"nvb: {damaged}: byte {end - 1}: zlib failed", result.stderr.decode())
+
+    def test_a_damaged_block_costs_itself_and_the_deltas_up_to_the_next_reference(self):
+        # References come every 600 s of record time, so 1300 s holds three.
+        whole_logs = {}
+        for method, where, hit in [(7, "first", "body"), (7, "middle", "body"), (7, "middle", "length"),
+                                   (7, "middle", "type"), (5, "middle", "body")]:
+            with self.subTest(method=method, where=where, hit=hit):
+                if method not in whole_logs:
+                    log = self.simulate(f"m{method}.nvb", "--duration", 1300, "--method", method)
+                    whole_logs[method] = (self.read(log), dat_records(self.dat_of(log)))
+                data, whole = whole_logs[method]
+                blocks = self.blocks_of(data)
+                start, end = blocks[0 if where == "first" else len(blocks) // 2]
+                damaged = bytearray(data)
+                damaged[{"body": (start + end) // 2, "length": start + 3, "type": start}[hit]] ^= 0x84
+                damaged = self.write(self.path("damaged.nvb"), damaged)
+                result = self.nvb("todat", damaged, "-o", self.path("damaged.dat"), code=1)
+                read = dat_records(self.read(self.path("damaged.dat")))
+
+                before = len(dat_records(self.dat_of(self.write(self.path("before.nvb"), data[:start]))))
+                up_to = len(dat_records(self.dat_of(self.write(self.path("up_to.nvb"), data[:end]))))
+                first_time = Epoch(whole[0]).time()
+                resumed = next(i for i in range(up_to, len(whole)) if whole[i][3] == 27
+                               and (Epoch(whole[i]).time() - first_time) % 600000 == 0)
+                self.assertEqual(read[:before], whole[:before])
+                self.assertEqual(read[before + 1:], whole[resumed + 1:])
+                # The first epoch behind the gap has no predecessor to rebuild its Doppler
+                # from, as the first epoch of a log has none.
+                self.assertEqual(Epoch(read[before]).time(), Epoch(whole[resumed]).time())
+                left_out = resumed - up_to
+                if left_out > 0:
+                    self.assertIn(f"{left_out} delta records behind the damage were left out",
+                                  result.stderr.decode())
 
     def test_what_is_no_log_at_all_is_unreadable(self):
         empty = self.write_dat("empty.nvb", [])
@@ -951,6 +984,70 @@ class AuxiliaryRecords(Workspace):
         self.assertIn("entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]", text)
 
 
+class SafeOutput(Workspace):
+    def assert_alone(self, *names):
+        """Nothing half written stands beside the named files."""
+        self.assertEqual(sorted(os.listdir(self.directory)), sorted(names))
+
+    def test_a_command_that_fails_leaves_the_target_as_it_was(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        kept = self.read(log)
+        noise = self.write(self.path("noise.bin"), bytes((i * 37 + 11) % 251 for i in range(20000)))
+        empty = self.write(self.path("empty.nvb"), b"")
+        keep = self.write(self.path("keep.dat"), b"keep")
+        for args in (["recompress", noise, "-o", log, "--method", 5], ["thin", noise, "-o", log, "--interval", 5],
+                     ["fromdat", noise, "-o", log], ["todat", empty, "-o", keep]):
+            with self.subTest(args=args[0]):
+                result = self.nvb(*args, code=2)
+                self.assertIn("not written; a file there is left as it was", result.stderr.decode())
+                self.assertEqual(self.read(log), kept)
+                self.assertEqual(self.read(keep), b"keep")
+                self.assert_alone("sim.nvb", "noise.bin", "empty.nvb", "keep.dat")
+
+    def test_a_write_that_fails_halfway_leaves_no_partial_file(self):
+        import resource
+        import signal
+
+        def small_files():
+            # A file size limit fails writes as a full disk does.
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
+
+        log = self.simulate("sim.nvb", "--duration", 300)
+        kept = self.read(log)
+        target = self.write(self.path("target.nvb"), b"old")
+        for args in (["recompress", log, "-o", target, "--method", 1], ["todat", log, "-o", target],
+                     ["simulate", "-o", target, "--duration", 300]):
+            with self.subTest(args=args[0]):
+                result = subprocess.run([NVB, *map(str, args)], capture_output=True, timeout=120,
+                                        preexec_fn=small_files)
+                self.assertEqual(result.returncode, 2, result.stderr.decode())
+                self.assertIn("write error", result.stderr.decode())
+                self.assertEqual(self.read(target), b"old")
+                self.assertEqual(self.read(log), kept)
+                self.assert_alone("sim.nvb", "target.nvb")
+
+    def test_a_link_stays_a_link_and_a_device_is_written_in_place(self):
+        log = self.simulate("sim.nvb", "--duration", 5)
+        os.symlink("real.dat", self.path("link.dat"))
+        self.write(self.path("real.dat"), b"old")
+        os.chmod(self.path("real.dat"), 0o640)
+        self.nvb("-q", "todat", log, "-o", self.path("link.dat"))
+        self.assertTrue(os.path.islink(self.path("link.dat")))
+        self.assertEqual(self.read(self.path("real.dat")), self.dat_of(log))
+        self.assertEqual(os.stat(self.path("real.dat")).st_mode & 0o777, 0o640)
+        self.nvb("-q", "todat", log, "-o", os.devnull)
+        self.assertTrue(os.path.exists(os.devnull) and not os.path.isfile(os.devnull))
+
+    def test_info_and_dump_tell_of_a_full_standard_output(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("no /dev/full")
+        log = self.simulate("sim.nvb", "--duration", 5)
+        for command in ("info", "dump"):
+            with open("/dev/full", "wb") as full:
+                result = subprocess.run([NVB, command, log], stdout=full, stderr=subprocess.PIPE, timeout=120)
+            self.assertEqual(result.returncode, 2, command)
+            self.assertIn("nvb: standard output: write error", result.stderr.decode())
 ORBIT = (5153.6372, 0.01234, 0.9634, -2.0941, 0.6712, 1.2034, 4.61e-9, -8.21e-9, 1.12e-10, 2.31e-6,
          -1.41e-6, 254.3125, 180.1875, 3.21e-8, -1.13e-8, 1.207e-4, -3.41e-12, 0.0, 302400.0)
 SBAS = bytes.fromhex("246c03d21b008f113ae007559 02c41fe0019b3660d7218c4005e2a80".replace(" ", ""))

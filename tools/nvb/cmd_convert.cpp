@@ -39,9 +39,10 @@ int runToDat(const ToDatOptions& options, const CommonOptions& common) {
         [&](std::uint64_t done) { progress.update(done); });
     progress.finish();
     reportReadProblems(summary, input->name());
-    if (!output->close()) return kExitUsage;
+    const int code = settleOutput(*output, exitCodeOf(summary));
+    if (code == kExitUsage) return code;
     reportNote(common.quiet, fmt::format("{}: {} DAT records, {} bytes", output->name(), records, output->bytes()));
-    return exitCodeOf(summary);
+    return code;
 }
 
 struct FromDatOptions {
@@ -69,7 +70,11 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
     progress.finish();
     if (reader.problem()) reportErrorAt(input->name(), reader.problemOffset(), *reader.problem());
     const bool complete = reportWriteProblems(writer.summary(), output->name());
-    if (!output->close() || input->failed()) return kExitUsage;
+    int code = complete ? kExitClean : kExitRecovered;
+    if (reader.problem()) code = records == 0 ? kExitUsage : kExitRecovered;
+    if (input->failed()) code = kExitUsage;
+    code = settleOutput(*output, code);
+    if (code == kExitUsage) return code;
     reportNote(common.quiet,
                fmt::format("{}: {} records in {}, {} bytes", output->name(), writer.summary().recordsWritten,
                            methodName(static_cast<std::uint8_t>(options.write.method)), output->bytes()));
@@ -77,8 +82,7 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
         reportNote(common.quiet, fmt::format("{}: {} records of type 20 are in the log, but no reader gives them back",
                                              output->name(), writer.summary().writeOnly));
     }
-    if (reader.problem()) return records == 0 ? kExitUsage : kExitRecovered;
-    return complete ? kExitClean : kExitRecovered;
+    return code;
 }
 
 // recompress and thin: read, take each record's DAT form, write it again.
@@ -118,7 +122,9 @@ int runRewrite(const RewriteOptions& options, const CommonOptions& common, const
     writer->finish();
     reportReadProblems(summary, input->name());
     const bool complete = reportWriteProblems(writer->summary(), output->name());
-    if (!output->close()) return kExitUsage;
+    const int readCode = exitCodeOf(summary);
+    const int code = settleOutput(*output, readCode != kExitClean ? readCode : complete ? kExitClean : kExitRecovered);
+    if (code == kExitUsage) return code;
     const WriteSummary& written = writer->summary();
     if (options.interval > 0) {
         reportNote(common.quiet,
@@ -130,9 +136,7 @@ int runRewrite(const RewriteOptions& options, const CommonOptions& common, const
         reportNote(common.quiet, fmt::format("{}: {} records, {} bytes in {}", output->name(), written.recordsWritten,
                                              output->bytes(), methodName(static_cast<std::uint8_t>(write.method))));
     }
-    const int readCode = exitCodeOf(summary);
-    if (readCode != kExitClean) return readCode;
-    return complete ? kExitClean : kExitRecovered;
+    return code;
 }
 
 }  // namespace

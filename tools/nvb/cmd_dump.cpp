@@ -37,13 +37,9 @@ int runDump(const DumpOptions& options) {
         std::fputc('\n', stdout);
     });
     // Problems go to standard error after the lines, so a pipe still gets every record.
-    std::fflush(stdout);
+    const bool written = flushStandardOutput();
     reportReadProblems(summary, input->name());
-    if (std::ferror(stdout) != 0) {
-        reportError("standard output", "write error");
-        return kExitUsage;
-    }
-    return exitCodeOf(summary);
+    return written ? exitCodeOf(summary) : kExitUsage;
 }
 
 }  // namespace

@@ -210,6 +210,7 @@ json infoJson(const std::string& name, const ReadSummary& summary, const nvb_exp
         }
     }
     out["statuses"] = statuses;
+    out["unverified"] = summary.recordsUnverified;
     if (summary.truncatedAt) {
         out["truncated"] = {
             {"offset", *summary.truncatedAt}, {"bytes", summary.truncatedBytes}, {"afterDamage", summary.lostFooting}};
@@ -306,6 +307,11 @@ void printInfo(const json& info) {
                    entry["text"].get<std::string>(), count, count == 1 ? "" : "s", offsets);
         first = false;
     }
+    if (info["unverified"].get<std::uint64_t>() > 0) {
+        fmt::print("{:<17}{} delta records behind it left out, unverifiable before their next reference\n",
+                   first ? "damage" : "", info["unverified"].get<std::uint64_t>());
+        first = false;
+    }
     if (info.contains("truncated")) {
         fmt::print("{:<17}{} from byte {} ({} bytes not read)\n", first ? "damage" : "",
                    info["truncated"]["afterDamage"].get<bool>() ? "no block found" : "the log ends unfinished",
@@ -343,9 +349,9 @@ int runInfo(const InfoOptions& options, const CommonOptions& common) {
     } else {
         printInfo(info);
     }
-    std::fflush(stdout);
+    const bool written = flushStandardOutput();
     reportReadProblems(summary, input->name());
-    return exitCodeOf(summary);
+    return written ? exitCodeOf(summary) : kExitUsage;
 }
 
 }  // namespace

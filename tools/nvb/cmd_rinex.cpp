@@ -233,7 +233,8 @@ int runConvert(const ConvertOptions& options, std::uint8_t mode, const CommonOpt
         reportError(out->name(), fmt::format("{} epochs did not fit the output buffer and were left out", writer.refused));
         code = std::max(code, kExitRecovered);
     }
-    if (!out->close()) return kExitUsage;
+    code = settleOutput(*out, code);
+    if (code == kExitUsage) return code;
     const std::string form = mode == nvb::kOutputBinex ? "BINEX 0x7F-05"
                              : options.compact        ? fmt::format("Compact RINEX {}", options.version)
                                                       : fmt::format("RINEX {}", options.version);

@@ -59,13 +59,14 @@ int runSimulate(const SimulateCommandOptions& options, const CommonOptions& comm
     writer.finish();
     progress.finish();
     const bool complete = reportWriteProblems(writer.summary(), output->name());
-    if (!output->close()) return kExitUsage;
+    const int code = settleOutput(*output, complete ? kExitClean : kExitRecovered);
+    if (code == kExitUsage) return code;
     reportNote(common.quiet,
                fmt::format("{}: {} epochs over {} s with {}, {} bytes in {} ({:.0f} bytes per epoch)", output->name(),
                            epochs, options.simulation.durationSeconds, options.simulation.systems, output->bytes(),
                            methodName(static_cast<std::uint8_t>(options.write.method)),
                            epochs > 0 ? static_cast<double>(output->bytes()) / static_cast<double>(epochs) : 0.0));
-    return complete ? kExitClean : kExitRecovered;
+    return code;
 }
 
 // The systems string: letters of G, R, E, C, each at most once.

@@ -1,5 +1,7 @@
 #include "nvb/command_support.h"
 
+#include "nvb/commands.h"
+
 #include <fmt/format.h>
 
 namespace nvbtool {
@@ -57,6 +59,15 @@ std::string methodName(std::uint8_t method) {
         default:
             return fmt::format("method {}", method);
     }
+}
+
+int settleOutput(Output& output, int code) {
+    if (code == kExitUsage) {
+        output.discard();
+        reportError(output.name(), "not written; a file there is left as it was");
+        return code;
+    }
+    return output.commit() ? code : kExitUsage;
 }
 
 }  // namespace nvbtool

@@ -26,6 +26,11 @@ std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel);
 
 std::string methodName(std::uint8_t method);
 
+// Ends a command that writes a file: with the usage or unreadable-input code nothing is
+// written and a file at the target stays as it was; otherwise the output is put in place.
+// Returns the command's exit code, which a failure to write makes 2.
+int settleOutput(Output& output, int code);
+
 }  // namespace nvbtool
 
 #endif

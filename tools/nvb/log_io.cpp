@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <sys/stat.h>
@@ -68,10 +69,12 @@ std::size_t Input::read(std::uint8_t* buffer, std::size_t capacity) {
     return count;
 }
 
-Output::Output(std::FILE* file, bool owned, std::string name) : file_(file), owned_(owned), name_(std::move(name)) {}
+Output::Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary)
+    : file_(file), owned_(owned), name_(std::move(name)), target_(std::move(target)),
+      temporary_(std::move(temporary)) {}
 
 Output::~Output() {
-    if (file_ != nullptr && owned_) std::fclose(file_);
+    discard();
 }
 
 namespace {
@@ -81,6 +84,13 @@ bool sameFile(const std::string& first, const std::string& second) {
     struct stat b {};
     if (first == "-" || second == "-" || stat(first.c_str(), &a) != 0 || stat(second.c_str(), &b) != 0) return false;
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The mode a new file gets from the process's umask.
+mode_t newFileMode() {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return static_cast<mode_t>(0666 & ~mask);
 }
 
 }  // namespace
@@ -95,36 +105,93 @@ std::unique_ptr<Output> Output::open(const std::string& name, const std::string&
             reportError("standard output", "is a terminal; name a file with -o, or send it through a pipe");
             return nullptr;
         }
-        return std::unique_ptr<Output>(new Output(stdout, false, "standard output"));
+        return std::unique_ptr<Output>(new Output(stdout, false, "standard output", "", ""));
     }
-    std::FILE* file = std::fopen(name.c_str(), "wb");
-    if (file == nullptr) {
+    // The temporary file stands beside the file a link points to, so that the link stays.
+    std::string target = name;
+    struct stat existing {};
+    const bool exists = stat(name.c_str(), &existing) == 0;
+    if (exists && !S_ISREG(existing.st_mode)) {
+        std::FILE* file = std::fopen(name.c_str(), "wb");
+        if (file == nullptr) {
+            reportError(name, fmt::format("can't open: {}", std::strerror(errno)));
+            return nullptr;
+        }
+        return std::unique_ptr<Output>(new Output(file, true, name, "", ""));
+    }
+    if (exists) {
+        char* resolved = realpath(name.c_str(), nullptr);
+        if (resolved != nullptr) {
+            target = resolved;
+            std::free(resolved);
+        }
+    }
+    const std::size_t slash = target.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : target.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    std::string temporary = (slash == std::string::npos ? "" : directory) + "." + base + ".XXXXXX";
+    const int descriptor = mkstemp(temporary.data());
+    if (descriptor < 0) {
         reportError(name, fmt::format("can't create: {}", std::strerror(errno)));
         return nullptr;
     }
-    return std::unique_ptr<Output>(new Output(file, true, name));
+    fchmod(descriptor, exists ? static_cast<mode_t>(existing.st_mode & 07777) : newFileMode());
+    std::FILE* file = fdopen(descriptor, "wb");
+    if (file == nullptr) {
+        reportError(name, fmt::format("can't create: {}", std::strerror(errno)));
+        close(descriptor);
+        unlink(temporary.c_str());
+        return nullptr;
+    }
+    return std::unique_ptr<Output>(new Output(file, true, name, target, temporary));
+}
+
+void Output::fail(const std::string& what) {
+    if (!failed_) reportError(name_, fmt::format("{}: {}", what, std::strerror(errno)));
+    failed_ = true;
 }
 
 void Output::write(const std::uint8_t* bytes, std::size_t count) {
     if (failed_ || count == 0) return;
     if (std::fwrite(bytes, 1, count, file_) != count) {
-        failed_ = true;
-        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+        fail("write error");
         return;
     }
     bytes_ += count;
 }
 
-bool Output::close() {
+bool Output::commit() {
     if (file_ == nullptr) return !failed_;
-    const bool flushed = std::fflush(file_) == 0;
-    const bool closed = owned_ ? std::fclose(file_) == 0 : true;
-    file_ = nullptr;
-    if ((!flushed || !closed) && !failed_) {
-        failed_ = true;
-        reportError(name_, fmt::format("write error: {}", std::strerror(errno)));
+    if (std::fflush(file_) != 0) fail("write error");
+    if (!temporary_.empty() && !failed_ && fsync(fileno(file_)) != 0) fail("write error");
+    if (owned_) {
+        const bool closed = std::fclose(file_) == 0;
+        file_ = nullptr;
+        if (!closed) fail("write error");
     }
+    file_ = nullptr;
+    if (!failed_ && !temporary_.empty()) {
+        if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
+            fail("can't put the new file in place");
+        } else {
+            temporary_.clear();
+        }
+    }
+    discard();
     return !failed_;
+}
+
+void Output::discard() {
+    if (file_ != nullptr && owned_) std::fclose(file_);
+    file_ = nullptr;
+    if (!temporary_.empty()) unlink(temporary_.c_str());
+    temporary_.clear();
+}
+
+bool flushStandardOutput() {
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
+    reportError("standard output", fmt::format("write error: {}", std::strerror(errno)));
+    return false;
 }
 
 std::string shapeText(StreamShape shape, bool nveMagic) {
@@ -149,6 +216,15 @@ constexpr std::size_t kReadChunk = 1 << 16;
 // Room for the longest DAT form retrieval can write (its length is 16 bits).
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
+
+// Resuming after damage: a zstd block is type 8, a 24-bit length, then the zstd frame.
+constexpr std::uint8_t kZstdBlockType = 8;
+constexpr std::array<std::uint8_t, 4> kZstdMagic = {0x28, 0xB5, 0x2F, 0xFD};
+constexpr std::size_t kBlockHeader = 4;
+constexpr std::size_t kLongestBlock = 530134;
+constexpr std::size_t kLongestHeaderBlock = 64;
+// Scanned bytes that the window keeps before it drops them.
+constexpr std::size_t kScannedKept = 1 << 16;
 
 constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
 constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
@@ -184,6 +260,69 @@ Detected detectShape(std::span<const std::uint8_t> head) {
     return {StreamShape::HuffmanBytes, false};
 }
 
+std::size_t blockLengthAt(const std::uint8_t* block) {
+    return (static_cast<std::size_t>(block[1]) << 16) | (static_cast<std::size_t>(block[2]) << 8) | block[3];
+}
+
+// The header block a stream opens with, to be fed again to a fresh state.
+std::vector<std::uint8_t> headerBlockOf(std::span<const std::uint8_t> head) {
+    if (head.size() < kBlockHeader || head[0] != 0) return {};
+    const std::size_t length = kBlockHeader + blockLengthAt(head.data());
+    if (length > kLongestHeaderBlock || length > head.size()) return {};
+    return {head.begin(), head.begin() + static_cast<std::ptrdiff_t>(length)};
+}
+
+bool isZstdBlockStart(const std::uint8_t* bytes) {
+    const std::size_t length = blockLengthAt(bytes);
+    return bytes[0] == kZstdBlockType && length >= kZstdMagic.size() && length + kBlockHeader <= kLongestBlock &&
+           std::equal(kZstdMagic.begin(), kZstdMagic.end(), bytes + kBlockHeader);
+}
+
+// A block that the library keeps at the front of its input, meeting it again with every
+// byte: an unknown type, or a scrambled block while descrambling is off.
+bool blockStays(const nvb_expand_t& state) {
+    if (state.searching != 0 || state.inputFill < kBlockHeader + blockLengthAt(state.blockInput)) return false;
+    const std::uint8_t type = state.blockInput[0];
+    return type > kZstdBlockType || (type == 6 && (state.descramble & 1u) == 0);
+}
+
+bool isBareLevel(std::uint8_t level) {
+    return level == 3 || level == 5 || level == 6 || level == 7;
+}
+
+// The compact kinds whose deltas lean on a history (epochs, positions, solutions, the two
+// generations of records 17), by the type that carries them, and whether that type is the
+// kind's reference form, which stands alone.
+struct CarriedForm {
+    std::uint16_t type;
+    std::size_t kind;
+    bool reference;
+};
+constexpr CarriedForm kCarriedForms[] = {
+    {36, 0, false}, {37, 0, false}, {38, 0, true},  {39, 0, false}, {54, 1, false}, {55, 1, true},
+    {56, 2, false}, {57, 2, true},  {66, 3, false}, {67, 3, true},  {74, 3, false}, {75, 3, true},
+    {68, 4, false}, {69, 4, true},  {76, 4, false}, {77, 4, true},
+};
+
+const CarriedForm* carriedForm(std::uint16_t type) {
+    const auto* found = std::find_if(std::begin(kCarriedForms), std::end(kCarriedForms),
+                                     [type](const CarriedForm& form) { return form.type == type; });
+    return found == std::end(kCarriedForms) ? nullptr : found;
+}
+
+nvb_expand_t* newReaderState(const ReadOptions& options) {
+    nvb_expand_t* state = nvbdll_GetNVBStateHandle();
+    if (state == nullptr) throw std::bad_alloc();
+    state->descramble = options.descramble ? 1 : 0;
+    // Records 35 come as they are, schema records included, so that a log written from
+    // them keeps every one.
+    state->rec35Assembly.schema_swallow = 0;
+    state->convertRec35Sub2 = 0;
+    state->convertRec35Sub9 = 0;
+    state->convertRec35Sub19 = 0;
+    return state;
+}
+
 }  // namespace
 
 std::span<std::uint8_t> DeliveredRecord::dat() {
@@ -212,16 +351,8 @@ bool ReadSummary::unreadable() const {
 }
 
 LogReader::LogReader(Input& input, const ReadOptions& options)
-    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput), state_(nvbdll_GetNVBStateHandle()), datBuffer_(kDatCapacity) {
-    if (state_ == nullptr) throw std::bad_alloc();
-    state_->descramble = options.descramble ? 1 : 0;
-    // Records 35 come as they are, schema records included, so that a log written from
-    // them keeps every one.
-    state_->rec35Assembly.schema_swallow = 0;
-    state_->convertRec35Sub2 = 0;
-    state_->convertRec35Sub9 = 0;
-    state_->convertRec35Sub19 = 0;
-}
+    : input_(input), epochOutput_(options.epochOutput), afterEpochOutput_(options.afterEpochOutput),
+      options_(options), state_(newReaderState(options)), datBuffer_(kDatCapacity) {}
 
 LogReader::~LogReader() {
     nvbdll_FreeNVBStateHandle(state_);
@@ -231,14 +362,21 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     onRecord_ = &onRecord;
     summary_ = ReadSummary{};
     fed_ = 0;
+    next_ = 0;
+    window_.clear();
+    replay_.clear();
+    lost_ = stuck_ = resumed_ = false;
+    awaitingReference_.fill(false);
     std::vector<std::uint8_t> chunk(kReadChunk);
     std::size_t count = input_.read(chunk.data(), chunk.size());
-    const Detected detected = detectShape(std::span<const std::uint8_t>(chunk.data(), count));
+    const std::span<const std::uint8_t> head(chunk.data(), count);
+    const Detected detected = detectShape(head);
     summary_.shape = detected.shape;
     summary_.nveMagic = detected.nve;
+    if (detected.shape == StreamShape::Blocks) headerBlock_ = headerBlockOf(head);
     const bool plain = detected.shape == StreamShape::PlainBytes;
     while (count > 0) {
-        for (std::size_t i = 0; i < count; ++i) feed(chunk[i], plain);
+        for (std::size_t i = 0; i < count; ++i) input(chunk[i], plain);
         if (onProgress) onProgress(fed_);
         count = input_.read(chunk.data(), chunk.size());
     }
@@ -247,8 +385,93 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     return summary_;
 }
 
-void LogReader::feed(std::uint8_t byte, bool plain) {
+void LogReader::input(std::uint8_t byte, bool plain) {
     ++fed_;
+    step(byte, plain);
+    while (!replay_.empty()) {
+        const std::uint8_t again = replay_.front();
+        replay_.pop_front();
+        step(again, plain);
+    }
+}
+
+void LogReader::step(std::uint8_t byte, bool plain) {
+    at_ = next_++;
+    if (summary_.shape != StreamShape::Blocks) {
+        feed(byte, plain);
+        return;
+    }
+    window_.push_back(byte);
+    feed(byte, plain);
+    watchBlocks();
+}
+
+void LogReader::watchBlocks() {
+    stuck_ = blockStays(*state_);
+    const bool inTrouble = state_->searching != 0 || stuck_;
+    if (inTrouble && !lost_) scanFrom_ = 1;  // position 0 is the block that failed
+    lost_ = inTrouble;
+    if (!lost_) {
+        // Only the block the library is reading is kept.
+        const std::size_t held = std::min<std::size_t>(state_->inputFill, window_.size());
+        window_.erase(window_.begin(), window_.end() - static_cast<std::ptrdiff_t>(held));
+        return;
+    }
+    if (headerBlock_.empty()) return;
+    for (; scanFrom_ + kBlockHeader + kZstdMagic.size() <= window_.size(); ++scanFrom_) {
+        const std::uint8_t* candidate = window_.data() + scanFrom_;
+        if (!isZstdBlockStart(candidate)) continue;
+        if (scanFrom_ + kBlockHeader + blockLengthAt(candidate) > window_.size()) return;  // not whole yet
+        resumeAt(scanFrom_);
+        return;
+    }
+    if (scanFrom_ > kScannedKept) {
+        window_.erase(window_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(scanFrom_));
+        scanFrom_ = 0;
+    }
+}
+
+void LogReader::resumeAt(std::size_t position) {
+    const std::uint64_t from = next_ - window_.size() + position;
+    const std::uint32_t headers = state_->headerCount;
+    nvbdll_FreeNVBStateHandle(state_);
+    state_ = newReaderState(options_);
+    at_ = from;
+    for (const std::uint8_t byte : headerBlock_) feed(byte, false);
+    state_->headerCount = headers;
+    replay_.insert(replay_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(position), window_.end());
+    window_.clear();
+    next_ = from;
+    lost_ = false;
+    stuck_ = false;
+    resumed_ = true;
+    damageMet(-1);
+}
+
+void LogReader::damageMet(int kind) {
+    if (summary_.shape != StreamShape::Blocks) return;
+    if (kind < 0) {
+        awaitingReference_.fill(true);
+    } else {
+        awaitingReference_[static_cast<std::size_t>(kind)] = true;
+    }
+}
+
+bool LogReader::leftOutAsUnverified() {
+    const CarriedForm* form = carriedForm(fieldValue(state_->currentType));
+    if (form == nullptr) return false;
+    bool& awaiting = awaitingReference_[form->kind];
+    if (form->reference) {
+        awaiting = false;
+        return false;
+    }
+    // Framed levels check each expanded record against its own checksum.
+    if (!awaiting || !isBareLevel(fieldValue(state_->blockLevel))) return false;
+    ++summary_.recordsUnverified;
+    return true;
+}
+
+void LogReader::feed(std::uint8_t byte, bool plain) {
     std::uint8_t status = 0;
     if (plain) {
         const std::int32_t result = nvbdll_getNVARecordByByte(state_, byte, &status);
@@ -267,18 +490,27 @@ void LogReader::feed(std::uint8_t byte, bool plain) {
 
 void LogReader::handle(std::int32_t result, std::uint8_t status) {
     const bool blocks = summary_.shape == StreamShape::Blocks;
-    const std::uint64_t at = fed_ - 1;
+    const std::uint64_t at = at_;
     if (status == NVB_STATUS_HUFFMAN_END) {
         ++summary_.endSymbols;
     } else if (status == NVB_STATUS_READER_TOO_OLD) {
         if (!summary_.refused) summary_.events.push_back(StatusEvent{status, at, -1, std::nullopt});
         summary_.refused = true;
-    } else if (isDamageStatus(status)) {
+    } else if (isDamageStatus(status) && !(stuck_ && result <= 0)) {
+        // A block that stays repeats its status with every byte: it is told once.
         StatusEvent event{status, at, -1, std::nullopt};
         if (blocks && result > 0) event.unpackedOffset = fieldValue(state_->recordOffset);
         summary_.events.push_back(event);
+        damageMet(-1);
     }
     if (result <= 0 || (status != NVB_STATUS_OK && status != NVB_STATUS_RESYNCHRONISED)) return;
+    if (resumed_) {
+        // The first record of the block found after damage tells that reading goes on.
+        summary_.events.push_back(
+            StatusEvent{NVB_STATUS_RESYNCHRONISED, at, -1, fieldValue(state_->recordOffset)});
+        resumed_ = false;
+    }
+    if (leftOutAsUnverified()) return;
 
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
@@ -290,6 +522,9 @@ void LogReader::handle(std::int32_t result, std::uint8_t status) {
         blocks ? std::optional<std::uint32_t>(fieldValue(state_->recordOffset)) : std::nullopt;
     if (processStatus != NVB_STATUS_OK) {
         summary_.events.push_back(StatusEvent{processStatus, at, fieldValue(state_->currentType), unpacked});
+        if (const CarriedForm* form = carriedForm(fieldValue(state_->currentType))) {
+            damageMet(static_cast<int>(form->kind));
+        }
         return;
     }
     if (length == 0) {
@@ -325,7 +560,7 @@ void LogReader::finishSummary(bool plain) {
             summary_.truncatedAt = fed_ - std::min<std::uint64_t>(fed_, state_->inputFill);
             // Still searching at the end: nothing behind the last damage could be read,
             // not only the bytes the search kept.
-            summary_.lostFooting = state_->searching != 0;
+            summary_.lostFooting = lost_;
             if (summary_.lostFooting && !summary_.events.empty()) {
                 summary_.truncatedAt = std::min(*summary_.truncatedAt, summary_.events.back().offset + 1);
                 summary_.truncatedBytes = fed_ - *summary_.truncatedAt;
@@ -382,6 +617,12 @@ void reportReadProblems(const ReadSummary& summary, const std::string& file) {
             text = fmt::format("the log ends inside a record: {} bytes of it were lost", summary.truncatedBytes);
         }
         reportErrorAt(file, *summary.truncatedAt, text);
+    }
+    if (summary.recordsUnverified > 0) {
+        reportError(file, fmt::format("{} delta records behind the damage were left out: they lean on records that "
+                                      "were lost, and this method carries no check that could verify them (each "
+                                      "kind comes back with its next reference)",
+                                      summary.recordsUnverified));
     }
     if (summary.refused) return;
     if (summary.damaged()) {

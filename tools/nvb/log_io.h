@@ -3,9 +3,11 @@
 
 #include <nvbdll/nvbdll.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -55,32 +57,45 @@ private:
     std::uint64_t size_;
 };
 
-// An output named on the command line: a file, or "-" for standard output.
+// An output named on the command line: a file, or "-" for standard output. A file is
+// written beside its target under a temporary name and put in its place only by
+// commit(), so that a failed command leaves the target as it was and nothing half
+// written. A device or a pipe named as the target is written directly.
 class Output {
 public:
     // Reports the failure and returns null when the output can't be opened; binary
     // output is not sent to a terminal, nor over the input it is made from.
     static std::unique_ptr<Output> open(const std::string& name, const std::string& inputName = "",
                                         bool text = false);
+    // An output that was not committed leaves nothing behind.
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     void write(const std::uint8_t* bytes, std::size_t count);
-    // Flushes and closes; reports and returns false when anything failed to be written.
-    bool close();
+    // Flushes and puts the file in place of its target; reports and returns false when
+    // anything failed to be written, and then removes what was written.
+    bool commit();
+    // Drops what was written; a file at the target stays as it was.
+    void discard();
     std::uint64_t bytes() const { return bytes_; }
     bool failed() const { return failed_; }
     const std::string& name() const { return name_; }
 
 private:
-    Output(std::FILE* file, bool owned, std::string name);
+    Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary);
+    void fail(const std::string& what);
     std::FILE* file_;
     bool owned_;
     bool failed_ = false;
     std::uint64_t bytes_ = 0;
-    std::string name_;
+    std::string name_;       // for messages, as the user named it
+    std::string target_;     // the file that commit() replaces
+    std::string temporary_;  // the file being written, until commit()
 };
+
+// Standard output flushed, and a failure to write it reported; false when it failed.
+bool flushStandardOutput();
 
 enum class StreamShape : std::uint8_t {
     Empty,         // no byte at all
@@ -135,6 +150,10 @@ struct ReadSummary {
     std::uint64_t bytesRead = 0;
     std::uint64_t recordsDelivered = 0;
     std::uint64_t recordsUndecoded = 0;  // found but of a type this reader does not decode, or empty
+    // Delta records behind damage in a stream whose records carry no check of their own,
+    // before the next reference of their kind: they lean on what was lost, can't be
+    // verified, and are left out.
+    std::uint64_t recordsUnverified = 0;
     std::uint64_t endSymbols = 0;
     std::vector<StatusEvent> events;  // statuses that tell of damage
     bool refused = false;             // the header asks for a newer reader
@@ -149,7 +168,10 @@ struct ReadSummary {
 
 // Reads a log with an expand state at its defaults (Doppler rebuilt where the wire has
 // none, system numbers mapped), byte by byte, so that every status and record is placed
-// at the input byte where it came out.
+// at the input byte where it came out. Where the library's search after damage can't
+// find the next block (it has no row that matches a zstd block), the reader resumes at
+// the next block that opens with the zstd magic and whose length fits, with a fresh
+// state fed the stream's header block and the stream from that block on.
 class LogReader {
 public:
     using RecordHandler = std::function<void(DeliveredRecord&)>;
@@ -167,18 +189,38 @@ public:
     StreamShape shape() const { return summary_.shape; }
 
 private:
+    void input(std::uint8_t byte, bool plain);
+    void step(std::uint8_t byte, bool plain);
     void feed(std::uint8_t byte, bool plain);
     void handle(std::int32_t result, std::uint8_t status);
+    bool leftOutAsUnverified();
+    void damageMet(int family);
+    void watchBlocks();
+    void resumeAt(std::size_t position);
     void finishSummary(bool plain);
 
     Input& input_;
     rinex_control_t* epochOutput_;
     std::function<void()> afterEpochOutput_;
+    ReadOptions options_;
     nvb_expand_t* state_;
     ReadSummary summary_;
     const RecordHandler* onRecord_ = nullptr;
     std::vector<std::uint8_t> datBuffer_;
-    std::uint64_t fed_ = 0;
+    std::uint64_t fed_ = 0;   // input bytes read
+    std::uint64_t next_ = 0;  // input offset of the next byte for the library
+    std::uint64_t at_ = 0;    // input offset of the byte the library has now
+    // The block the library is reading, from its first byte; after damage, everything
+    // since the first byte of the block that failed.
+    std::vector<std::uint8_t> window_;
+    std::uint64_t windowStart_ = 0;
+    std::size_t scanFrom_ = 0;
+    bool lost_ = false;
+    bool stuck_ = false;
+    bool resumed_ = false;
+    std::vector<std::uint8_t> headerBlock_;
+    std::deque<std::uint8_t> replay_;  // bytes to feed again from a block found after damage
+    std::array<bool, 5> awaitingReference_{};  // by compact kind, after damage
 };
 
 // The exit code that a read earns: 2 when nothing could be read, 1 when damage was met

@@ -57,15 +57,13 @@ bool solutionDeltaRoundTrips(const solution_history_t& before, const nvb_frame_t
     return written == rebuilt[1] + 256u * rebuilt[3] && sameRecord(rebuilt.data(), written, plain, length);
 }
 
-// The record 17 path is not re-entrant anyway; its copy of the history lives here rather
-// than on the stack.
-obs_history_t obsHistoryBefore;
-
-bool obsDeltaRoundTrips(const nvb_frame_t& plain, std::size_t length, const nvb_frame_t& out) {
+bool obsDeltaRoundTrips(const obs_history_t& before, const nvb_frame_t& plain, std::size_t length,
+                        const nvb_frame_t& out) {
+    obs_history_t history = before;
     Scratch rebuilt{};
     std::uint8_t status = 0;
     const std::size_t compactLength = out.data[1] + (out.data[2] == kTypeObsDeltaLong ? 256u : 0u);
-    if (!expandObsDelta(obsHistoryBefore, out.data, compactLength, rebuilt.data(), rebuilt.size(), status, true)) {
+    if (!expandObsDelta(history, out.data, compactLength, rebuilt.data(), rebuilt.size(), status, true)) {
         return false;
     }
     return sameRecord(rebuilt.data(), plainObsLength(rebuilt.data()), plain, length);
@@ -119,9 +117,9 @@ std::uint16_t compressRec17Frame(nvb_encode_t& state, const nvb_frame_t& plain, 
         const std::uint32_t time = timeTagAt(plain.data + 3);
         bool coded = false;
         if (!referenceDue(time, state.lastObsReferenceTime)) {
-            obsHistoryBefore = state.secondGenHistory;
+            const obs_history_t before = state.secondGenHistory;
             coded = compressObsDelta(state.secondGenHistory, plain.data, length, out.data, kCapacity) &&
-                    obsDeltaRoundTrips(plain, length, out);
+                    obsDeltaRoundTrips(before, plain, length, out);
             if (!coded) std::memset(&out, 0, sizeof out);
         } else {
             state.lastObsReferenceTime = time;

@@ -55,10 +55,9 @@ constexpr Generation kFirstGeneration = {kTypeObsFirstDelta, kTypeObsFirstDeltaL
 constexpr Generation kSecondGeneration = {kTypeObsDelta, kTypeObsDeltaLong, kTypeObsReference,
                                           kTypeObsReferenceLong, false};
 
-// Process-wide as in the format's own codecs; these paths are not re-entrant.
-ByteReader firstGenerationCursor{nullptr, nullptr};
-ByteWriter compressorCursor{nullptr, nullptr};
-std::array<std::uint8_t, NVB_FRAME_CAPACITY> inputCopy{};
+// An expander that writes over its input reads a copy, which lives in the call so that
+// states in different threads never share it.
+using InputCopy = std::array<std::uint8_t, NVB_FRAME_CAPACITY>;
 
 // The clock offset is three bytes on the wire; the image keeps them as `clockOffset` and
 // the byte behind it.
@@ -369,17 +368,16 @@ bool expandDelta(const Generation& generation, obs_history_t& history, const std
     const std::size_t length = compact[1] + (type == generation.deltaTypeLong ? 256u : 0u);
     const std::size_t trailer = generation.first ? 3 : 2;
     if (length > inputCapacity || length < 3 + trailer) return fail(status, kBadLength, out, compact, compact, 0);
+    InputCopy copy;
     const std::uint8_t* input = compact;
     if (compact == out) {
-        std::memcpy(inputCopy.data(), compact, length);
-        input = inputCopy.data();
+        std::memcpy(copy.data(), compact, length);
+        input = copy.data();
     }
     if (generation.first && verify && input[length - 1] != 3) {
         return fail(status, kBadEndByte, out, input, compact, length);
     }
-    ByteReader local{nullptr, nullptr};
-    ByteReader& in = generation.first ? firstGenerationCursor : local;
-    in = makeByteReader(input + 3, length - 3);
+    ByteReader in = makeByteReader(input + 3, length - 3);
 
     const obs_image_t* previous = &history.previous;
     const obs_image_t* predicted = &history.predicted;
@@ -463,10 +461,11 @@ bool expandReference(const Generation& generation, obs_history_t& history, const
     if (compactLength > inputCapacity || length < 3 || length > outputCapacity) {
         return fail(status, kBadLength, out, compact, compact, 0);
     }
+    InputCopy copy;
     const std::uint8_t* input = compact;
     if (compact == out) {
-        std::memcpy(inputCopy.data(), compact, compactLength);
-        input = inputCopy.data();
+        std::memcpy(copy.data(), compact, compactLength);
+        input = copy.data();
     }
     std::memmove(out, input, compactLength);
     if (!generation.first) {
@@ -681,8 +680,7 @@ bool compressObsDelta(obs_history_t& history, const std::uint8_t* plain, std::si
     std::array<std::uint8_t, kMaxRows> flagsBytes{};
     const unsigned mode = chooseFlagsMode(record, *predicted, flagsBytes.data());
 
-    ByteWriter& writer = compressorCursor;
-    writer = makeByteWriter(out, outputCapacity);
+    ByteWriter writer = makeByteWriter(out, outputCapacity);
     std::uint8_t spare = 0;
     writeByte(writer, 2);
     std::uint8_t* lengthByte = reserveByte(writer, spare);

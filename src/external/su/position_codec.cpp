@@ -32,10 +32,6 @@ constexpr std::size_t kListsOffset = 43;
 
 bool hasResidual(std::uint8_t length, std::uint8_t svCount) { return length > 2u * svCount + 46u; }
 
-// The compressor's cursor lives for the process, as the format's own compressor keeps it;
-// this path is not re-entrant.
-ByteWriter positionCursor{nullptr, nullptr};
-
 // Status of a failed nibble field: a stream or output that ended early is a record that
 // does not fit (8), anything else the coder's own answer.
 std::uint8_t nibbleFailure(std::uint8_t status, const ByteReader& in, const ByteWriter& out) {
@@ -96,8 +92,7 @@ bool compressPositionDelta(position_history_t& history, const std::uint8_t* plai
     position_image_t record{};
     if (!parsePositionImage(inputCapacity, record, plain)) return false;
     const position_image_t& predicted = history.predicted;
-    ByteWriter& cursor = positionCursor;
-    cursor = makeByteWriter(out, outputCapacity);
+    ByteWriter cursor = makeByteWriter(out, outputCapacity);
     std::uint8_t spare = 0;
     writeByte(cursor, 2);
     std::uint8_t* lengthByte = reserveByte(cursor, spare);
