@@ -162,7 +162,7 @@ TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
     }
 }
 
-TEST(Rec35Prediction, ADeltaWhileAReferenceIsNeededIsRefusedUntilOneComes) {
+TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
     nvbtest::Encoder encoder(3);
     std::uint8_t status = 0;
     const nvbtest::Fft fft = nvbtest::fftSequence(1, 4)[0];
@@ -173,22 +173,25 @@ TEST(Rec35Prediction, ADeltaWhileAReferenceIsNeededIsRefusedUntilOneComes) {
     put(2, nvbtest::fftPayload(fft));
     put(2, nvbtest::fftPayload(fft));
     put(1, nvbtest::fftPayload(fft));
-    put(2, nvbtest::AvroBytes()
-               .longValue(0)
-               .doubleValue(fft.center_freq)
-               .floatValue(fft.bin_size)
-               .doubleValue(fft.peak_freq)
-               .floatValue(fft.peak_snr)
-               .longValue(0)
-               .longArray({})
-               .longValue(0)
-               .bytes);
+    const Bytes zeroResiduals = nvbtest::AvroBytes()
+                                    .longValue(0)
+                                    .doubleValue(fft.center_freq)
+                                    .floatValue(fft.bin_size)
+                                    .doubleValue(fft.peak_freq)
+                                    .floatValue(fft.peak_snr)
+                                    .longValue(0)
+                                    .longArray({})
+                                    .longValue(0)
+                                    .bytes;
+    put(2, zeroResiduals);
+    put(5, zeroResiduals);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
     EXPECT_EQ(nvbtest::processStatuses(reads),
-              (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0}));
+              (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0, 0}));
     const auto ffts = nvbtest::deliveredFfts(reads);
-    ASSERT_EQ(ffts.size(), 2u);
+    ASSERT_EQ(ffts.size(), 3u);
     EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
+    EXPECT_EQ(ffts[2].gps_msecs, fft.gps_msecs);
 }
 
 // Subtype 301 is meas[].week_number[][]: every element's inner arrays take the largest
