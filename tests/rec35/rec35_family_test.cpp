@@ -133,7 +133,7 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
     const auto values = nvbtest::deliveredValues(reads);
     ASSERT_EQ(values.size(), records.size());
     EXPECT_EQ(values[2],
-              (std::vector<std::string>{"version=1", ".msecs#3", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33"}));
+              (std::vector<std::string>{"version=1", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33", ".msecs#3"}));
 }
 
 // The wire numbers of a delta record are the residuals: the first long of the payload is
@@ -253,8 +253,10 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
     }
 }
 
-TEST_P(Rec35EverySubtype, TheSchemaTextParsesAsAvroAndNamesItsRecordAndVersion) {
+TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextParsesAsAvro) {
     const nvb::Rec35Codec& c = codec();
+    EXPECT_EQ(c.subtype, nvb::kRec35AvroSubtypes[GetParam()]);
+    EXPECT_EQ(c.name, "rec35_sub" + std::to_string(c.subtype));
     ASSERT_EQ(c.schema.back(), '\0');
     const std::string text(c.schema.data(), c.schema.size() - 1);
     avro_schema_t schema = nullptr;

@@ -135,77 +135,99 @@ std::string number(double value, bool single) {
     return text;
 }
 
-// Text of every value, or the JSON of the wire form: a field is "path=value" in the
-// first and a key of its record's object in the second.
-struct Writer {
-    bool json;
-    std::vector<std::string> values;
+// The JSON of the wire form: records as objects, arrays as lists, scaled fields as their
+// wire integers.
+struct JsonWriter {
     std::string out;
 
-    void value(const std::string& path, const std::string& text) {
-        if (json) {
-            out += text;
-        } else {
-            values.push_back(path + "=" + text);
-        }
-    }
-
-    void walk(const Rec35Field& field, const void* base, const std::string& path) {
+    void walk(const Rec35Field& field, const void* base) {
         switch (field.kind) {
             case Kind::Unsigned:
-                value(path, std::to_string(at<std::uint32_t>(base, field.offset)));
+                out += std::to_string(at<std::uint32_t>(base, field.offset));
                 break;
             case Kind::Signed:
-                value(path, std::to_string(at<std::int32_t>(base, field.offset)));
+                out += std::to_string(at<std::int32_t>(base, field.offset));
                 break;
-            case Kind::Scaled: {
-                const double native = at<double>(base, field.offset);
-                value(path,
-                      json ? std::to_string(std::llround(std::ldexp(native, field.scale))) : number(native, false));
+            case Kind::Scaled:
+                out += std::to_string(std::llround(std::ldexp(at<double>(base, field.offset), field.scale)));
                 break;
-            }
             case Kind::Double:
-                value(path, number(at<double>(base, field.offset), false));
+                out += number(at<double>(base, field.offset), false);
                 break;
             case Kind::Float:
-                value(path, number(at<float>(base, field.offset), true));
+                out += number(at<float>(base, field.offset), true);
                 break;
             case Kind::Bytes: {
                 const auto& array = at<rec35_array_t>(base, field.offset);
-                std::string text = json ? "[" : "";
+                out += "[";
                 for (std::int64_t i = 0; i < array.count; ++i) {
-                    text += (json && i > 0 ? ", "
-                             : json        ? ""
-                                           : ".") +
-                            std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
+                    out += (i > 0 ? ", " : "") + std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
                 }
-                value(path, text + (json ? "]" : ""));
+                out += "]";
                 break;
             }
             case Kind::Record:
-                record(field.members, shifted(base, field.offset), path);
+                record(field.members, shifted(base, field.offset));
                 break;
             case Kind::Array: {
                 const auto& array = at<rec35_array_t>(base, field.offset);
-                if (json) out += "[";
-                if (!json) values.push_back(path + "#" + std::to_string(array.count));
+                out += "[";
                 for (std::int64_t i = 0; i < array.count; ++i) {
-                    if (json && i > 0) out += ", ";
-                    walk(field.members[0], elementAt(array, field, i), path + "[" + std::to_string(i) + "]");
+                    if (i > 0) out += ", ";
+                    walk(field.members[0], elementAt(array, field, i));
                 }
-                if (json) out += "]";
+                out += "]";
                 break;
             }
         }
     }
 
-    void record(std::span<const Rec35Field> fields, const void* base, const std::string& path) {
-        if (json) out += "{";
+    void record(std::span<const Rec35Field> fields, const void* base) {
+        out += "{";
         for (std::size_t i = 0; i < fields.size(); ++i) {
-            if (json) out += std::string(i > 0 ? ", " : "") + "\"" + fields[i].name + "\": ";
-            walk(fields[i], base, path + "." + fields[i].name);
+            out += std::string(i > 0 ? ", " : "") + "\"" + fields[i].name + "\": ";
+            walk(fields[i], base);
         }
-        if (json) out += "}";
+        out += "}";
+    }
+};
+
+// "path=value" per value through the library's own walk of a record; an array's count
+// follows its elements as "path#count".
+struct ValueTexts {
+    struct Level {
+        std::string path;
+        std::int64_t next = 0;
+    };
+    std::vector<std::string> values;
+    std::vector<Level> levels{Level{}};
+
+    std::string key(const char* name) {
+        Level& level = levels.back();
+        return level.path + (name != nullptr ? std::string(".") + name : "[" + std::to_string(level.next++) + "]");
+    }
+
+    static ValueTexts& of(void* context) { return *static_cast<ValueTexts*>(context); }
+
+    nvb::Rec35Visitor visitor() {
+        return {this,
+                [](void* c, const char* name, std::int64_t value) {
+                    of(c).values.push_back(of(c).key(name) + "=" + std::to_string(value));
+                },
+                [](void* c, const char* name, double value, bool single) {
+                    of(c).values.push_back(of(c).key(name) + "=" + number(value, single));
+                },
+                [](void* c, const char* name, std::span<const std::uint8_t> bytes) {
+                    std::string text = of(c).key(name) + "=";
+                    for (const std::uint8_t byte : bytes) text += "." + std::to_string(byte);
+                    of(c).values.push_back(text);
+                },
+                [](void* c, const char* name, bool) { of(c).levels.push_back({of(c).key(name)}); },
+                [](void* c, bool array) {
+                    const Level level = of(c).levels.back();
+                    of(c).levels.pop_back();
+                    if (array) of(c).values.push_back(level.path + "#" + std::to_string(level.next));
+                }};
     }
 };
 
@@ -241,15 +263,15 @@ std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {
 }
 
 std::vector<std::string> rec35Values(const nvb::Rec35Codec& codec, const void* native) {
-    Writer writer{false, {}, {}};
-    writer.values.push_back("version=" + std::to_string(*static_cast<const std::int64_t*>(native)));
-    writer.record(codec.fields, native, "");
-    return writer.values;
+    ValueTexts texts;
+    texts.values.push_back("version=" + std::to_string(*static_cast<const std::int64_t*>(native)));
+    nvb::describeRec35(codec.fields, native, texts.visitor());
+    return texts.values;
 }
 
 std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native) {
-    Writer writer{true, {}, {}};
-    writer.record(codec.fields, native, "");
+    JsonWriter writer;
+    writer.record(codec.fields, native);
     return writer.out;
 }
 
