@@ -9,8 +9,8 @@
 #include <avro.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -120,7 +120,7 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
         nvbtest::Rec35Native native(codec, 4);
         auto& msecs = static_cast<rec35_sub306_t*>(native.get())->msecs;
         msecs.count = static_cast<std::int64_t>(values.size());
-        std::memcpy(msecs.elements, values.data(), values.size() * sizeof(std::uint32_t));
+        std::copy(values.begin(), values.end(), static_cast<std::uint32_t*>(msecs.elements));
         ASSERT_EQ(writer.native(306, native.get()), 0);
     }
     const auto reads = nvbtest::readRec35Log(writer.finish(), true);
