@@ -1,6 +1,6 @@
 // Writing and reading speed of each compression method, and what each makes of one fixed
 // corpus of frames. MB/s counts the frame bytes going in (writing) or coming out (reading).
-#include "stream/block_stream_support.h"
+#include "support/blocks.h"
 
 #include <benchmark/benchmark.h>
 

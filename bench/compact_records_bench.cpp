@@ -3,7 +3,7 @@
 // bytes per record of the compact stream against the plain records.
 
 #include "external/su/compact_compressors.h"
-#include "support/compact_records_sequence.h"
+#include "support/sequences.h"
 
 #include <nvbdll/nvbdll.h>
 

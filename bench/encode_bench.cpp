@@ -1,9 +1,8 @@
 // Writing whole logs: encode throughput per compression method (epochs and DAT megabytes
 // per second) and the bytes an epoch takes in the written log, on a sequence of
 // 40-satellite, 3-signal epochs with a position behind each; and reading them back.
-#include "support/encoder.h"
-#include "support/log_sequence.h"
-#include "support/reader.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <benchmark/benchmark.h>
 

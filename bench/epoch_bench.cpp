@@ -5,7 +5,8 @@
 #include "external/su/epoch_compressor.h"
 #include "external/su/epoch_image.h"
 #include "external/su/predicted_epoch.h"
-#include "support/epoch_sequence.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <benchmark/benchmark.h>
 
@@ -74,7 +75,7 @@ const Form kForms[] = {
 };
 
 std::vector<Bytes> compressAll(const Form& form) {
-    nvbtest::EpochLink link;
+    nvbtest::CompactLink link = nvbtest::epochLink();
     std::vector<Bytes> out;
     for (const Bytes& frame : form.log()) {
         link.encoder().epochKeepDoppler = form.keepDoppler;
@@ -89,7 +90,7 @@ std::vector<Bytes> compressAll(const Form& form) {
 void BM_EpochCompress(benchmark::State& state) {
     const Form& form = kForms[state.range(0)];
     const auto& frames = form.log();
-    nvbtest::EpochLink link;
+    nvbtest::CompactLink link = nvbtest::epochLink();
     link.encoder().epochKeepDoppler = form.keepDoppler;
     link.encoder().epochUsePredicted = form.usePredicted;
     auto plain = std::make_unique<nvb_frame_t>();
@@ -110,7 +111,7 @@ void BM_EpochCompress(benchmark::State& state) {
 void BM_EpochExpand(benchmark::State& state) {
     const Form& form = kForms[state.range(0)];
     const std::vector<Bytes> records = compressAll(form);
-    nvbtest::EpochLink link;
+    nvbtest::CompactLink link = nvbtest::epochLink();
     nvb_expand_t* expander = &link.expander();
     std::size_t next = 0;
     std::uint8_t status = 0;

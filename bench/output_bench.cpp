@@ -3,7 +3,7 @@
 // after every epoch, as the tool does.
 #include "external/su/epoch_image.h"
 #include "output/observation_output.h"
-#include "support/epoch_sequence.h"
+#include "support/sequences.h"
 
 #include <benchmark/benchmark.h>
 

@@ -3,7 +3,7 @@
 // Doppler from the phase step.
 #include <nvbdll/nvbdll.h>
 
-#include "support/plain_records.h"
+#include "support/wire.h"
 
 #include <benchmark/benchmark.h>
 
@@ -12,16 +12,16 @@
 
 namespace {
 
-using namespace nvbtest::plain;
+using namespace nvbtest;
 
-Epoch fortySatellites(std::uint32_t timeMs, double phaseStep) {
-    Epoch epoch;
+Epoch27 fortySatellites(std::uint32_t timeMs, double phaseStep) {
+    Epoch27 epoch;
     epoch.week = 2345;
     epoch.timeMs = timeMs;
     epoch.clockMs = 0.125;
     epoch.clockDrift = 0.01;
     for (int i = 0; i < 40; ++i) {
-        Satellite sv{static_cast<std::uint8_t>(1 + i % 32),
+        Satellite27 sv{static_cast<std::uint8_t>(1 + i % 32),
                      static_cast<std::uint8_t>(i / 10),
                      0,
                      static_cast<std::uint8_t>(i),
@@ -48,8 +48,8 @@ std::unique_ptr<nvb_frame_t> frameOf(const Bytes& bytes) {
 
 void ReadPlainRec27Epoch(benchmark::State& state) {
     nvb_expand_t* expand = nvbdll_GetNVBStateHandle();
-    const Bytes first = rec27(fortySatellites(302400000, 0.0));
-    const Bytes second = rec27(fortySatellites(302401000, 250.0));
+    const Bytes first = build(fortySatellites(302400000, 0.0));
+    const Bytes second = build(fortySatellites(302401000, 250.0));
     auto frames = std::make_unique<std::unique_ptr<nvb_frame_t>[]>(2);
     frames[0] = frameOf(first);
     frames[1] = frameOf(second);

@@ -1,17 +1,9 @@
 #include <nvbdll/nvbdll.h>
 
 #include "pipeline/encoding.h"
+#include "records/record_slots.h"
 
-#include <array>
 #include <new>
-
-namespace {
-
-// The 19 structures that a host allocates for the encode state.
-constexpr std::array<std::size_t, 19> kHostOwnedSlots = {0, 6, 12, 13, 14, 15, 16, 17, 19, 22,
-                                                         23, 24, 25, 26, 27, 28, 33, 34, 35};
-
-}  // namespace
 
 extern "C" {
 
@@ -40,8 +32,7 @@ NVBDLL_API uint32_t nvbdll_finalizeDATProcessing(nvb_encode_t* state) {
 NVBDLL_API void nvbdll_freeEncodeState(nvb_encode_t* state) {
     if (state == nullptr) return;
     nvb::releaseEncodeInternals(*state);
-    void** slots = reinterpret_cast<void**>(&state->records);
-    for (const std::size_t slot : kHostOwnedSlots) ::operator delete(slots[slot]);
+    nvb::freeHostOwnedSlots(state->records);
     ::operator delete(state);
 }
 

@@ -3,6 +3,7 @@
 #include "common/rclean.h"
 #include "external/su/codec_histories.h"
 #include "rec35/rec35_assembly.h"
+#include "records/record_slots.h"
 #include "stream/frame_assembler.h"
 #include "stream/huffman.h"
 
@@ -14,21 +15,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::size_t kSlotCount = 38;
-constexpr std::size_t kContentSlot = 32;
-
-// Bytes allocated for each slot of the table of structures, spare slots included.
-constexpr std::array<std::size_t, kSlotCount> kSlotSizes = {
-    4,   252, 78,  78,  78,  202,  106, 160, 118, 20, 5,   86,   142, 832, 120,  250, 1937, 259, 264,
-    186, 213, 104, 204, 139, 22021, 214, 571, 343, 260, 99, 464, 1254, 0,  187, 1032, 4103, 42,  833,
-};
-
-// The 19 structures that a host that builds its own state allocates with new.
-constexpr std::array<std::size_t, 19> kHostOwnedSlots = {0, 6, 12, 13, 14, 15, 16, 17, 19, 22,
-                                                         23, 24, 25, 26, 27, 28, 33, 34, 35};
-
-void** slotsOf(nvb_record_table_t& table) { return reinterpret_cast<void**>(&table); }
-
 void* allocateCleared(std::size_t size) {
     void* block = ::operator new(size, std::nothrow);
     if (block != nullptr) std::memset(block, 0, size);
@@ -38,9 +24,9 @@ void* allocateCleared(std::size_t size) {
 void freeStructures(nvb_record_table_t& table) {
     void** slots = slotsOf(table);
     ::operator delete(slots[0]);
-    freeRec35Content(static_cast<rec35_content_t*>(slots[kContentSlot]));
+    freeRec35Content(static_cast<rec35_content_t*>(slots[kRec35ContentSlot]));
     for (std::size_t slot = 1; slot < kSlotCount; ++slot) {
-        if (slot != kContentSlot) ::operator delete(slots[slot]);
+        if (slot != kRec35ContentSlot) ::operator delete(slots[slot]);
     }
     std::memset(&table, 0, sizeof table);
 }
@@ -50,13 +36,12 @@ bool allocateStructures(nvb_record_table_t& table) {
     void** slots = slotsOf(table);
     std::array<std::size_t, kSlotCount> order{};
     order[0] = 0;
-    order[1] = kContentSlot;
+    order[1] = kRec35ContentSlot;
     for (std::size_t slot = 1, next = 2; slot < kSlotCount; ++slot) {
-        if (slot != kContentSlot) order[next++] = slot;
+        if (slot != kRec35ContentSlot) order[next++] = slot;
     }
     for (const std::size_t slot : order) {
-        const std::size_t size = slot == kContentSlot ? sizeof(rec35_content_t) : kSlotSizes[slot];
-        slots[slot] = allocateCleared(size);
+        slots[slot] = allocateCleared(kSlotSizes[slot]);
         if (slots[slot] == nullptr) {
             freeStructures(table);
             return false;
@@ -106,8 +91,7 @@ NVBDLL_API void nvbdll_freeExpandState(nvb_expand_t* state) {
     // What the library allocated inside the state is the library's to release.
     freeRec35Assembly(state->rec35Assembly);
     rcleanFree(state->rclean);
-    void** slots = slotsOf(state->records);
-    for (const std::size_t slot : kHostOwnedSlots) ::operator delete(slots[slot]);
+    freeHostOwnedSlots(state->records);
     ::operator delete(state);
 }
 

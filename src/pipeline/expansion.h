@@ -19,9 +19,6 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
 std::uint32_t processRecordWithOutput(nvb_expand_t& state, rinex_control_t& output, std::uint16_t& recordType,
                                       std::uint8_t& status);
 
-// Whether the current block level holds framed records with real checksums.
-[[nodiscard]] bool isFramedLevel(std::uint8_t blockLevel);
-
 }  // namespace nvb
 
 #endif

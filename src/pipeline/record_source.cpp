@@ -1,5 +1,7 @@
 #include "pipeline/record_source.h"
 
+#include <nvbdll/status.h>
+
 #include "rec35/rec35_assembly.h"
 #include "rec35/rec35_reader.h"
 #include "stream/block_reader.h"
@@ -42,12 +44,12 @@ std::int32_t feedByteStream(nvb_expand_t& state, bool haveByte, std::uint8_t byt
     if (state.inputReplayPos >= state.inputFill) {
         // Called without a byte while nothing is queued: no stale byte is replayed, and the
         // next byte finds the queue level again.
-        status = 3;
+        status = NVB_STATUS_FRAME_LENGTH;
         return -1;
     }
     const int result =
         assembleFrame(state.frameAssembly, state.blockInput[state.inputReplayPos++], status, huffman, state.frame);
-    if ((status == 0 || status == 6) && result != 0) {
+    if ((status == NVB_STATUS_OK || status == NVB_STATUS_HUFFMAN_END) && result != 0) {
         state.inputFill -= state.inputReplayPos;
         state.inputReplayPos = 0;
         if (state.inputFill > 0) more = 1;
@@ -86,7 +88,7 @@ std::int32_t getNextRecord(nvb_expand_t& state, bool haveByte, std::uint8_t byte
 std::int32_t readFileRecord(nvb_expand_t& state, std::FILE* file, std::uint8_t& status, bool huffman) {
     status = 0;
     if (file == nullptr || std::feof(file)) {
-        status = 1;
+        status = NVB_STATUS_END_OF_FILE;
         return -1;
     }
     for (;;) {
@@ -99,9 +101,9 @@ std::int32_t readFileRecord(nvb_expand_t& state, std::FILE* file, std::uint8_t& 
             result = getNextRecord(state, true, static_cast<std::uint8_t>(next), state.moreRecords, status, huffman);
         }
         if (result != 0) return result;
-        if (status != 0 && status != 1) return -1;
+        if (status != NVB_STATUS_OK && status != NVB_STATUS_END_OF_FILE) return -1;
         if (std::feof(file)) {
-            status = 1;
+            status = NVB_STATUS_END_OF_FILE;
             return -1;
         }
     }

@@ -1,10 +1,9 @@
 #include "pipeline/serialisation.h"
 
-#include "records/auxiliary_records.h"
+#include "pipeline/record_routes.h"
+#include "records/dat_parser.h"
 #include "rec35/rec35_reader.h"
 #include "records/field_codec.h"
-#include "records/rec33_records.h"
-#include "records/receiver_records.h"
 
 #include <nvbdll/records.h>
 
@@ -12,18 +11,6 @@
 #include <cstring>
 
 namespace nvb {
-
-std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader) {
-    const std::uint8_t type = datHeader[3];
-    switch (type) {
-        case 0: case 1: case 2:
-            return datHeader[2];
-        case 12: case 17: case 27: case 29: case 101: case 102:
-            return static_cast<std::uint16_t>(datHeader[1] | (datHeader[2] << 8));
-        default:
-            return datHeader[1];
-    }
-}
 
 namespace {
 
@@ -46,35 +33,9 @@ void copyGeneric(const nvb_expand_t& state, std::uint8_t* out, std::size_t count
     std::memcpy(out + 4, state.records.generic->data, count);
 }
 
-struct PlainStructure {
-    const void* data;
-    std::size_t size;
-};
+}  // namespace
 
-// Types whose DAT form is their structure as it stands, with the size allocated for it;
-// a length that claims more than the structure holds is cut to it.
-PlainStructure plainStructureOf(const nvb_expand_t& state, std::int16_t type) {
-    const nvb_record_table_t& records = state.records;
-    switch (type) {
-        case 5: return {records.rec5, sizeof(Rec5)};
-        case 11: return {records.rec11, sizeof(Rec11)};
-        case 12: return {records.rec12, 832};
-        case 15: return {records.rec15, 120};
-        case 16: return {records.rec16, 250};
-        case 19: return {records.rec19, 259};
-        case 21: return {records.rec21, 186};
-        case 25: return {records.rec25, 204};
-        case 26: return {records.rec26, 139};
-        case 28: return {records.rec28, 214};
-        case 31: return {records.rec31, 260};
-        case 32: return {records.rec32, 99};
-        case 40: return {records.rec40, 187};
-        case 99: return {records.rec99, 4103};
-        default: return {nullptr, 0};
-    }
-}
-
-void writeRec27Dat(Rec27& rec, DatWriter& out) {
+void writeDatFields(Rec27& rec, DatWriter& out) {
     const int svCount = std::min<int>(rec.nSv, NVB_MAX_SV);
     std::uint8_t firstAntenna = 0;
     for (int i = 0; i < svCount; ++i) firstAntenna += rec.sv[i].antennaNumber == 0 ? 1 : 0;
@@ -134,7 +95,7 @@ void writeRec27Dat(Rec27& rec, DatWriter& out) {
     }
 }
 
-void writeRec17Dat(const Rec17& rec, DatWriter& out) {
+void writeDatFields(const Rec17& rec, DatWriter& out) {
     datWrite(out, rec.receiveTime);
     datWrite(out, rec.clkOffset);
     datWrite(out, rec.nSv);
@@ -154,7 +115,7 @@ void writeRec17Dat(const Rec17& rec, DatWriter& out) {
 
 // The clock block of a record 29 is not part of this form, although its DAT length
 // counts it.
-void writeRec29Dat(const Rec29& rec, DatWriter& out) {
+void writeDatFields(const Rec29& rec, DatWriter& out) {
     constexpr std::size_t kFirstTwoBlocks = 108;
     datPut(out, &rec, kFirstTwoBlocks);
     if (rec.fixType >= 3 && rec.fixType <= 6) {
@@ -177,26 +138,25 @@ void writeRec29Dat(const Rec29& rec, DatWriter& out) {
     datPut(out, rec.sv, 3u * std::min<std::size_t>(rec.numSVs, NVB_MAX_SV));
 }
 
-}  // namespace
 
 std::uint16_t writeDatForm(Rec27& rec, std::uint8_t* out, std::size_t capacity) {
     if (capacity < 4) return 0;
     DatWriter fields{out + 4, capacity - 4};
-    writeRec27Dat(rec, fields);
+    writeDatFields(rec, fields);
     return closeDatForm(out, fields, 27);
 }
 
 std::uint16_t writeDatForm(const Rec29& rec, std::uint8_t* out, std::size_t capacity) {
     if (capacity < 4) return 0;
     DatWriter fields{out + 4, capacity - 4};
-    writeRec29Dat(rec, fields);
+    writeDatFields(rec, fields);
     return closeDatForm(out, fields, 29);
 }
 
 std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capacity) {
     if (capacity < 4) return 0;
     DatWriter fields{out + 4, capacity - 4};
-    writeRec17Dat(rec, fields);
+    writeDatFields(rec, fields);
     return closeDatForm(out, fields, 17);
 }
 
@@ -207,52 +167,12 @@ bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_
     const std::uint16_t length = retrieveLengthOf(header);
     std::memcpy(out, header, 4);
     const std::size_t body = length >= 4 ? length - 4u : 0u;
-    if (recordType < 5 || recordType > 99) {
-        copyGeneric(state, out, body);
-        return false;
-    }
-    // The field-by-field forms never write beyond the length their header announces,
+    // The forms of a type's own never write beyond the length its header announces,
     // which is what the caller made room for.
-    DatWriter fields{out + 4, body};
-    switch (recordType) {
-        case 17:
-            if (state.records.rec17 == nullptr) return false;
-            writeRec17Dat(*state.records.rec17, fields);
-            return true;
-        case 27:
-            if (state.records.rec27 == nullptr) return false;
-            writeRec27Dat(*state.records.rec27, fields);
-            return true;
-        case 29:
-            if (state.records.rec29 == nullptr) return false;
-            writeRec29Dat(*state.records.rec29, fields);
-            return true;
-        case 30:
-            // A section count that promises more than the sections hold leaves the rest
-            // of the announced length as zeros, not as whatever the host's buffer held.
-            if (state.records.rec30 == nullptr) return false;
-            std::memset(out + 4, 0, body);
-            putRec30Dat(*state.records.rec30, header[2], fields);
-            return true;
-        case 33:
-            if (state.records.rec33 == nullptr) return false;
-            writeRec33Dat(*state.records.rec33, fields);
-            return true;
-        case 98:
-            if (state.records.rec98 == nullptr) return false;
-            writeRec98Dat(*state.records.rec98, fields);
-            return true;
-        default:
-            break;
-    }
-    if (const PlainStructure plain = plainStructureOf(state, recordType); plain.size > 0) {
-        if (plain.data == nullptr) return false;
-        const std::size_t copied = std::min(body, plain.size);
-        std::memcpy(out + 4, plain.data, copied);
-        // A length beyond the structure (a record 12 of more pairs than it holds) is
-        // filled with zeros rather than left as the host's buffer held it.
-        std::memset(out + 4 + copied, 0, body - copied);
-        return true;
+    const ReadRoute& route = readRouteOf(header[3]);
+    if (recordType >= 5 && recordType <= 99 && route.retrieve != nullptr) {
+        DatWriter fields{out + 4, body};
+        return route.retrieve(state, fields);
     }
     copyGeneric(state, out, body);
     return false;
@@ -272,12 +192,10 @@ std::uint16_t wholeDatForm(nvb_expand_t& state, std::int16_t recordType, std::ui
     if (capacity < length || length < 4) return 0;
     std::memcpy(out, records.datHeader, 4);
     DatWriter fields{out + 4, length - 4u};
-    if (recordType == 34 && records.rec34 != nullptr) {
-        datPut(fields, records.rec34, std::min<std::size_t>(fields.capacity, sizeof(Rec34)));
-    } else if (recordType == 98 && records.rec98 != nullptr) {
-        writeRec98Dat(*records.rec98, fields);
-    } else if (recordType == 99 && records.rec99 != nullptr) {
-        datPut(fields, records.rec99, std::min<std::size_t>(fields.capacity, sizeof(Rec99)));
+    if (recordType == 34) {
+        if (records.rec34 != nullptr) datPut(fields, records.rec34, std::min<std::size_t>(fields.capacity, sizeof(Rec34)));
+    } else {
+        readRouteOf(static_cast<std::uint16_t>(recordType)).retrieve(state, fields);
     }
     return length;
 }

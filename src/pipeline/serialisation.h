@@ -4,17 +4,22 @@
 #include <nvbdll/records.h>
 #include <nvbdll/state.h>
 
+#include "records/field_codec.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace nvb {
 
-// The DAT length that a DAT header describes under the retrieve rule.
-[[nodiscard]] std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader);
-
 // Writes the DAT form of the record just decoded: the header, then the structure in the
 // order its DAT form asks. Returns true when written in a form the type defines.
 bool retrieveDATRecord(nvb_expand_t& state, std::int16_t recordType, std::uint8_t* out);
+
+// The fields of the structures whose DAT form is not the structure as it stands. Record
+// 27's packed system bytes go back into the structure on the way.
+void writeDatFields(Rec27& rec, DatWriter& out);
+void writeDatFields(const Rec29& rec, DatWriter& out);
+void writeDatFields(const Rec17& rec, DatWriter& out);
 
 // The DAT form of a structure, header included, laid out as retrieval lays it out, for a
 // host that builds records itself (the tools, the simulator). Record 27's packed system

@@ -1,22 +1,22 @@
 #include "rec35/avro_layer.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNoMemory = 17;
 constexpr std::string_view kVersionKey = "\"version\"";
 
 bool fail(std::uint8_t& status) {
-    status = kAvroFailure;
+    status = NVB_STATUS_AVRO;
     return false;
 }
 
@@ -197,11 +197,11 @@ void getAvroSchemaVersion(std::span<const std::uint8_t> text, std::int64_t& vers
         fail(status);
         return;
     }
-    const std::string value(text.begin() + static_cast<std::ptrdiff_t>(*colon + 1),
-                            text.begin() + static_cast<std::ptrdiff_t>(i + 1));
+    // The comma ends the number, so strtol reads in place without a terminated copy.
+    const char* value = reinterpret_cast<const char*>(text.data()) + *colon + 1;
     char* end = nullptr;
-    const long number = std::strtol(value.c_str(), &end, 10);
-    if (end > value.c_str() + (i - *colon - 1)) {
+    const long number = std::strtol(value, &end, 10);
+    if (end > value + (i - *colon - 1)) {
         logMessage("get_avro_schema_version() read past the version field.\n");
         fail(status);
         return;
@@ -397,7 +397,7 @@ bool readBytes(avro_value_t& bytes, rec35_array_t& destination, std::uint8_t& st
     std::size_t length = 0;
     if (avro_value_get_bytes(&bytes, &data, &length) != 0) return fail(status);
     if (destination.capacity < 0 || static_cast<std::uint64_t>(destination.capacity) < length) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return false;
     }
     if (length > 0) std::memcpy(destination.elements, data, length);

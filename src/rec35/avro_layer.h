@@ -12,8 +12,6 @@
 
 namespace nvb {
 
-inline constexpr std::uint8_t kAvroFailure = 19;
-
 // The version of a schema text, found by scanning the text for the first quoted
 // "version" key, never by parsing it: a positive integer up to 65535 followed by a comma.
 // Status 19 when there is none.

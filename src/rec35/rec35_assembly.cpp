@@ -1,5 +1,7 @@
 #include "rec35/rec35_assembly.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 #include "rec35/rec35_codecs.h"
@@ -12,8 +14,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kExpansion = 7;
-constexpr std::uint8_t kNoContent = 17;
 constexpr std::uint8_t kOutOfOrder = 18;
 constexpr std::uint16_t kFramingFailure = 65535;
 
@@ -131,7 +131,7 @@ std::int32_t assembleRec35(nvb_frame_t& frame, rec35_content_t* content, rec35_a
     const bool ours = recordType != 0 && (recordType == kRec35FrameType || assembly.pending != 0);
     if (ours) {
         if (content == nullptr) {
-            status = kNoContent;
+            status = NVB_STATUS_REC35_CONTENT;
             resetRec35Chains(assembly);
             return -1;
         }
@@ -153,7 +153,7 @@ std::int32_t assembleRec35(nvb_frame_t& frame, rec35_content_t* content, rec35_a
             if (assembly.pending != 0) result = 0;
         }
         if (assembly.payload.used == 0) {
-            if (status == 0) status = kExpansion;
+            if (status == 0) status = NVB_STATUS_EXPANSION;
             resetRec35Chains(assembly);
             return -1;
         }

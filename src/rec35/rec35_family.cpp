@@ -1,5 +1,7 @@
 #include "rec35/rec35_family.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 #include "rec35/avro_layer.h"
@@ -13,8 +15,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNoMemory = 17;
-constexpr std::uint8_t kCapacity = 20;
 constexpr double kWireLimit = 1152921504606846976.0;  // 2^60
 
 std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
@@ -52,7 +52,7 @@ void growArray(rec35_array_t& array, std::int64_t capacity, std::size_t elementS
         grown = ioReallocate(array.elements, static_cast<std::size_t>(wanted) * elementSize);
     }
     if (grown == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     const std::size_t old = array.capacity > 0 ? static_cast<std::size_t>(array.capacity) : 0;
@@ -76,20 +76,20 @@ void freeRecord(void* record) { std::free(record); }
 
 void ensureRecord(void*& record, std::size_t size, std::uint8_t& status) {
     if (record == nullptr) record = allocateRecord(size);
-    if (record == nullptr) status = kNoMemory;
+    if (record == nullptr) status = NVB_STATUS_REC35_CONTENT;
 }
 
 bool countFits(const rec35_array_t& array, std::uint8_t& status) { return countFits(array, array.capacity, status); }
 
 bool countFits(const rec35_array_t& array, std::int64_t limit, std::uint8_t& status) {
     if (array.count >= 0 && array.count <= array.capacity && array.count <= limit) return true;
-    status = kCapacity;
+    status = NVB_STATUS_CAPACITY;
     return false;
 }
 
 bool setCount(rec35_array_t& array, std::size_t count, std::uint8_t& status) {
     if (array.capacity < 0 || count > static_cast<std::uint64_t>(array.capacity)) {
-        status = kCapacity;
+        status = NVB_STATUS_CAPACITY;
         return false;
     }
     array.count = static_cast<std::int64_t>(count);
@@ -117,7 +117,7 @@ std::int64_t boundSum(std::int64_t constant, std::initializer_list<std::int64_t>
 
 bool boundFits(std::int64_t bound, std::uint8_t& status) {
     if (bound <= std::int64_t{UINT32_MAX}) return true;
-    status = kNoMemory;
+    status = NVB_STATUS_REC35_CONTENT;
     return false;
 }
 
@@ -125,7 +125,7 @@ std::int64_t scaleToWire(double value, int n, std::uint8_t& status) {
     const double scaled = std::ldexp(value, n);
     const double rounded = scaled >= 0 ? scaled + 0.5 : scaled - 0.5;
     if (!(std::fabs(rounded) <= kWireLimit)) {
-        status = kAvroFailure;
+        status = NVB_STATUS_AVRO;
         return std::numeric_limits<std::int64_t>::min();
     }
     return static_cast<std::int64_t>(rounded);

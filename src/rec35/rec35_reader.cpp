@@ -1,5 +1,7 @@
 #include "rec35/rec35_reader.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 #include "rec35/rec35_codecs.h"
@@ -11,7 +13,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kNoMemory = 17;
 constexpr std::uint16_t kNoRecord = 65535;
 constexpr std::uint64_t kDebugSubtype = 260;
 
@@ -19,7 +20,7 @@ constexpr std::uint64_t kDebugSubtype = 260;
 void copyIntoArea(std::uint8_t*& area, std::size_t size, const io_buffer_t& payload, std::uint8_t& status) {
     if (area == nullptr) area = static_cast<std::uint8_t*>(ioReallocate(nullptr, size));
     if (area == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     std::memset(area, 0, size);

@@ -1,5 +1,7 @@
 #include "rec35/rec35_slot.h"
 
+#include <nvbdll/status.h>
+
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 #include "rec35/avro_layer.h"
@@ -27,10 +29,6 @@ void rec35_reader_cache_t::tearDown() {
 namespace nvb {
 
 namespace {
-
-constexpr std::uint8_t kNoMemory = 17;
-constexpr std::uint8_t kSchemaConflict = 21;
-constexpr std::uint8_t kNeedReference = 23;
 
 // Objects of the layer come from the one reallocation function, so that a test can make
 // any of them fail.
@@ -64,7 +62,7 @@ void readerSetup(const Rec35Codec& codec, rec35_slot_t& slot, std::span<const st
                  std::uint8_t& status) {
     if (slot.reader == nullptr) slot.reader = makeObject<rec35_reader_cache_t>();
     if (slot.reader == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     rec35_reader_cache_t& cache = *slot.reader;
@@ -80,7 +78,7 @@ void readerSetup(const Rec35Codec& codec, rec35_slot_t& slot, std::span<const st
         const auto streamText = terminatedSchemaText(usedBytes(slot.schema_text));
         if (!streamText) {
             logMessage("Unable to parse writer schema\n");
-            status = kAvroFailure;
+            status = NVB_STATUS_AVRO;
             return;
         }
         openResolvedReader(cache, codec.schema, *streamText, payload, status);
@@ -93,13 +91,13 @@ void readerSetup(const Rec35Codec& codec, rec35_slot_t& slot, std::span<const st
 void writerSetup(const Rec35Codec& codec, rec35_slot_t& slot, io_buffer_t& out, std::uint8_t& status) {
     if (slot.writer == nullptr) slot.writer = makeObject<rec35_writer_cache_t>();
     if (slot.writer == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     rec35_writer_cache_t& cache = *slot.writer;
     if (cache.value_live != 0) {
         avro_writer_memory_set_dest(cache.writer.get(), reinterpret_cast<const char*>(out.data), out.capacity);
-        if (avro_value_reset(cache.value.get()) != 0) status = kAvroFailure;
+        if (avro_value_reset(cache.value.get()) != 0) status = NVB_STATUS_AVRO;
     } else {
         openWriter(cache, codec.schema, out, status);
     }
@@ -109,7 +107,7 @@ void writerSetup(const Rec35Codec& codec, rec35_slot_t& slot, io_buffer_t& out, 
         logMessage(
             "Writing to multiple schema versions with the same cached writer.This mode of operation has not been "
             "tested.\n");
-        status = kAvroFailure;
+        status = NVB_STATUS_AVRO;
         return;
     }
     if (slot.file_version == slot.library_version) {
@@ -119,7 +117,7 @@ void writerSetup(const Rec35Codec& codec, rec35_slot_t& slot, io_buffer_t& out, 
     if (cache.resolved_live == 0) {
         const auto streamText = terminatedSchemaText(usedBytes(slot.schema_text));
         if (!streamText) {
-            status = kAvroFailure;
+            status = NVB_STATUS_AVRO;
             return;
         }
         openResolvedWriter(cache, *streamText, status);
@@ -133,7 +131,7 @@ void predictIn(const Rec35Codec& codec, rec35_slot_t& slot, std::uint64_t subsub
     const bool first = subsubtype == 1;
     if (slot.need_reference_in != 0) {
         if (!first) {
-            status = kNeedReference;
+            status = NVB_STATUS_NEED_REFERENCE;
             return;
         }
         slot.need_reference_in = 0;
@@ -158,7 +156,7 @@ void predictOut(const Rec35Codec& codec, rec35_slot_t& slot, std::uint64_t& subs
 
 void ensureRec35Slot(rec35_slot_t*& slot, std::uint8_t& status) {
     if (slot == nullptr) slot = makeObject<rec35_slot_t>();
-    if (slot == nullptr) status = kNoMemory;
+    if (slot == nullptr) status = NVB_STATUS_REC35_CONTENT;
 }
 
 void clearRec35Slot(rec35_slot_t& slot) {
@@ -194,7 +192,7 @@ void rec35SchemaReceived(const Rec35Codec& codec, const io_buffer_t& payload, re
     if (text) {
         getAvroSchemaVersion(bytesOf(*text), slot.file_version, status);
     } else {
-        status = kAvroFailure;
+        status = NVB_STATUS_AVRO;
     }
     if (status != 0) {
         logMessage("Failed get_avro_schema_version() rec35_sub%u err = %d\n", codec.subtype, status);
@@ -224,7 +222,7 @@ void decodeRec35Subtype(const Rec35Codec& codec, const io_buffer_t& payload, std
     }
     if (s.schema_loaded == 0) {
         logMessage("Writer schema is not loaded. Cannot decode record.\n");
-        status = kAvroFailure;
+        status = NVB_STATUS_AVRO;
         return;
     }
     readerSetup(codec, s, usedBytes(payload), status);
@@ -239,7 +237,7 @@ void decodeRec35Subtype(const Rec35Codec& codec, const io_buffer_t& payload, std
     if (status == 0 && codec.adjustNativeIn != nullptr) codec.adjustNativeIn(native, status);
     // A record lost half way leaves the prediction behind the stream: nothing more of the
     // subtype is delivered until a reference record.
-    if (status != 0 && status != kNeedReference) s.need_reference_in = 1;
+    if (status != 0 && status != NVB_STATUS_NEED_REFERENCE) s.need_reference_in = 1;
 }
 
 void registerRec35Schema(const Rec35Codec& codec, std::uint64_t subsubtype, rec35_slot_t*& slot, bool passthrough,
@@ -255,7 +253,7 @@ void registerRec35Schema(const Rec35Codec& codec, std::uint64_t subsubtype, rec3
         if (text) {
             getAvroSchemaVersion(bytesOf(*text), s.file_version, status);
         } else {
-            status = kAvroFailure;
+            status = NVB_STATUS_AVRO;
         }
         if (status != 0) {
             logMessage("Failed get_avro_schema_version of external schema rec35_sub%u() err = %d\n", codec.subtype,
@@ -268,7 +266,7 @@ void registerRec35Schema(const Rec35Codec& codec, std::uint64_t subsubtype, rec3
         }
         // The library can't write what it does not know.
         if (s.file_version > s.library_version && !acceptNewer) {
-            status = kSchemaConflict;
+            status = NVB_STATUS_SCHEMA;
             return;
         }
         assignIoBuffer(s.schema_text, offered, status);
@@ -298,7 +296,7 @@ void registerRec35Schema(const Rec35Codec& codec, std::uint64_t subsubtype, rec3
         return;
     }
     // A record must not be written under a rejected schema.
-    if (s.external_accepted == 0) status = kSchemaConflict;
+    if (s.external_accepted == 0) status = NVB_STATUS_SCHEMA;
 }
 
 void encodeRec35Subtype(const Rec35Codec& codec, void* native, std::uint64_t& subsubtype, rec35_slot_t& slot,

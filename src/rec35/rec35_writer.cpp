@@ -1,5 +1,7 @@
 #include "rec35/rec35_writer.h"
 
+#include <nvbdll/status.h>
+
 #include "external/io/io_buffer.h"
 #include "rec35/rec35_assembly.h"
 #include "rec35/rec35_codecs.h"
@@ -13,8 +15,6 @@ namespace nvb {
 
 namespace {
 
-constexpr std::uint8_t kRefused = 15;
-constexpr std::uint8_t kNoMemory = 17;
 constexpr std::uint32_t kLongDat = 0xFFFF;
 // The encode side takes a quarter of the raw area and 50 words of the test area; the
 // read side keeps 80000 and 800 bytes.
@@ -77,7 +77,7 @@ bool areaPayload(const nvb_encode_t& state, const Rec35Dat& record, io_buffer_t&
     const std::uint8_t* area = content == nullptr ? nullptr : raw ? content->raw_area : content->test_area;
     const std::uint32_t size = raw ? kRawAreaWritten : kTestAreaWritten;
     if (area == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return false;
     }
     assignIoBuffer(out, std::span<const std::uint8_t>(area, size), status);
@@ -113,7 +113,7 @@ bool avroPayload(nvb_encode_t& state, const Rec35Codec& codec, Rec35Dat& record,
     rec35_content_t* content = state.records.rec35;
     void* native = content != nullptr ? content->records[slotIndex] : nullptr;
     if (native == nullptr) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return false;
     }
     encodeRec35Subtype(codec, native, record.subsubtype, *slot, assembly.payload, status);
@@ -126,7 +126,7 @@ bool avroPayload(nvb_encode_t& state, const Rec35Codec& codec, Rec35Dat& record,
 std::uint32_t writeRec35Record(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
     std::optional<Rec35Dat> parsed = parseRec35Dat(dat);
     if (!isBareMethod(state.compressionMethod) || !parsed) {
-        status = kRefused;
+        status = NVB_STATUS_NOT_WRITABLE;
         return 0;
     }
     Rec35Dat& record = *parsed;
@@ -140,7 +140,7 @@ std::uint32_t writeRec35Record(nvb_encode_t& state, const std::uint8_t* dat, std
     static constexpr std::uint8_t kMarkerPayload[1] = {0};
     switch (route) {
         case Route::Refused:
-            status = kRefused;
+            status = NVB_STATUS_NOT_WRITABLE;
             return 0;
         case Route::Marker:
             resetRec35Chains(state.rec35Assembly);
@@ -163,7 +163,7 @@ std::uint32_t writeRec35Record(nvb_encode_t& state, const std::uint8_t* dat, std
             break;
     }
     if (payload.empty()) {
-        status = kRefused;
+        status = NVB_STATUS_NOT_WRITABLE;
         return 0;
     }
     ++state.recordCount;

@@ -3,21 +3,25 @@
 
 #include <nvbdll/state.h>
 
+#include "records/field_codec.h"
+
 #include <cstdint>
 
 namespace nvb {
 
-// The DAT length that a DAT header describes under the parsing rule: a high byte for
-// types 12, 17, 27, 29, 34, 98 and 99, the low byte alone for every other type. Record
-// 34 takes its high byte as its reader writes it, so that a long series is parsed whole.
+// The rules by which a DAT header tells its record's length. Parsing takes a high byte for
+// types 12, 17, 27, 29, 34, 98 and 99 (record 34 as its reader writes it, so that a long
+// series is parsed whole); retrieval for 12, 17, 27, 29, 101 and 102, and byte 2 alone for
+// types 0 to 2; the whole form that a host keeping every record writes, as retrieval and
+// with the high byte of 34, 35, 98 and 99 besides (a record 35 of 65535 bytes or more
+// tells its length behind its subtypes). Every other type has its length in byte 1.
 [[nodiscard]] std::uint16_t parseDatLengthOf(const std::uint8_t* datHeader);
+[[nodiscard]] std::uint16_t retrieveLengthOf(const std::uint8_t* datHeader);
+[[nodiscard]] std::uint16_t wholeLengthOf(const std::uint8_t* datHeader);
 
-// Parses a DAT record (header and structure) into the encode state's structure of its
-// type, after copying the header into the state's DAT header area. `systemMask` is the
-// dropMask that record 27 applies. Reads never pass the length the header announces.
-// Returns that length, 0 for a type without a parser (above 102, or not built), a
-// missing structure, or counts beyond the structure's arrays.
-[[nodiscard]] std::uint16_t parseDATRecord(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t systemMask);
+// Records 14, 22, 23 and 24: the body goes byte by byte into the generic area, as far as
+// it holds. -1 without the area.
+int parseGenericDat(DatReader& in, RecGeneric* generic, std::uint16_t length);
 
 }  // namespace nvb
 

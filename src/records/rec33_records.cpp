@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::uint8_t kType33 = 33;
 constexpr std::uint8_t kLastSubtype = 30;
-constexpr std::uint8_t kMixedSystemsSubtype = 3;
 constexpr std::uint8_t kFramePrefix = 4;    // start, length, type, subtype
 constexpr std::uint16_t kLongestFrame = 255;
 
@@ -354,7 +353,7 @@ std::uint16_t readRec33(const nvb_frame_t& frame, nvb_expand_t& state, bool mapS
         rec.subtype = subtype;
     }
     walkBody(walk, rec);
-    if (rec.subtype == kMixedSystemsSubtype) mapSystems(rec.sub3, mapSystem5To7, mapSystem7To10);
+    if (rec.subtype == kRec33MixedSystems) mapSystems(rec.sub3, mapSystem5To7, mapSystem7To10);
     setDatHeader(header, l, 0, kType33);
     return l;
 }

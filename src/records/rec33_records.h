@@ -10,6 +10,9 @@
 
 namespace nvb {
 
+// The subtype that lists the systems in use.
+inline constexpr std::uint8_t kRec33MixedSystems = 3;
+
 // Subtypes 0, 24 and above 30 have no layout: the reader keeps their body raw and the
 // writer refuses them.
 [[nodiscard]] bool isRawRec33Subtype(std::uint8_t subtype);

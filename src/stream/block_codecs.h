@@ -51,6 +51,12 @@ inline constexpr std::uint8_t kBzip2ScrambledType = 6;
 inline constexpr std::uint8_t kBrotliType = 7;
 inline constexpr std::uint8_t kZstdType = 8;
 
+// The levels, and the methods that write them, whose blocks hold bare records (no start
+// byte, checksum or end byte): zlib, bzip2, brotli and zstd.
+[[nodiscard]] constexpr bool isBareLevel(std::uint8_t level) {
+    return level == 3 || level == 5 || level == 6 || level == 7;
+}
+
 // The brotli body carries these three bytes ahead of the brotli stream.
 inline constexpr std::array<std::uint8_t, 3> kBrotliPrefix = {0x01, 0x00, 0x00};
 

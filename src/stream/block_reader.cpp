@@ -22,16 +22,9 @@ constexpr std::uint32_t kNewestReaderNeeded = NVB_VERSION_MAJOR * 100u + NVB_VER
 constexpr std::int64_t kCandidateSpan = 10;
 constexpr std::int64_t kGarbageRun = 4096;
 constexpr int kRecordFailure = 255;
-// Two statuses that also tell other failures: 8 a block too long, 7 a block type unknown.
-constexpr std::uint8_t kStatusBlockTooLong = NVB_STATUS_BZIP2;
-constexpr std::uint8_t kStatusUnknownBlockType = NVB_STATUS_EXPANSION;
 
 std::uint32_t blockLengthAt(const std::uint8_t* block) {
     return (static_cast<std::uint32_t>(block[1]) << 16) | (static_cast<std::uint32_t>(block[2]) << 8) | block[3];
-}
-
-bool isBareLevel(std::uint8_t level) {
-    return level == 3 || level == 5 || level == 6 || level == 7;
 }
 
 void emptyOutput(nvb_expand_t& state) {
@@ -156,7 +149,7 @@ int decodeBlock(nvb_expand_t& state, std::uint8_t& status) {
     const std::uint32_t length = blockLengthAt(block);
     if (length + kBlockHeaderLength > kBlockCapacity) {
         state.blockBytes = 0;
-        status = kStatusBlockTooLong;
+        status = NVB_STATUS_BZIP2;  // the status of a bzip2 failure tells a block too long too
         return failureTail(state, status);
     }
     if (state.inputFill - kBlockHeaderLength < length) return 0;
@@ -164,7 +157,7 @@ int decodeBlock(nvb_expand_t& state, std::uint8_t& status) {
     const std::uint8_t type = block[0];
     // An unknown block stays where it is: every further byte meets it again.
     if (type > kZstdType) {
-        status = kStatusUnknownBlockType;
+        status = NVB_STATUS_EXPANSION;  // as a compact record that fails, a block type unknown
         return -1;
     }
     if (type == kHeaderBlockType) {

@@ -188,7 +188,7 @@ std::uint32_t appendToBlock(nvb_encode_t& state, std::uint8_t& status) {
     setBlockTarget(state);
     const std::uint32_t frameLength = state.frame.length;
     const std::uint8_t type = state.frame.data[2];
-    const bool bare = isBareMethod(state.compressionMethod);
+    const bool bare = isBareLevel(state.compressionMethod);
     const std::uint32_t trailer = bare ? (isCompactType(type) ? 3 : 4) : 0;
     // A bare record is length-coded like its frame but three or four bytes shorter: a
     // long record 17 of 256 to 258 bytes can't be told as bare, and is refused whole

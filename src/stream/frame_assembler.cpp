@@ -1,5 +1,7 @@
 #include "stream/frame_assembler.h"
 
+#include <nvbdll/status.h>
+
 #include "common/byte_sum.h"
 #include "stream/framing.h"
 #include "stream/huffman.h"
@@ -47,7 +49,7 @@ int assembleFrame(nvb_frame_assembly_t& assembly, std::uint8_t byte, std::uint8_
         const std::uint32_t length = addLengthExtension(type, assembly.bytes[1], assembly.bytes[3]);
         if (length == 0 || length > kMaxFrameLength) {
             dropFirstByte(assembly);
-            status = 3;
+            status = NVB_STATUS_FRAME_LENGTH;
             return -1;
         }
         // A byte that arrives while a whole frame is already held (Huffman can deliver
@@ -60,7 +62,7 @@ int assembleFrame(nvb_frame_assembly_t& assembly, std::uint8_t byte, std::uint8_
             if (!checksumGood) {
                 // Only the false start byte goes; the bytes behind it are searched again.
                 dropFirstByte(assembly);
-                status = 2;
+                status = NVB_STATUS_CHECKSUM;
                 return -1;
             }
         }
@@ -73,7 +75,7 @@ int assembleFrame(nvb_frame_assembly_t& assembly, std::uint8_t byte, std::uint8_
     }
 
     if (takeInputByte(assembly, byte, huffman) < 0) {
-        status = 6;
+        status = NVB_STATUS_HUFFMAN_END;
         return -1;
     }
     return 0;

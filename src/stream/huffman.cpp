@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <vector>
 
 namespace nvb {
 
@@ -56,8 +55,8 @@ std::atomic<std::uint32_t> encodedBitsOut = 0;
 bool isLeaf(const HuffmanNode* node) { return node->left == nullptr && node->right == nullptr; }
 
 // Ascending weight; equal weights keep their order, so a parent stays ahead of its equals.
-void sortByWeight(std::vector<HuffmanNode*>& list) {
-    std::stable_sort(list.begin(), list.end(),
+void sortByWeight(HuffmanNode** list, std::size_t count) {
+    std::stable_sort(list, list + count,
                      [](const HuffmanNode* a, const HuffmanNode* b) { return a->weight < b->weight; });
 }
 
@@ -65,8 +64,9 @@ void sortByWeight(std::vector<HuffmanNode*>& list) {
 
 bool huffmanBuild() {
     if (root != nullptr) return false;
-    std::vector<HuffmanNode*> list;
-    list.reserve(kHuffmanSymbolCount);
+    // A fixed array, so that building the tree needs no allocation that could fail.
+    std::array<HuffmanNode*, kHuffmanSymbolCount> list{};
+    std::size_t count = 0;
     // Each new leaf goes to the head, so the list starts in falling symbol order.
     for (int symbol = kHuffmanSymbolCount - 1; symbol >= 0; --symbol) {
         HuffmanNode& leaf = nodePool[static_cast<std::size_t>(symbol)];
@@ -74,22 +74,24 @@ bool huffmanBuild() {
                            nullptr, nullptr, nullptr};
         codeTable[static_cast<std::size_t>(symbol)] =
             HuffmanCode{&leaf, static_cast<std::uint16_t>(symbol), leaf.weight, 0, 0};
-        list.push_back(&leaf);
+        list[count++] = &leaf;
     }
-    sortByWeight(list);
+    sortByWeight(list.data(), count);
     std::size_t next = kHuffmanSymbolCount;
-    while (list.size() >= 2) {
+    while (count >= 2) {
         HuffmanNode* a = list[0];
         HuffmanNode* b = list[1];
         HuffmanNode& parent = nodePool[next++];
         parent = HuffmanNode{0, a->weight + b->weight, a, b, nullptr};
         a->parent = &parent;
         b->parent = &parent;
-        list.erase(list.begin(), list.begin() + 2);
-        list.insert(list.begin(), &parent);
-        if (list.size() > 1) sortByWeight(list);
+        // The two lightest leave the head and their parent takes it.
+        std::copy(list.begin() + 2, list.begin() + static_cast<std::ptrdiff_t>(count), list.begin() + 1);
+        list[0] = &parent;
+        --count;
+        if (count > 1) sortByWeight(list.data(), count);
     }
-    root = list.front();
+    root = list[0];
     for (HuffmanCode& entry : codeTable) {
         std::uint16_t code = 0;
         std::uint8_t length = 0;

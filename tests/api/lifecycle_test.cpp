@@ -1,7 +1,7 @@
 #include <nvbdll/nvbdll.h>
 
 #include "common/status_text.h"
-#include "support/frame_builder.h"
+#include "support/wire.h"
 
 #include <gtest/gtest.h>
 

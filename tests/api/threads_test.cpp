@@ -1,6 +1,5 @@
-#include "support/encoder.h"
-#include "support/log_sequence.h"
-#include "support/reader.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 

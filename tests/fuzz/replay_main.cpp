@@ -1,5 +1,8 @@
 // Runs a fuzz target over the files of a saved corpus, so that CTest checks every input
-// that once mattered without libFuzzer. Usage: <target> FILE_OR_DIRECTORY...
+// that once mattered without libFuzzer. Usage: <target> FILE_OR_DIRECTORY... The files of
+// a directory go in name order, so that a target which keeps state between inputs (a
+// reference, then its deltas) meets them as a stream.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -25,7 +28,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::filesystem::path path(argv[i]);
         if (std::filesystem::is_directory(path)) {
-            for (const auto& entry : std::filesystem::directory_iterator(path)) inputs += replay(entry.path());
+            std::vector<std::filesystem::path> files;
+            for (const auto& entry : std::filesystem::directory_iterator(path)) files.push_back(entry.path());
+            std::sort(files.begin(), files.end());
+            for (const auto& file : files) inputs += replay(file);
         } else {
             inputs += replay(path);
         }

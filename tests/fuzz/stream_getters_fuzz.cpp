@@ -1,24 +1,50 @@
 // Property: feeding any bytes to any getter, and processing and retrieving whatever it
-// announces, never reads or writes outside a buffer and never hangs.
+// announces, never reads or writes outside a buffer and never hangs; after every call the
+// buffers are within their bounds, a failure is told by a status of the interface, and
+// retrieval writes no further than the length the dispatch reported.
 #include <nvbdll/nvbdll.h>
 
-#include <algorithm>
+#include "stream/block_codecs.h"
+#include "stream/framing.h"
+
 #include <cstdint>
 #include <cstdio>
-#include <vector>
+#include <cstdlib>
+#include <memory>
 
 namespace {
 
-void processAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
-    if (result <= 0 || (status != 0 && status != 18)) return;
+void check(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "%s\n", what);
+    std::abort();
+}
+
+bool isInterfaceStatus(std::uint8_t status) {
+    switch (status) {
+        case NVB_STATUS_OK: case NVB_STATUS_END_OF_FILE: case NVB_STATUS_CHECKSUM: case NVB_STATUS_FRAME_LENGTH:
+        case NVB_STATUS_HUFFMAN_END: case NVB_STATUS_EXPANSION: case NVB_STATUS_BZIP2: case NVB_STATUS_READER_TOO_OLD:
+        case NVB_STATUS_ZLIB: case NVB_STATUS_SCRAMBLED: case NVB_STATUS_RESYNCHRONISED: case NVB_STATUS_BROTLI:
+        case NVB_STATUS_ZSTD:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void handle(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
+    check(state->inputFill <= nvb::kBlockCapacity && state->blockBytes <= nvb::kBlockCapacity, "block buffers overrun");
+    check(state->blockBytes == 0 || state->blockReadPos < state->blockBytes, "read position past the block");
+    check(state->frame.length <= nvb::kMaxFrameLength, "frame longer than its buffer");
+    check(isInterfaceStatus(status), "a status the interface does not know");
+    check(result >= -1 && result <= 255 && (result != -1 || status != 0), "a result outside the interface");
+    if (result <= 0 || (status != 0 && status != NVB_STATUS_RESYNCHRONISED)) return;
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
     if (length == 0 || processStatus != 0) return;
-    // The length the decoding step reported is the room retrieval needs.
-    static std::vector<std::uint8_t> dat;
-    dat.assign(std::max<std::size_t>(length, 1 << 17), 0);
-    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.data());
+    auto dat = std::make_unique<std::uint8_t[]>(length);
+    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.get());
 }
 
 }  // namespace
@@ -27,17 +53,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const bool initialised = (nvbdll_initNVBLib(), true);
     (void)initialised;
     if (size == 0) return 0;
-    // The first byte picks the getter, the rest is the stream.
-    const std::uint8_t getter = data[0] % 3;
+    // The first byte picks the getter (NVB file, NVB by byte, NVA by byte; from 0xF0 the
+    // NVA file), the rest is the stream.
+    const std::uint8_t getter = data[0] >= 0xF0 ? 3 : data[0] % 3;
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
-    if (getter == 0) {
+    if (getter == 0 || getter == 3) {
         std::FILE* file = fmemopen(const_cast<std::uint8_t*>(data + 1), size - 1, "rb");
         if (file != nullptr) {
-            for (std::size_t calls = 0; calls < size + 16; ++calls) {
-                std::uint8_t status = 0;
-                const std::int32_t result = nvbdll_getNVBRecord(state, file, &status);
-                if (status == 1) break;
-                processAnnounced(state, result, status);
+            std::uint8_t status = 0;
+            for (std::size_t calls = 0; status != NVB_STATUS_END_OF_FILE; ++calls) {
+                check(calls <= size + 16, "the file getter does not reach the end");
+                const std::int32_t result = getter == 0 ? nvbdll_getNVBRecord(state, file, &status)
+                                                        : nvbdll_getNVARecord(state, file, &status);
+                handle(state, result, status);
             }
             std::fclose(file);
         }
@@ -47,10 +75,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::uint8_t more = 0;
             std::int32_t result = getter == 1 ? nvbdll_getNVBRecordByByte(state, data[i], &status, 1, &more)
                                               : nvbdll_getNVARecordByByte(state, data[i], &status);
-            processAnnounced(state, result, status);
-            for (int guard = 0; more == 1 && guard < 100000; ++guard) {
+            handle(state, result, status);
+            for (int follow = 0; more == 1; ++follow) {
+                check(follow <= 5120, "more does not run out");
                 result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
-                processAnnounced(state, result, status);
+                handle(state, result, status);
             }
         }
     }

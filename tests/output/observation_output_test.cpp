@@ -7,7 +7,7 @@
 #include "output/observation_output.h"
 #include "output/observation_tables.h"
 #include "output/rinex_text.h"
-#include "support/measurement_epochs.h"
+#include "support/epochs.h"
 
 #include <gtest/gtest.h>
 

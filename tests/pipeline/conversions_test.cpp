@@ -1,6 +1,6 @@
 #include <nvbdll/nvbdll.h>
 
-#include "support/measurement_epochs.h"
+#include "support/epochs.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,6 @@
-#include "support/encoder.h"
-#include "support/log_sequence.h"
-#include "stream/framing.h"
-#include "support/reader.h"
+#include "host/dat_form.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 
@@ -24,10 +23,10 @@ std::vector<Bytes> readLog(const Bytes& log, std::uint8_t dopplerControl = 3) {
     return nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
 }
 
-std::vector<Bytes> fedBack(const std::vector<Bytes>& dats) {
-    std::vector<Bytes> out;
-    for (const Bytes& dat : dats) out.push_back(nvbtest::withTrueSatelliteCount(dat));
-    return out;
+// What a host feeds back of retrieved records: epochs with their true satellite count.
+std::vector<Bytes> fedBack(std::vector<Bytes> dats) {
+    for (Bytes& dat : dats) nvbtool::prepareEpochForEncoder(dat);
+    return dats;
 }
 
 // Each record as it comes out of a log, which is what a log written from it must give back.
@@ -60,10 +59,10 @@ TEST(LogRoundTripDifferences, EpochsComeBackCountingOnlyFirstAntennaSatellites) 
     ASSERT_EQ(read.size(), original.size());
     for (std::size_t i = 0; i < read.size(); ++i) {
         ASSERT_EQ(read[i].size(), original[i].size());
-        EXPECT_EQ(original[i][nvbtest::kRec27DatCountOffset], 36);
-        EXPECT_EQ(read[i][nvbtest::kRec27DatCountOffset], 12);
+        EXPECT_EQ(original[i][nvbtool::kRec27CountOffset], 36);
+        EXPECT_EQ(read[i][nvbtool::kRec27CountOffset], 12);
         Bytes patched = read[i];
-        patched[nvbtest::kRec27DatCountOffset] = original[i][nvbtest::kRec27DatCountOffset];
+        patched[nvbtool::kRec27CountOffset] = original[i][nvbtool::kRec27CountOffset];
         EXPECT_EQ(patched, original[i]) << "epoch " << i;
     }
 }
@@ -154,77 +153,3 @@ TEST(Thinning, EncodePathKeepsTheSameEpochsAndCarriesTheSlip) {
     expectSlipCarriedOnce(kept);
 }
 
-namespace {
-
-// The frames of a stored-block log (method 1), in order, as a byte stream holds them.
-std::vector<Bytes> framesOfStoredLog(const Bytes& log) {
-    std::vector<Bytes> frames;
-    std::size_t position = 17;  // the header block
-    while (position + 10 <= log.size()) {
-        const std::size_t length = (log[position + 1] << 16) | (log[position + 2] << 8) | log[position + 3];
-        std::size_t at = position + 10;  // block header and magic
-        const std::size_t end = position + 4 + length;
-        while (at + 4 <= end) {
-            const std::size_t frameLength = nvb::addLengthExtension(log[at + 2], log[at + 1], log[at + 3]);
-            frames.emplace_back(log.begin() + static_cast<long>(at), log.begin() + static_cast<long>(at + frameLength));
-            at += frameLength;
-        }
-        position = end;
-    }
-    return frames;
-}
-
-}  // namespace
-
-TEST(Recovery, AfterALostRecordDeltaEpochsAreRefusedUntilTheNextReference) {
-    const auto dats = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 700, .satellites = 6, .positions = false,
-                                                              .olderRecords = false, .opaqueRecords = false});
-    const auto frames = framesOfStoredLog(writeLog(dats, 1));
-    ASSERT_EQ(frames.size(), 700u);
-    ASSERT_EQ(frames[0][2], 38);
-    ASSERT_EQ(frames[600][2], 38);  // a reference every 600000 ms of log time
-    Bytes stream(12, 0x55);         // lets stream detection pass without taking a frame
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        if (i != 300) stream.insert(stream.end(), frames[i].begin(), frames[i].end());
-    }
-    nvbtest::Handle handle;
-    const auto events = nvbtest::readStream(handle.get(), stream, nvbtest::Getter::NvaFile);
-    ASSERT_EQ(events.size(), 699u);
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        const std::size_t record = i < 300 ? i : i + 1;
-        const bool refused = record > 300 && record < 600;
-        EXPECT_EQ(events[i].processStatus, refused ? 7 : 0) << "record " << record;
-        EXPECT_EQ(events[i].datLength == 0, refused) << "record " << record;
-    }
-}
-
-TEST(EncodeBadInput, LyingLengthsUnknownTypesAndOverfullCountsAreRefusedWhole) {
-    Encoder encoder(1);
-    const Bytes good = nvbtest::shortDat(14, 0, Bytes(30, 0x14));
-    encoder.put(good);
-    // A host hands over as many bytes as the header announces; here they don't say what
-    // the header says they are.
-    auto padded = [](Bytes dat, std::size_t size) {
-        dat.resize(size, 0);
-        return dat;
-    };
-    std::vector<Bytes> bad = {
-        nvbtest::shortDat(6, 0, Bytes(10, 1)),                                  // no such record
-        padded(Bytes{0x74, 0xFF, 0xFF, 27, 21, 0x29, 0x09, 0x01, 0x02}, 65535),  // an epoch of zeros
-        Bytes{0x74, 3, 0, 14},                                                   // shorter than its own header
-        padded(Bytes{0x74, 40, 0, 27, 21, 0x29, 0x09}, 40),                     // cut off inside an epoch
-    };
-    Bytes tooManySatellites(64, 0);
-    tooManySatellites[0] = 0x74;
-    tooManySatellites[1] = 64;
-    tooManySatellites[3] = 27;
-    tooManySatellites[nvbtest::kRec27DatCountOffset] = 117;
-    bad.push_back(tooManySatellites);
-    for (const Bytes& dat : bad) {
-        std::uint8_t status = 0;
-        EXPECT_EQ(encoder.put(dat, &status), 0u);
-    }
-    encoder.put(good);
-    const auto read = readLog(encoder.finish());
-    EXPECT_EQ(read, (std::vector<Bytes>{good, good}));
-}

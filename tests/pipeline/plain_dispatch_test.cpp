@@ -1,5 +1,5 @@
-#include "support/plain_records.h"
-#include "support/reader.h"
+#include "support/wire.h"
+#include "support/host.h"
 
 #include <gtest/gtest.h>
 
@@ -7,50 +7,38 @@
 
 namespace {
 
-using namespace nvbtest::plain;
-using nvbtest::Handle;
+using namespace nvbtest;
 
-struct Processed {
-    std::uint32_t length = 0;
-    std::uint16_t type = 0;
-    std::uint8_t status = 0xEE;
-};
-
-// Stands a frame where a getter leaves it and runs the dispatch on it.
 Processed process(nvb_expand_t* state, const Bytes& frame) {
-    std::memset(&state->frame, 0, sizeof state->frame);
-    std::memcpy(state->frame.data, frame.data(), frame.size());
-    state->frame.length = static_cast<std::uint16_t>(frame.size());
-    state->currentType = frame[2];
-    Processed result;
-    result.length = nvbdll_processNVBRecord(state, 0, &result.type, &result.status);
-    return result;
+    standFrame(state, frame);
+    return nvbtest::process(state);
 }
 
 Bytes epochAt(std::uint32_t timeMs, std::uint8_t system = 0) {
-    Epoch epoch;
+    Epoch27 epoch;
     epoch.timeMs = timeMs;
-    Satellite sv{3, system, 0, 1, 20, 40, 0, {}};
+    Satellite27 sv{3, system, 0, 1, 20, 40, 0, {}};
     sv.signals.push_back({0, 0, 400, 2e7, 1e6 + timeMs, 0, 0x03, std::nullopt});
     epoch.satellites = {sv};
-    return rec27(epoch);
+    return build(epoch);
 }
 
 Bytes positionAt(std::uint32_t timeMs, std::uint8_t system = 0) {
-    Position29 p;
-    p.timeMs = timeMs;
-    p.list = {{3, system, 2}};
-    return rec29(p);
+    Rec29Wire p;
+    p.positionValid = 0;
+    p.time = timeMs;
+    p.svs = {{3, system, 2}};
+    return build(p);
 }
 
 Bytes shortPositionAt(std::uint32_t timeMs) {
-    Position11 p;
+    Rec11Wire p;
     p.time = timeMs;
-    return rec11(p);
+    return build(p);
 }
 
 Bytes olderEpochAt(std::uint32_t timeMs) {
-    return rec17(timeMs, 0.0, {Sat17{7, 0x10, 0, 30, 40, 40.0, 2e7, 1e6, 0, 0, 0, 0}});
+    return build(Rec17Wire{timeMs, 0, {Rec17Sat{7, 0x10, 0, 30, 20, 160, 2560000000u, std::int64_t{1000000} << 15}}});
 }
 
 TEST(PlainDispatch, ThinnedEpochsReportTheirTypeWithoutALength) {

@@ -1,8 +1,10 @@
+#include "pipeline/encoding.h"
 #include "pipeline/serialisation.h"
 #include "records/dat_parser.h"
 #include "records/opaque_records.h"
 #include "records/position_records.h"
-#include "support/measurement_epochs.h"
+#include "support/epochs.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 
@@ -114,13 +116,25 @@ TEST(Retrieve27, SlipCountsOfAReaderMadeEpochStayOutOfTheDatFormThoughItsLengthC
         << "the measurement is taken for slip counts";
 }
 
+// Epochs as a reader leaves them, of the systems whose packed byte is themselves, on the
+// first antenna and without the slip counts that the DAT form leaves out.
 TEST(DatRoundTrip, EpochsOfSystemsThatPackAsThemselvesComeBackByteForByte) {
-    nvbtest::EpochGenerator generator(27, {{0, 4, 8}, false, false});
-    nvbtest::Coverage coverage;
+    nvbtest::EpochSequenceOptions options;
+    options.epochs = 600;
+    options.maxSignals = 6;
+    const auto frames = nvbtest::makeEpochSequence(options);
     nvbtest::Handle handle;
     EncodeState parsed;
-    for (int round = 0; round < 60; ++round) {
-        const auto epoch = generator.epoch(1 + (round * 37) % 116, coverage);
+    for (std::size_t round = 0; round < frames.size(); round += 10) {
+        const auto epoch = nvbtest::readEpoch(frames[round]);
+        for (int i = 0; i < epoch->nSv; ++i) {
+            Rec27Sv& sv = epoch->sv[i];
+            sv.rt_sattype = static_cast<std::uint8_t>(4 * (i % 3));
+            sv.antennaNumber = 0;
+            sv.svFlags2 &= 0x7E;
+            sv.svBlockLen = (sv.svFlags & 0x80) != 0 ? 11 : 10;
+            sv.geomSlipCount = sv.ionoSlipCount = sv.spare = 0;
+        }
         const Bytes dat = retrieve27(handle, *epoch);
         ASSERT_EQ(parsed.parse(dat), dat.size()) << round;
         ASSERT_EQ(std::memcmp(parsed.rec27.get(), epoch.get(), sizeof(Rec27)), 0) << "structure, round " << round;
@@ -320,19 +334,20 @@ TEST(DatParser, RefusesUnknownTypesMissingStructuresAndCountsBeyondTheArrays) {
     EXPECT_EQ(parsed.parse(withCount(11, 77, 1)), 0);
 }
 
-TEST(DatLengthRules, ParsingAndRetrievingReadTheHeaderEachByItsOwnRule) {
+TEST(DatLengthRules, ParsingRetrievingAndTheWholeFormReadTheHeaderEachByItsOwnRule) {
     struct Case {
         std::uint8_t type;
-        std::uint16_t parse;
-        std::uint16_t retrieve;
+        std::uint16_t parse, retrieve, whole;
     };
-    const Case cases[] = {{0, 0x34, 0x12},      {1, 0x34, 0x12},      {12, 0x1234, 0x1234}, {17, 0x1234, 0x1234},
-                          {27, 0x1234, 0x1234}, {29, 0x1234, 0x1234}, {34, 0x1234, 0x34},   {98, 0x1234, 0x34},
-                          {99, 0x1234, 0x34},   {101, 0x34, 0x1234},  {5, 0x34, 0x34}};
+    const Case cases[] = {{0, 0x34, 0x12, 0x12},       {1, 0x34, 0x12, 0x12},       {12, 0x1234, 0x1234, 0x1234},
+                          {17, 0x1234, 0x1234, 0x1234}, {27, 0x1234, 0x1234, 0x1234}, {29, 0x1234, 0x1234, 0x1234},
+                          {34, 0x1234, 0x34, 0x1234},   {98, 0x1234, 0x34, 0x1234},   {99, 0x1234, 0x34, 0x1234},
+                          {101, 0x34, 0x1234, 0x1234},  {5, 0x34, 0x34, 0x34},       {35, 0x34, 0x34, 0x1234}};
     for (const Case& c : cases) {
         const std::uint8_t header[4] = {0x74, 0x34, 0x12, c.type};
         EXPECT_EQ(nvb::parseDatLengthOf(header), c.parse) << int(c.type);
         EXPECT_EQ(nvb::retrieveLengthOf(header), c.retrieve) << int(c.type);
+        EXPECT_EQ(nvb::wholeLengthOf(header), c.whole) << int(c.type);
     }
 }
 

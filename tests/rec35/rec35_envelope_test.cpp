@@ -5,8 +5,7 @@
 #include "rec35/rec35_slot.h"
 #include "stream/block_writer.h"
 #include "stream/framing.h"
-#include "support/encoder.h"
-#include "support/reader.h"
+#include "support/host.h"
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>

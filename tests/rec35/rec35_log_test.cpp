@@ -1,6 +1,5 @@
-#include "support/encoder.h"
 #include "rec35/rec35_codecs.h"
-#include "support/reader.h"
+#include "support/host.h"
 #include "support/rec35_natives.h"
 #include "support/rec35_records.h"
 

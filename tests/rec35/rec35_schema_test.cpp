@@ -2,7 +2,7 @@
 #include "rec35/avro_layer.h"
 #include "rec35/rec35_envelope.h"
 #include "rec35/rec35_slot.h"
-#include "support/reader.h"
+#include "support/host.h"
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>

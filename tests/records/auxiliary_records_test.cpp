@@ -1,8 +1,5 @@
 #include "pipeline/serialisation.h"
-#include "support/encoder.h"
 #include "support/plain_round_trip.h"
-#include "support/plain_records.h"
-#include "support/reader.h"
 
 #include <nvbdll/records.h>
 
@@ -16,8 +13,8 @@
 namespace {
 
 using nvbtest::Bytes;
-using nvbtest::plain::Body;
-using nvbtest::plain::frame;
+using nvbtest::Body;
+using nvbtest::plainFrame;
 
 Bytes text(std::size_t size) {
     static const char kLine[] = "$GNGGA,120000.00,4722.61,N,00832.55,E,4,24,0.6,512.3,M,47.4,M,1.0,0000*5B\r\n";
@@ -41,7 +38,7 @@ Body tag() {
 Bytes rec34Kind1(int entries) {
     Body body = Body().u8(1).u16(7).u8(entries);
     for (int i = 0; i < entries; ++i) body.f64(345600.2 + 0.1 * i).f32(20.5f + i);
-    return frame(34, body.bytes, true);
+    return plainFrame(34, body.bytes, true);
 }
 
 struct Case {
@@ -54,36 +51,36 @@ struct Case {
 const std::vector<Case>& realisticRecords() {
     // clang-format off
     static const std::vector<Case> cases = {
-        {"31", frame(31, Body().u16(0x5354).u8(2).u8(12).raw(text(12)).bytes, false), 20},
-        {"32, subtype 2", frame(32, {2}, false), 5},
-        {"32, subtype 3", frame(32, Body().u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3).f64(1.5).f64(-2.5)
+        {"31", plainFrame(31, Body().u16(0x5354).u8(2).u8(12).raw(text(12)).bytes, false), 20},
+        {"32, subtype 2", plainFrame(32, {2}, false), 5},
+        {"32, subtype 3", plainFrame(32, Body().u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3).f64(1.5).f64(-2.5)
                                         .u16(4).u32(5).u16(6).u16(7).u16(8).u16(9).f64(0.25).f64(0.75).u32(10).u16(11).bytes, false), 88},
-        {"32, subtype 4", frame(32, Body().u8(4).u8(1).u8(2).u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3)
+        {"32, subtype 4", plainFrame(32, Body().u8(4).u8(1).u8(2).u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3)
                                         .f64(1.5).f64(-2.5).u16(4).u32(5).u16(6).u16(7).u16(8).u16(9).f64(0.25).f64(0.75)
                                         .u32(10).u16(11).bytes, false), 91},
-        {"32, subtype 5", frame(32, [] {
+        {"32, subtype 5", plainFrame(32, [] {
              Body body = Body().u8(5);
              for (int i = 0; i < 11; ++i) body.f64(0.001 * (i + 1));
              return body.u16(1).u16(2).u16(3).u16(4).u16(5).bytes;
          }(), false), 103},
-        {"32, subtype 6", frame(32, [] {
+        {"32, subtype 6", plainFrame(32, [] {
              Body body = Body().u8(6).u8(1).u8(2).u16(3).u16(4).f32(0.5f).u8(5);
              for (int i = 0; i < 8; ++i) body.f64(-1.5 * (i + 1));
              return body.bytes;
          }(), false), 80},
         {"34, kind 1", rec34Kind1(3), 8 + 36},
         {"34, kind 1 longer than 255 bytes", rec34Kind1(30), 8 + 360},
-        {"34, kind 2", frame(34, Body().u8(2).u16(9).u8(2).f64(345600.2).f32(1.0f).f32(2.0f).f32(3.0f).f32(4.0f).u8(5)
+        {"34, kind 2", plainFrame(34, Body().u8(2).u16(9).u8(2).f64(345600.2).f32(1.0f).f32(2.0f).f32(3.0f).f32(4.0f).u8(5)
                                       .f64(345600.3).f32(-1.0f).f32(-2.0f).f32(-3.0f).f32(-4.0f).u8(6).bytes, true), 8 + 50},
-        {"34, a kind of its own", frame(34, Body().u8(7).raw(text(20)).bytes, true), 5 + 20},
-        {"40", frame(40, Body().u8(0).u16(2301).u32(345600200).u8(1).u16(2345).u8(6).u16(0xFFFD).u8(7).u16(65000)
+        {"34, a kind of its own", plainFrame(34, Body().u8(7).raw(text(20)).bytes, true), 5 + 20},
+        {"40", plainFrame(40, Body().u8(0).u16(2301).u32(345600200).u8(1).u16(2345).u8(6).u16(0xFFFD).u8(7).u16(65000)
                                .u8(8).u16(12).u8(20).u16(0xFF6A).bytes, false), 11 + 45},
-        {"98", frame(98, Body().u8(0x01).u16(3).u32(4).raw(text(20)).bytes, true), 11 + 20},
-        {"98 with its extra byte", frame(98, tag().u8(9).raw(text(20)).bytes, true), 12 + 20},
-        {"98 longer than 255 bytes", frame(98, tag().u8(9).raw(text(600)).bytes, true), 12 + 600},
-        {"99", frame(99, Body().u8(0).u16(3).u32(4).raw(text(50)).bytes, true), 11 + 50},
-        {"99 deflated", frame(99, Body().u8(1).u16(3).u32(4).raw(deflated(text(3000))).bytes, true), 11 + 3000},
-        {"99 longer than 255 bytes", frame(99, Body().u8(2).u16(3).u32(4).raw(text(1000)).bytes, true), 11 + 1000},
+        {"98", plainFrame(98, Body().u8(0x01).u16(3).u32(4).raw(text(20)).bytes, true), 11 + 20},
+        {"98 with its extra byte", plainFrame(98, tag().u8(9).raw(text(20)).bytes, true), 12 + 20},
+        {"98 longer than 255 bytes", plainFrame(98, tag().u8(9).raw(text(600)).bytes, true), 12 + 600},
+        {"99", plainFrame(99, Body().u8(0).u16(3).u32(4).raw(text(50)).bytes, true), 11 + 50},
+        {"99 deflated", plainFrame(99, Body().u8(1).u16(3).u32(4).raw(deflated(text(3000))).bytes, true), 11 + 3000},
+        {"99 longer than 255 bytes", plainFrame(99, Body().u8(2).u16(3).u32(4).raw(text(1000)).bytes, true), 11 + 1000},
     };
     // clang-format on
     return cases;
@@ -122,7 +119,7 @@ TEST(Rec40Values, IdsSixToEightStandAsTheyAreEveryOtherIdInHundredths) {
     const Entry entries[] = {
         {6, 0xFFFF, -1}, {7, 0xFFFF, 65535}, {8, 0x8000, 32768}, {1, 0xFFFF, -0.01}, {20, 0x0102, 2.58}};
     for (const Entry& c : entries) {
-        nvbtest::processFrame(handle.get(), frame(40, Body().u8(0).u16(1).u32(2).u8(c.id).u16(c.wire).bytes, false));
+        nvbtest::processFrame(handle.get(), plainFrame(40, Body().u8(0).u16(1).u32(2).u8(c.id).u16(c.wire).bytes, false));
         EXPECT_EQ(nvbtest::copyOf(handle->records.rec40->entries[0].value), c.value) << int(c.id);
     }
     // The wire holds hundredths: a finer value comes back rounded to them.
@@ -138,7 +135,7 @@ TEST(Rec99Payload, ADamagedDeflatedPayloadGivesTheLengthOfAFailedInflate) {
     const Bytes payload = text(3000);
     Bytes packed = deflated(payload);
     const auto read = [&](const Bytes& wire) {
-        return nvbtest::processFrame(handle.get(), frame(99, Body().u8(1).u16(3).u32(4).raw(wire).bytes, true))
+        return nvbtest::processFrame(handle.get(), plainFrame(99, Body().u8(1).u16(3).u32(4).raw(wire).bytes, true))
             .datLength;
     };
     Bytes damaged = packed;
@@ -182,9 +179,9 @@ TEST(Rec98DatForm, TheExtraBytesPlaceIsLeftOutWhenTheFlagsDoNotAnnounceIt) {
 TEST(Rec32Reader, LeavesWhatAShorterSubtypeDoesNotReachAndRefusesUnknownSubtypes) {
     nvbtest::Handle handle;
     nvbtest::processFrame(handle.get(), row("32, subtype 3").frame);
-    EXPECT_EQ(nvbtest::processFrame(handle.get(), frame(32, {2}, false)).dat, (Bytes{0x74, 5, 0, 32, 2}));
+    EXPECT_EQ(nvbtest::processFrame(handle.get(), plainFrame(32, {2}, false)).dat, (Bytes{0x74, 5, 0, 32, 2}));
     EXPECT_EQ(nvbtest::copyOf(handle->records.rec32->sub3.doubles1[0]), 6378137.0);
-    const nvbtest::ReadEvent unknown = nvbtest::processFrame(handle.get(), frame(32, {7, 1, 2}, false));
+    const nvbtest::ReadEvent unknown = nvbtest::processFrame(handle.get(), plainFrame(32, {7, 1, 2}, false));
     EXPECT_EQ(unknown.type, 32);
     EXPECT_EQ(unknown.datLength, 0u);
     EXPECT_EQ(refusal(nvbtest::shortDat(32, 0, {7})), NVB_STATUS_NOT_WRITABLE);
@@ -199,8 +196,8 @@ TEST(Rec20, WritesItsDatFieldsFromTheGenericAreaAndReadsAsUnknown) {
     Bytes one = nvbtest::shortDat(20, 1, Body().raw(Bytes(8)).raw(text(30)).bytes);
     std::memcpy(one.data() + 4, &value, sizeof value);
     const Bytes frame0 = nvbtest::writtenFrame(zero);
-    EXPECT_EQ(frame0, frame(20, Body().u8(0).u32(123457).u16(3).u16(4).u16(5).u16(6).u32(7).bytes, false));
-    EXPECT_EQ(nvbtest::writtenFrame(one), frame(20, Body().u8(1).u32(123457).raw(text(30)).bytes, false));
+    EXPECT_EQ(frame0, plainFrame(20, Body().u8(0).u32(123457).u16(3).u16(4).u16(5).u16(6).u32(7).bytes, false));
+    EXPECT_EQ(nvbtest::writtenFrame(one), plainFrame(20, Body().u8(1).u32(123457).raw(text(30)).bytes, false));
     EXPECT_EQ(refusal(nvbtest::shortDat(20, 2, Bytes(20))), NVB_STATUS_NOT_WRITABLE);
     nvbtest::Handle handle;
     const nvbtest::ReadEvent read = nvbtest::processFrame(handle.get(), frame0);
@@ -229,7 +226,7 @@ TEST(Records101And102, AreParsedIntoTheirSlotsAndNeverWritten) {
 TEST(AuxiliaryBadInput, CountsAndPayloadsADamagedRecordPushesPastTheStructureAreCut) {
     nvbtest::Handle handle;
     auto read = [&](std::uint8_t type, const Body& body, bool high) {
-        return nvbtest::processFrame(handle.get(), frame(type, body.bytes, high));
+        return nvbtest::processFrame(handle.get(), plainFrame(type, body.bytes, high));
     };
     Body many = Body().u8(0).u16(1).u32(2);
     for (int i = 0; i < 25; ++i) many.u8(1).u16(100);

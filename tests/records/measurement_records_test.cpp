@@ -1,5 +1,5 @@
-#include "support/measurement_epochs.h"
-#include "support/plain_records.h"
+#include "support/epochs.h"
+#include "support/wire.h"
 
 #include "common/diagnostics.h"
 
@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -239,12 +241,12 @@ TEST(Rec27ClockBlock, TheWriterPacksFourCountBitsWhereTheReaderTakesThree) {
 }
 
 TEST(Rec27BadInput, ABodyThatEndsEarlyReadsZerosWithoutError) {
-    nvbtest::plain::Epoch epoch;
+    nvbtest::Epoch27 epoch;
     epoch.timeMs = 5000;
-    nvbtest::plain::Satellite sv{9, 0, 0, 1, 30, 90, 0, {}};
+    nvbtest::Satellite27 sv{9, 0, 0, 1, 30, 90, 0, {}};
     sv.signals.push_back({0, 0, 450, 2e7, 1e6, 0, 0x03, 100.0});
     epoch.satellites = {sv, sv};
-    nvbtest::Bytes bytes = nvbtest::plain::rec27(epoch);
+    nvbtest::Bytes bytes = nvbtest::build(epoch);
     bytes.resize(46);  // the second satellite ends after its number
     EpochReader reader;
     std::memset(&reader.frame(), 0, sizeof(nvb_frame_t));
@@ -295,83 +297,87 @@ protected:
         return e;
     }
 
-    float dopplerAfter(const Rec27& e, std::uint8_t control) {
-        reader.read(e, {control, false, false, true});
-        return reader.epoch().sv[0].meas[0].doppler;
-    }
-
-    bool dopplerFlag() const { return (reader.epoch().sv[0].meas[0].measFlags1 & 0x04) != 0; }
+    const Rec27Meas& signal() const { return reader.epoch().sv[0].meas[0]; }
     const Rec27Meas& prediction() const { return reader.state()->previousEpochs[1].sv[0].meas[0]; }
 
     EpochReader reader;
 };
 
-TEST_F(Rec27Doppler, ControlTwoRebuildsEveryDopplerFromThePhaseStep) {
-    dopplerAfter(*epoch(1000.0, 5000.0, 7.0f), 2);
-    EXPECT_EQ(+reader.epoch().sv[0].meas[0].doppler, 0.0f) << "nothing to rebuild from in the first epoch";
-    EXPECT_FALSE(dopplerFlag());
-    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6500.5, 7.0f), 2), 1500.5f);
-    EXPECT_TRUE(dopplerFlag());
-    EXPECT_EQ(dopplerAfter(*epoch(2500.0, 7000.5, 7.0f), 2), 1000.0f) << "over half a second";
-}
-
-TEST_F(Rec27Doppler, ControlThreeKeepsTheWireDopplerAndRebuildsOnlyWhereItIsMissing) {
-    dopplerAfter(*epoch(1000.0, 5000.0), 3);
-    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6000.0, 7.0f), 3), 7.0f);
-    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 6250.0), 3), 250.0f);
+TEST_F(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
+    struct Step {
+        double time, phase;
+        std::optional<float> wire;
+        float clock = 0.0f;
+        std::uint8_t slipCount = 0, flags = 0;
+        float doppler;           // what the epoch carries after reading; NaN: not looked at
+        bool flagged = false;    // measFlags1 bit 2, looked at where `doppler` is
+        float predicted = NAN;   // the prediction kept for the next epoch
+    };
+    struct Case {
+        const char* what;
+        std::uint8_t control;
+        std::vector<Step> steps;
+    };
+    const float any = NAN;
+    const Case cases[] = {
+        {"control 2 rebuilds every Doppler, none in the first epoch, over the true interval",
+         2, {{1000, 5000, 7.0f, 0, 0, 0, 0.0f, false}, {2000, 6500.5, 7.0f, 0, 0, 0, 1500.5f, true},
+             {2500, 7000.5, 7.0f, 0, 0, 0, 1000.0f, true}}},
+        {"control 3 keeps the wire Doppler and rebuilds where it is missing",
+         3, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 6000, 7.0f, 0, 0, 0, 7.0f, true}, {3000, 6250, {}, 0, 0, 0, 250.0f, true}}},
+        {"a slip takes the Doppler from the prediction, whose trend is 2 x newer - older",
+         2, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 5100, {}, 0, 0, 0, any, false, 100.0f},
+             {3000, 5300, {}, 0, 0, 0, any, false, 300.0f}, {4000, 9999, {}, 0, 1, 0, 300.0f, true},
+             {5000, 1.0, {}, 0, 1, 0x08, 400.0f, true}}},
+        {"a 1 ms clock step takes its carrier out of a large phase step",
+         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 499.5 - 1575420.0, {}, 1.0f, 0, 0, 500.0f, true}}},
+        {"a small phase step across a clock step keeps only the shorter interval",
+         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 999.0, {}, 1.0f, 0, 0, 1000.0f, true}}},
+        {"a half cycle resolved since the last epoch is not motion",
+         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 100.5, {}, 0, 0, 0x60, 100.0f, true},
+             {3000, 200.5, {}, 0, 0, 0x60, 100.0f, true}}},
+    };
+    for (const Case& c : cases) {
+        EpochReader fresh;
+        for (const Step& step : c.steps) {
+            fresh.read(*epoch(step.time, step.phase, step.wire, step.clock, step.slipCount, step.flags),
+                       {c.control, false, false, true});
+            const Rec27Meas& got = fresh.epoch().sv[0].meas[0];
+            if (!std::isnan(step.doppler)) {
+                EXPECT_FLOAT_EQ(got.doppler, step.doppler) << c.what << " at " << step.time;
+                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step.flagged) << c.what << " at " << step.time;
+            }
+            if (!std::isnan(step.predicted)) {
+                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step.predicted) << c.what;
+            }
+        }
+    }
 }
 
 TEST_F(Rec27Doppler, ControlOnePassesTheWireDopplerAndLeavesThePredictionsAlone) {
     reader.state()->previousEpochs[1].sv[0].meas[0].doppler = 42.0f;
-    dopplerAfter(*epoch(1000.0, 5000.0, 7.0f), 1);
-    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 6000.0, 9.0f), 1), 9.0f);
-    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 7000.0), 1), 0.0f);
+    for (const auto& [time, wire, expected] : {std::tuple{1000.0, std::optional<float>(7.0f), 7.0f},
+                                               std::tuple{2000.0, std::optional<float>(9.0f), 9.0f},
+                                               std::tuple{3000.0, std::optional<float>(), 0.0f}}) {
+        reader.read(*epoch(time, time * 1.5, wire), {1, false, false, true});
+        EXPECT_EQ(+signal().doppler, expected) << time;
+    }
     EXPECT_EQ(+prediction().doppler, 42.0f);
 }
 
 TEST_F(Rec27Doppler, ASignalNewInThisEpochHasNoDopplerUnderControlTwoOrWithoutOneOnTheWire) {
-    dopplerAfter(*epoch(1000.0, 5000.0), 3);
     auto next = epoch(2000.0, 6000.0);
     addSignal(next->sv[0], 1, 2, 2e7, 100.0, 0x07).doppler = 3.0f;
     addSignal(next->sv[0], 2, 7, 2e7, 100.0, 0x03);
-    reader.read(*next, {3, false, false, true});
-    EXPECT_EQ(+reader.epoch().sv[0].meas[1].doppler, 3.0f);
-    EXPECT_EQ(+reader.epoch().sv[0].meas[2].doppler, 0.0f);
-    EXPECT_EQ(reader.epoch().sv[0].meas[2].measFlags1 & 0x04, 0);
-
-    EpochReader second;
-    second.read(*epoch(1000.0, 5000.0), {2, false, false, true});
-    second.read(*next, {2, false, false, true});
-    EXPECT_EQ(+second.epoch().sv[0].meas[1].doppler, 0.0f);
-    EXPECT_EQ(second.epoch().sv[0].meas[1].measFlags1 & 0x04, 0);
-}
-
-TEST_F(Rec27Doppler, ASlipTakesTheDopplerFromThePrediction) {
-    dopplerAfter(*epoch(1000.0, 5000.0), 2);
-    dopplerAfter(*epoch(2000.0, 5100.0), 2);
-    EXPECT_EQ(+prediction().doppler, 100.0f) << "the first rate has no trend yet";
-    dopplerAfter(*epoch(3000.0, 5300.0), 2);
-    EXPECT_EQ(+prediction().doppler, 300.0f) << "2 x 200 - 100";
-    EXPECT_EQ(dopplerAfter(*epoch(4000.0, 9999.0, std::nullopt, 0.0f, 1), 2), 300.0f) << "slip count changed";
-    EXPECT_TRUE(dopplerFlag());
-    EXPECT_EQ(dopplerAfter(*epoch(5000.0, 1.0, std::nullopt, 0.0f, 1, 0x08), 2), 400.0f) << "slip mark: 2 x 300 - 200";
-}
-
-TEST_F(Rec27Doppler, AOneMillisecondClockStepIsTakenOutOfALargePhaseStep) {
-    dopplerAfter(*epoch(1000.0, 0.0), 2);
-    // The receiver clock stepped by +1 ms: a millisecond of L1 carrier stands in the phase.
-    EXPECT_FLOAT_EQ(dopplerAfter(*epoch(2000.0, 499.5 - 1575420.0, std::nullopt, 1.0f), 2), 500.0f);
-}
-
-TEST_F(Rec27Doppler, ASmallPhaseStepAcrossAClockStepKeepsOnlyTheShorterInterval) {
-    dopplerAfter(*epoch(1000.0, 0.0), 2);
-    EXPECT_FLOAT_EQ(dopplerAfter(*epoch(2000.0, 999.0, std::nullopt, 1.0f), 2), 1000.0f);
-}
-
-TEST_F(Rec27Doppler, AHalfCycleResolvedSinceTheLastEpochIsNotMotion) {
-    dopplerAfter(*epoch(1000.0, 0.0), 2);
-    EXPECT_EQ(dopplerAfter(*epoch(2000.0, 100.5, std::nullopt, 0.0f, 0, 0x60), 2), 100.0f);
-    EXPECT_EQ(dopplerAfter(*epoch(3000.0, 200.5, std::nullopt, 0.0f, 0, 0x60), 2), 100.0f) << "already resolved";
+    for (const std::uint8_t control : {3, 2}) {
+        EpochReader fresh;
+        fresh.read(*epoch(1000.0, 5000.0), {control, false, false, true});
+        fresh.read(*next, {control, false, false, true});
+        EXPECT_EQ(+fresh.epoch().sv[0].meas[1].doppler, control == 3 ? 3.0f : 0.0f);
+        EXPECT_EQ(fresh.epoch().sv[0].meas[1].measFlags1 & 0x04, control == 3 ? 0x04 : 0);
+        EXPECT_EQ(+fresh.epoch().sv[0].meas[2].doppler, 0.0f);
+        EXPECT_EQ(fresh.epoch().sv[0].meas[2].measFlags1 & 0x04, 0);
+    }
 }
 
 TEST_F(Rec27Doppler, PredecessorsAreFoundBySatelliteAndSignalWhereverTheyStand) {
@@ -435,34 +441,19 @@ private:
     std::unique_ptr<nvb_frame_t> frame_;
 };
 
-TEST(Rec17RoundTrip, FieldsComeBackWithinTheirResolutionAndTheWireAsymmetriesShow) {
+TEST(Rec17RoundTrip, TheWireAsymmetriesShow) {
     auto epoch = epoch17(345600000.0);
-    Rec17Sv& dual = add17(*epoch, 7, 0x31, 1e8 + 0.25);
-    dual.snr2 = 38.5;
-    dual.phase2 = -7.5e7;
-    dual.rangeDiff2 = -3.5;
+    add17(*epoch, 7, 0x31, 1e8).snr2 = 38.5;
     Rec17Sv& narrow = add17(*epoch, 8, 0x11, 2e8);
     narrow.snr2 = 5.0;  // written at 2^5 without the wide bit
     narrow.rangeDiff2 = 1.0;
     add17(*epoch, 131, 0x10, 3e8).range = 19000000.25;
     Rec17Reader reader;
-    const std::uint16_t length = reader.read(*epoch);
-    EXPECT_EQ(length, 21 + 3 * 48 + 2 * 24);
+    EXPECT_EQ(reader.read(*epoch), 21 + 3 * 48 + 2 * 24);
     const Rec17& read = reader.epoch();
-    ASSERT_EQ(read.nSv, 3);
-    EXPECT_EQ(+read.receiveTime, 345600000.0);
-    EXPECT_EQ(+read.clkOffset, 0.125);
     EXPECT_EQ(read.sv[0].svFlags2, 0x83) << "low nibble kept, and no Doppler in the first epoch";
     EXPECT_EQ(read.sv[0].svFlags3, 3);
-    EXPECT_EQ(+read.sv[0].elevation, 40);
-    EXPECT_EQ(+read.sv[0].azimuth, 250);
-    EXPECT_EQ(+read.sv[0].snr, 44.25);
-    EXPECT_NEAR(+read.sv[0].range, 21000000.5, pow2(-8));
-    EXPECT_EQ(+read.sv[0].phase, 1e8 + 0.25);
     EXPECT_EQ(+read.sv[0].doppler, 0.0) << "the writer carries no Doppler";
-    EXPECT_EQ(+read.sv[0].snr2, 38.5);
-    EXPECT_EQ(+read.sv[0].phase2, -7.5e7);
-    EXPECT_EQ(+read.sv[0].rangeDiff2, -3.5);
     EXPECT_EQ(+read.sv[1].snr2, 5.0 * 8) << "the reader can't tell 2^5 from 2^2";
     EXPECT_EQ(+read.sv[1].rangeDiff2, 0.0) << "written only with the wide bit";
     EXPECT_EQ(+read.sv[2].range, 2 * 19000000.25) << "SBAS ranges are doubled on reading, never halved on writing";
@@ -516,8 +507,8 @@ TEST(Rec17BadInput, ALengthThatLiesStopsAt24SatellitesAndAShortBodyReadsZeros) {
     EXPECT_EQ(reader.epoch().nSv, 24);
 
     std::memset(frame.data, 0, sizeof frame.data);
-    const nvbtest::Bytes bytes =
-        nvbtest::plain::rec17(5000, 0.5, {{7, 0x01, 0, 10, 20, 40.0, 2e7, 1e6, 0, 30, 2e6, 1}});
+    nvbtest::Rec17Sat sat{7, 0x01, 0, 10, 10, 160, 2560000000u, std::int64_t{1000000} << 15, 0, 0, 120, 0, 256};
+    const nvbtest::Bytes bytes = nvbtest::build(nvbtest::Rec17Wire{5000, 1 << 18, {sat}});
     std::memcpy(frame.data, bytes.data(), 25);
     frame.length = 30;  // the second-frequency block lies beyond what arrived
     EXPECT_EQ(nvb::readRec17(frame, *reader.state(), reader.state()->rec17Work), 21 + 72);

@@ -1,7 +1,5 @@
 #include "records/navigation_records.h"
-#include "support/encoder.h"
-#include "support/plain_records.h"
-#include "support/reader.h"
+#include "support/host.h"
 
 #include <gtest/gtest.h>
 
@@ -11,20 +9,9 @@
 
 namespace {
 
-using nvbtest::Bytes;
-using nvbtest::concat;
-using nvbtest::copyOf;
-using nvbtest::deliver;
-using nvbtest::Delivered;
-using nvbtest::Handle;
-using nvbtest::structDat;
-using nvbtest::writtenFrame;
-using nvbtest::plain::Body;
-using nvbtest::plain::Runs;
+using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) {
-    return nvbtest::plain::frame(type, body, false);
-}
+Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
 
 // Record 21 and the record 28 subtypes as their tables list them, from offset 3 (21) or
 // behind the subtype at offset 3 (28), with the DAT length each reads as.
@@ -65,7 +52,7 @@ TEST(NavigationRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
     handle->mapSystem5To7 = 0;
     for (const LayoutRow& row : kLayouts) {
         SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
-        const auto f = nvbtest::plain::fields(row.runs, row.type + row.subtype);
+        const auto f = nvbtest::fields(row.runs, row.type + row.subtype);
         Bytes native = f.native;
         Bytes wire;
         if (row.type == 21) {
@@ -75,8 +62,8 @@ TEST(NavigationRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
             native = concat({{row.subtype}, native});
             wire = frame(28, concat({{row.subtype}, f.wire.bytes}));
         }
-        const Delivered got = deliver(handle.get(), wire);
-        ASSERT_EQ(got.length, row.datLength);
+        const ReadEvent got = processFrame(handle.get(), wire);
+        ASSERT_EQ(got.datLength, row.datLength);
         EXPECT_EQ(got.dat, structDat(row.type, 0, native.data(), row.datLength));
         EXPECT_EQ(writtenFrame(got.dat), wire);
     }
@@ -91,8 +78,8 @@ TEST(NavigationRecords, Record28Subtype10PutsWireDoubleTwoIntoStructureDoubleFou
     for (int i = 0; i < 11; ++i) body.f64(100.0 + i);
     const Bytes wire = frame(28, body.bytes);
     Handle handle;
-    const Delivered got = deliver(handle.get(), wire);
-    ASSERT_EQ(got.length, 100u);
+    const ReadEvent got = processFrame(handle.get(), wire);
+    ASSERT_EQ(got.datLength, 100u);
     const Rec28& rec = *handle->records.rec28;
     EXPECT_EQ(copyOf(rec.sub10.doubles[4]), 102.0);
     EXPECT_EQ(copyOf(rec.sub10.doubles[2]), 108.0);
@@ -102,13 +89,13 @@ TEST(NavigationRecords, Record28Subtype10PutsWireDoubleTwoIntoStructureDoubleFou
 
 TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLengthKeepsTheLastTail) {
     Handle handle;
-    const auto head = nvbtest::plain::fields(kGalileoHead, 5);
+    const auto head = nvbtest::fields(kGalileoHead, 5);
     Body tail;  // 216 bytes: u32, 4 doubles, u32, 4 doubles behind the head
     tail.u32(604000).f64(1.5).f64(-2.5).f64(3.5).f64(-4.5).u32(604001).f64(5.5).f64(-6.5).f64(7.5).f64(-8.5);
     const Bytes shortForm = frame(28, concat({{3}, head.wire.bytes, tail.bytes}));
     ASSERT_EQ(shortForm.size(), 216u);
-    const Delivered fromShort = deliver(handle.get(), shortForm);
-    ASSERT_EQ(fromShort.length, 218u);
+    const ReadEvent fromShort = processFrame(handle.get(), shortForm);
+    ASSERT_EQ(fromShort.datLength, 218u);
     const Rec28& rec = *handle->records.rec28;
     EXPECT_EQ(copyOf(rec.sub3.tailWord1), 0xFFFF);
     EXPECT_EQ(copyOf(rec.sub3.tailWord2), 0xFFFF);
@@ -116,9 +103,9 @@ TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLen
     // Written back it takes the 220-byte form: the DAT form survives, the stream form not.
     const Bytes longForm = writtenFrame(fromShort.dat);
     ASSERT_EQ(longForm.size(), 220u);
-    EXPECT_EQ(deliver(handle.get(), longForm).dat, fromShort.dat);
+    EXPECT_EQ(processFrame(handle.get(), longForm).dat, fromShort.dat);
     const Rec28 before = rec;
-    ASSERT_EQ(deliver(handle.get(), frame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).length, 218u);
+    ASSERT_EQ(processFrame(handle.get(), frame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).datLength, 218u);
     constexpr std::size_t kTail = offsetof(Rec28, sub3.tailWord1);
     EXPECT_EQ(Bytes(nvb::bytesOf(rec) + kTail, nvb::bytesOf(rec) + sizeof(Rec28)),
               Bytes(nvb::bytesOf(before) + kTail, nvb::bytesOf(before) + sizeof(Rec28)));
@@ -142,7 +129,7 @@ TEST(SbasCheck, AMessageWithoutItsCheckGetsThePreambleOfItsTimeAndACheckThatLeav
     const std::pair<std::uint32_t, std::uint8_t> rows[] = {{1, 0x9A}, {2, 0xC6}, {3, 0x53}, {345603, 0x53}};
     Handle handle;
     for (const auto& [time, preamble] : rows) {
-        ASSERT_EQ(deliver(handle.get(), sbasFrame(2, time, concat({{0x00}, kSbasBody}))).length, 40u);
+        ASSERT_EQ(processFrame(handle.get(), sbasFrame(2, time, concat({{0x00}, kSbasBody}))).datLength, 40u);
         const Rec25Sub2& message = handle->records.rec25->sub2;
         EXPECT_EQ(message.preamble, preamble) << time;
         // The whole 250-bit message, check included, divides by the polynomial.
@@ -169,10 +156,10 @@ TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBit
                         {1, {}, {}, 0}};
     Handle handle;
     for (const Row& row : rows) {
-        const Delivered got =
-            deliver(handle.get(), sbasFrame(row.subtype, 345600, concat({row.ahead, noisy, row.behind})));
-        EXPECT_EQ(got.length, row.datLength) << int(row.subtype);
-        if (got.length == 0) continue;
+        const ReadEvent got =
+            processFrame(handle.get(), sbasFrame(row.subtype, 345600, concat({row.ahead, noisy, row.behind})));
+        EXPECT_EQ(got.datLength, row.datLength) << int(row.subtype);
+        if (got.datLength == 0) continue;
         EXPECT_EQ(got.dat[2], row.subtype);
         if (!row.behind.empty()) {
             EXPECT_EQ(copyOf(handle->records.rec25->sub2.crc), 0x123456u);
@@ -221,8 +208,8 @@ TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
         SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype) << ", " << row.between.size() << " ahead");
         Bytes data(row.dataBytes);
         for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(row.subtype * 31 + i * 7);
-        const Delivered got = deliver(handle.get(), rawFrame(row.subtype, row.between, data));
-        ASSERT_EQ(got.length, row.datLength);
+        const ReadEvent got = processFrame(handle.get(), rawFrame(row.subtype, row.between, data));
+        ASSERT_EQ(got.datLength, row.datLength);
         EXPECT_EQ(got.dat[2], row.reportedAs);
         const bool threeBytes = row.reportedAs == 7 || row.reportedAs == 12;
         const std::size_t dataAt = 4 + (threeBytes ? offsetof(Rec26, extended.data) : offsetof(Rec26, plain.data));
@@ -241,7 +228,7 @@ TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
 
 TEST(RawNavigationData, UnderTheSystemMapSubtype8ComesBackAsSubtype11WithItsSatelliteRenumbered) {
     Handle handle;  // mapSystem5To7 is on by default; ids outside 1 to 11 become 0
-    const Bytes written = writtenFrame(deliver(handle.get(), rawFrame(8, {1, 0x40}, Bytes(38, 0x5C))).dat);
+    const Bytes written = writtenFrame(processFrame(handle.get(), rawFrame(8, {1, 0x40}, Bytes(38, 0x5C))).dat);
     ASSERT_EQ(written.size(), 54u);
     EXPECT_EQ(written[3], 11);
     EXPECT_EQ(written[10], 0);

@@ -1,9 +1,6 @@
 #include "records/rec33_records.h"
-#include "support/encoder.h"
 #include "support/plain_round_trip.h"
-#include "support/log_sequence.h"
-#include "support/plain_records.h"
-#include "support/reader.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +10,7 @@
 namespace {
 
 using nvbtest::Bytes;
-using nvbtest::plain::Body;
+using nvbtest::Body;
 
 // Record 33 frames written from the field tables by hand, with values a receiver sends.
 struct Fields {
@@ -40,9 +37,7 @@ struct Fields {
 };
 
 Bytes rec33(std::uint8_t subtype, const Fields& fields) {
-    Bytes body{subtype};
-    body.insert(body.end(), fields.body.bytes.begin(), fields.body.bytes.end());
-    return nvbtest::plain::frame(33, body, false);
+    return nvbtest::plainFrame(33, Body().u8(subtype).raw(fields.body.bytes).bytes);
 }
 
 // The time tag most subtypes open with: a week and milliseconds of the week.
@@ -198,7 +193,7 @@ TEST(Rec33Writer, RefusesTheRawSubtypesAndSendsSubtype16AsItsSecondByteAllows) {
     for (const std::uint8_t raw : {0, 24, 31}) EXPECT_EQ(refusal(dat(raw, 0)), NVB_STATUS_NOT_WRITABLE);
     EXPECT_EQ(refusal(dat(16, 19)), NVB_STATUS_NOT_WRITABLE);
     EXPECT_EQ(refusal(nvbtest::shortDat(33, 0, {13, 16, 0, 0})), NVB_STATUS_NOT_WRITABLE) << "past 255 bytes";
-    EXPECT_EQ(nvbtest::writtenFrame(dat(16, 9)), nvbtest::plain::frame(33, {16}, false)) << "the subtype byte alone";
+    EXPECT_EQ(nvbtest::writtenFrame(dat(16, 9)), nvbtest::plainFrame(33, {16}, false)) << "the subtype byte alone";
     EXPECT_EQ(nvbtest::writtenFrame(dat(16, 8)).size(), 7 + 3 + 16u);
 }
 

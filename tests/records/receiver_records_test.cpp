@@ -1,7 +1,5 @@
 #include "records/receiver_records.h"
-#include "support/encoder.h"
-#include "support/plain_records.h"
-#include "support/reader.h"
+#include "support/host.h"
 
 #include <gtest/gtest.h>
 
@@ -11,21 +9,9 @@
 
 namespace {
 
-using nvbtest::Bytes;
-using nvbtest::concat;
-using nvbtest::copyOf;
-using nvbtest::deliver;
-using nvbtest::Delivered;
-using nvbtest::Handle;
-using nvbtest::shortDat;
-using nvbtest::structDat;
-using nvbtest::writtenFrame;
-using nvbtest::plain::Body;
-using nvbtest::plain::Runs;
+using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) {
-    return nvbtest::plain::frame(type, body, false);
-}
+Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
 
 Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
@@ -54,11 +40,11 @@ TEST(ReceiverRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
     Handle handle;
     for (const LayoutRow& row : kLayouts) {
         SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
-        const auto f = nvbtest::plain::fields(row.runs, 3);
+        const auto f = nvbtest::fields(row.runs, 3);
         const Bytes wire = frame(row.type, concat({{row.subtype}, f.wire.bytes}));
-        const Delivered got = deliver(handle.get(), wire);
-        ASSERT_EQ(got.length, 4 + f.native.size());
-        EXPECT_EQ(got.dat, structDat(row.type, row.subtype, f.native.data(), got.length));
+        const ReadEvent got = processFrame(handle.get(), wire);
+        ASSERT_EQ(got.datLength, 4 + f.native.size());
+        EXPECT_EQ(got.dat, structDat(row.type, row.subtype, f.native.data(), got.datLength));
         EXPECT_EQ(writtenFrame(got.dat), wire);
     }
 }
@@ -69,8 +55,8 @@ TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) 
     const Bytes pairs = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD};
     const Bytes wire = frame(5, concat({{7}, Body().u16(0x0102).f64(1.5).u16(7).bytes, pairs}));
     Handle handle;
-    const Delivered got = deliver(handle.get(), wire);
-    ASSERT_EQ(got.length, wire.size() - 3);
+    const ReadEvent got = processFrame(handle.get(), wire);
+    ASSERT_EQ(got.datLength, wire.size() - 3);
     Bytes expected(2 * NVB_REC5_MAX_PAIRS, 0);
     for (std::size_t i = 0; i < 7; i += 3) {
         expected[2 * i] = wire[i];
@@ -87,16 +73,16 @@ TEST(ReceiverRecords, Record5WithAZeroPresenceMarkIsWrittenUpToTheMarkAndReadOnP
     // The reader still reads what follows the mark, here the checksum and end byte.
     Handle handle;
     const Bytes marked =
-        frame(5, concat({{2}, nvbtest::plain::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
-    const Delivered shortened = deliver(handle.get(), marked);
-    ASSERT_EQ(shortened.length, marked.size() - 3);
+        frame(5, concat({{2}, nvbtest::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
+    const ReadEvent shortened = processFrame(handle.get(), marked);
+    ASSERT_EQ(shortened.datLength, marked.size() - 3);
     EXPECT_EQ(handle->records.rec5->sub2.bytes4[2], 0x03);
     EXPECT_EQ(writtenFrame(shortened.dat), marked);
 }
 
 TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
-    const auto head = nvbtest::plain::fields({{1, 1}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}}, 9);
-    const auto middle = nvbtest::plain::fields({{1, 8}, {4, 2}}, 20);
+    const auto head = nvbtest::fields({{1, 1}, {2, 2}, {1, 2}, {2, 1}, {1, 4}, {2, 1}}, 9);
+    const auto middle = nvbtest::fields({{1, 8}, {4, 2}}, 20);
     auto record = [&](std::uint8_t n, std::uint16_t word5, std::size_t pairs) {
         Body body;
         body.u8(n).raw(head.wire.bytes).u32(4000000000u).raw(middle.wire.bytes).u16(word5).raw(Bytes(14, 0x5E));
@@ -107,22 +93,22 @@ TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
     Handle handle;
     for (const std::uint8_t n : {0, 5}) {
         const Bytes wire = record(n, 0x0203, n > 0 ? n - 1u : 0u);
-        const Delivered got = deliver(handle.get(), wire);
-        EXPECT_EQ(got.length, n == 0 ? 68u : 68u + 16 * (n - 1u));
-        EXPECT_EQ(got.dat[1] | got.dat[2] << 8, static_cast<int>(got.length));
+        const ReadEvent got = processFrame(handle.get(), wire);
+        EXPECT_EQ(got.datLength, n == 0 ? 68u : 68u + 16 * (n - 1u));
+        EXPECT_EQ(got.dat[1] | got.dat[2] << 8, static_cast<int>(got.datLength));
         EXPECT_EQ(writtenFrame(got.dat), wire) << int(n);
     }
     EXPECT_EQ(copyOf(handle->records.rec12->unsignedValue), 4000000000.0);
     EXPECT_NEAR(copyOf(handle->records.rec12->signedValue), -0.123456, std::ldexp(1.0, -23));
     EXPECT_NEAR(copyOf(handle->records.rec12->pairs[3].second), -0.003, std::ldexp(1.0, -22));
-    deliver(handle.get(), record(5, 0, 4));
+    processFrame(handle.get(), record(5, 0, 4));
     EXPECT_EQ(copyOf(handle->records.rec12->word5), copyOf(handle->records.rec12->byte2))
         << "a zero word takes offset 9";
 
     // 60 announces 59 pairs: 48 fit the frame, 47 the structure; the DAT form keeps the
     // count's length, zero beyond the structure, and can't be written.
-    const Delivered got = deliver(handle.get(), record(60, 1, 48));
-    EXPECT_EQ(got.length, 68u + 59 * 16);
+    const ReadEvent got = processFrame(handle.get(), record(60, 1, 48));
+    EXPECT_EQ(got.datLength, 68u + 59 * 16);
     EXPECT_EQ(copyOf(handle->records.rec12->pairs[46].first), 0.5 + 46 / 64.0);
     EXPECT_EQ(got.dat.back(), 0);
     std::uint8_t status = 0;
@@ -132,7 +118,7 @@ TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
 
 TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
     const Bytes wire = frame(15, Body()
-                                     .raw(nvbtest::plain::fields({{8, 11}}).wire.bytes)
+                                     .raw(nvbtest::fields({{8, 11}}).wire.bytes)
                                      .u16(0xFFFE)
                                      .u16(300)
                                      .u32(4000000000u)
@@ -140,8 +126,8 @@ TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
                                      .u8(9)
                                      .bytes);
     Handle handle;
-    const Delivered got = deliver(handle.get(), wire);
-    ASSERT_EQ(got.length, 124u);
+    const ReadEvent got = processFrame(handle.get(), wire);
+    ASSERT_EQ(got.datLength, 124u);
     EXPECT_EQ(copyOf(handle->records.rec15->signedValue1), -2.0);
     EXPECT_EQ(copyOf(handle->records.rec15->unsignedValue), 4000000000.0);
     EXPECT_EQ(writtenFrame(got.dat), wire);
@@ -174,8 +160,8 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype));
         const Bytes wire = frame(19, concat({{row.subtype}, row.body}));
-        const Delivered got = deliver(handle.get(), wire);
-        EXPECT_EQ(got.length, row.datLength);
+        const ReadEvent got = processFrame(handle.get(), wire);
+        EXPECT_EQ(got.datLength, row.datLength);
         EXPECT_EQ(got.dat[2], row.reportedAs);
         const Rec19& rec = *handle->records.rec19;
         const double value = row.subtype == 1      ? rec.sub1.value
@@ -187,7 +173,7 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
         }
         EXPECT_EQ(writtenFrame(got.dat), row.written.empty() ? wire : frame(19, row.written));
     }
-    deliver(handle.get(), frame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
+    processFrame(handle.get(), frame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
     EXPECT_EQ(copyOf(handle->records.rec19->sub8.word), 0x1234) << "the slot byte is the word's high part";
     EXPECT_EQ(std::string(handle->records.rec19->sub8.text), "FW 5.45 BUILD 0017");
 }
@@ -211,7 +197,7 @@ TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
     };
     Handle handle;
     for (const Step& step : steps) {
-        ASSERT_EQ(deliver(handle.get(), frame(19, concat({{step.subtype}, step.body}))).length, 15u);
+        ASSERT_EQ(processFrame(handle.get(), frame(19, concat({{step.subtype}, step.body}))).datLength, 15u);
         const Rec19Sub7& rec = handle->records.rec19->sub7;
         EXPECT_EQ(rec.slot, step.slot) << int(step.subtype);
         EXPECT_EQ(copyOf(rec.word), step.word) << int(step.subtype);
@@ -221,10 +207,10 @@ TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
 
 TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirStructure) {
     Handle handle;
-    const Bytes wire24 = frame(24, nvbtest::plain::fields({{8, 12}, {4, 2}}).wire.bytes);
-    const Delivered got24 = deliver(handle.get(), wire24);
-    ASSERT_EQ(got24.length, 108u);
-    EXPECT_EQ(copyOf(handle->records.rec24->values[0]), nvbtest::plain::kOrbit[1]);
+    const Bytes wire24 = frame(24, nvbtest::fields({{8, 12}, {4, 2}}).wire.bytes);
+    const ReadEvent got24 = processFrame(handle.get(), wire24);
+    ASSERT_EQ(got24.datLength, 108u);
+    EXPECT_EQ(copyOf(handle->records.rec24->values[0]), nvbtest::kOrbit[1]);
     EXPECT_EQ(copyOf(handle->records.rec24->counters[1]), 302400u + 7 * 14);
     EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), 24, Bytes(108).data()));
     EXPECT_EQ(writtenFrame(got24.dat), wire24);
@@ -233,13 +219,13 @@ TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirSt
     for (const std::uint8_t n : {2, 9}) {
         const std::size_t entries = n + 1u;
         Body body;
-        body.u8(n).raw(nvbtest::plain::fields({{8, 4}, {1, 8}}).wire.bytes).raw(Bytes(entries, 0x21));
+        body.u8(n).raw(nvbtest::fields({{8, 4}, {1, 8}}).wire.bytes).raw(Bytes(entries, 0x21));
         body.raw(Bytes(6, 0x06)).raw(Bytes(entries, 0x22)).u16(1).u16(2).u16(3).u16(4);
         for (std::size_t t = 0; t < 4 * entries; ++t) body.u32(1000 * (t / entries) + t % entries);
         body.u16(5).u32(6).u32(7).u16(8).u16(9);
         const Bytes wire = frame(22, body.bytes);
-        const Delivered got = deliver(handle.get(), wire);
-        ASSERT_EQ(got.length, wire.size() - 2) << int(n);
+        const ReadEvent got = processFrame(handle.get(), wire);
+        ASSERT_EQ(got.datLength, wire.size() - 2) << int(n);
         const Rec22& rec = *handle->records.rec22;
         EXPECT_EQ(copyOf(rec.dwordTables[3][2]), 3002u);
         EXPECT_EQ(copyOf(rec.dwordTables[1][7]), n > 7 ? 1007u : 0u);
@@ -250,7 +236,7 @@ TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirSt
     Rec24 rec{};
     rec.values[0] = 1.0;
     rec.counters[0] = 1;
-    deliver(handle.get(), writtenFrame(structDat(24, 0, &rec, 108)));
+    processFrame(handle.get(), writtenFrame(structDat(24, 0, &rec, 108)));
     EXPECT_EQ(copyOf(handle->records.rec24->counters[0]), 0x01000000u);
     EXPECT_NE(copyOf(handle->records.rec24->values[0]), 1.0);
 }
@@ -274,8 +260,8 @@ Bytes description() {
 TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
     Handle handle;
     const Bytes wire = description();
-    const Delivered got = deliver(handle.get(), wire);
-    ASSERT_EQ(got.length, wire.size() - 3);
+    const ReadEvent got = processFrame(handle.get(), wire);
+    ASSERT_EQ(got.datLength, wire.size() - 3);
     const Rec30Sub1& rec = handle->records.rec30->sub1;
     EXPECT_EQ(copyOf(rec.a.dword1), 0x00A1B2C3u);
     EXPECT_EQ(std::string(rec.b.text), "TR-9 GNSS RX");
@@ -320,8 +306,8 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         const Bytes read = frame(30, row.body);
-        const Delivered section = deliver(handle.get(), read);
-        ASSERT_EQ(section.length, row.datLength);
+        const ReadEvent section = processFrame(handle.get(), read);
+        ASSERT_EQ(section.datLength, row.datLength);
         Bytes expected = row.dat;
         expected.resize(row.datLength - 4, 0);
         EXPECT_EQ(Bytes(section.dat.begin() + 4, section.dat.end()), expected);
@@ -353,12 +339,12 @@ TEST(ReceiverRecords, OnlyTheFirstDescriptionOfSubtypeZeroLeavesTheFirstGenerati
     Handle handle;
     handle->firstGenHistory.previous.rowCount = 4;
     const Bytes reference = frame(30, {0, 1, 2, 3, 4, 5, 6, 7, 8});
-    EXPECT_EQ(deliver(handle.get(), description()).type, 30);
+    EXPECT_EQ(processFrame(handle.get(), description()).type, 30);
     EXPECT_EQ(handle->firstRec30, 1) << "subtype 1 is no reference";
-    EXPECT_EQ(deliver(handle.get(), reference).type, 30);
+    EXPECT_EQ(processFrame(handle.get(), reference).type, 30);
     EXPECT_EQ(handle->firstRec30, 0);
     EXPECT_EQ(handle->firstGenHistory.previous.rowCount, 4);
-    deliver(handle.get(), reference);
+    processFrame(handle.get(), reference);
     EXPECT_EQ(handle->firstGenHistory.previous.rowCount, 0);
 }
 
@@ -375,7 +361,7 @@ TEST(PlainRecords, ShortBodiesAndUncappedCountsReadSafelyAndTheWriterRefusesWhat
         {frame(22, {255, 1, 2, 3}), 255},
     };
     for (const Hostile& hostile : frames) {
-        EXPECT_EQ(deliver(handle.get(), hostile.frame).length, hostile.datLength) << "type " << int(hostile.frame[2]);
+        EXPECT_EQ(processFrame(handle.get(), hostile.frame).datLength, hostile.datLength) << "type " << int(hostile.frame[2]);
     }
     EXPECT_EQ(copyOf(handle->records.rec21->words[1]), 0x0300) << "end byte, then zero";
     Rec5 pairs{};

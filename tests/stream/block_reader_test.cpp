@@ -1,9 +1,8 @@
 #include "common/diagnostics.h"
 #include "stream/block_codecs.h"
 #include "stream/block_reader.h"
-#include "stream/block_stream_support.h"
+#include "support/blocks.h"
 #include "stream/scrambling.h"
-#include "support/reader.h"
 
 #include <gtest/gtest.h>
 
@@ -86,9 +85,9 @@ Bytes damaged(const Bytes& whole, std::uint32_t claimed = 0) {
 }
 
 // Each event as its record type, or as -100 minus the status of anything else.
-std::vector<int> outline(const std::vector<Event>& events) {
+std::vector<int> outline(const std::vector<nvbtest::ReadEvent>& events) {
     std::vector<int> types;
-    for (const Event& event : events) types.push_back(event.isRecord() ? event.result : -100 - event.status);
+    for (const nvbtest::ReadEvent& event : events) types.push_back(event.isRecord() ? event.result : -100 - event.status);
     return types;
 }
 
@@ -143,7 +142,7 @@ TEST(BlockFailures, EachFailureIsToldByItsStatusAtTheByteThatRevealsIt) {
     for (const Case& c : cases) {
         nvbtest::Handle handle;
         std::size_t fed = 0;
-        std::vector<Event> events;
+        std::vector<nvbtest::ReadEvent> events;
         for (const std::uint8_t byte : c.stream) {
             ++fed;
             const auto step = readByByte(handle.get(), Bytes{byte});
@@ -167,7 +166,7 @@ TEST(Descrambling, ReaderStartsTheTableAtTheBlocksFirstByteFourBytesAheadOfTheWr
     nvbtest::Handle reader;
     reader->descramble = 1;
     EXPECT_EQ(
-        frameDifference(recordsOf(readByByte(reader.get(), join({written.header, scrambled}))), written.expected[0]),
+        frameDifference(nvbtest::framesOf(readByByte(reader.get(), join({written.header, scrambled}))), written.expected[0]),
         "");
 
     EncodeHarness writer(5);
@@ -200,14 +199,14 @@ TEST_P(DamagedBlock, CostsOnlyItselfAndReadingGoesOnWithTheNextBlock) {
     for (const bool byByte : {true, false}) {
         nvbtest::Handle handle;
         const auto events = byByte ? readByByte(handle.get(), stream) : readFile(handle.get(), stream);
-        EXPECT_EQ(frameDifference(recordsOf(events), expected), "");
+        EXPECT_EQ(frameDifference(nvbtest::framesOf(events), expected), "");
         // The status comes on the damaged block's last byte. The search meets the next
         // block before it is whole and hands it to normal reading; a compressed block then
         // brings status 18 with its first record, a zlib block reads on without it.
         ASSERT_EQ(events.size(), expected.size() + 1);
         EXPECT_EQ(events[first.expected[0].size()].status, c.status);
         if (c.nextMethod != 7) {
-            const Event& resumed = events[first.expected[0].size() + 1];
+            const nvbtest::ReadEvent& resumed = events[first.expected[0].size() + 1];
             EXPECT_TRUE(resumed.isRecord());
             EXPECT_EQ(resumed.status, c.nextMethod == 3 ? 0 : 18);
         }
@@ -225,13 +224,13 @@ TEST_P(DamagedBlock, ALengthThatSwallowsTheNextBlockLetsTheSearchFindItWhole) {
     nvbtest::Handle handle;
     const auto events = readByByte(handle.get(), stream);
     ASSERT_GT(events.size(), first.expected[0].size());
-    const Event& resumed = events[first.expected[0].size()];
+    const nvbtest::ReadEvent& resumed = events[first.expected[0].size()];
     if (c.nextMethod != 3) {
         // The compressed levels end the search: status 18 comes with the first record of
         // the block found, and the block the damage reached into is read in full.
         EXPECT_TRUE(resumed.isRecord());
         EXPECT_EQ(resumed.status, 18);
-        EXPECT_EQ(frameDifference(recordsOf(events),
+        EXPECT_EQ(frameDifference(nvbtest::framesOf(events),
                                   joined({first.expected[0], next.expected[1], next.expected[2], next.expected[3]})),
                   "");
     } else {
@@ -239,7 +238,7 @@ TEST_P(DamagedBlock, ALengthThatSwallowsTheNextBlockLetsTheSearchFindItWhole) {
         // is the one whose start the search has passed.
         EXPECT_EQ(resumed.result, 0);
         EXPECT_EQ(resumed.status, c.status);
-        EXPECT_EQ(frameDifference(recordsOf(events), joined({first.expected[0], next.expected[3]})), "");
+        EXPECT_EQ(frameDifference(nvbtest::framesOf(events), joined({first.expected[0], next.expected[3]})), "");
     }
 }
 
@@ -267,9 +266,9 @@ TEST(VerifiedBlocks, AFlippedByteInAZstdBodyGivesAStatusNeverAWrongRecord) {
             bad[position] ^= flip;
             nvbtest::Handle handle;
             const auto events = readByByte(handle.get(), join({written.header, written.blocks[0], bad}));
-            const auto records = recordsOf(events);
+            const auto records = nvbtest::framesOf(events);
             const bool failed = std::any_of(events.begin(), events.end(),
-                                            [](const Event& event) { return event.status == NVB_STATUS_ZSTD; });
+                                            [](const nvbtest::ReadEvent& event) { return event.status == NVB_STATUS_ZSTD; });
             EXPECT_EQ(frameDifference(records, failed ? written.expected[0] : whole), "")
                 << "byte " << position << " flipped by " << int(flip);
         }
@@ -298,7 +297,7 @@ TEST(BlockSearch, NeitherGarbageNorABlockThatStaysGrowsTheInputBuffer) {
         largest = std::max(largest, copyOf(searching->inputFill));
     }
     EXPECT_LE(largest, std::max<std::size_t>(4106, damaged(written.blocks[0]).size()));
-    EXPECT_EQ(frameDifference(recordsOf(readByByte(searching.get(), written.blocks[1])), written.expected[1]), "");
+    EXPECT_EQ(frameDifference(nvbtest::framesOf(readByByte(searching.get(), written.blocks[1])), written.expected[1]), "");
 
     nvbtest::Handle stuck;
     const auto events = readByByte(stuck.get(), join({header(8, 11), block(9, {}), nvbtest::junk(600000, 4)}));

@@ -1,6 +1,5 @@
-#include "stream/block_stream_support.h"
+#include "support/blocks.h"
 #include "stream/scrambling.h"
-#include "support/reader.h"
 
 #include <gtest/gtest.h>
 
@@ -30,7 +29,7 @@ TEST_P(BlockRoundTrip, MixedFramesComeBackInOrderThroughBothGetters) {
         nvbtest::Handle handle;
         const auto events =
             byByte ? readByByte(handle.get(), writer.stream()) : readFile(handle.get(), writer.stream());
-        EXPECT_EQ(frameDifference(recordsOf(events), expectedFrames(frames, method, 0, frames.size())), "");
+        EXPECT_EQ(frameDifference(nvbtest::framesOf(events), expectedFrames(frames, method, 0, frames.size())), "");
         // A Huffman byte stream meets its end symbols: at its opening (reported by the
         // first call), at 600 records and at the close.
         EXPECT_EQ(events.size() - frames.size(), method == 0 ? 3u : 0u);
@@ -59,7 +58,7 @@ TEST_P(BlockRestart, RestartsCutTheStreamIntoPiecesEachReadableAlone) {
         nvbtest::Handle handle;
         const auto events = readByByte(handle.get(), piece.bytes);
         EXPECT_EQ(
-            frameDifference(recordsOf(events), expectedFrames(frames, method, piece.firstFrame, piece.frameCount)), "");
+            frameDifference(nvbtest::framesOf(events), expectedFrames(frames, method, piece.firstFrame, piece.frameCount)), "");
         EXPECT_EQ(events.size(), piece.frameCount);
     }
 }
@@ -74,7 +73,7 @@ TEST(BlockLevels, EveryLevelOfEveryCompressorReadsBack) {
             writer.state().explicitLevel = method == 3 ? 9 : 5;
             writer.writeAll(frames);
             nvbtest::Handle handle;
-            EXPECT_EQ(frameDifference(recordsOf(readByByte(handle.get(), writer.stream())),
+            EXPECT_EQ(frameDifference(nvbtest::framesOf(readByByte(handle.get(), writer.stream())),
                                       expectedFrames(frames, method, 0, frames.size())),
                       "")
                 << "method " << int(method) << " level " << int(level);

@@ -1,7 +1,6 @@
 #include "stream/block_codecs.h"
-#include "stream/block_stream_support.h"
+#include "support/blocks.h"
 #include "stream/scrambling.h"
-#include "support/reader.h"
 
 #include <gtest/gtest.h>
 

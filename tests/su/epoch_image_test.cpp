@@ -1,6 +1,7 @@
 #include "external/su/epoch_image.h"
 
-#include "support/epoch_sequence.h"
+#include "support/host.h"
+#include "support/sequences.h"
 
 #include <gtest/gtest.h>
 

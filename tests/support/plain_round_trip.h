@@ -1,8 +1,7 @@
 #ifndef NVB_TESTS_PLAIN_ROUND_TRIP_H
 #define NVB_TESTS_PLAIN_ROUND_TRIP_H
 
-#include "support/encoder.h"
-#include "support/reader.h"
+#include "support/host.h"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,7 @@
 
 #include <nvbdll/nvbdll.h>
 
-#include "support/encoder.h"
-#include "support/frame_builder.h"
+#include "support/host.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -84,13 +84,16 @@ double phaseRate(const Rec27& before, const Rec27& after, const Rec27Sv& sv, con
 
 using SignalKey = std::tuple<int, int, int>;  // system, satellite, band
 
-TEST(SimulatedObservables, RangeAndPhaseAgreeThroughTheWavelengthUpToNoise) {
-    // range + phase x wavelength is the lock's constant ambiguity plus code noise and bias,
-    // through clock steps, until a slip or a new lock restarts it.
-    Walk walk(options(1500.0));
+// One hour of the four systems, epoch by epoch against the one before:
+// - range + phase x wavelength is the lock's constant ambiguity plus code noise and bias,
+//   through clock steps, until a slip or a new lock restarts it;
+// - Doppler explains the phase step, and what it leaves is a slip's whole cycles;
+// - the receiver steers its clock by whole milliseconds, and every range and phase moves
+//   with it.
+TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
+    Walk walk(options(3600.0));
     std::map<SignalKey, std::vector<double>> segments;
-    int steps = 0;
-    int segmentsChecked = 0;
+    int segmentsChecked = 0, compared = 0, acrossSteps = 0, slips = 0, steps = 0;
     auto check = [&](std::vector<double>& values) {
         if (values.size() >= 30) {
             double mean = 0.0;
@@ -107,42 +110,32 @@ TEST(SimulatedObservables, RangeAndPhaseAgreeThroughTheWavelengthUpToNoise) {
         values.clear();
     };
     while (walk.step()) {
-        if (walk.hasPrevious() && clockStep(*walk.previous, *walk.current) != 0) ++steps;
-        for (int i = 0; i < walk.current->nSv; ++i) {
-            const Rec27Sv& sv = walk.current->sv[i];
+        const Rec27& epoch = *walk.current;
+        ASSERT_LE(std::fabs(epoch.clkOffset), 0.5001);
+        EXPECT_NEAR(walk.position.clkOffset, epoch.clkOffset, 1e-5);
+        const int step = walk.hasPrevious() ? clockStep(*walk.previous, epoch) : 0;
+        ASSERT_EQ(step, walk.hasPrevious() ? walk.simulator.truth().steeringMs : 0);
+        if (step != 0) {
+            ++steps;
+            // Besides the step, the clock drifts by a few microseconds a second.
+            EXPECT_NEAR(epoch.clkOffset - walk.previous->clkOffset, step, 0.003);
+        }
+        for (int i = 0; i < epoch.nSv; ++i) {
+            const Rec27Sv& sv = epoch.sv[i];
+            const Rec27Sv* was = walk.hasPrevious() ? sameSatellite(*walk.previous, sv) : nullptr;
             for (int j = 0; j < sv.nMeas; ++j) {
                 const Rec27Meas& meas = sv.meas[j];
-                std::vector<double>& values = segments[{sv.rt_sattype, sv.svId, meas.blockType}];
-                if ((meas.measFlags1 & 0x08) != 0) check(values);
-                values.push_back(meas.range + meas.phase * wavelengthOf(sv, meas));
-            }
-        }
-    }
-    for (auto& [key, values] : segments) check(values);
-    EXPECT_GT(steps, 0);
-    EXPECT_GT(segmentsChecked, 50);
-}
-
-TEST(SimulatedObservables, DopplerMatchesThePhaseRateAndASlipAddsWholeCycles) {
-    Walk walk(options(3600.0));
-    int compared = 0;
-    int acrossSteps = 0;
-    int slips = 0;
-    while (walk.step()) {
-        if (!walk.hasPrevious()) continue;
-        const int step = clockStep(*walk.previous, *walk.current);
-        for (int i = 0; i < walk.current->nSv; ++i) {
-            const Rec27Sv& sv = walk.current->sv[i];
-            const Rec27Sv* was = sameSatellite(*walk.previous, sv);
-            for (int j = 0; was != nullptr && j < sv.nMeas; ++j) {
-                const Rec27Meas& meas = sv.meas[j];
                 const bool slipped = (meas.measFlags1 & 0x08) != 0;
+                std::vector<double>& values = segments[{sv.rt_sattype, sv.svId, meas.blockType}];
+                if (slipped) check(values);
+                values.push_back(meas.range + meas.phase * wavelengthOf(sv, meas));
+                if (was == nullptr) continue;
                 ASSERT_EQ(meas.measFlags1 & 0xF7, 0x07);
                 ASSERT_EQ(slipped, walk.simulator.truth().satellites[i].signals[j].slipped);
                 ASSERT_EQ(meas.slipCount, static_cast<std::uint8_t>(was->meas[j].slipCount + (slipped ? 1 : 0)));
                 // What the Doppler does not explain of the phase step is the slip.
                 const double meanDoppler = 0.5 * (meas.doppler + was->meas[j].doppler);
-                const double extra = phaseRate(*walk.previous, *walk.current, sv, was->meas[j], meas) - meanDoppler;
+                const double extra = phaseRate(*walk.previous, epoch, sv, was->meas[j], meas) - meanDoppler;
                 ASSERT_NEAR(extra, slipped ? std::round(extra) : 0.0, 0.25)
                     << "system " << int(sv.rt_sattype) << " sv " << int(sv.svId) << " epoch " << walk.epochs;
                 if (slipped) {
@@ -151,12 +144,22 @@ TEST(SimulatedObservables, DopplerMatchesThePhaseRateAndASlipAddsWholeCycles) {
                 ++compared;
                 acrossSteps += step != 0 ? 1 : 0;
                 slips += slipped ? 1 : 0;
+                if (step == 0) continue;
+                // Light travels 299792 m in a millisecond; satellite and drift add under 2 km.
+                const double rangeChange = meas.range - was->meas[j].range;
+                EXPECT_NEAR(rangeChange, step * kSpeedOfLight * 1e-3, 2000.0);
+                if (!slipped) {
+                    EXPECT_NEAR(-(meas.phase - was->meas[j].phase) * wavelengthOf(sv, meas), rangeChange, 10.0);
+                }
             }
         }
     }
+    for (auto& [key, values] : segments) check(values);
+    EXPECT_GT(segmentsChecked, 50);
     EXPECT_GT(compared, 100000);
     EXPECT_GT(acrossSteps, 100);
     EXPECT_GE(slips, 10);
+    EXPECT_GE(steps, 2);
 }
 
 TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMask) {
@@ -246,39 +249,6 @@ TEST(SimulatedSky, GlonassSatellitesCarryTheirChannelAndItsCarrier) {
     }
     EXPECT_GE(channelOf.size(), 6u);
     EXPECT_GT(carriersChecked, 10);
-}
-
-TEST(SimulatedClock, SteeringStepsAMillisecondAndMovesEveryRangeAndPhaseWithIt) {
-    Walk walk(options(3600.0, 1.0, "GE"));
-    int steps = 0;
-    while (walk.step()) {
-        const Rec27& epoch = *walk.current;
-        ASSERT_LE(std::fabs(epoch.clkOffset), 0.5001);
-        EXPECT_NEAR(walk.position.clkOffset, epoch.clkOffset, 1e-5);
-        if (!walk.hasPrevious()) continue;
-        const int step = clockStep(*walk.previous, epoch);
-        ASSERT_EQ(step, walk.simulator.truth().steeringMs);
-        if (step == 0) continue;
-        ++steps;
-        // Besides the step, the clock drifts by a few microseconds a second.
-        EXPECT_NEAR(epoch.clkOffset - walk.previous->clkOffset, step, 0.003);
-        for (int i = 0; i < epoch.nSv; ++i) {
-            const Rec27Sv& sv = epoch.sv[i];
-            const Rec27Sv* was = sameSatellite(*walk.previous, sv);
-            if (was == nullptr) continue;
-            for (int j = 0; j < sv.nMeas; ++j) {
-                // Light travels 299792 m in a millisecond; satellite and drift add under 2 km.
-                const double rangeChange = sv.meas[j].range - was->meas[j].range;
-                EXPECT_NEAR(rangeChange, step * kSpeedOfLight * 1e-3, 2000.0);
-                const double phaseChangeInMetres =
-                    -(sv.meas[j].phase - was->meas[j].phase) * wavelengthOf(sv, sv.meas[j]);
-                if ((sv.meas[j].measFlags1 & 0x08) == 0) {
-                    EXPECT_NEAR(phaseChangeInMetres, rangeChange, 10.0);
-                }
-            }
-        }
-    }
-    EXPECT_GE(steps, 2);
 }
 
 TEST(SimulatorRun, IsDeterministicForASeedAndDiffersBetweenSeeds) {

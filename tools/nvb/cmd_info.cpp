@@ -1,13 +1,13 @@
 // info: what a log is and holds: its shape and header, records per type, time span and
 // rate, satellites per system, the damage met and where, and the bytes an epoch costs.
+#include "host/dat_form.h"
 #include "nvb/command_support.h"
 #include "nvb/commands.h"
-#include "nvb/dat_form.h"
 #include "nvb/gnss_names.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
 #include "nvb/record_json.h"
-#include "nvb/status_text.h"
+#include "nvb/status_report.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

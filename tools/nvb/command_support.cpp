@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <array>
+
 namespace nvbtool {
 
 void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what) {
@@ -39,26 +41,10 @@ std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel) {
 }
 
 std::string methodName(std::uint8_t method) {
-    switch (method) {
-        case 0:
-            return "Huffman byte stream";
-        case 1:
-            return "stored blocks";
-        case 2:
-            return "Huffman blocks";
-        case 3:
-            return "zlib";
-        case 4:
-            return "bzip2 over frames";
-        case 5:
-            return "bzip2";
-        case 6:
-            return "brotli";
-        case 7:
-            return "zstd";
-        default:
-            return fmt::format("method {}", method);
-    }
+    static constexpr std::array<const char*, 8> kMethods = {
+        "Huffman byte stream", "stored blocks", "Huffman blocks", "zlib", "bzip2 over frames", "bzip2", "brotli",
+        "zstd"};
+    return method < kMethods.size() ? kMethods[method] : fmt::format("method {}", method);
 }
 
 int settleOutput(Output& output, int code) {

@@ -2,86 +2,50 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cmath>
 
 namespace nvbtool {
 
+namespace {
+
+// The system numbers a receiver gives, each with its name and the letter of its
+// satellites; BeiDou has three.
+struct SystemName {
+    const char* name;
+    char letter;
+};
+constexpr std::array<SystemName, 11> kSystems = {{{"GPS", 'G'},
+                                                  {"SBAS", 'S'},
+                                                  {"GLONASS", 'R'},
+                                                  {"Galileo", 'E'},
+                                                  {"QZSS", 'J'},
+                                                  {"BeiDou", 'C'},
+                                                  {nullptr, 0},
+                                                  {"BeiDou", 'C'},
+                                                  {nullptr, 0},
+                                                  {"IRNSS", 'I'},
+                                                  {"BeiDou", 'C'}}};
+
+constexpr std::array<const char*, 8> kBlockLevels = {
+    "no content block",       "frames as they are",      "Huffman coded frames",     "zlib over bare records",
+    "bzip2 over frames",      "bzip2 over bare records", "brotli over bare records", "zstd over bare records"};
+
+bool isNamed(std::uint8_t system) { return system < kSystems.size() && kSystems[system].name != nullptr; }
+
+}  // namespace
+
 std::string systemName(std::uint8_t system) {
-    switch (system) {
-        case 0:
-            return "GPS";
-        case 1:
-            return "SBAS";
-        case 2:
-            return "GLONASS";
-        case 3:
-            return "Galileo";
-        case 4:
-            return "QZSS";
-        case 5:
-        case 7:
-        case 10:
-            return "BeiDou";
-        case 9:
-            return "IRNSS";
-        default:
-            return fmt::format("system {}", system);
-    }
+    return isNamed(system) ? kSystems[system].name : fmt::format("system {}", system);
 }
 
 std::string satelliteName(std::uint8_t system, std::uint8_t svId) {
-    char letter = '?';
-    switch (system) {
-        case 0:
-            letter = 'G';
-            break;
-        case 1:
-            letter = 'S';
-            break;
-        case 2:
-            letter = 'R';
-            break;
-        case 3:
-            letter = 'E';
-            break;
-        case 4:
-            letter = 'J';
-            break;
-        case 5:
-        case 7:
-        case 10:
-            letter = 'C';
-            break;
-        case 9:
-            letter = 'I';
-            break;
-        default:
-            return fmt::format("{}:{}", system, svId);
-    }
-    return fmt::format("{}{:02}", letter, svId);
+    if (!isNamed(system)) return fmt::format("{}:{}", system, svId);
+    return fmt::format("{}{:02}", kSystems[system].letter, svId);
 }
 
 std::string blockLevelText(std::uint8_t level) {
-    switch (level) {
-        case 0:
-            return "no content block";
-        case 1:
-            return "frames as they are";
-        case 2:
-            return "Huffman coded frames";
-        case 3:
-            return "zlib over bare records";
-        case 4:
-            return "bzip2 over frames";
-        case 5:
-            return "bzip2 over bare records";
-        case 6:
-            return "brotli over bare records";
-        case 7:
-            return "zstd over bare records";
-        default:
-            return fmt::format("level {}", level);
-    }
+    return level < kBlockLevels.size() ? kBlockLevels[level] : fmt::format("level {}", level);
 }
 
 namespace {

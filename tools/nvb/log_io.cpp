@@ -1,11 +1,13 @@
 #include "nvb/log_io.h"
 
-#include "nvb/dat_form.h"
-#include "nvb/status_text.h"
+#include "host/dat_form.h"
+#include "nvb/status_report.h"
 
 #include "common/byte_sum.h"
 #include "pipeline/expansion.h"
 #include "pipeline/serialisation.h"
+#include "records/dat_parser.h"
+#include "stream/block_codecs.h"
 #include "stream/framing.h"
 
 #include <fmt/format.h>
@@ -220,14 +222,11 @@ constexpr std::size_t kShownEvents = 8;
 // Resuming after damage: a zstd block is type 8, a 24-bit length, then the zstd frame.
 constexpr std::uint8_t kZstdBlockType = 8;
 constexpr std::array<std::uint8_t, 4> kZstdMagic = {0x28, 0xB5, 0x2F, 0xFD};
-constexpr std::size_t kBlockHeader = 4;
-constexpr std::size_t kLongestBlock = 530134;
+constexpr std::size_t kBlockHeader = nvb::kBlockHeaderLength;
+constexpr std::size_t kLongestBlock = nvb::kBlockCapacity;
 constexpr std::size_t kLongestHeaderBlock = 64;
 // Scanned bytes that the window keeps before it drops them.
 constexpr std::size_t kScannedKept = 1 << 16;
-
-constexpr std::array<std::uint8_t, 6> kFirstHeaderMagic = {0x74, 0xBA, 0x79, 0x4B, 0xCF, 0x6B};
-constexpr std::array<std::uint8_t, 6> kNveHeaderMagic = {0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9};
 
 struct Detected {
     StreamShape shape;
@@ -241,8 +240,8 @@ Detected detectShape(std::span<const std::uint8_t> head) {
     if (head.empty()) return {StreamShape::Empty, false};
     if (head.size() >= 10 && head[0] == 0 && head[1] == 0 && head[2] == 0) {
         const auto magic = head.subspan(4, 6);
-        if (std::equal(magic.begin(), magic.end(), kFirstHeaderMagic.begin())) return {StreamShape::Blocks, false};
-        if (std::equal(magic.begin(), magic.end(), kNveHeaderMagic.begin())) return {StreamShape::Blocks, true};
+        if (std::equal(magic.begin(), magic.end(), nvb::kFirstHeaderMagic.begin())) return {StreamShape::Blocks, false};
+        if (std::equal(magic.begin(), magic.end(), nvb::kSecondHeaderMagic.begin())) return {StreamShape::Blocks, true};
     }
     if (head.size() >= 6 && head[0] == nvb::kStartByte) {
         const std::uint8_t type = head[2];
@@ -636,21 +635,8 @@ void reportReadProblems(const ReadSummary& summary, const std::string& file) {
 
 namespace {
 
-// Sizes of the 38 structures that a host allocates for an encode state, by slot.
-constexpr std::array<std::size_t, 38> kSlotSizes = {
-    4,   252, 78,  78,  78,  202,   106, 160, 118, 20,  5,  86,  142,  832, 120, 250,  1937, 259, 264,
-    186, 213, 104, 204, 139, 22021, 214, 571, 343, 260, 99, 464, 1254, 196, 187, 1032, 4103, 42,  833,
-};
-// The slots that nvbdll_freeEncodeState deletes itself; the host frees the others.
-constexpr std::array<std::size_t, 19> kLibraryFreedSlots = {0,  6,  12, 13, 14, 15, 16, 17, 19, 22,
-                                                            23, 24, 25, 26, 27, 28, 33, 34, 35};
-constexpr std::size_t kContentSlot = 32;
 // The NVE form: rollover ranges and three-byte range differences in measFlags2.
 constexpr std::uint32_t kNveFileFormat = 5;
-
-bool freedByLibrary(std::size_t slot) {
-    return std::find(kLibraryFreedSlots.begin(), kLibraryFreedSlots.end(), slot) != kLibraryFreedSlots.end();
-}
 
 bool isThinnedType(std::uint8_t type) {
     return type == 11 || type == 17 || type == 27 || type == 29;
@@ -659,37 +645,16 @@ bool isThinnedType(std::uint8_t type) {
 }  // namespace
 
 LogWriter::LogWriter(Output& output, const WriteOptions& options)
-    : output_(output), options_(options), state_(new nvb_encode_t()) {
-    nvbdll_initDATEncodeState(state_);
-    void** slots = reinterpret_cast<void**>(&state_->records);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        // The record 35 content holds pointers: its size is that of the platform's.
-        const std::size_t size = slot == kContentSlot ? sizeof(rec35_content_t) : kSlotSizes[slot];
-        slots[slot] = ::operator new(size);
-        std::memset(slots[slot], 0, size);
-    }
-    state_->fileFormat = kNveFileFormat;
+    : options_(options),
+      encoder_(static_cast<std::uint8_t>(options.method), static_cast<std::uint8_t>(options.level),
+               [&output](std::span<const std::uint8_t> unit) { output.write(unit.data(), unit.size()); }) {
+    nvb_encode_t& state = encoder_.state();
+    state.fileFormat = kNveFileFormat;
     // Records 35 go out as they came: the stream's own schemas, every subtype.
-    state_->rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
-    state_->compressionMethod = static_cast<std::uint8_t>(options.method);
-    state_->compressionLevel = static_cast<std::uint8_t>(options.level);
-    state_->explicitLevel = 0;
-    state_->measurementInterval = options.measurementInterval;
-    state_->positionInterval = options.positionInterval;
-    state_->writeCallback = &LogWriter::written;
-    state_->writeContext = this;
-}
-
-LogWriter::~LogWriter() {
-    void** slots = reinterpret_cast<void**>(&state_->records);
-    for (std::size_t slot = 0; slot < kSlotSizes.size(); ++slot) {
-        if (!freedByLibrary(slot)) ::operator delete(slots[slot]);
-    }
-    nvbdll_freeEncodeState(state_);
-}
-
-void LogWriter::written(const std::uint8_t* buffer, std::uint32_t length, void* context) {
-    static_cast<LogWriter*>(context)->output_.write(buffer, length);
+    state.rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
+    state.explicitLevel = 0;
+    state.measurementInterval = options.measurementInterval;
+    state.positionInterval = options.positionInterval;
 }
 
 void LogWriter::put(std::span<std::uint8_t> dat) {
@@ -707,13 +672,13 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
         // and the epoch takes the long delta form when the short one would lose a flag
         // byte, a range rollover or a wide range difference.
         longEpoch = prepareEpochForEncoder(dat).needsLongForm;
-        state_->epochForceLong = longEpoch ? 1 : 0;
+        encoder_.state().epochForceLong = longEpoch ? 1 : 0;
     }
-    const std::uint32_t before = state_->recordCount;
+    const std::uint32_t before = encoder_.state().recordCount;
     std::uint8_t status = 0;
-    nvbdll_processDATRecord(state_, dat.data(), &status);
+    encoder_.put(dat.data(), status);
     if (status != NVB_STATUS_OK) summary_.failures.push_back(status);
-    if (state_->recordCount != before) {
+    if (encoder_.state().recordCount != before) {
         ++summary_.recordsWritten;
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
@@ -729,7 +694,7 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
 void LogWriter::finish() {
     if (finished_) return;
     finished_ = true;
-    nvbdll_finalizeDATProcessing(state_);
+    encoder_.finish();
 }
 
 bool reportWriteProblems(const WriteSummary& summary, const std::string& file) {

@@ -3,6 +3,8 @@
 
 #include <nvbdll/nvbdll.h>
 
+#include "host/host_encoder.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -253,7 +255,6 @@ struct WriteSummary {
 class LogWriter {
 public:
     LogWriter(Output& output, const WriteOptions& options);
-    ~LogWriter();
     LogWriter(const LogWriter&) = delete;
     LogWriter& operator=(const LogWriter&) = delete;
 
@@ -264,10 +265,8 @@ public:
     const WriteSummary& summary() const { return summary_; }
 
 private:
-    static void written(const std::uint8_t* buffer, std::uint32_t length, void* context);
-    Output& output_;
     WriteOptions options_;
-    nvb_encode_t* state_;
+    HostEncoder encoder_;
     WriteSummary summary_;
     bool finished_ = false;
 };

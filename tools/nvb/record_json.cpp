@@ -1,6 +1,6 @@
 #include "nvb/record_json.h"
 
-#include "nvb/dat_form.h"
+#include "host/dat_form.h"
 #include "nvb/gnss_names.h"
 
 #include "records/auxiliary_records.h"

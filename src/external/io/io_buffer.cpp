@@ -1,5 +1,7 @@
 #include "external/io/io_buffer.h"
 
+#include <nvbdll/status.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -7,8 +9,6 @@
 namespace nvb {
 
 namespace {
-
-constexpr std::uint8_t kNoMemory = 17;
 
 void* systemReallocate(void* block, std::size_t size) { return std::realloc(block, size); }
 
@@ -35,12 +35,12 @@ void setIoReallocate(IoReallocate reallocate) {
 
 void reserveIoBuffer(io_buffer_t& buffer, std::int64_t size, std::uint8_t& status) {
     if (size < 0) return;
-    if (!growTo(buffer, static_cast<std::uint64_t>(size))) status = kNoMemory;
+    if (!growTo(buffer, static_cast<std::uint64_t>(size))) status = NVB_STATUS_REC35_CONTENT;
 }
 
 void assignIoBuffer(io_buffer_t& destination, std::span<const std::uint8_t> bytes, std::uint8_t& status) {
     if (!growTo(destination, bytes.size())) {
-        status = kNoMemory;
+        status = NVB_STATUS_REC35_CONTENT;
         return;
     }
     if (!bytes.empty()) std::memmove(destination.data, bytes.data(), bytes.size());

@@ -14,15 +14,6 @@
 
 namespace nvb {
 
-// Every reference form is due at most this long after the last one, in ms of record time.
-inline constexpr std::uint32_t kReferenceInterval = 600000;
-
-// Whether a record at `time` takes the reference form after one at `lastReference`. The
-// last time starts at 0xFFFFFFFF, so the first record of a stream is always a reference.
-[[nodiscard]] inline bool referenceDue(std::uint32_t time, std::uint32_t lastReference) {
-    return time < lastReference || time - lastReference >= kReferenceInterval;
-}
-
 // Each returns the length of the compact frame, also set in `out.length`; 0 when the plain
 // frame could not be coded. The record 17 path logs "Unknown compressed format: %d\n"
 // with the type it found when that is none of 68, 69, 76, 77. These paths share the

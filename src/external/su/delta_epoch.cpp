@@ -350,11 +350,9 @@ bool compressDeltaEpoch(const std::uint8_t* plain, std::size_t plainCapacity, st
 std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapacity, std::uint8_t* out,
                               std::size_t outCapacity, epoch_history_t& history, bool longForm, ExpandedEpoch& result,
                               rinex_control_t& control) {
-    result = ExpandedEpoch{};
-    const EpochWorkBuffer work = allocateEpochWork();
-    if (!work) return kStatusNoWorkBuffer;
-    const std::uint16_t length = recordCapacity >= 4 ? epochFrameLength(record) : 0;
-    if (length < 5 || length > recordCapacity) return kStatusBadDeltaLength;
+    const EpochExpansion expansion = beginEpochExpansion(record, recordCapacity, 5, result);
+    if (expansion.status != 0) return expansion.status;
+    const std::uint16_t length = expansion.length;
 
     const epoch_image_t& predicted = history.predicted;
     epoch_image_t image;
@@ -368,8 +366,6 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
     if (status == 0) status = expandWideDelta(image.clkOffset, 3, (code >> 3) & 3u, 3, in, predicted.clkOffset);
     if (status != 0) return status;
     if (!expandSmallDelta(&image.nSv, 4, code & 7u, in, &predicted.nSv, 1)) return kStatusBadDeltaLength;
-    const auto weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
-    const std::uint32_t receiveTime = readBigEndian32(image.receiveTime);
 
     std::uint32_t lengthSum = image.epochHeaderLen + 4u;
     if (image.nSv > kEpochMaxSatellites) return kStatusTooManySatellites;
@@ -384,11 +380,9 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
     const std::uint16_t written = closeExpandedEpoch(image, in, lengthSum, out, outCapacity);
     if (written == 0) return kStatusBadDeltaLength;
     if (control.verify == 1 && byteSum(out, written - 3u) != readU16BigEndian(image.checksum)) {
-        return kStatusEpochChecksum;
+        return kStatusChecksum;
     }
-    result.length = finishEpochOutput(image, out, written, control, *work);
-    result.weekNum = weekNum;
-    result.receiveTime = receiveTime;
+    deliverEpoch(image, out, written, control, *expansion.work, result);
     advanceEpochHistory(history.previous, history.predicted, image);
     return 0;
 }

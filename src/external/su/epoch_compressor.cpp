@@ -24,8 +24,7 @@ std::uint16_t compressEpoch(const std::uint8_t* plain, std::size_t plainCapacity
                             std::uint8_t keepDoppler, std::uint8_t usePredicted, std::uint8_t forceLong,
                             std::uint8_t forceReference) {
     const bool longForm = keepDoppler != 0 || usePredicted != 0 || forceLong != 0;
-    // The last reference time starts at 0xFFFFFFFF, so the first epoch is always a reference.
-    if (timeMs < lastReferenceTime || timeMs - lastReferenceTime >= kEpochReferenceIntervalMs || forceReference == 1) {
+    if (referenceDue(timeMs, lastReferenceTime) || forceReference == 1) {
         return writeReference(plain, plainCapacity, out, history, lastReferenceTime, timeMs);
     }
     // An epoch on a whole 100 ms is never predicted: it anchors the lossy ones around it.

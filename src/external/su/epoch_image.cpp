@@ -330,6 +330,26 @@ void EpochWorkDeleter::operator()(epoch_rinex_t* work) const { delete work; }
 
 EpochWorkBuffer allocateEpochWork() { return EpochWorkBuffer(new (std::nothrow) epoch_rinex_t); }
 
+EpochExpansion beginEpochExpansion(const std::uint8_t* record, std::size_t recordCapacity, std::size_t shortest,
+                                   ExpandedEpoch& result) {
+    result = ExpandedEpoch{};
+    EpochExpansion expansion{allocateEpochWork(), 0, 0};
+    if (!expansion.work) {
+        expansion.status = kStatusNoWorkBuffer;
+        return expansion;
+    }
+    expansion.length = recordCapacity >= 4 ? epochFrameLength(record) : 0;
+    if (expansion.length < shortest || expansion.length > recordCapacity) expansion.status = kStatusBadDeltaLength;
+    return expansion;
+}
+
+void deliverEpoch(const epoch_image_t& image, std::uint8_t* out, std::uint16_t plainLength, rinex_control_t& control,
+                  epoch_rinex_t& work, ExpandedEpoch& result) {
+    result.length = finishEpochOutput(image, out, plainLength, control, work);
+    result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
+    result.receiveTime = readBigEndian32(image.receiveTime);
+}
+
 std::uint16_t closeExpandedEpoch(epoch_image_t& image, ByteReader& in, std::uint32_t lengthSum, std::uint8_t* out,
                                  std::size_t outCapacity) {
     if (!readBytes(in, image.checksum, 2)) return 0;

@@ -60,11 +60,9 @@ inline constexpr std::uint8_t kPredictedEpochType = 39;
 
 inline constexpr std::size_t kEpochMaxSatellites = 116;
 inline constexpr std::size_t kEpochMaxSignals = 6;
-inline constexpr std::uint32_t kEpochReferenceIntervalMs = 600000;
 
-// Statuses of the epoch expanders (8, a bad length code or a record that runs past its
-// end, comes from su_compr_common).
-inline constexpr std::uint8_t kStatusEpochChecksum = 4;
+// Statuses of the epoch expanders besides the shared ones of su_compr_common (4 the
+// checksum, 8 a bad length code or a record that runs past its end).
 inline constexpr std::uint8_t kStatusTooManySatellites = 6;
 inline constexpr std::uint8_t kStatusBadEpochCode = 7;
 inline constexpr std::uint8_t kStatusNoWorkBuffer = 9;
@@ -188,6 +186,22 @@ struct ExpandedEpoch {
     std::uint16_t weekNum = 0;
     std::uint32_t receiveTime = 0;
 };
+
+// What every epoch expander does first: clears the result, takes the work buffer and the
+// record's own length, which must lie between `shortest` and the record's capacity. Any
+// status but 0 ends the expansion with the history untouched.
+struct EpochExpansion {
+    EpochWorkBuffer work;
+    std::uint16_t length = 0;
+    std::uint8_t status = 0;
+};
+[[nodiscard]] EpochExpansion beginEpochExpansion(const std::uint8_t* record, std::size_t recordCapacity,
+                                                 std::size_t shortest, ExpandedEpoch& result);
+
+// Delivers an expanded epoch whose plain record stands in `out`: its output, week and
+// time go into `result`.
+void deliverEpoch(const epoch_image_t& image, std::uint8_t* out, std::uint16_t plainLength, rinex_control_t& control,
+                  epoch_rinex_t& work, ExpandedEpoch& result);
 
 // Ends an expanded epoch: reads the carried checksum, sets the end byte, the length and
 // the type, and writes the plain record. Returns its length; 0 when the input runs out or

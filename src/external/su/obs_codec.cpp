@@ -25,14 +25,9 @@ constexpr std::size_t kFixedBytes = 13;
 constexpr std::size_t kMaxCompactLength = 511;
 static_assert(offsetof(obs_image_t, rows) == kHeaderBytes, "the image's header is the record's first ten bytes");
 
-constexpr std::uint8_t kBadStart = 1;
-constexpr std::uint8_t kBadType = 2;
+// The statuses only this family gives; the others are the shared ones of su_compr_common.
 constexpr std::uint8_t kBadLength = 3;
-constexpr std::uint8_t kBadChecksum = 4;
-constexpr std::uint8_t kBadEndByte = 5;
 constexpr std::uint8_t kBadHeader = 6;
-constexpr std::uint8_t kBadList = 7;
-constexpr std::uint8_t kBadFieldCode = 8;
 constexpr std::uint8_t kBadMeasurement = 9;
 constexpr std::uint8_t kBadSecondBlock = 10;
 constexpr std::uint8_t kBadFlags = 11;
@@ -339,7 +334,7 @@ std::uint8_t expandRows(const Generation& generation, unsigned mode, const std::
         obs_row_t& row = image.rows[i];
         const obs_row_t& ref = predicted.rows[i];
         row.svNumber = list[i];
-        if (!expandSmallFields(row, ref, in)) return kBadFieldCode;
+        if (!expandSmallFields(row, ref, in)) return kStatusBadDeltaLength;
         if (!expandMeasurement(generation, row, ref, in)) return kBadMeasurement;
         if (!expandFlags(mode, row, ref, in)) return kBadFlags;
         if (hasSecondBlock(row) && !expandSecondBlock(row, ref, in)) return kBadSecondBlock;
@@ -360,10 +355,10 @@ bool expandDelta(const Generation& generation, obs_history_t& history, const std
                  bool verify) {
     status = 0;
     if (inputCapacity < 3) return fail(status, kBadLength, out, compact, compact, 0);
-    if (compact[0] != 2) return fail(status, kBadStart, out, compact, compact, 0);
+    if (compact[0] != 2) return fail(status, kStatusBadStart, out, compact, compact, 0);
     const std::uint8_t type = compact[2];
     if (type != generation.deltaType && type != generation.deltaTypeLong) {
-        return fail(status, kBadType, out, compact, compact, 0);
+        return fail(status, kStatusBadType, out, compact, compact, 0);
     }
     const std::size_t length = compact[1] + (type == generation.deltaTypeLong ? 256u : 0u);
     const std::size_t trailer = generation.first ? 3 : 2;
@@ -375,7 +370,7 @@ bool expandDelta(const Generation& generation, obs_history_t& history, const std
         input = copy.data();
     }
     if (generation.first && verify && input[length - 1] != 3) {
-        return fail(status, kBadEndByte, out, input, compact, length);
+        return fail(status, kStatusBadEndByte, out, input, compact, length);
     }
     ByteReader in = makeByteReader(input + 3, length - 3);
 
@@ -397,7 +392,7 @@ bool expandDelta(const Generation& generation, obs_history_t& history, const std
     if ((header & 0x80) != 0) {
         std::uint8_t listed = 0;
         if (!readByte(in, listed)) return fail(status, kBadLength, out, input, compact, length);
-        if (listed > kMaxRows) return fail(status, kBadList, out, input, compact, length);
+        if (listed > kMaxRows) return fail(status, kStatusBadCount, out, input, compact, length);
         count = listed;
         if (!readBytes(in, list.data(), count)) return fail(status, kBadLength, out, input, compact, length);
         reorderInto(history.previous, previousOrdered, list.data(), count);
@@ -420,21 +415,21 @@ bool expandDelta(const Generation& generation, obs_history_t& history, const std
     image.checksum = readU16BigEndian(checksum.data());
     std::uint8_t endByte = 3;
     if (generation.first && verify && (!readByte(in, endByte) || endByte != 3)) {
-        return fail(status, kBadEndByte, out, input, compact, length);
+        return fail(status, kStatusBadEndByte, out, input, compact, length);
     }
 
     const std::size_t total = rebuiltLength(image);
-    if (total > kMaxCompactLength) return fail(status, kBadFieldCode, out, input, compact, length);
+    if (total > kMaxCompactLength) return fail(status, kStatusBadDeltaLength, out, input, compact, length);
     image.stx = 2;
     image.length = static_cast<std::uint8_t>(total);
     image.recordType = plainType(total);
     image.etx = 3;
     if (writeObsImage(image, out, outputCapacity) != total) {
-        return fail(status, kBadFieldCode, out, input, compact, length);
+        return fail(status, kStatusBadDeltaLength, out, input, compact, length);
     }
     const std::uint16_t sum = byteSum(out, total - 3);
     if (verify) {
-        if (sum != image.checksum) return fail(status, kBadChecksum, out, input, compact, length);
+        if (sum != image.checksum) return fail(status, kStatusChecksum, out, input, compact, length);
     } else {
         writeU16BigEndian(out + total - 3, sum);
         image.checksum = sum;
@@ -477,8 +472,8 @@ bool expandReference(const Generation& generation, obs_history_t& history, const
     std::uint8_t result = checkObsReference(out, length, verify);
     if (result != 0) {
         out[2] = type;
-        if (out[0] != 2) result = kBadStart;
-        if (verify && out[length - 1] != 3) result = kBadEndByte;
+        if (out[0] != 2) result = kStatusBadStart;
+        if (verify && out[length - 1] != 3) result = kStatusBadEndByte;
         return fail(status, result, out, input, compact, compactLength);
     }
     setReferenceImages(history, out, length);
@@ -621,9 +616,9 @@ std::uint8_t checkObsReference(std::uint8_t* record, std::size_t length, bool ve
     const std::uint16_t sum = byteSum(record, length - 3);
     if (!verify) writeU16BigEndian(record + length - 3, sum);
     std::uint8_t status = 0;
-    if (record[0] != 2) status = kBadStart;
-    if (record[2] != kTypeObs && record[2] != kTypeObsLong) status = kBadType;
-    if (sum != readU16BigEndian(record + length - 3)) status = kBadChecksum;
+    if (record[0] != 2) status = kStatusBadStart;
+    if (record[2] != kTypeObs && record[2] != kTypeObsLong) status = kStatusBadType;
+    if (sum != readU16BigEndian(record + length - 3)) status = kStatusChecksum;
     return status;
 }
 

@@ -40,10 +40,10 @@ std::uint8_t nibbleFailure(std::uint8_t status, const ByteReader& in, const Byte
 
 std::uint8_t checkRebuiltRecord(const position_image_t& image) {
     std::uint8_t status = 0;
-    if (image.stx != 2) status = 1;
-    if (image.etx != 3) status = 5;
-    if (image.recordType != kTypePosition) status = 2;
-    if (image.svCount > kMaxSatellites) status = 7;
+    if (image.stx != 2) status = kStatusBadStart;
+    if (image.etx != 3) status = kStatusBadEndByte;
+    if (image.recordType != kTypePosition) status = kStatusBadType;
+    if (image.svCount > kMaxSatellites) status = kStatusBadCount;
     return status;
 }
 
@@ -199,7 +199,7 @@ std::uint8_t expandPositionDelta(position_history_t& history, const std::uint8_t
     std::uint8_t svCount = predicted.svCount;
     if ((listBits & 0x80) != 0 && !readByte(in, solutionByte)) return status = kStatusBadDeltaLength;
     if ((listBits & 0x40) != 0 && !readByte(in, svCount)) return status = kStatusBadDeltaLength;
-    if (svCount > kMaxSatellites) return status = 7;
+    if (svCount > kMaxSatellites) return status = kStatusBadCount;
     std::array<std::uint8_t, kMaxSatellites> svStatus{};
     std::memcpy(svStatus.data(), predicted.svStatus, svStatus.size());
     const unsigned changes = (listBits >> 1) & 0x1F;
@@ -207,7 +207,7 @@ std::uint8_t expandPositionDelta(position_history_t& history, const std::uint8_t
         std::uint8_t index = 0;
         std::uint8_t value = 0;
         if (!readByte(in, index) || !readByte(in, value)) return status = kStatusBadDeltaLength;
-        if (index >= kMaxSatellites) return status = 7;
+        if (index >= kMaxSatellites) return status = kStatusBadCount;
         svStatus[index] = value;
     }
     writeByte(written, solutionByte);
@@ -237,7 +237,7 @@ std::uint8_t expandPositionDelta(position_history_t& history, const std::uint8_t
         image.checksum = sum;
     }
     status = checkRebuiltRecord(image);
-    if (sum != image.checksum) status = 4;
+    if (sum != image.checksum) status = kStatusChecksum;
     if (status != 0) return status;
 
     advancePositionHistory(history.previous, history.predicted, image);
@@ -270,7 +270,7 @@ std::uint8_t expandPositionReference(position_history_t& history, const std::uin
         image.checksum = sum;
     }
     status = checkRebuiltRecord(image);
-    if (sum != expected) status = 4;
+    if (sum != expected) status = kStatusChecksum;
     if (status != 0) return status;
 
     history.previous = image;

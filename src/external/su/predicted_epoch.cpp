@@ -191,11 +191,9 @@ std::uint8_t compressPredictedEpoch(const std::uint8_t* plain, std::size_t plain
 std::uint8_t expandPredictedEpoch(const std::uint8_t* record, std::size_t recordCapacity, std::uint8_t* out,
                                   std::size_t outCapacity, epoch_history_t& history, ExpandedEpoch& result,
                                   rinex_control_t& control) {
-    result = ExpandedEpoch{};
-    const EpochWorkBuffer work = allocateEpochWork();
-    if (!work) return kStatusNoWorkBuffer;
-    const std::uint16_t length = recordCapacity >= 4 ? epochFrameLength(record) : 0;
-    if (length < 5 || length > recordCapacity) return kStatusBadDeltaLength;
+    const EpochExpansion expansion = beginEpochExpansion(record, recordCapacity, 5, result);
+    if (expansion.status != 0) return expansion.status;
+    const std::uint16_t length = expansion.length;
 
     const epoch_image_t& predicted = history.predicted;
     epoch_image_t image;
@@ -240,9 +238,7 @@ std::uint8_t expandPredictedEpoch(const std::uint8_t* record, std::size_t record
     }
     const std::uint16_t written = closeExpandedEpoch(image, in, lengthSum, out, outCapacity);
     if (written == 0) return kStatusBadDeltaLength;
-    result.length = finishEpochOutput(image, out, written, control, *work);
-    result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
-    result.receiveTime = readBigEndian32(image.receiveTime);
+    deliverEpoch(image, out, written, control, *expansion.work, result);
     advanceEpochHistory(history.previous, history.predicted, image);
     return status;
 }

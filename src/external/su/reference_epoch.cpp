@@ -42,13 +42,10 @@ std::uint16_t compressReferenceEpoch(std::uint8_t* out, std::size_t outCapacity,
 std::uint8_t expandReferenceEpoch(const std::uint8_t* record, std::size_t recordCapacity, std::uint8_t* out,
                                   std::size_t outCapacity, epoch_history_t& history, ExpandedEpoch& result,
                                   rinex_control_t& control) {
-    result = ExpandedEpoch{};
-    const EpochWorkBuffer work = allocateEpochWork();
-    if (!work) return kStatusNoWorkBuffer;
-    const std::uint16_t length = recordCapacity >= 4 ? epochFrameLength(record) : 0;
-    if (length < kShortestRecord || length > recordCapacity || length + 1u > outCapacity) {
-        return kStatusBadDeltaLength;
-    }
+    const EpochExpansion expansion = beginEpochExpansion(record, recordCapacity, kShortestRecord, result);
+    if (expansion.status != 0) return expansion.status;
+    const std::uint16_t length = expansion.length;
+    if (length + 1u > outCapacity) return kStatusBadDeltaLength;
 
     const auto plainLength = static_cast<std::uint16_t>(length + 1);
     std::memcpy(out, record, length);
@@ -63,9 +60,7 @@ std::uint8_t expandReferenceEpoch(const std::uint8_t* record, std::size_t record
     if (parse.status != 0) return parse.status;
     std::memcpy(&history.previous, &image, sizeof image);
     std::memcpy(&history.predicted, &image, sizeof image);
-    result.weekNum = static_cast<std::uint16_t>(image.weekNum[0] << 8 | image.weekNum[1]);
-    result.receiveTime = readBigEndian32(image.receiveTime);
-    result.length = finishEpochOutput(image, out, plainLength, control, *work);
+    deliverEpoch(image, out, plainLength, control, *expansion.work, result);
     return 0;
 }
 

@@ -430,7 +430,7 @@ std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t
     start = reader.pos;
     if (!readByte(reader, length)) return status = kShort;
     const std::size_t svCount = image.block1[kSvCount];
-    if (length > 4 * svCount + 1 || svCount > kMaxSatellites) return status = 7;
+    if (length > 4 * svCount + 1 || svCount > kMaxSatellites) return status = kStatusBadCount;
     std::memcpy(image.block6, predicted.block6, kEntryWidth * svCount);
     if (length > 1) {
         const unsigned patches = (length - 2u) / 4u + 1u;
@@ -439,7 +439,7 @@ std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t
             std::array<std::uint8_t, kEntryWidth> entry{};
             if (!readByte(reader, index) || !readBytes(reader, entry.data(), entry.size())) return status = kShort;
             // An index beyond the list is taken as it comes, but none beyond the image.
-            if (index >= kMaxSatellites) return status = 7;
+            if (index >= kMaxSatellites) return status = kStatusBadCount;
             std::memcpy(image.block6[index], entry.data(), entry.size());
         }
     }
@@ -447,10 +447,12 @@ std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t
     if (distanceFrom(reader, start) > length) return status = kShort;
     if (!readBytes(reader, image.checksum, sizeof image.checksum)) return status = kShort;
 
-    // Kept to 8 bits: the high byte stays what the delta record held.
+    // Kept to 8 bits: the high byte stays what the delta record held. A record that then
+    // claims more than a frame holds is refused before the history moves.
     const std::uint32_t total = lengthSum + image.block6Length + 53 + image.block3[0] + image.block4[0] + 15 + 7;
     image.head[1] = static_cast<std::uint8_t>(total);
     image.head[2] = kTypeSolution;
+    if (image.head[1] + 256u * image.head[3] > NVB_FRAME_CAPACITY) return status = kShort;
     advanceSolutionHistory(image, history.previous, history.predicted);
     return status;
 }

@@ -20,11 +20,25 @@ namespace nvb {
 // The widest field a delta coder takes; every delta scratch area is this size.
 inline constexpr std::size_t kMaxDeltaWidth = 8;
 
-// The failures of the expanders, as the compact formats number them: 6 a nibble code above
-// 8 or a nibble stream that ends early; 8 a length code above the field's width, a wide
-// delta stream that ends early, or a destination without room.
-inline constexpr std::uint8_t kStatusBadNibbleCode = 6;
+// The failures of the expanders, as the compact formats number them. Each family reports
+// its own; where families fail for the same cause they give the same number, and the
+// dispatch folds any of them into NVB_STATUS_EXPANSION.
+inline constexpr std::uint8_t kStatusBadStart = 1;       // the rebuilt record has no start byte
+inline constexpr std::uint8_t kStatusBadType = 2;        // a record of another type
+inline constexpr std::uint8_t kStatusChecksum = 4;       // the rebuilt record's checksum is not the carried one
+inline constexpr std::uint8_t kStatusBadEndByte = 5;
+inline constexpr std::uint8_t kStatusBadNibbleCode = 6;  // above 8, or a nibble stream that ends early
+inline constexpr std::uint8_t kStatusBadCount = 7;       // a count or an index beyond its list
+// A length code above the field's width, a stream that ends early, or no room to write.
 inline constexpr std::uint8_t kStatusBadDeltaLength = 8;
+
+// Every compact family sends its reference form at most this long after the last one, in
+// ms of record time, and whenever the time steps back. The last time starts at
+// 0xFFFFFFFF, so the first record of a stream is always a reference.
+inline constexpr std::uint32_t kReferenceInterval = 600000;
+[[nodiscard]] inline bool referenceDue(std::uint32_t time, std::uint32_t lastReference) {
+    return time < lastReference || time - lastReference >= kReferenceInterval;
+}
 
 struct ByteReader {
     const std::uint8_t* pos;

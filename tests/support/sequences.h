@@ -1,0 +1,103 @@
+#ifndef NVB_TESTS_SEQUENCES_H
+#define NVB_TESTS_SEQUENCES_H
+
+// Long realistic sequences, as receivers log them, for the tests and the benchmarks:
+// plain records 11, 29 and 17 in wire units, measurement epochs as plain record 27 frames,
+// and whole logs of DAT records. Each is the same for the same options.
+
+#include "support/wire.h"
+
+#include <nvbdll/state.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace nvbtest {
+
+// `stepMs` apart, with the time set back by `backStepMs` at record `backAt` (none when
+// negative).
+struct SequenceShape {
+    std::size_t count = 200;
+    std::uint32_t startMs = 345600000;
+    std::uint32_t stepMs = 1000;
+    long backAt = -1;
+    std::uint32_t backStepMs = 0;
+    std::uint32_t seed = 1;
+};
+
+// A moving position whose satellites come and go, with a stretch of the older form.
+std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
+// Solutions cycle through the optional blocks: block 3 by fix type, block 4 in both
+// lengths, the clock block, and the flag that predicts sigmaU.
+std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape);
+// Satellites rise and set; `dualShare` of them (0 to 1) carry the second block, and
+// `maxSats` caps the sky so that long records stay within 511 bytes.
+std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double dualShare = 0.7,
+                                           std::size_t maxSats = 14);
+
+template <typename Wire>
+std::vector<Bytes> buildAll(const std::vector<Wire>& records) {
+    std::vector<Bytes> frames;
+    for (const Wire& record : records) frames.push_back(build(record));
+    return frames;
+}
+
+// What a receiver's log of measurement epochs holds. Satellites rise and set (and rise in
+// the middle of the list), rows swap places now and then, carriers slip, the receiver
+// steers its clock by a millisecond, signals lose their doppler for a while, the clock
+// block grows and shrinks between 0 and 7 terms whose values cross byte widths.
+struct EpochSequenceOptions {
+    std::uint32_t seed = 1;
+    std::size_t epochs = 3000;
+    std::uint32_t intervalMs = 1000;
+    std::uint16_t week = 2210;
+    std::uint32_t startTimeMs = 302400000;  // time of week of the first epoch
+    std::size_t satellites = 30;            // in view at a time
+    std::size_t maxSignals = 3;             // per satellite, 1 to 6
+    // Signals carry doppler (measFlags1 bit 2), as a writer with epochKeepDoppler makes them.
+    bool doppler = true;
+    // What only the long form carries: svFlags2 and slip counts, measFlags2 and 3,
+    // three-byte range differences, ranges above the rollover. Without it, epochs are what a
+    // writer at format level 0 makes.
+    bool longFlags = true;
+    bool clockBlock = true;
+    // Slips, steering jumps, reordering, doppler gaps, satellites rising and setting.
+    bool events = true;
+    // Off: the same satellites stay in view throughout, each with maxSignals signals.
+    bool riseAndSet = true;
+};
+
+// The plain record 27 frames of such a log, each written by writeEpochImage and carrying
+// its checksum and end byte. Throws when a frame would exceed 5120 bytes.
+std::vector<Bytes> makeEpochSequence(const EpochSequenceOptions& options);
+
+// Recomputes what a record writer derives from the flags: epochHeaderLen, the clock
+// block's length and term widths (minimal, at least 1 byte), svBlockLen and measBlockLen.
+void settleEpochLengths(epoch_image_t& image);
+// Writes `image` as a plain record 27 with its length, checksum and end byte set (in the
+// image too). `limit` bounds the record; the default is the frame limit.
+Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit = 5120);
+// Reads a plain record back into an image; throws when it does not parse.
+void readPlainEpoch(const Bytes& frame, epoch_image_t& image);
+
+struct LogShape {
+    int epochs = 300;
+    std::uint32_t intervalMs = 1000;
+    std::uint32_t firstTimeMs = 345600000;
+    int satellites = 12;        // per system
+    int signals = 2;            // per satellite
+    bool positions = true;      // a record 29 behind every epoch
+    bool olderRecords = true;   // records 11 and 17 every tenth epoch
+    bool opaqueRecords = true;  // records 14 and 23 now and then
+    std::vector<std::uint8_t> systems{0, 2, 3};
+    std::uint32_t seed = 1;
+};
+
+// The DAT records of a receiver log: measurement epochs whose ranges and phases move with
+// the satellites, positions, older records and opaque ones, in log order.
+std::vector<Bytes> mixedDatLog(const LogShape& shape);
+
+}  // namespace nvbtest
+
+#endif
