@@ -16,7 +16,9 @@ PACKAGES := g++ cmake make pkg-config python3 binutils \
             googletest libgtest-dev libbenchmark-dev \
             zlib1g-dev libbz2-dev libbrotli-dev libzstd-dev libavro-dev libjansson-dev python3-avro \
             libcli11-dev nlohmann-json3-dev libfmt-dev \
-            bzip2 brotli zstd pigz
+            bzip2 brotli zstd pigz \
+            python3-dev python3-pybind11 python3-numpy python3-xarray python3-pytest \
+            python3-dask python3-distributed
 
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
 
@@ -36,14 +38,14 @@ deps:
 
 # The developer builds treat warnings as errors; a plain `cmake` configure does not.
 $(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNVBDLL_WERROR=ON $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNVBDLL_WERROR=ON -DNVBDLL_BUILD_PYTHON=ON $(CMAKE_ARGS)
 
 $(BUILD_SAN)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug -DNVBDLL_SANITIZE=ON -DNVBDLL_WERROR=ON \
 	  -DNVBDLL_BUILD_BENCH=OFF $(CMAKE_ARGS)
 
 $(BUILD_REL)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD_REL) -DCMAKE_BUILD_TYPE=Release -DNVBDLL_WERROR=ON \
+	cmake -S . -B $(BUILD_REL) -DCMAKE_BUILD_TYPE=Release -DNVBDLL_WERROR=ON -DNVBDLL_BUILD_PYTHON=ON \
 	  -DNVBDLL_BUILD_BENCH=OFF $(CMAKE_ARGS)
 
 build: deps $(BUILD)/CMakeCache.txt

@@ -1,9 +1,13 @@
-// Compact positions (54/55), solutions (56/57) and measurement records 17 (68/69, 76/77):
+// Compact positions (54/55), solutions (56/57), measurement records 17 (68/69, 76/77),
+// navigation data blocks (84 to 86) and sensor lists (41):
 // records per second of each compressor and expander over a realistic sequence, and the
 // bytes per record of the compact stream against the plain records.
 
 #include "external/su/compact_compressors.h"
+#include "external/su/list_codec.h"
+#include "external/su/subframe_cache.h"
 #include "support/sequences.h"
+#include "support/subframe_list_sequences.h"
 
 #include <nvbdll/nvbdll.h>
 
@@ -16,7 +20,7 @@ namespace {
 
 using nvbtest::Bytes;
 
-enum class Family { Position, Solution, Measurement };
+enum class Family { Position, Solution, Measurement, Subframe, List };
 
 constexpr std::size_t kRecords = 2000;
 
@@ -26,6 +30,8 @@ std::vector<Bytes> plainRecords(Family family) {
     switch (family) {
     case Family::Position: return nvbtest::buildAll(nvbtest::positionSequence(shape));
     case Family::Solution: return nvbtest::buildAll(nvbtest::solutionSequence(shape));
+    case Family::Subframe: return nvbtest::buildAll(nvbtest::subframeSequence({.count = kRecords}));
+    case Family::List: return nvbtest::buildAll(nvbtest::listSequence({.count = kRecords}));
     default: return nvbtest::buildAll(nvbtest::measurementSequence(shape));
     }
 }
@@ -35,6 +41,7 @@ std::unique_ptr<nvb_encode_t> newEncoder() {
     state->lastPositionReferenceTime = 0xFFFFFFFF;
     state->lastSolutionReferenceTime = 0xFFFFFFFF;
     state->lastObsReferenceTime = 0xFFFFFFFF;
+    state->lastSubframeReferenceTime = 0xFFFFFFFF;
     return state;
 }
 
@@ -42,6 +49,8 @@ std::uint16_t compress(Family family, nvb_encode_t& state, const nvb_frame_t& pl
     switch (family) {
     case Family::Position: return nvb::compressRec11Frame(state, plain, out);
     case Family::Solution: return nvb::compressRec29Frame(state, plain, out);
+    case Family::Subframe: return nvb::compressRec25Frame(state, plain, out);
+    case Family::List: return nvb::compressRec40Frame(state, plain, out);
     default: return nvb::compressRec17Frame(state, plain, out);
     }
 }
@@ -101,6 +110,9 @@ void expandRecords(benchmark::State& state, Family family) {
             case 56: nvbdll_processType56(reader.get(), &status); break;
             case 57: nvbdll_processType57(reader.get(), &status); break;
             case 68: case 76: nvbdll_processType68_76(reader.get(), &status, 1); break;
+            case 41: nvbdll_processType41(reader.get(), &status); break;
+            case 84: case 85: case 86: nvbdll_processType84(reader.get(), &status); break;
+            case 25: case 40: break; // what the codec sends plain
             default: nvbdll_processType69_77(reader.get(), &status, 1); break;
             }
             if (status != 0) state.SkipWithError("expansion failed");
@@ -116,11 +128,20 @@ void BM_ExpandSolutions(benchmark::State& state) { expandRecords(state, Family::
 void BM_CompressRecords17(benchmark::State& state) { compressRecords(state, Family::Measurement); }
 void BM_ExpandRecords17(benchmark::State& state) { expandRecords(state, Family::Measurement); }
 
+void BM_CompressSubframes(benchmark::State& state) { compressRecords(state, Family::Subframe); }
+void BM_ExpandSubframes(benchmark::State& state) { expandRecords(state, Family::Subframe); }
+void BM_CompressLists(benchmark::State& state) { compressRecords(state, Family::List); }
+void BM_ExpandLists(benchmark::State& state) { expandRecords(state, Family::List); }
+
 BENCHMARK(BM_CompressPositions)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ExpandPositions)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CompressSolutions)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ExpandSolutions)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CompressRecords17)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ExpandRecords17)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompressSubframes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ExpandSubframes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompressLists)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ExpandLists)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -37,25 +37,31 @@ epochs=3600
 "$NVB" -q simulate -o "$work/hour.nvb" --duration 3600 --interval 1 --systems GREC --method 7
 "$NVB" -q todat "$work/hour.nvb" -o "$work/hour.dat"
 dat_bytes=$(wc -c < "$work/hour.dat")
+signals=$("$NVB" info --json "$work/hour.nvb" |
+  python3 -c 'import json, sys; print(round(json.load(sys.stdin)["signalsPerEpoch"] * 3600))')
 
 echo
 echo "End to end, one simulated hour: 3600 epochs at 1 Hz of GPS, GLONASS, Galileo and BeiDou"
-echo "with a position each ($dat_bytes bytes of DAT records); best of three runs of nvb:"
-echo "  write      = nvb fromdat hour.dat -o out --method M"
+echo "with a position each, $signals signals with range, phase, Doppler and SNR ($dat_bytes bytes"
+echo "of DAT records); best of three runs of nvb:"
+echo "  write      = nvb fromdat hour.dat -o out OPTIONS"
 echo "  read       = nvb todat out -o /dev/null"
-echo "  recompress = nvb recompress hour.nvb (zstd) -o out --method M"
+echo "  no Doppler = nvb fromdat hour.dat -o out OPTIONS --drop-doppler (Doppler rebuilt on reading)"
+echo "  recompress = nvb recompress hour.nvb (zstd) -o out OPTIONS"
 echo
-printf '%-7s %-20s %10s %12s %9s %9s %11s\n' method name bytes bytes/epoch "write ms" "read ms" "recompr. ms"
-for method in 0 1 2 3 4 5 6 7; do
-  out="$work/m$method.nvb"
-  write=$(best_ms "$NVB" -q fromdat "$work/hour.dat" -o "$out" --method "$method")
+printf '%-26s %9s %7s %8s %8s %11s %7s %11s\n' options bytes B/sig "write ms" "read ms" "no Doppler" B/sig "recompr. ms"
+for options in "-m 0" "-m 1" "-m 2" "-m 3" "-m 4" "-m 5" "-m 6" "-m 7" \
+               "-m 3 --explicit-level 9" "-m 6 --explicit-level 11" "-m 7 --explicit-level 19" "--best"; do
+  out="$work/out.nvb"
+  # shellcheck disable=SC2086 # the options are words
+  write=$(best_ms "$NVB" -q fromdat "$work/hour.dat" -o "$out" $options)
   read=$(best_ms "$NVB" -q todat "$out" -o /dev/null)
-  recompress=$(best_ms "$NVB" -q recompress "$work/hour.nvb" -o "$work/r$method.nvb" --method "$method")
   bytes=$(wc -c < "$out")
-  case $method in
-    0) name="Huffman byte stream" ;; 1) name="stored blocks" ;; 2) name="Huffman blocks" ;;
-    3) name="zlib" ;; 4) name="bzip2 over frames" ;; 5) name="bzip2" ;; 6) name="brotli" ;; 7) name="zstd" ;;
-  esac
-  awk -v m="$method" -v n="$name" -v b="$bytes" -v e="$epochs" -v w="$write" -v r="$read" -v c="$recompress" \
-    'BEGIN { printf "%-7s %-20s %10d %12.1f %9d %9d %11d\n", m, n, b, b / e, w, r, c }'
+  # shellcheck disable=SC2086
+  recompress=$(best_ms "$NVB" -q recompress "$work/hour.nvb" -o "$work/r.nvb" $options)
+  # shellcheck disable=SC2086
+  "$NVB" -q fromdat "$work/hour.dat" -o "$work/drop.nvb" $options --drop-doppler
+  dropped=$(wc -c < "$work/drop.nvb")
+  awk -v o="$options" -v b="$bytes" -v s="$signals" -v w="$write" -v r="$read" -v d="$dropped" -v c="$recompress" \
+    'BEGIN { printf "%-26s %9d %7.2f %8d %8d %11d %7.2f %11d\n", o, b, b / s, w, r, d, d / s, c }'
 done

@@ -31,6 +31,18 @@ NVBDLL_API uint8_t nvbdll_processType37(nvb_expand_t* state, uint8_t* status, ui
  *            unchanged. */
 NVBDLL_API uint8_t nvbdll_processType38(nvb_expand_t* state, uint8_t* status);
 
+/*! nvbdll_processType41() :
+ *  Expands the compact list record (type 41) in the frame buffer into a plain record 40 in
+ *  the plain frame buffer, whose length is then its byte 1, against the state's list table:
+ *  every identifier the table has seen is listed, in rising order. The checksum carried is
+ *  not tested here: the frame check of the dispatch finds a list rebuilt from a table that
+ *  missed a record.
+ *  @return : the status, also written to *status: 0; 1 start byte; 2 type; 8 a record
+ *            shorter than its code byte, raw fields and patches say, or a rebuilt list
+ *            longer than one length byte tells.
+ *  On any status the plain frame length is 0 and the table is unchanged. */
+NVBDLL_API uint8_t nvbdll_processType41(nvb_expand_t* state, uint8_t* status);
+
 /*! nvbdll_processType54(), nvbdll_processType55() :
  *  Expand a compact position in the frame buffer, the delta form (54) or the reference
  *  form (55), into a plain record 11 in the plain frame buffer, whose length is then its
@@ -76,6 +88,19 @@ NVBDLL_API uint8_t nvbdll_processType66_74(nvb_expand_t* state, uint8_t* status,
 NVBDLL_API uint8_t nvbdll_processType67_75(nvb_expand_t* state, uint8_t* status, uint8_t framed);
 NVBDLL_API uint8_t nvbdll_processType68_76(nvb_expand_t* state, uint8_t* status, uint8_t framed);
 NVBDLL_API uint8_t nvbdll_processType69_77(nvb_expand_t* state, uint8_t* status, uint8_t framed);
+
+/*! nvbdll_processType84(), nvbdll_processType85() :
+ *  Two names of one function. Expand a subframe record in the frame buffer, type 84, 85 or
+ *  86, into a plain record 25 in the plain frame buffer, whose length is then its byte 1,
+ *  against the state's subframe cache. A literal enters the cache (85 and 86 of subtype 0
+ *  reset it first); a reference rebuilds the block from the cache with the checksum it
+ *  carries, which the dispatch's frame check then tests.
+ *  @return : the status, also written to *status: 0; 1 a form that is not known, a
+ *            reference to a slot or ring position outside the cache, or a record shorter
+ *            than its form.
+ *  On any status the plain frame length is 0 and the cache is unchanged. */
+NVBDLL_API uint8_t nvbdll_processType84(nvb_expand_t* state, uint8_t* status);
+NVBDLL_API uint8_t nvbdll_processType85(nvb_expand_t* state, uint8_t* status);
 
 NVB_EXTERN_C_END
 

@@ -1,10 +1,12 @@
 #include <nvbdll/compact_steps.h>
 
 #include "external/su/delta_epoch.h"
+#include "external/su/list_codec.h"
 #include "external/su/obs_codec.h"
 #include "external/su/position_codec.h"
 #include "external/su/reference_epoch.h"
 #include "external/su/solution_codec.h"
+#include "external/su/subframe_cache.h"
 
 namespace {
 
@@ -31,6 +33,10 @@ NVBDLL_API uint8_t nvbdll_processType37(nvb_expand_t* state, uint8_t* status, ui
 
 NVBDLL_API uint8_t nvbdll_processType38(nvb_expand_t* state, uint8_t* status) {
     return runStep(state, status, nvb::processType38);
+}
+
+NVBDLL_API uint8_t nvbdll_processType41(nvb_expand_t* state, uint8_t* status) {
+    return runStep(state, status, nvb::processType41);
 }
 
 NVBDLL_API uint8_t nvbdll_processType54(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
@@ -67,6 +73,14 @@ NVBDLL_API uint8_t nvbdll_processType68_76(nvb_expand_t* state, uint8_t* status,
 NVBDLL_API uint8_t nvbdll_processType69_77(nvb_expand_t* state, uint8_t* status, uint8_t framed) {
     return runStep(state, status,
                    [=](nvb_expand_t& s, std::uint8_t& out) { return nvb::processType69_77(s, out, framed != 0); });
+}
+
+NVBDLL_API uint8_t nvbdll_processType84(nvb_expand_t* state, uint8_t* status) {
+    return runStep(state, status, nvb::processType84);
+}
+
+NVBDLL_API uint8_t nvbdll_processType85(nvb_expand_t* state, uint8_t* status) {
+    return runStep(state, status, nvb::processType84);
 }
 
 }  // extern "C"

@@ -5,11 +5,13 @@
 #include "external/su/compact_compressors.h"
 #include "external/su/delta_epoch.h"
 #include "external/su/epoch_compressor.h"
+#include "external/su/list_codec.h"
 #include "external/su/obs_codec.h"
 #include "external/su/position_codec.h"
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 #include "external/su/solution_codec.h"
+#include "external/su/subframe_cache.h"
 #include "pipeline/serialisation.h"
 #include "records/auxiliary_records.h"
 #include "records/dat_parser.h"
@@ -152,6 +154,7 @@ constexpr std::array<ReadRoute, 256> makeReadRoutes() {
     routes[38] = {27, expandAlone<processType38>, read27, Thinning::Epoch27, nullptr};
     routes[39] = {27, expandAlone<processType39>, read27, Thinning::Epoch27, nullptr};
     routes[40] = {40, nullptr, readPlain<readRec40>, Thinning::None, retrieveStructure<&T::rec40>};
+    routes[41] = {40, expandAlone<processType41>, readPlain<readRec40>, Thinning::None, retrieveStructure<&T::rec40>};
     routes[54] = {11, expandFramed<processType54>, read11, Thinning::Position11, nullptr};
     routes[55] = {11, expandFramed<processType55>, read11, Thinning::Position11, nullptr};
     routes[56] = {29, expandAlone<processType56>, read29, Thinning::Position29, nullptr};
@@ -164,6 +167,9 @@ constexpr std::array<ReadRoute, 256> makeReadRoutes() {
     routes[75] = routes[67];
     routes[76] = routes[68];
     routes[77] = routes[69];
+    routes[84] = {25, expandAlone<processType84>, readPlain<readRec25>, Thinning::None, retrieveStructure<&T::rec25>};
+    routes[85] = routes[84];
+    routes[86] = routes[84];
     routes[90] = {90, nullptr, nullptr, Thinning::None, nullptr};
     routes[98] = {98, nullptr, readPlain<readRec98>, Thinning::None, retrieveFields<&T::rec98>};
     routes[99] = {99, nullptr, readPlain<readRec99>, Thinning::None, retrieveStructure<&T::rec99>};
@@ -287,13 +293,6 @@ std::uint16_t write40(nvb_encode_t& state, nvb_frame_t& frame) {
     return writeRec40(*state.records.rec40, state.records.datHeader[2], frame) ? frame.length : 0;
 }
 
-// Record 40 always goes out as its compact carrier, type 41. Until that coder is in place
-// the plain form goes as it stands, which every reader takes.
-std::uint16_t handOverListRecord(nvb_encode_t&, const nvb_frame_t& plain, nvb_frame_t& out) {
-    std::memcpy(&out, &plain, sizeof out);
-    return out.length;
-}
-
 // The navigation and receiver records, subtype from the DAT header where the writer takes one.
 template <auto Slot, std::uint16_t (*Write)(const SlotRecord<Slot>&, nvb_frame_t&)>
 std::uint16_t writeStructure(nvb_encode_t& state, nvb_frame_t& frame) {
@@ -334,7 +333,8 @@ constexpr std::array<WriteRoute, 256> makeWriteRoutes() {
     routes[22] = routes[14];
     routes[23] = routes[14];
     routes[24] = routes[14];
-    routes[25] = {parseSubtyped<&T::rec25, parseRec25Dat>, None, true, filter25, writeSubtyped<&T::rec25, writeRec25>};
+    routes[25] = {parseSubtyped<&T::rec25, parseRec25Dat>, None, true, filter25, writeSubtyped<&T::rec25, writeRec25>,
+                  compressRec25Frame};
     routes[26] = {parseSubtyped<&T::rec26, parseRec26Dat>, None, true, filter26, writeSubtyped<&T::rec26, writeRec26>};
     routes[27] = {parse27, Thinning::Epoch27, true, nullptr, write27, compressEpochFrame};
     routes[28] = {parseStructure<&T::rec28, parseRec28Dat>, None, true, filter28, writeStructure<&T::rec28, writeRec28>};
@@ -346,7 +346,7 @@ constexpr std::array<WriteRoute, 256> makeWriteRoutes() {
     routes[34] = {parseAuxiliary<34>, None, true, nullptr, writeAuxiliary<34>, nullptr};
     // Record 35 is parsed and written by its own writer, ahead of this table.
     routes[35] = {nullptr, None, true, nullptr, nullptr, nullptr};
-    routes[40] = {parseAuxiliary<40>, None, true, nullptr, write40, handOverListRecord};
+    routes[40] = {parseAuxiliary<40>, None, true, nullptr, write40, compressRec40Frame};
     routes[98] = {parseAuxiliary<98>, None, true, nullptr, writeAuxiliary<98>, nullptr};
     routes[99] = {parseAuxiliary<99>, None, true, nullptr, writeAuxiliary<99>, nullptr};
     // Records 101 and 102 exist in DAT form only: parsed into their slots, never written.

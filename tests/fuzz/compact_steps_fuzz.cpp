@@ -28,6 +28,7 @@ void standFrame(nvb_expand_t* state, const std::uint8_t* data, std::size_t size,
 
 constexpr std::uint8_t kCompactTypes[] = {36, 37, 38, 39, 54, 55, 56, 57, 66, 67, 68, 69, 74, 75, 76, 77};
 constexpr std::uint8_t kPlainTypes[] = {31, 32, 33, 34, 40, 98, 99};
+constexpr std::uint8_t kTableTypes[] = {41, 84, 85, 86};
 
 // The histories lie together in the state, from the first generation's to the list state.
 constexpr std::size_t kHistoriesBegin = offsetof(nvb_expand_t, firstGenHistory);
@@ -43,11 +44,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2) return 0;
     // The first byte picks the type and the way in, the rest is the record; the state
     // carries its history from one input to the next, as a reader's does. Bits 4 and 5
-    // send the dispatch a plain type.
+    // send the dispatch a plain type, both together a subframe or list type; bit 6 sends a
+    // single step one of those.
     const bool throughDispatch = (data[0] & 0x80) != 0;
-    const bool plain = throughDispatch && (data[0] & 0x30) != 0;
-    const std::uint8_t type = plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
-                                    : kCompactTypes[data[0] % sizeof kCompactTypes];
+    const bool table = throughDispatch ? (data[0] & 0x30) == 0x30 : (data[0] & 0x40) != 0;
+    const bool plain = throughDispatch && !table && (data[0] & 0x30) != 0;
+    const std::uint8_t type = table   ? kTableTypes[(throughDispatch ? data[0] : data[0] >> 1) & 3]
+                              : plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
+                                      : kCompactTypes[data[0] % sizeof kCompactTypes];
     standFrame(state, data + 1, size - 1, type);
     static std::vector<std::uint8_t> before(kHistoriesEnd - kHistoriesBegin);
     const auto* histories = reinterpret_cast<const std::uint8_t*>(state) + kHistoriesBegin;
@@ -79,6 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             case 66: case 74: nvbdll_processType66_74(state, &status, framed); break;
             case 67: case 75: nvbdll_processType67_75(state, &status, framed); break;
             case 68: case 76: nvbdll_processType68_76(state, &status, framed); break;
+            case 41: nvbdll_processType41(state, &status); break;
+            case 84: case 85: case 86: nvbdll_processType84(state, &status); break;
             default: nvbdll_processType69_77(state, &status, framed); break;
         }
         refused = status != 0;

@@ -197,6 +197,7 @@ CompactLink::CompactLink(Compress compressor, Step step) : compress_(compressor)
     encoder_->lastPositionReferenceTime = 0xFFFFFFFF;
     encoder_->lastSolutionReferenceTime = 0xFFFFFFFF;
     encoder_->lastObsReferenceTime = 0xFFFFFFFF;
+    encoder_->lastSubframeReferenceTime = 0xFFFFFFFF;
 }
 
 Bytes CompactLink::compress(const Bytes& plain) {

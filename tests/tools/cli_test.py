@@ -200,15 +200,6 @@ class Workspace(unittest.TestCase):
         self.nvb("-q", "simulate", "-o", self.path(name), *options)
         return self.path(name)
 
-    def simulate_through_dat(self, name, *options):
-        """A simulated log that has been through its DAT form once. The DAT form has no
-        antenna number (its system byte reads back as antenna system & 3), so a log first
-        meets its own DAT round trip unchanged after one pass."""
-        raw = self.simulate(name + ".raw", *options)
-        self.dat_of(raw)
-        self.nvb("-q", "fromdat", raw + ".dat", "-o", self.path(name))
-        return self.path(name)
-
     def dat_of(self, log):
         self.nvb("-q", "todat", log, "-o", log + ".dat")
         return self.read(log + ".dat")
@@ -307,16 +298,21 @@ class DumpJson(Workspace):
 
 class DatRoundTrip(Workspace):
     def test_todat_then_fromdat_gives_back_the_same_records(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 60)
+        log = self.simulate("sim.nvb", "--duration", 60)
         dat = self.dat_of(log)
         self.assertEqual(len(dat_records(dat)), 120)
         for method in (0, 4, 7):
             rewritten = self.path(f"m{method}.nvb")
             self.nvb("-q", "fromdat", log + ".dat", "-o", rewritten, "--method", method, "--level", 1)
             self.assertEqual(self.dat_of(rewritten), dat, f"method {method}")
+        # Every system keeps antenna 0 through the DAT form, so the observation file is whole.
+        rinex = [b"\n".join(line for line in self.nvb("rinex", path, "-o", "-", "--marker", "SITE").stdout.split(b"\n")
+                            if not line.endswith(b"PGM / RUN BY / DATE ")) for path in (log, rewritten)]
+        self.assertEqual(rinex[1], rinex[0])
+        self.assertTrue(all(f"\n{system}".encode() in rinex[0] for system in "GREC"))
 
     def test_pipes_carry_dat_records_both_ways(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        log = self.simulate("sim.nvb", "--duration", 20)
         dat = self.nvb("todat", "-", "-o", "-", stdin=self.read(log)).stdout
         self.assertEqual(dat, self.dat_of(log))
         rewritten = self.nvb("fromdat", "-", "-o", "-", "-m", 3, stdin=dat).stdout
@@ -337,7 +333,7 @@ class DatRoundTrip(Workspace):
 
 class RecompressEveryPair(Workspace):
     def test_every_method_into_every_method_keeps_the_dat_records(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 40)
+        log = self.simulate("sim.nvb", "--duration", 40)
         reference = self.dat_of(log)
         sizes = set()
         for source in range(8):
@@ -353,7 +349,7 @@ class RecompressEveryPair(Workspace):
 
 class LongEpochForms(Workspace):
     def test_epochs_only_the_long_form_carries_come_back_as_they_went_in(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 20)
+        log = self.simulate("sim.nvb", "--duration", 20)
         records = dat_records(self.dat_of(log))
         epochs = [Epoch(r) for r in records if r[3] == 27]
         always = [(b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and len(s) >= 2
@@ -382,6 +378,70 @@ class LongEpochForms(Workspace):
         self.assertNotIn("37", carriers)
         self.assertEqual(carriers["36"] + carriers["38"], 20)
         self.assertEqual(dat_records(self.dat_of(written)), dat_records(self.read(source)))
+
+
+def dopplers(dat):
+    """Each signal's Doppler bytes and Doppler-present bit, by epoch time, satellite and signal."""
+    found = {}
+    for record in dat_records(dat):
+        if record[3] != 27:
+            continue
+        epoch = Epoch(record)
+        for block, signals in epoch.satellites:
+            for signal in signals:
+                found[(epoch.time(), block[2], block[1], signal[1], signal[2])] = (signal[21:25], signal[26] & 0x04)
+    return found
+
+
+class KeepDoppler(Workspace):
+    def changed(self, before, after):
+        self.assertEqual(before.keys(), after.keys())
+        return sum(before[key] != after[key] for key in before)
+
+    def test_every_method_gives_every_doppler_back_and_drop_doppler_rebuilds_them(self):
+        log = self.simulate("sim.nvb", "--duration", 40)
+        source = dopplers(self.dat_of(log))
+        self.assertTrue(all(present for _, present in source.values()))
+        for method in range(8):
+            kept, dropped = self.path(f"keep{method}.nvb"), self.path(f"drop{method}.nvb")
+            self.nvb("-q", "fromdat", log + ".dat", "-o", kept, "--method", method)
+            self.nvb("-q", "fromdat", log + ".dat", "-o", dropped, "--method", method, "--drop-doppler")
+            self.assertEqual(self.changed(source, dopplers(self.dat_of(kept))), 0, f"method {method}")
+            rebuilt = self.changed(source, dopplers(self.dat_of(dropped)))
+            self.assertGreater(rebuilt, len(source) * 9 // 10, f"method {method}")
+            self.assertLess(os.path.getsize(dropped), os.path.getsize(kept))
+        self.assertNotIn("37", self.info(self.path("keep7.nvb"))["carriedAs"])
+        self.assertNotIn("36", self.info(self.path("drop7.nvb"))["carriedAs"])
+        simulated = self.info(self.simulate("dropped.nvb", "--duration", 40, "--drop-doppler"))
+        self.assertEqual(simulated["carriedAs"]["37"], 39)
+
+    def test_recompress_and_thin_write_doppler_as_their_input_carried_it(self):
+        kept = self.simulate("kept.nvb", "--duration", 40)
+        dropped = self.path("dropped.nvb")
+        self.dat_of(kept)
+        self.nvb("-q", "fromdat", kept + ".dat", "-o", dropped, "--drop-doppler")
+        for log in (kept, dropped):
+            self.nvb("-q", "recompress", log, "-o", log + ".bz2", "-m", 5)
+            self.assertEqual(self.dat_of(log + ".bz2"), self.dat_of(log), log)
+            self.assertEqual(self.info(log + ".bz2")["carriedAs"].keys(), self.info(log)["carriedAs"].keys(), log)
+        self.nvb("-q", "recompress", kept, "-o", kept + ".drop", "-m", 7, "--drop-doppler")
+        self.assertEqual(self.dat_of(kept + ".drop"), self.dat_of(dropped))
+        self.nvb("-q", "thin", kept, "-o", kept + ".thin", "--interval", 10)
+        thinned = dopplers(self.dat_of(kept + ".thin"))
+        source = dopplers(self.dat_of(kept))
+        self.assertEqual({key: source[key] for key in thinned}, thinned)
+
+    def test_best_and_explicit_levels_read_back_the_same_records(self):
+        log = self.simulate("sim.nvb", "--duration", 300)
+        dat = self.dat_of(log)
+        self.nvb("-q", "fromdat", log + ".dat", "-o", self.path("best.nvb"), "--best")
+        self.assertLess(os.path.getsize(self.path("best.nvb")), os.path.getsize(log))
+        self.assertEqual(self.info(self.path("best.nvb"))["blockLevel"], 5)
+        self.assertEqual(self.dat_of(self.path("best.nvb")), dat)
+        for method, level in ((3, 9), (6, 5), (7, 19)):
+            written = self.path(f"explicit{method}.nvb")
+            self.nvb("-q", "recompress", log, "-o", written, "--method", method, "--explicit-level", level)
+            self.assertEqual(self.dat_of(written), dat, f"method {method}")
 
 
 class ThinCarriesSlips(Workspace):
@@ -594,7 +654,7 @@ class DamagedInput(Workspace):
         self.assertIn("can't open", self.nvb("info", self.path("missing.nvb"), code=2).stderr.decode())
 
     def test_a_dat_file_cut_inside_a_record_writes_what_came_before(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 10)
+        log = self.simulate("sim.nvb", "--duration", 10)
         dat = self.dat_of(log)
         records = dat_records(dat)
         cut = self.write_dat("cut.dat", [dat[:len(records[0]) + 100]])
@@ -934,7 +994,7 @@ class AuxiliaryRecords(Workspace):
     def log_with_every_type(self):
         """A simulated log with every auxiliary record in the middle, and the same without
         the records no log gives back."""
-        simulated = dat_records(self.dat_of(self.simulate_through_dat("sim.nvb", "--duration", 6)))
+        simulated = dat_records(self.dat_of(self.simulate("sim.nvb", "--duration", 6)))
         aux = auxiliary_records()
         source = self.write_dat("every.dat", simulated[:4] + aux + WRITE_ONLY + simulated[4:])
         return source, simulated[:4] + aux + simulated[4:]
@@ -1100,9 +1160,58 @@ def navigation_and_receiver_dats():
     ]
 
 
+def repeating_subframes(seconds):
+    """Navigation data blocks of three satellites, a block each a second, cycling through
+    eight messages of which two change every two minutes; the last one's blocks are 32 bytes
+    long with preamble and check. Crosses a week change."""
+    sats = ((120, 3, 0), (124, 17, 0), (126, 40, 0x40))
+    records, time, week = [], 604800 - seconds // 2, 2345
+    for second in range(seconds):
+        for tag, slot, flag in sats:
+            index = (second + tag) % 8
+            issue = second // 120 if index < 2 else 0
+            data = bytearray((tag * 7 + index * 31 + issue * 13 + i * 5) & 0xFF for i in range(28))
+            data[0] = slot << 2 | index & 3
+            data[27] &= 0xC0  # the writer sends the top two bits of the last byte alone
+            if flag:
+                body = struct.pack("<IHBB", time, week, tag, flag) + bytes(data) + bytes([0x53, index, issue, 9])
+                records.append(dat(25, body, byte2=2))
+            else:
+                records.append(dat(25, struct.pack("<IHB", time, week, tag) + bytes(data)))
+        time += 1
+        if time == 604800:
+            time, week = 0, week + 1
+    return records
+
+
+def drifting_lists(count):
+    """Sensor lists a second apart whose values drift; an identifier comes in the middle of
+    the list, one goes for a while and comes back, and some lists have another subtype."""
+    raw = {1: 2345, 2: 1800, 3: 100, 6: 0xFFF0, 7: 65000, 9: 250}
+    records = []
+    for i in range(count):
+        for ident in raw:
+            if (i * ident) % 7 < 3:
+                raw[ident] = (raw[ident] + (i * 13 + ident) % 9 - 4) & 0xFFFF
+        if i == count // 4:
+            raw[4] = 512
+        idents = [k for k in sorted(raw) if not (count // 2 <= i < count // 2 + 30 and k == 3)]
+        entries = b""
+        for ident in idents:
+            value = raw[ident]
+            if ident == 6:
+                value = value - 0x10000 if value >= 0x8000 else value
+            elif ident not in (7, 8):
+                value = (value - 0x10000 if value >= 0x8000 else value) / 100
+            entries += pack("Bd", ident, value)
+        body = pack("HIB", 2345, 345600000 + 1000 * i, len(idents)) + entries
+        records.append(dat(40, body, byte2=2 if i % 100 == 99 else 1))
+    return records
+
+
 class NavigationAndReceiverRecords(Workspace):
     def test_a_log_with_every_type_reads_back_to_the_same_dat_records_in_every_method(self):
-        log = self.simulate_through_dat("sim.nvb", "--duration", 30)
+        log = self.simulate("sim.nvb", "--duration", 30)
         epochs = dat_records(self.dat_of(log))
         extra = navigation_and_receiver_dats()
         # A record 19 of subtype 1 goes out as its subtype byte alone and reads back as
@@ -1147,6 +1256,25 @@ class NavigationAndReceiverRecords(Workspace):
         self.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
         self.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
 
+    def test_repeating_navigation_blocks_and_lists_read_back_the_same_in_every_method(self):
+        log = self.simulate("sim.nvb", "--duration", 20)
+        epochs = dat_records(self.dat_of(log))
+        subframes, lists = repeating_subframes(700), drifting_lists(700)
+        carried = [record for pair in zip(subframes[::3], subframes[1::3], subframes[2::3], lists) for record in pair]
+        mixed = epochs[:10] + navigation_and_receiver_dats()[:5] + carried + epochs[10:]
+        source = self.write_dat("repeating.dat", mixed)
+        for method in range(8):
+            written = self.path(f"r{method}.nvb")
+            self.nvb("-q", "fromdat", source, "-o", written, "--method", method)
+            self.assertEqual(dat_records(self.dat_of(written)), mixed, f"method {method}")
+        carriers = self.info(self.path("r0.nvb"))["carriedAs"]
+        # One restart at the start and one at the week change; most blocks are references.
+        self.assertEqual(carriers["85"], 2)
+        self.assertGreater(carriers["84"], 1000)
+        self.assertGreater(carriers["86"], 500)
+        self.assertGreater(carriers["41"], 600)
+        self.assertEqual(carriers["41"] + carriers.get("40", 0), 700)
+
     def test_records_the_writer_cannot_take_are_named_and_the_rest_is_written(self):
         refused = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
                    dat(25, bytes(40), byte2=1), dat(28, bytes([12]) + bytes(60))]
@@ -1176,6 +1304,12 @@ class UsageErrors(Workspace):
             ["dump", log, "--type", "x"],
             ["todat", log, "-o", os.path.join(self.directory, "no", "such", "dir.dat")],
             ["recompress", log, "-o", log, "--method", 3],
+            ["recompress", log, "-o", self.path("x.nvb"), "--best", "--method", 5],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--best", "--level", 2],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--level", 1],
+            ["fromdat", log, "-o", self.path("x.nvb"), "--explicit-level", 5, "--method", 4],
+            ["simulate", "-o", self.path("x.nvb"), "--explicit-level", 23],
+            ["thin", log, "-o", self.path("x.nvb"), "--interval", 5, "--explicit-level", 3],
         ]
         for args in wrong:
             result = run(*args)

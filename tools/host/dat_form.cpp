@@ -17,10 +17,12 @@ constexpr double kRangeRollover = 33554431.0;
 constexpr double kShortDifferenceLimit = 100.0;
 
 constexpr std::size_t kSvFlagsAt = 9;      // in a satellite block
+constexpr std::size_t kSvSystemAt = 2;     // in a satellite block
 constexpr std::size_t kSvMeasCountAt = 4;  // in a satellite block
 constexpr std::size_t kMeasRangeAt = 5;    // in a measurement block
 constexpr std::size_t kMeasFlags1At = 26;  // in a measurement block
 constexpr std::uint8_t kFlagByteFollows = 0x80;
+constexpr std::uint8_t kDopplerPresent = 0x04;
 
 double rangeAt(std::span<const std::uint8_t> dat, std::size_t at) {
     double range = 0;
@@ -35,6 +37,17 @@ std::uint64_t littleEndian(std::span<const std::uint8_t> bytes, std::size_t at, 
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < count; ++i) value |= std::uint64_t{bytes[at + i]} << (8 * i);
     return value;
+}
+
+// Where the first satellite block of a record 27 DAT form starts: behind the epoch header
+// and its optional clock drift, RAIM fault and clock block.
+std::size_t firstSatelliteAt(std::span<const std::uint8_t> dat) {
+    std::size_t position = kRec27CountOffset + 1;
+    const std::uint8_t epochFlags = dat[position++];
+    if ((epochFlags & 0x02) != 0) position += 4;  // clock drift
+    if ((epochFlags & 0x10) != 0) position += 1;  // RAIM fault
+    if ((epochFlags & 0x20) != 0 && position + 3 <= dat.size()) position += 3 + 9u * dat[position + 2];
+    return position;
 }
 
 }  // namespace
@@ -58,14 +71,24 @@ std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat) {
     return Rec35Dat{littleEndian(dat, 4, 8), littleEndian(dat, 12, 8), dat.subspan(kRec35Head, length)};
 }
 
+void restoreSystemBytes(std::span<std::uint8_t> dat, std::span<const std::uint8_t> systemBytes) {
+    if (dat.size() <= kRec27CountOffset + 1 || dat[3] != 27) return;
+    std::size_t position = firstSatelliteAt(dat);
+    for (const std::uint8_t systemByte : systemBytes) {
+        if (position + 10 > dat.size() || dat[position] == 0) break;
+        dat[position + kSvSystemAt] = systemByte;
+        const std::size_t measurements = dat[position + kSvMeasCountAt];
+        position += dat[position];
+        for (std::size_t j = 0; j < measurements && position < dat.size() && dat[position] != 0; ++j) {
+            position += dat[position];
+        }
+    }
+}
+
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {
     EpochShape shape;
     if (dat.size() <= kRec27CountOffset + 1 || dat[3] != 27) return shape;
-    std::size_t position = kRec27CountOffset + 1;
-    const std::uint8_t epochFlags = dat[position++];
-    if ((epochFlags & 0x02) != 0) position += 4;  // clock drift
-    if ((epochFlags & 0x10) != 0) position += 1;  // RAIM fault
-    if ((epochFlags & 0x20) != 0 && position + 3 <= dat.size()) position += 3 + 9u * dat[position + 2];
+    std::size_t position = firstSatelliteAt(dat);
     while (position + 10 <= dat.size()) {
         const std::size_t blockLength = dat[position];
         if (blockLength == 0) break;
@@ -78,6 +101,7 @@ EpochShape epochShapeOf(std::span<const std::uint8_t> dat) {
             if (measLength == 0) break;
             if (position + kMeasFlags1At < dat.size() && position + measLength <= dat.size()) {
                 if ((dat[position + kMeasFlags1At] & kFlagByteFollows) != 0) shape.needsLongForm = true;
+                if ((dat[position + kMeasFlags1At] & kDopplerPresent) != 0) shape.hasDoppler = true;
                 const double range = rangeAt(dat, position + kMeasRangeAt);
                 if (j == 0) {
                     firstRange = range;

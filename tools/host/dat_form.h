@@ -32,11 +32,17 @@ std::optional<Rec35Dat> rec35DatOf(std::span<const std::uint8_t> dat);
 struct EpochShape {
     std::size_t satellites = 0;  // satellite entries that follow the epoch header
     bool needsLongForm = false;  // something that the short delta form can't carry
+    bool hasDoppler = false;     // a measurement whose Doppler-present bit is set
 };
 
 // Walks the satellite and measurement blocks of a record 27 DAT form by their own
 // length bytes, as the parser does.
 EpochShape epochShapeOf(std::span<const std::uint8_t> dat);
+
+// Retrieval writes each satellite's system byte as the system number times 65, which
+// leaves the antenna out. A host that keeps every satellite puts back antenna x 64 +
+// system, the byte the parser splits again, taken from the structure before retrieval.
+void restoreSystemBytes(std::span<std::uint8_t> dat, std::span<const std::uint8_t> systemBytes);
 
 // Prepares a record 27 DAT form for the encoder: retrieval counts only the first
 // antenna's satellites in the byte where the parser takes the satellite count, so the

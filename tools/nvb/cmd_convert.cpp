@@ -48,15 +48,17 @@ int runToDat(const ToDatOptions& options, const CommonOptions& common) {
 struct FromDatOptions {
     InputOptions in;
     std::string output;
-    WriteOptions write;
+    WriteChoice choice;
 };
 
 int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
+    const std::optional<WriteOptions> write = resolveWrite(options.choice, MethodDefault::Zstd);
+    if (!write) return kExitUsage;
     const auto input = Input::open(options.in.path);
     if (!input) return kExitUsage;
     const auto output = Output::open(options.output, options.in.path);
     if (!output) return kExitUsage;
-    LogWriter writer(*output, options.write);
+    LogWriter writer(*output, *write);
     DatReader reader(*input);
     Progress progress(common.quiet, "fromdat", input->size());
     std::vector<std::uint8_t> record;
@@ -77,7 +79,7 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
     if (code == kExitUsage) return code;
     reportNote(common.quiet,
                fmt::format("{}: {} records in {}, {} bytes", output->name(), writer.summary().recordsWritten,
-                           methodName(static_cast<std::uint8_t>(options.write.method)), output->bytes()));
+                           methodName(static_cast<std::uint8_t>(write->method)), output->bytes()));
     if (writer.summary().writeOnly > 0) {
         reportNote(common.quiet, fmt::format("{}: {} records of type 20 are in the log, but no reader gives them back",
                                              output->name(), writer.summary().writeOnly));
@@ -89,32 +91,38 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
 struct RewriteOptions {
     InputOptions in;
     std::string output;
-    WriteOptions write;
-    std::optional<int> method;  // thin keeps the input's method unless told
+    WriteChoice choice;
     float interval = 0;
     std::optional<float> positionInterval;
 };
 
-int runRewrite(const RewriteOptions& options, const CommonOptions& common, const char* label) {
+int runRewrite(const RewriteOptions& options, const CommonOptions& common, MethodDefault methodDefault,
+               const char* label) {
+    const std::optional<WriteOptions> resolved = resolveWrite(options.choice, methodDefault);
+    if (!resolved) return kExitUsage;
+    // thin keeps the input's method unless told
+    const bool methodNamed = options.choice.method || options.choice.best;
     const auto input = Input::open(options.in.path);
     if (!input) return kExitUsage;
     const auto output = Output::open(options.output, options.in.path);
     if (!output) return kExitUsage;
     LogReader reader(*input, options.in.read);
-    WriteOptions write = options.write;
+    WriteOptions write = *resolved;
     write.measurementInterval = options.interval;
     write.positionInterval = options.positionInterval.value_or(options.interval);
     // The writer is made at the first record, when the input's method is known.
     std::optional<LogWriter> writer;
     const auto startWriter = [&] {
-        write.method = options.method.value_or(methodOfStream(reader.shape(), reader.state().blockLevel));
+        if (!methodNamed) write.method = methodOfStream(reader.shape(), reader.state().blockLevel);
         writer.emplace(*output, write);
     };
     Progress progress(common.quiet, label, input->size());
     ReadSummary summary = reader.run(
         [&](DeliveredRecord& record) {
             if (!writer) startWriter();
-            writer->put(record.dat());
+            // Whether Doppler went on the wire is read before the DAT form is taken.
+            const bool dopplerOnWire = record.dopplerOnWire();
+            writer->put(record.dat(), dopplerOnWire);
         },
         [&](std::uint64_t done) { progress.update(done); });
     progress.finish();
@@ -156,7 +164,7 @@ CommandAction addFromDatCommand(CLI::App& app, const CommonOptions& common) {
     command->fallthrough();
     addInputOptions(*command, options->in, "DAT file to read");
     addOutputOption(*command, options->output, "log to write");
-    addMethodOptions(*command, options->write, true);
+    addWriteOptions(*command, options->choice, MethodDefault::Zstd);
     return [options, &common] { return runFromDat(*options, common); };
 }
 
@@ -166,11 +174,8 @@ CommandAction addRecompressCommand(CLI::App& app, const CommonOptions& common) {
     command->fallthrough();
     addInputOptions(*command, options->in, "log to read");
     addOutputOption(*command, options->output, "log to write");
-    addMethodOptions(*command, options->write, false);
-    return [options, &common] {
-        options->method = options->write.method;
-        return runRewrite(*options, common, "recompress");
-    };
+    addWriteOptions(*command, options->choice, MethodDefault::Required);
+    return [options, &common] { return runRewrite(*options, common, MethodDefault::Required, "recompress"); };
 }
 
 CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
@@ -187,12 +192,8 @@ CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
         ->add_option("--position-interval", options->positionInterval,
                      "seconds between kept positions, when not the same")
         ->check(CLI::Range(0.01, 604800.0));
-    command->add_option("-m,--method", options->method, "compression method, 0 to 7; the input's by default")
-        ->check(CLI::Range(0, 7));
-    command->add_option("-l,--level", options->write.level, "block size and effort, 0 to 2")
-        ->check(CLI::Range(0, 2))
-        ->capture_default_str();
-    return [options, &common] { return runRewrite(*options, common, "thin"); };
+    addWriteOptions(*command, options->choice, MethodDefault::Input);
+    return [options, &common] { return runRewrite(*options, common, MethodDefault::Input, "thin"); };
 }
 
 }  // namespace nvbtool

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -21,10 +22,12 @@ namespace {
 struct SimulateCommandOptions {
     std::string output;
     SimulationOptions simulation;
-    WriteOptions write;
+    WriteChoice choice;
 };
 
 int runSimulate(const SimulateCommandOptions& options, const CommonOptions& common) {
+    const std::optional<WriteOptions> write = resolveWrite(options.choice, MethodDefault::Zstd);
+    if (!write) return kExitUsage;
     std::unique_ptr<ReceiverSimulator> simulatorHolder;
     try {
         simulatorHolder = std::make_unique<ReceiverSimulator>(options.simulation);
@@ -35,7 +38,7 @@ int runSimulate(const SimulateCommandOptions& options, const CommonOptions& comm
     ReceiverSimulator& simulator = *simulatorHolder;
     const auto output = Output::open(options.output);
     if (!output) return kExitUsage;
-    LogWriter writer(*output, options.write);
+    LogWriter writer(*output, *write);
     Progress progress(common.quiet, "simulate", simulator.epochCount());
     auto measurements = std::make_unique<Rec27>();
     auto packed = std::make_unique<Rec27>();
@@ -64,7 +67,7 @@ int runSimulate(const SimulateCommandOptions& options, const CommonOptions& comm
     reportNote(common.quiet,
                fmt::format("{}: {} epochs over {} s with {}, {} bytes in {} ({:.0f} bytes per epoch)", output->name(),
                            epochs, options.simulation.durationSeconds, options.simulation.systems, output->bytes(),
-                           methodName(static_cast<std::uint8_t>(options.write.method)),
+                           methodName(static_cast<std::uint8_t>(write->method)),
                            epochs > 0 ? static_cast<double>(output->bytes()) / static_cast<double>(epochs) : 0.0));
     return code;
 }
@@ -107,7 +110,7 @@ CommandAction addSimulateCommand(CLI::App& app, const CommonOptions& common) {
         ->capture_default_str();
     command->add_option("--seed", simulation.seed, "seed of the simulation; the same seed gives the same log")
         ->capture_default_str();
-    addMethodOptions(*command, options->write, true);
+    addWriteOptions(*command, options->choice, MethodDefault::Zstd);
     return [options, &common] { return runSimulate(*options, common); };
 }
 

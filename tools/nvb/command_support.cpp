@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 
 namespace nvbtool {
@@ -18,20 +19,81 @@ void addOutputOption(CLI::App& command, std::string& path, const std::string& wh
     command.add_option("-o,--output", path, what + ", - for standard output")->required();
 }
 
-void addMethodOptions(CLI::App& command, WriteOptions& options, bool methodHasDefault) {
-    auto* method = command
-                       .add_option("-m,--method", options.method,
-                                   "compression method: 0 Huffman byte stream, 1 stored blocks, 2 Huffman "
-                                   "blocks, 3 zlib, 4 bzip2 over frames, 5 bzip2, 6 brotli, 7 zstd")
-                       ->check(CLI::Range(0, 7));
-    if (methodHasDefault) {
-        method->capture_default_str();
-    } else {
-        method->required();
+namespace {
+
+// The smallest files on measurement data: bzip2 over bare records in 512 KiB blocks.
+constexpr int kBestMethod = 5;
+constexpr int kBestLevel = 2;
+
+struct ExplicitRange {
+    int method;
+    int lowest;
+    int highest;
+};
+// The levels each compressor takes; the other methods have none to give.
+constexpr std::array<ExplicitRange, 3> kExplicitRanges = {{{3, 0, 9}, {6, 0, 11}, {7, 1, 22}}};
+
+}  // namespace
+
+void addWriteOptions(CLI::App& command, WriteChoice& choice, MethodDefault methodDefault) {
+    const char* methodDefaultText = methodDefault == MethodDefault::Zstd    ? "; 7 by default"
+                                    : methodDefault == MethodDefault::Input ? "; the input's by default"
+                                                                            : "";
+    command
+        .add_option("-m,--method", choice.method,
+                    fmt::format("compression method: 0 Huffman byte stream, 1 stored blocks, 2 Huffman blocks, "
+                                "3 zlib, 4 bzip2 over frames, 5 bzip2, 6 brotli, 7 zstd{}",
+                                methodDefaultText))
+        ->check(CLI::Range(0, 7));
+    command
+        .add_option("-l,--level", choice.level,
+                    "block size and effort: 0 32 KiB (default), 1 256 KiB, 2 512 KiB blocks")
+        ->check(CLI::Range(0, 2));
+    command.add_option("--explicit-level", choice.explicitLevel,
+                       "the compressor's own level, in 32 KiB blocks: zlib 0 to 9, brotli 0 to 11, zstd 1 to 22");
+    command.add_flag("--best", choice.best, "the smallest file: bzip2 over bare records in 512 KiB blocks");
+    command.add_flag("--drop-doppler", choice.dropDoppler,
+                     "leave Doppler out of the epochs, for readers to rebuild from carrier phase (smaller, "
+                     "not exact)");
+}
+
+std::optional<WriteOptions> resolveWrite(const WriteChoice& choice, MethodDefault methodDefault) {
+    const auto refuse = [](const std::string& text) {
+        reportError("usage", text);
+        return std::optional<WriteOptions>();
+    };
+    WriteOptions options;
+    options.keepDoppler = !choice.dropDoppler;
+    if (choice.best) {
+        if (choice.method || choice.level || choice.explicitLevel) {
+            return refuse("--best picks the method and level itself: leave out --method, --level and --explicit-level");
+        }
+        options.method = kBestMethod;
+        options.level = kBestLevel;
+        return options;
     }
-    command.add_option("-l,--level", options.level, "block size and effort: 0 32 KiB, 1 256 KiB, 2 512 KiB blocks")
-        ->check(CLI::Range(0, 2))
-        ->capture_default_str();
+    if (!choice.method && methodDefault == MethodDefault::Required)
+        return refuse("name a method with --method, or ask for --best");
+    options.method = choice.method.value_or(7);
+    options.level = choice.level.value_or(0);
+    if (!choice.explicitLevel) return options;
+    if (choice.level) return refuse("--explicit-level sets the block size itself: leave out --level");
+    if (!choice.method && methodDefault == MethodDefault::Input) {
+        return refuse("--explicit-level needs --method 3, 6 or 7 named");
+    }
+    const auto range = std::find_if(kExplicitRanges.begin(), kExplicitRanges.end(),
+                                    [&](const ExplicitRange& r) { return r.method == options.method; });
+    if (range == kExplicitRanges.end()) {
+        return refuse(fmt::format("--explicit-level applies to methods 3 (zlib), 6 (brotli) and 7 (zstd), not {}",
+                                  options.method));
+    }
+    if (*choice.explicitLevel < range->lowest || *choice.explicitLevel > range->highest) {
+        return refuse(fmt::format("--explicit-level {} is outside {} to {} for {}", *choice.explicitLevel,
+                                  range->lowest, range->highest,
+                                  methodName(static_cast<std::uint8_t>(options.method))));
+    }
+    options.explicitLevel = choice.explicitLevel;
+    return options;
 }
 
 std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel) {

@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace nvbtool {
@@ -16,9 +18,30 @@ struct InputOptions {
 };
 void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what);
 
-// Every writing command: where to, and how to compress.
+// Every writing command: where to.
 void addOutputOption(CLI::App& command, std::string& path, const std::string& what);
-void addMethodOptions(CLI::App& command, WriteOptions& options, bool methodHasDefault);
+
+// How a writing command was asked to compress, and whether to keep Doppler, as given;
+// resolveWrite() checks the options against each other.
+struct WriteChoice {
+    std::optional<int> method;
+    std::optional<int> level;
+    std::optional<int> explicitLevel;
+    bool best = false;
+    bool dropDoppler = false;
+};
+// What a command does when no method is named.
+enum class MethodDefault : std::uint8_t {
+    Zstd,      // method 7
+    Required,  // a method or --best must be named
+    Input,     // the method of the log being read
+};
+void addWriteOptions(CLI::App& command, WriteChoice& choice, MethodDefault methodDefault);
+
+// The options for the writer, or, for options that contradict each other, nothing after
+// telling why on standard error. With MethodDefault::Input and no method named, `method`
+// is left for the caller to set.
+std::optional<WriteOptions> resolveWrite(const WriteChoice& choice, MethodDefault methodDefault);
 
 // The compression method that wrote a log of this shape and level, for commands that
 // keep it: a byte stream is method 0, a block stream's level is its method.

@@ -218,6 +218,7 @@ constexpr std::size_t kReadChunk = 1 << 16;
 // Room for the longest DAT form retrieval can write (its length is 16 bits).
 constexpr std::size_t kDatCapacity = 65536 + 64;
 constexpr std::size_t kShownEvents = 8;
+constexpr std::uint8_t kDopplerPresent = 0x04;  // measFlags1
 
 // Resuming after damage: a zstd block is type 8, a 24-bit length, then the zstd frame.
 constexpr std::uint8_t kZstdBlockType = 8;
@@ -332,6 +333,15 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         std::memset(buffer.data(), 0, std::min<std::size_t>(buffer.size(), length + 4u));
         // Whole: retrieval gives a record 34 from the generic area and cuts a 98 or 99
         // above 255 bytes to the low byte of its length. A record 35 tells its own length.
+        std::array<std::uint8_t, NVB_MAX_SV> systemBytes{};
+        std::size_t satellites = 0;
+        if (type == 27 && state->records.rec27 != nullptr) {
+            const Rec27& epoch = *state->records.rec27;
+            satellites = std::min<std::size_t>(epoch.nSv, systemBytes.size());
+            for (std::size_t i = 0; i < satellites; ++i) {
+                systemBytes[i] = static_cast<std::uint8_t>(epoch.sv[i].antennaNumber << 6 | (epoch.sv[i].rt_sattype & 0x3F));
+            }
+        }
         if (type == 35) {
             nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), buffer.data());
         } else {
@@ -340,8 +350,25 @@ std::span<std::uint8_t> DeliveredRecord::dat() {
         }
         const std::size_t size = std::min(datRecordLength(buffer), buffer.size());
         dat_ = std::span<std::uint8_t>(buffer.data(), size);
+        restoreSystemBytes(*dat_, std::span<const std::uint8_t>(systemBytes.data(), satellites));
     }
     return *dat_;
+}
+
+bool DeliveredRecord::dopplerOnWire() const {
+    const std::uint16_t carrier = fieldValue(state->currentType);
+    if (type != 27 || carrier < 36 || carrier > 39) return true;
+    // After an expansion the codec's last image is the epoch as its compact form held it.
+    const epoch_image_t& image = state->epochHistory.previous;
+    const std::size_t satellites = std::min<std::size_t>(image.nSv, std::size(image.sats));
+    for (std::size_t i = 0; i < satellites; ++i) {
+        const epoch_sat_row_t& sat = image.sats[i];
+        const std::size_t signals = std::min<std::size_t>(sat.nMeas, std::size(sat.signals));
+        for (std::size_t j = 0; j < signals; ++j) {
+            if ((sat.signals[j].measFlags1 & kDopplerPresent) != 0) return true;
+        }
+    }
+    return false;
 }
 
 bool ReadSummary::unreadable() const {
@@ -646,18 +673,20 @@ bool isThinnedType(std::uint8_t type) {
 
 LogWriter::LogWriter(Output& output, const WriteOptions& options)
     : options_(options),
-      encoder_(static_cast<std::uint8_t>(options.method), static_cast<std::uint8_t>(options.level),
+      // The compressor's own level goes with compressionLevel 3, which also sets 32 KiB blocks.
+      encoder_(static_cast<std::uint8_t>(options.method),
+               static_cast<std::uint8_t>(options.explicitLevel ? 3 : options.level),
                [&output](std::span<const std::uint8_t> unit) { output.write(unit.data(), unit.size()); }) {
     nvb_encode_t& state = encoder_.state();
     state.fileFormat = kNveFileFormat;
     // Records 35 go out as they came: the stream's own schemas, every subtype.
     state.rec35Mode = NVB_REC35_PASSTHROUGH | NVB_REC35_COPY;
-    state.explicitLevel = 0;
+    state.explicitLevel = static_cast<std::uint8_t>(options.explicitLevel.value_or(0));
     state.measurementInterval = options.measurementInterval;
     state.positionInterval = options.positionInterval;
 }
 
-void LogWriter::put(std::span<std::uint8_t> dat) {
+void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
     ++summary_.recordsIn;
     // The parser reads as far as the header announces, so a record must hold that much.
     const std::size_t length = datRecordLength(dat);
@@ -670,9 +699,11 @@ void LogWriter::put(std::span<std::uint8_t> dat) {
     if (type == 27) {
         // The true satellite count goes where retrieval left the first antenna's count,
         // and the epoch takes the long delta form when the short one would lose a flag
-        // byte, a range rollover or a wide range difference.
-        longEpoch = prepareEpochForEncoder(dat).needsLongForm;
+        // byte, a range rollover or a wide range difference, or when it keeps its Doppler.
+        const EpochShape shape = prepareEpochForEncoder(dat);
+        longEpoch = shape.needsLongForm;
         encoder_.state().epochForceLong = longEpoch ? 1 : 0;
+        encoder_.state().epochKeepDoppler = options_.keepDoppler && dopplerOnWire && shape.hasDoppler ? 1 : 0;
     }
     const std::uint32_t before = encoder_.state().recordCount;
     std::uint8_t status = 0;

@@ -136,6 +136,10 @@ public:
     std::optional<std::uint32_t> unpackedOffset;
     nvb_expand_t* state = nullptr;
 
+    // False for a record 27 whose compact form carried no Doppler, so that what the reader
+    // gives comes from carrier phase; true for every other record.
+    bool dopplerOnWire() const;
+
     // The DAT form, as long as its header says. Retrieval packs the system bytes of a
     // record 27 in place, so whoever reads the structure does so before calling this.
     std::span<std::uint8_t> dat();
@@ -232,10 +236,12 @@ int exitCodeOf(const ReadSummary& summary);
 void reportReadProblems(const ReadSummary& summary, const std::string& file);
 
 struct WriteOptions {
-    int method = 7;                 // compressionMethod, 0 to 7
-    int level = 0;                  // compressionLevel, 0 to 2
-    float measurementInterval = 0;  // s; above 0 thins epochs
-    float positionInterval = 0;     // s; above 0 thins positions
+    int method = 7;                    // compressionMethod, 0 to 7
+    int level = 0;                     // compressionLevel, 0 to 2
+    std::optional<int> explicitLevel;  // the compressor's own level (zlib, brotli, zstd), in 32 KiB blocks
+    bool keepDoppler = true;           // epochs that carry Doppler keep it on the wire
+    float measurementInterval = 0;     // s; above 0 thins epochs
+    float positionInterval = 0;        // s; above 0 thins positions
 };
 
 struct WriteSummary {
@@ -250,8 +256,9 @@ struct WriteSummary {
 };
 
 // Writes DAT records through an encode state into an output. The NVE form is used,
-// which carries range rollovers and wide range differences; each epoch takes the long
-// delta form only when the short one can't carry it.
+// which carries range rollovers and wide range differences. An epoch whose measurements
+// carry Doppler keeps it (the long delta form) unless the options drop it; otherwise an
+// epoch takes the long form only when the short one can't carry it.
 class LogWriter {
 public:
     LogWriter(Output& output, const WriteOptions& options);
@@ -259,8 +266,9 @@ public:
     LogWriter& operator=(const LogWriter&) = delete;
 
     // One DAT record. A record 27 gets its true satellite count first (dat_form.h), so
-    // its bytes may change.
-    void put(std::span<std::uint8_t> dat);
+    // its bytes may change. `dopplerOnWire` false writes an epoch's Doppler as its source
+    // did: left out, for readers to rebuild.
+    void put(std::span<std::uint8_t> dat, bool dopplerOnWire = true);
     void finish();
     const WriteSummary& summary() const { return summary_; }
 

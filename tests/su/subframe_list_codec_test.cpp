@@ -1,0 +1,454 @@
+// The subframe cache (types 84 to 86 for record 25) and the list codec (type 41 for record
+// 40). What both promise is written once over a traits struct: a long realistic sequence
+// comes back byte for byte through the writer's hook, the single step and the dispatch;
+// after a lost record nothing wrong is delivered and all comes right at the next restart;
+// a damaged record gives its status and leaves the history byte-identical. The corner
+// values of each follow as tables.
+#include "external/su/list_codec.h"
+#include "external/su/subframe_cache.h"
+
+#include "common/byte_sum.h"
+#include "support/host.h"
+#include "support/subframe_list_sequences.h"
+
+#include <nvbdll/nvbdll.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace nvb {
+namespace {
+
+using nvbtest::Bytes;
+
+struct Corruption {
+    const char* what;
+    Bytes record;
+    std::uint8_t status;
+};
+
+Bytes with(Bytes record, std::size_t at, std::uint8_t value) {
+    record[at] = value;
+    return record;
+}
+
+struct Subframes {
+    using History = subframe_cache_t;
+    static constexpr std::uint8_t kPlainType = kTypeSubframe;
+    // The writer restarts the cache by itself, at least every ten minutes.
+    static constexpr bool kRestartsItself = true;
+    static nvbtest::CompactLink codec() {
+        return nvbtest::CompactLink(compressRec25Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
+            return nvbdll_processType84(state, status);
+        });
+    }
+    static std::vector<Bytes> sequence() { return nvbtest::buildAll(nvbtest::subframeSequence({})); }
+    template <typename State>
+    static History& history(State& state) {
+        return state.subframeCache;
+    }
+    static std::string form(const Bytes& compact) {
+        switch (compact[2]) {
+            case kTypeSubframeFirst: return "85";
+            case kTypeSubframeShort: return compact[1] == 11 ? "84 reference" : "84 literal";
+            case kTypeSubframeLong:
+                return compact[3] == 2 ? (compact[9] & 0x40 ? "86 reference of 32" : "86 reference of 28")
+                                       : compact[3] == 0 ? "86 first" : "86 literal";
+            default: return "plain";
+        }
+    }
+    static std::set<std::string> coverage() {
+        return {"85", "84 reference", "84 literal", "86 first", "86 literal", "86 reference of 32",
+                "86 reference of 28", "plain"};
+    }
+    static bool restartsAt(const Bytes& compact) { return form(compact) == "85" || form(compact) == "86 first"; }
+    static bool lossBites(const Bytes& compact) { return form(compact) == "84 literal"; }
+    static std::vector<Corruption> corruptions(const std::vector<Bytes>& compacts) {
+        Bytes reference, literal, longReference;
+        for (const Bytes& compact : compacts) {
+            if (form(compact) == "84 reference") reference = compact;
+            if (form(compact) == "84 literal") literal = compact;
+            if (form(compact) == "86 reference of 32") longReference = compact;
+        }
+        Bytes overlong = literal;
+        overlong.resize(255);
+        overlong[1] = 255;
+        return {{"reference to slot 64", with(reference, 4, 64), 1},
+                {"reference to ring position 20", with(reference, 5, 20), 1},
+                {"84 of subtype 1", with(literal, 3, 1), 1},
+                {"86 of subtype 3", with(longReference, 3, 3), 1},
+                {"86 reference one byte short", with(longReference, 1, 11), 1},
+                {"literal cut inside its block", with(literal, 1, 30), 1},
+                {"literal longer than its frame", with(literal, 1, 42), 1},
+                {"literal that rebuilds past one length byte", overlong, 1},
+                {"a plain type in the frame", with(literal, 2, 25), 1}};
+    }
+};
+
+struct Lists {
+    using History = list_state_t;
+    static constexpr std::uint8_t kPlainType = kTypeList;
+    // Type 41 has no reference form: only a reset of both sides starts it over.
+    static constexpr bool kRestartsItself = false;
+    static nvbtest::CompactLink codec() {
+        return nvbtest::CompactLink(compressRec40Frame, [](nvb_expand_t* state, std::uint8_t, bool, std::uint8_t* status) {
+            return nvbdll_processType41(state, status);
+        });
+    }
+    static std::vector<Bytes> sequence() { return nvbtest::buildAll(nvbtest::listSequence({})); }
+    template <typename State>
+    static History& history(State& state) {
+        return state.listState;
+    }
+    static std::string form(const Bytes& compact) {
+        if (compact[2] != kTypeListCompact) return "plain";
+        std::string name = (compact[4] & 0x80) ? "raw week" : (compact[4] & 0x40) ? "next week" : "same week";
+        name += (compact[4] & 0x20) ? ", raw time" : (compact[4] & 0x1F) ? ", time off the line" : ", time on the line";
+        return name;
+    }
+    static std::set<std::string> coverage() {
+        return {"plain", "raw week, raw time", "next week, raw time", "same week, raw time",
+                "same week, time on the line"};
+    }
+    static bool restartsAt(const Bytes&) { return false; }
+    static bool lossBites(const Bytes& compact) { return compact[2] == kTypeListCompact; }
+    static std::vector<Corruption> corruptions(const std::vector<Bytes>& compacts) {
+        Bytes patched;
+        for (const Bytes& compact : compacts) {
+            if (compact[2] == kTypeListCompact && compact.size() > 9) patched = compact;
+        }
+        const auto record = [](const Bytes& body) {
+            Bytes bytes = {2, static_cast<std::uint8_t>(body.size() + 6), kTypeListCompact, 1};
+            for (const std::uint8_t byte : body) bytes.push_back(byte);
+            bytes.push_back(0);
+            bytes.push_back(0);
+            return bytes;
+        };
+        Bytes many = {0x20, 0, 0, 0, 0};
+        for (std::uint8_t id = 1; id <= 81; ++id) many.insert(many.end(), {static_cast<std::uint8_t>(id | 0x80), 0, 1});
+        Bytes cut = patched;
+        cut.pop_back();
+        return {{"start byte 1", with(patched, 0, 1), 1},
+                {"type 40 in the frame", with(patched, 2, 40), 2},
+                {"raw week cut by the checksum", record({0x80, 9}), 8},
+                {"raw time cut by the checksum", record({0x20, 1, 2, 3}), 8},
+                {"raw patch running into the checksum", record({0x00, 0x85, 1}), 8},
+                {"small patch running into the checksum", record({0x00, 0x05}), 8},
+                {"length byte past the frame", cut, 8},
+                {"81 identifiers, more than one length byte tells", record(many), 8}};
+    }
+};
+
+template <typename Codec>
+class DictionaryCodec : public ::testing::Test {};
+
+using Codecs = ::testing::Types<Subframes, Lists>;
+
+struct CodecNames {
+    template <typename Codec>
+    static std::string GetName(int) {
+        return std::is_same_v<Codec, Subframes> ? "Subframes" : "Lists";
+    }
+};
+
+TYPED_TEST_SUITE(DictionaryCodec, Codecs, CodecNames);
+
+// The dispatch copies a plain frame as it stands and expands the others.
+std::uint8_t expandAny(nvbtest::CompactLink& codec, std::uint8_t plainType, const Bytes& compact, Bytes& plain) {
+    if (compact[2] != plainType) return codec.expand(compact, plain);
+    plain = compact;
+    return 0;
+}
+
+TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispatch) {
+    using Codec = TypeParam;
+    const std::vector<Bytes> plains = Codec::sequence();
+    nvbtest::CompactLink codec = Codec::codec();
+        nvbtest::Handle dispatch;
+    std::set<std::string> seen;
+    std::size_t compactBytes = 0, plainBytes = 0;
+    for (std::size_t i = 0; i < plains.size(); ++i) {
+        const Bytes compact = codec.compress(plains[i]);
+        seen.insert(Codec::form(compact));
+        compactBytes += compact.size();
+        plainBytes += plains[i].size();
+        Bytes expanded;
+        ASSERT_EQ(expandAny(codec, Codec::kPlainType, compact, expanded), 0) << i;
+        ASSERT_EQ(expanded, plains[i]) << i << " " << Codec::form(compact);
+        const nvbtest::ReadEvent event = nvbtest::processFrame(dispatch.get(), compact);
+        ASSERT_TRUE(event.delivered()) << i;
+        ASSERT_EQ(event.type, Codec::kPlainType);
+        ASSERT_EQ(std::memcmp(&Codec::history(*dispatch.get()), &Codec::history(codec.expander()), sizeof(typename Codec::History)), 0);
+    }
+    EXPECT_EQ(seen, Codec::coverage());
+    EXPECT_LT(compactBytes * 2, plainBytes);
+}
+
+TYPED_TEST(DictionaryCodec, AfterALostRecordNothingWrongIsDeliveredAndAllComesRightAtTheNextRestart) {
+    using Codec = TypeParam;
+    const std::vector<Bytes> plains = Codec::sequence();
+    nvbtest::CompactLink codec = Codec::codec();
+        nvbtest::Handle reader;
+    std::size_t lost = 0, restart = 0, refused = 0;
+    for (std::size_t i = 0; i < plains.size(); ++i) {
+        if (!Codec::kRestartsItself && lost != 0 && i == lost + 300) {
+            nvbdll_resetDATEncodeState(&codec.encoder());
+            nvbdll_resetNVBExpandState(reader.get());
+            restart = i;
+        }
+        const Bytes compact = codec.compress(plains[i]);
+        if (lost == 0 && i > 200 && Codec::lossBites(compact)) {
+            lost = i;
+            continue;
+        }
+        if (lost != 0 && restart == 0 && Codec::restartsAt(compact)) restart = i;
+        const nvbtest::ReadEvent event = nvbtest::processFrame(reader.get(), compact);
+        if (!event.delivered()) {
+            ASSERT_TRUE(lost != 0 && restart == 0) << "refused at " << i;
+            ++refused;
+            continue;
+        }
+        Bytes expanded(reader->plainFrame.data, reader->plainFrame.data + reader->plainFrame.length);
+        ASSERT_EQ(expanded, plains[i]) << "delivered wrong at " << i;
+    }
+    EXPECT_NE(lost, 0u);
+    EXPECT_NE(restart, 0u);
+    EXPECT_GT(refused, 0u);
+}
+
+TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWas) {
+    using Codec = TypeParam;
+    const std::vector<Bytes> plains = Codec::sequence();
+    nvbtest::CompactLink codec = Codec::codec();
+        std::vector<Bytes> compacts;
+    const std::size_t half = plains.size() / 2;
+    for (std::size_t i = 0; i <= half; ++i) compacts.push_back(codec.compress(plains[i]));
+    Bytes expanded;
+    for (std::size_t i = 0; i < half; ++i) ASSERT_EQ(expandAny(codec, Codec::kPlainType, compacts[i], expanded), 0);
+    const auto before = std::make_unique<typename Codec::History>(Codec::history(codec.expander()));
+    for (const Corruption& bad : Codec::corruptions(compacts)) {
+        EXPECT_EQ(codec.expand(bad.record, expanded), bad.status) << bad.what;
+        EXPECT_TRUE(expanded.empty()) << bad.what;
+        EXPECT_EQ(std::memcmp(before.get(), &Codec::history(codec.expander()), sizeof *before), 0) << bad.what;
+    }
+    ASSERT_EQ(expandAny(codec, Codec::kPlainType, compacts[half], expanded), 0);
+    EXPECT_EQ(expanded, plains[half]);
+}
+
+// The corner values of the subframe cache, on a cache of its own.
+struct CacheSides {
+    std::unique_ptr<subframe_cache_t> writer = std::make_unique<subframe_cache_t>();
+    std::unique_ptr<subframe_cache_t> reader = std::make_unique<subframe_cache_t>();
+    CacheSides() {
+        std::memset(writer.get(), 0, sizeof *writer);
+        std::memset(reader.get(), 0, sizeof *reader);
+        writer->first = 1;
+    }
+    // The compact form, empty when the record stays out; the rebuilt record beside it.
+    std::pair<Bytes, Bytes> pass(const Bytes& plain) {
+        Bytes compact(64, 0), rebuilt(64, 0);
+        if (!compressSubframe(*writer, plain.data(), plain.size(), compact.data(), compact.size())) return {};
+        compact.resize(compact[1]);
+        EXPECT_TRUE(expandSubframe(*reader, compact.data(), compact.size(), rebuilt.data(), rebuilt.size()));
+        rebuilt.resize(rebuilt[1]);
+        return {compact, rebuilt};
+    }
+};
+
+nvbtest::Rec25Wire block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600) {
+    nvbtest::Rec25Wire record;
+    record.time = time;
+    record.week = 2301;
+    record.tag = 131;
+    for (std::size_t i = 0; i < record.data.size(); ++i) record.data[i] = static_cast<std::uint8_t>(seed * 31 + i);
+    record.data[0] = static_cast<std::uint8_t>(slot << 2);
+    return record;
+}
+
+TEST(SubframeCache, RingOfTwentyHoldsNineteenBlocksAndTheTwentiethPushesTheTailOn) {
+    CacheSides sides;
+    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, i))).first.size(), 41u);
+    EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, 0))).first.size(), 41u) << "the first fell out";
+    const auto [reference, rebuilt] = sides.pass(nvbtest::buildRec25(block(5, 2)));
+    EXPECT_EQ(reference.size(), 11u);
+    EXPECT_EQ(reference[5], 2) << "ring position";
+    EXPECT_EQ(rebuilt, nvbtest::buildRec25(block(5, 2)));
+}
+
+TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
+    struct Case {
+        std::int64_t difference;
+        bool reference;
+        std::uint16_t delta;
+    };
+    const Case cases[] = {{0, true, 0},           {65535, true, 65535},   {65536, false, 0},    {-1, false, 0},
+                          {-604800, true, 0},     {-539265, true, 65535}, {-539264, false, 0}, {-604801, false, 0}};
+    for (const Case& c : cases) {
+        CacheSides sides;
+        const std::uint32_t start = 700000;
+        sides.pass(nvbtest::buildRec25(block(9, 1, start)));
+        nvbtest::Rec25Wire again = block(9, 1, static_cast<std::uint32_t>(start + c.difference));
+        again.week = 2302;
+        const auto [compact, rebuilt] = sides.pass(nvbtest::buildRec25(again));
+        ASSERT_EQ(compact.size() == 11, c.reference) << c.difference;
+        if (!c.reference) continue;
+        EXPECT_EQ(readU16BigEndian(&compact[6]), c.delta) << c.difference;
+        // The reference carries no week: the rebuilt record counts the same instant from the
+        // cache's week, and its carried checksum is the original's.
+        nvbtest::Rec25Wire expected = again;
+        expected.week = 2301;
+        expected.time = start + c.delta;
+        Bytes sameInstant = nvbtest::buildRec25(expected);
+        std::copy(compact.end() - 2, compact.end(), sameInstant.end() - 3);
+        EXPECT_EQ(rebuilt, sameInstant) << c.difference;
+    }
+}
+
+TEST(SubframeCache, BlocksThatStayOutOrMissTheRing) {
+    CacheSides sides;
+    nvbtest::Rec25Wire odd = block(63, 1);
+    EXPECT_TRUE(sides.pass(nvbtest::buildRec25(odd)).first.empty()) << "slot 63 writes nothing";
+    EXPECT_EQ(sides.writer->first, 1) << "and leaves the cache alone";
+
+    nvbtest::Rec25Wire shortBlock = block(7, 4);
+    shortBlock.subtype = 2;
+    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 42u);
+    nvbtest::Rec25Wire longBlock = shortBlock;
+    longBlock.flag = 0x40;
+    EXPECT_EQ(sides.pass(nvbtest::buildRec25(longBlock)).first.size(), 46u) << "same bytes, another length";
+    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 12u);
+}
+
+TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
+    CacheSides sides;
+    nvbtest::Rec25Wire wide = block(2, 1);
+    wide.subtype = 2;
+    Bytes withoutEnd = nvbtest::buildRec25(wide);
+    withoutEnd.pop_back();
+    withoutEnd[1] = 42;
+    withoutEnd[2] = 86;
+    withoutEnd[3] = 0;
+    EXPECT_EQ(sides.pass(nvbtest::buildRec25(wide)).first, withoutEnd);
+    const Bytes later = sides.pass(nvbtest::buildRec25(block(2, 2))).first;
+    EXPECT_EQ((std::vector<std::uint8_t>{later[1], later[2], later[3]}), (std::vector<std::uint8_t>{41, 84, 0}));
+    wide.data[5] ^= 1;
+    const auto [literal, rebuilt] = sides.pass(nvbtest::buildRec25(wide));
+    EXPECT_EQ(literal[3], 1);
+    EXPECT_EQ(rebuilt[3], 2);
+}
+
+TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMinutes) {
+    nvbtest::Encoder state(0);
+    struct Step {
+        std::uint32_t time;
+        std::uint16_t week;
+        std::uint8_t type;
+    };
+    const Step steps[] = {{345600, 2301, 85}, {345601, 2301, 84}, {346199, 2301, 84}, {346200, 2301, 85},
+                          {346201, 2301, 84}, {346100, 2301, 85}, {346101, 2302, 85}, {346102, 2302, 84}};
+    for (const Step& step : steps) {
+        nvbtest::Rec25Wire record = block(4, 1, step.time);
+        record.week = step.week;
+        const Bytes plain = nvbtest::buildRec25(record);
+        nvb_frame_t in{}, out{};
+        std::memcpy(in.data, plain.data(), plain.size());
+        in.length = static_cast<std::uint16_t>(plain.size());
+        EXPECT_EQ(compressRec25Frame(*state.get(), in, out), out.data[1]);
+        EXPECT_EQ(out.data[2], step.type) << step.time << " week " << step.week;
+    }
+}
+
+// The corner values of the list codec.
+struct ListSides {
+    list_state_t writer{};
+    list_state_t reader{};
+    std::pair<Bytes, Bytes> pass(const Bytes& plain) {
+        Bytes compact(256, 0), rebuilt(256, 0);
+        EXPECT_TRUE(compressListRecord(writer, plain.data(), plain.size(), compact.data(), compact.size()));
+        compact.resize(compact[1]);
+        EXPECT_EQ(expandListRecord(reader, compact.data(), compact.size(), rebuilt.data(), rebuilt.size()), 0);
+        rebuilt.resize(rebuilt[1]);
+        return {compact, rebuilt};
+    }
+};
+
+nvbtest::Rec40Wire list(std::uint32_t time, std::vector<std::pair<std::uint8_t, std::uint16_t>> entries,
+                        std::uint16_t week = 2301) {
+    return nvbtest::Rec40Wire{1, week, time, std::move(entries)};
+}
+
+TEST(ListCodec, CodeByteAndPatchSizes) {
+    struct Case {
+        const char* what;
+        nvbtest::Rec40Wire next;
+        std::uint8_t code;
+        std::size_t length;
+    };
+    const std::vector<std::pair<std::uint8_t, std::uint16_t>> base = {{1, 100}, {2, 200}};
+    const Case cases[] = {
+        {"constant interval, unchanged list: rebuilt whole from the table", list(3000, base), 0x00, 7},
+        {"time off the line by 31", list(3031, base), 0x1F, 7},
+        {"time off the line by 32", list(3032, base), 0x20, 11},
+        {"value up by 4", list(3000, {{1, 104}, {2, 200}}), 0x00, 9},
+        {"value up by 5", list(3000, {{1, 105}, {2, 200}}), 0x00, 10},
+        {"value down by 5", list(3000, {{1, 95}, {2, 200}}), 0x00, 9},
+        {"value down by 6", list(3000, {{1, 94}, {2, 200}}), 0x00, 10},
+        {"next week", list(3000, base, 2302), 0x40, 7},
+        {"week back", list(3000, base, 2300), 0x80, 9},
+        {"no entries", list(3000, {}), 0x00, 7},
+    };
+    for (const Case& c : cases) {
+        ListSides sides;
+        sides.pass(nvbtest::buildRec40(list(1000, base)));
+        sides.pass(nvbtest::buildRec40(list(2000, base)));
+        const Bytes plain = nvbtest::buildRec40(c.next);
+        const auto [compact, rebuilt] = sides.pass(plain);
+        EXPECT_EQ(compact[4], c.code) << c.what;
+        EXPECT_EQ(compact.size(), c.length) << c.what;
+        if (!c.next.entries.empty()) {
+            EXPECT_EQ(rebuilt, plain) << c.what;
+        }
+    }
+}
+
+TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
+    nvbtest::Encoder state(0);
+    struct Step {
+        const char* what;
+        nvbtest::Rec40Wire record;
+        std::uint8_t type;
+    };
+    nvbtest::Rec40Wire otherSubtype = list(2000, {{1, 10}, {2, 20}});
+    otherSubtype.subtype = 2;
+    const Step steps[] = {
+        {"first list", list(1000, {{1, 10}, {2, 20}}), 41},
+        {"another subtype byte", otherSubtype, 40},
+        {"identifiers out of order", list(3000, {{2, 20}, {1, 10}}), 40},
+        {"identifier 0", list(4000, {{0, 5}, {1, 10}, {2, 20}}), 40},
+        {"identifier of 128", list(5000, {{1, 10}, {2, 20}, {128, 1}}), 40},
+        {"an identifier that went", list(6000, {{2, 20}}), 40},
+        {"one that came", list(7000, {{1, 10}, {2, 21}, {3, 30}}), 41},
+        {"the same list again", list(8000, {{1, 10}, {2, 21}, {3, 30}}), 41},
+    };
+    for (const Step& step : steps) {
+        const Bytes plain = nvbtest::buildRec40(step.record);
+        nvb_frame_t in{}, out{};
+        std::memcpy(in.data, plain.data(), plain.size());
+        in.length = static_cast<std::uint16_t>(plain.size());
+        const list_state_t before = state->listState;
+        EXPECT_EQ(compressRec40Frame(*state.get(), in, out), out.data[1]) << step.what;
+        EXPECT_EQ(out.data[2], step.type) << step.what;
+        if (step.type == 40) {
+            EXPECT_EQ(Bytes(out.data, out.data + out.length), plain) << step.what;
+            EXPECT_EQ(std::memcmp(&before, &state->listState, sizeof before), 0) << step.what;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace nvb
