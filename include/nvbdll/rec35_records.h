@@ -2,7 +2,8 @@
  * record is decoded (through rec35_content_t.records), and what it fills to have the
  * library encode one. They keep natural alignment: they hold pointers and never stand in
  * a DAT form. Every native record opens with `version`, the schema version under which it
- * was read or written. */
+ * was read or written. The records of the 40 subtypes stand in rec35_subtypes.h, written
+ * at build time from the library's catalogue of their fields. */
 #ifndef NVBDLL_REC35_RECORDS_H
 #define NVBDLL_REC35_RECORDS_H
 
@@ -16,17 +17,6 @@ typedef struct rec35_array_t {
     void* elements;
 } rec35_array_t;
 
-/* Subtype 24, "FFT Data". */
-typedef struct rec35_sub24_t {
-    int64_t version;
-    uint32_t gps_msecs;
-    double center_freq;
-    float bin_size;
-    double peak_freq;
-    float peak_snr;
-    int32_t mean_val;
-    rec35_array_t FreqData; /* int32_t elements */
-    uint32_t antenna_num;
-} rec35_sub24_t;
+#include <nvbdll/rec35_subtypes.h>
 
 #endif

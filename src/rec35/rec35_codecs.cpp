@@ -1,6 +1,6 @@
 #include "rec35/rec35_codecs.h"
 
-#include "rec35/rec35_sub24.h"
+#include "rec35_generated_codecs.h"
 
 #include <algorithm>
 
@@ -13,14 +13,9 @@ constexpr std::size_t slotIndexOf(std::uint32_t subtype) {
                                     kRec35AvroSubtypes.begin());
 }
 
-// One row per member of the family; a generated member adds its row here.
-constexpr std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> makeCodecTable() {
-    std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> table{};
-    table[slotIndexOf(24)] = &kRec35Sub24;
-    return table;
-}
-
-constexpr std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> kCodecs = makeCodecTable();
+// The generated members by slot. A subtype whose native record differs from its wire
+// record takes a hand-written row here, built on its generated one.
+constexpr std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> kCodecs = kGeneratedRec35Codecs;
 
 }  // namespace
 

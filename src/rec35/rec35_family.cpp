@@ -4,6 +4,7 @@
 
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
+#include "rec35/avro_layer.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -51,8 +52,6 @@ void growArray(rec35_array_t& array, std::int64_t capacity, std::size_t elementS
         grown = ioReallocate(array.elements, static_cast<std::size_t>(wanted) * elementSize);
     }
     if (grown == nullptr) {
-        std::free(array.elements);
-        array = rec35_array_t{0, 0, nullptr};
         status = NVB_STATUS_REC35_CONTENT;
         return;
     }
@@ -75,9 +74,50 @@ void* allocateRecord(std::size_t size) {
 
 void freeRecord(void* record) { std::free(record); }
 
-bool countFits(const rec35_array_t& array, std::uint8_t& status) {
-    if (array.count >= 0 && array.count <= array.capacity) return true;
+void ensureRecord(void*& record, std::size_t size, std::uint8_t& status) {
+    if (record == nullptr) record = allocateRecord(size);
+    if (record == nullptr) status = NVB_STATUS_REC35_CONTENT;
+}
+
+bool countFits(const rec35_array_t& array, std::uint8_t& status) { return countFits(array, array.capacity, status); }
+
+bool countFits(const rec35_array_t& array, std::int64_t limit, std::uint8_t& status) {
+    if (array.count >= 0 && array.count <= array.capacity && array.count <= limit) return true;
     status = NVB_STATUS_CAPACITY;
+    return false;
+}
+
+bool setCount(rec35_array_t& array, std::size_t count, std::uint8_t& status) {
+    if (array.capacity < 0 || count > static_cast<std::uint64_t>(array.capacity)) {
+        status = NVB_STATUS_CAPACITY;
+        return false;
+    }
+    array.count = static_cast<std::int64_t>(count);
+    return true;
+}
+
+void copyElements(const rec35_array_t& from, rec35_array_t& to, std::size_t elementSize) {
+    if (from.count > 0) std::memcpy(to.elements, from.elements, static_cast<std::size_t>(from.count) * elementSize);
+    to.count = from.count;
+}
+
+std::int64_t arrayBound(std::int64_t capacity, std::int64_t each) {
+    constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    if (capacity <= 0) return 11;
+    if (each > 0 && capacity > (kLargest - 11) / each) return kLargest;
+    return 11 + capacity * each;
+}
+
+std::int64_t boundSum(std::int64_t constant, std::initializer_list<std::int64_t> terms) {
+    constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    std::int64_t sum = constant;
+    for (const std::int64_t term : terms) sum = term > kLargest - sum ? kLargest : sum + term;
+    return sum;
+}
+
+bool boundFits(std::int64_t bound, std::uint8_t& status) {
+    if (bound <= std::int64_t{UINT32_MAX}) return true;
+    status = NVB_STATUS_REC35_CONTENT;
     return false;
 }
 
@@ -116,6 +156,49 @@ void syncHistoryArray(rec35_array_t& history, const rec35_array_t& record, std::
                     static_cast<std::size_t>(record.count - old) * elementSize);
     }
     history.count = record.count;
+}
+
+namespace {
+
+template <class Access>
+bool withField(avro_value_t& record, std::size_t index, const char* name, std::uint8_t& status, Access access) {
+    avro_value_t field;
+    return getField(record, index, field, name, status) && access(field);
+}
+
+}  // namespace
+
+bool putLong(avro_value_t& record, std::size_t index, const char* name, std::int64_t in, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return setLong(field, in, status); });
+}
+
+bool putDouble(avro_value_t& record, std::size_t index, const char* name, double in, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return setDouble(field, in, status); });
+}
+
+bool putFloat(avro_value_t& record, std::size_t index, const char* name, float in, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return setFloat(field, in, status); });
+}
+
+bool putBytes(avro_value_t& record, std::size_t index, const char* name, const rec35_array_t& in,
+              std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return setBytes(field, in, status); });
+}
+
+bool takeLong(avro_value_t& record, std::size_t index, const char* name, std::int64_t& out, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return getLong(field, out, status); });
+}
+
+bool takeDouble(avro_value_t& record, std::size_t index, const char* name, double& out, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return getDouble(field, out, status); });
+}
+
+bool takeFloat(avro_value_t& record, std::size_t index, const char* name, float& out, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return getFloat(field, out, status); });
+}
+
+bool takeBytes(avro_value_t& record, std::size_t index, const char* name, rec35_array_t& out, std::uint8_t& status) {
+    return withField(record, index, name, status, [&](avro_value_t& field) { return readBytes(field, out, status); });
 }
 
 }  // namespace nvb

@@ -145,6 +145,7 @@ void predictIn(const Rec35Codec& codec, rec35_slot_t& slot, std::uint64_t subsub
 void predictOut(const Rec35Codec& codec, rec35_slot_t& slot, std::uint64_t& subsubtype, std::uint8_t& status) {
     const bool first = slot.need_reference_out != 0;
     subsubtype = first ? 1 : 2;
+    if (codec.adjustWireOut != nullptr) codec.adjustWireOut(slot);
     codec.syncHistory(slot, status);
     if (status != 0) return;
     codec.predict(slot, first, true);
@@ -233,6 +234,7 @@ void decodeRec35Subtype(const Rec35Codec& codec, const io_buffer_t& payload, std
     if (status == 0 && codec.predict != nullptr) predictIn(codec, s, subsubtype, status);
     if (status == 0) codec.checkCountsIn(s.wire, native, status);
     if (status == 0) codec.wireToNative(s.wire, native, status);
+    if (status == 0 && codec.adjustNativeIn != nullptr) codec.adjustNativeIn(native, status);
     // A record lost half way leaves the prediction behind the stream: nothing more of the
     // subtype is delivered until a reference record.
     if (status != 0 && status != NVB_STATUS_NEED_REFERENCE) s.need_reference_in = 1;
@@ -300,9 +302,12 @@ void registerRec35Schema(const Rec35Codec& codec, std::uint64_t subsubtype, rec3
 void encodeRec35Subtype(const Rec35Codec& codec, void* native, std::uint64_t& subsubtype, rec35_slot_t& slot,
                         io_buffer_t& out, std::uint8_t& status) {
     *static_cast<std::int64_t*>(native) = slot.file_version;
-    codec.checkCounts(native, slot.wire, status);
+    if (codec.adjustNativeOut != nullptr) codec.adjustNativeOut(native, status);
+    if (status == 0) codec.checkCounts(native, slot.wire, status);
     if (status == 0) reserveIoBuffer(out, codec.estimateSize(native), status);
     if (status == 0) codec.nativeToWire(native, slot.wire, status);
+    // Refused before its prediction, a record leaves the history as it was, and the next
+    // one goes as a delta against it.
     if (status != 0) return;
     if (codec.predict != nullptr) {
         predictOut(codec, slot, subsubtype, status);

@@ -5,6 +5,7 @@
 #include <nvbdll/rec35_state.h>
 
 #include "rec35/avro_handles.h"
+#include "rec35/rec35_fields.h"
 
 #include <cstdint>
 #include <span>
@@ -14,11 +15,14 @@ namespace nvb {
 // What the layer knows of one Avro subtype: its names, the library's schema text and the
 // routines of its family, which know its fields. The routines take the subtype's native
 // and wire records as void pointers; every native and wire record opens with its 64-bit
-// version. A row of this kind is all a subtype needs to join the dispatch.
+// version. A row of this kind is all a subtype needs to join the dispatch; the generator
+// writes one per subtype.
 struct Rec35Codec {
     std::uint32_t subtype;
     const char* name;             // the Avro record name, "rec35_sub<N>", also the word of messages
     std::span<const char> schema; // the library's text; its size counts the terminating zero
+    std::span<const Rec35Field> fields;  // the native record behind its version, for tools
+    std::size_t nativeSize;
 
     void (*freeNative)(void*& native);
     void (*freeWire)(void*& wire);
@@ -38,8 +42,18 @@ struct Rec35Codec {
     // Prediction; both null for a subtype without one, which always writes subsubtype 1.
     // syncHistory brings the slot's two history records to the shape of its wire record;
     // predict runs every predicted field in schema order, `encode` telling the direction.
-    void (*syncHistory)(rec35_slot_t& slot, std::uint8_t& status);
-    void (*predict)(rec35_slot_t& slot, bool first, bool encode);
+    void (*syncHistory)(rec35_slot_t& slot, std::uint8_t& status) = nullptr;
+    void (*predict)(rec35_slot_t& slot, bool first, bool encode) = nullptr;
+
+    // Work of a subtype beyond its fields, null where it has none. A hand-written row
+    // built on the generated one sets them.
+    // Encoding: on the caller's native record before anything is converted.
+    void (*adjustNativeOut)(void* native, std::uint8_t& status) = nullptr;
+    // Encoding: on the wire record before the prediction, while the history still has
+    // the shape of the last record (elements past its counts are not known yet).
+    void (*adjustWireOut)(rec35_slot_t& slot) = nullptr;
+    // Decoding: on the native record once it is filled.
+    void (*adjustNativeIn)(void* native, std::uint8_t& status) = nullptr;
 };
 
 }  // namespace nvb

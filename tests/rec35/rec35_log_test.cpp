@@ -1,4 +1,6 @@
+#include "rec35/rec35_codecs.h"
 #include "support/host.h"
+#include "support/rec35_natives.h"
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <string>
 
 namespace {
@@ -116,7 +119,9 @@ std::string jsonNumber(double value) {
     return text;
 }
 
-std::string jsonOf(const Bytes& schema, const Bytes& payload, const Fft& v, bool withAntenna) {
+// One entry of the file: the schema text, the payload, and the values when they are
+// to be checked (a delta record's are residuals: it must decode whole, that is all).
+std::string jsonEntry(const Bytes& schema, const Bytes& payload, const std::string& values) {
     std::string out = "{\"schema\": \"";
     for (std::size_t i = 0; i + 1 < schema.size(); ++i) {
         const char c = static_cast<char>(schema[i]);
@@ -135,14 +140,40 @@ std::string jsonOf(const Bytes& schema, const Bytes& payload, const Fft& v, bool
         std::snprintf(hex, sizeof hex, "%02x", byte);
         out += hex;
     }
-    out += "\", \"values\": {\"gps_msecs\": " + std::to_string(static_cast<std::int64_t>(v.gps_msecs)) +
-           ", \"center_freq\": " + jsonNumber(v.center_freq) + ", \"bin_size\": " + jsonNumber(v.bin_size) +
-           ", \"peak_freq\": " + jsonNumber(v.peak_freq) + ", \"peak_snr\": " + jsonNumber(v.peak_snr) +
-           ", \"mean_val\": " + std::to_string(v.mean_val) + ", \"FreqData\": [";
-    for (std::size_t i = 0; i < v.bins.size(); ++i) out += (i ? ", " : "") + std::to_string(v.bins[i]);
-    out += "]";
-    if (withAntenna) out += ", \"antenna_num\": " + std::to_string(v.antenna_num);
-    return out + "}}";
+    return out + "\"" + (values.empty() ? "" : ", \"values\": " + values) + "}";
+}
+
+std::string jsonOf(const Bytes& schema, const Bytes& payload, const Fft& v, bool withAntenna) {
+    std::string values = "{\"gps_msecs\": " + std::to_string(static_cast<std::int64_t>(v.gps_msecs)) +
+                         ", \"center_freq\": " + jsonNumber(v.center_freq) + ", \"bin_size\": " +
+                         jsonNumber(v.bin_size) + ", \"peak_freq\": " + jsonNumber(v.peak_freq) +
+                         ", \"peak_snr\": " + jsonNumber(v.peak_snr) + ", \"mean_val\": " +
+                         std::to_string(v.mean_val) + ", \"FreqData\": [";
+    for (std::size_t i = 0; i < v.bins.size(); ++i) values += (i ? ", " : "") + std::to_string(v.bins[i]);
+    values += "]";
+    if (withAntenna) values += ", \"antenna_num\": " + std::to_string(v.antenna_num);
+    return jsonEntry(schema, payload, values + "}");
+}
+
+// Every subtype: a reference record whose wire values are the native ones scaled, and a
+// delta record behind it.
+void appendEverySubtype(std::vector<std::string>& entries) {
+    for (std::size_t slot = 0; slot < NVB_REC35_SUBTYPES; ++slot) {
+        const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(slot);
+        std::mt19937_64 random(slot);
+        Rec35Writer writer(7);
+        nvbtest::Rec35Native reference(codec, 3);
+        nvbtest::Rec35Native delta(codec, 3);
+        nvbtest::fillRec35(codec, reference.get(), nvbtest::Rec35Values::Random, random);
+        nvbtest::fillRec35(codec, delta.get(), nvbtest::Rec35Values::Random, random);
+        ASSERT_EQ(writer.native(codec.subtype, reference.get()), 0);
+        ASSERT_EQ(writer.native(codec.subtype, delta.get()), 0);
+        const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+        ASSERT_EQ(dats.size(), 3u);
+        const Bytes schema = nvbtest::datPayload(dats[0]);
+        entries.push_back(jsonEntry(schema, nvbtest::datPayload(dats[1]), nvbtest::rec35WireJson(codec, reference.get())));
+        entries.push_back(jsonEntry(schema, nvbtest::datPayload(dats[2]), ""));
+    }
 }
 
 Fft spectrum(std::uint32_t time, std::int32_t mean, std::uint32_t antenna, std::vector<std::int32_t> bins) {
@@ -181,6 +212,7 @@ TEST(Rec35Interop, TheLibrarysSchemaAndPayloadsAreLeftForAnotherAvroReader) {
             entries.push_back(jsonOf(schema, nvbtest::datPayload(dats[i + 1]), wire[i], !passthrough));
         }
     }
+    appendEverySubtype(entries);
     std::ofstream out(path);
     out << "[\n";
     for (std::size_t i = 0; i < entries.size(); ++i) out << entries[i] << (i + 1 < entries.size() ? ",\n" : "\n");

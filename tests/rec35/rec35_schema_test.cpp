@@ -170,52 +170,6 @@ TEST(Rec35Versions, TheWriterRefusesASecondVersionOnceItHasAResolver) {
                                "operation has not been tested.\n");
 }
 
-// The wire numbers of a delta record are the residuals: the first long of the payload is
-// gps_msecs (linear), the long behind the two doubles and floats mean_val (hold).
-TEST(Rec35Prediction, LinearAndHoldFieldsSendTheirResiduals) {
-    Rec35Writer writer(6);
-    for (const std::int32_t value : {10, 20, 40}) {
-        Fft fft;
-        fft.gps_msecs = static_cast<std::uint32_t>(value);
-        fft.mean_val = value;
-        writer.fft(fft);
-    }
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
-    ASSERT_EQ(dats.size(), 4u);
-    const std::size_t meanAt = 1 + 8 + 4 + 8 + 4;
-    const struct {
-        std::uint64_t subsubtype;
-        std::int64_t gps;
-        std::int64_t mean;
-    } expected[] = {{1, 10, 10}, {2, 10, 10}, {2, 10, 20}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const Bytes payload = nvbtest::datPayload(dats[i + 1]);
-        EXPECT_EQ(nvbtest::datSubsubtype(dats[i + 1]), expected[i].subsubtype);
-        EXPECT_EQ(payload[0], expected[i].gps * 2) << "zig-zag of the residual";
-        EXPECT_EQ(payload[meanAt], expected[i].mean * 2);
-    }
-}
-
-TEST(Rec35Prediction, ADeltaWhileAReferenceIsNeededIsRefusedUntilOneComes) {
-    nvbtest::Encoder encoder(3);
-    std::uint8_t status = 0;
-    const Fft fft = nvbtest::fftSequence(1, 4)[0];
-    auto put = [&](std::uint64_t subsubtype, const Bytes& payload) {
-        nvb::writeRec35Fragments(*encoder.get(), 24, subsubtype, payload, status);
-    };
-    put(0, nvbtest::fftSchema(2));
-    put(2, nvbtest::fftPayload(fft));
-    put(2, nvbtest::fftPayload(fft));
-    put(1, nvbtest::fftPayload(fft));
-    put(2, nvbtest::AvroBytes().longValue(0).doubleValue(fft.center_freq).floatValue(fft.bin_size)
-               .doubleValue(fft.peak_freq).floatValue(fft.peak_snr).longValue(0).longArray({}).longValue(0).bytes);
-    const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
-    EXPECT_EQ(nvbtest::processStatuses(reads), (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0}));
-    const auto ffts = nvbtest::deliveredFfts(reads);
-    ASSERT_EQ(ffts.size(), 2u);
-    EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
-}
-
 // What the writer refuses, by mode; the method must be a bare one for record 35 at all.
 TEST(Rec35Refusals, HeadersTheModeCannotTakeAreRefusedWhole) {
     const Bytes payload(10, 1);

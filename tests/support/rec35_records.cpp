@@ -1,6 +1,8 @@
 #include "support/rec35_records.h"
 
 #include "common/diagnostics.h"
+#include "rec35/rec35_codecs.h"
+#include "support/rec35_natives.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -163,11 +165,16 @@ Fft fftOf(const rec35_sub24_t& record) {
 Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) { encoder->rec35Mode = mode; }
 
 std::uint8_t Rec35Writer::fft(const Fft& fft) {
-    NativeFft native(fft);
-    encoder->records.rec35->records[kFftSlot] = native.get();
+    NativeFft record(fft);
+    return native(24, record.get());
+}
+
+std::uint8_t Rec35Writer::native(std::uint32_t subtype, void* record) {
+    const std::size_t slot = nvb::rec35SlotOf(subtype).value();
+    encoder->records.rec35->records[slot] = record;
     std::uint8_t status = 0;
-    encoder.put(rec35Dat(24, 1, {}), &status);
-    encoder->records.rec35->records[kFftSlot] = nullptr;
+    encoder.put(rec35Dat(subtype, 1, {}), &status);
+    encoder->records.rec35->records[slot] = nullptr;
     return status;
 }
 
@@ -186,10 +193,11 @@ void processRead(nvb_expand_t* state, Rec35Read& read) {
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
     const rec35_content_t* content = state->records.rec35;
-    const void* native = content->records[kFftSlot];
-    if (read.type == 35 && content->subtype == 24 && content->subsubtype != 0 && native != nullptr) {
-        read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
-    }
+    const auto slot = nvb::rec35SlotOf(content->subtype);
+    if (read.type != 35 || content->subsubtype == 0 || !slot || content->records[*slot] == nullptr) return;
+    const void* native = content->records[*slot];
+    read.values = rec35Values(*nvb::rec35CodecAt(*slot), native);
+    if (content->subtype == 24) read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
 }
 
 std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count) {
@@ -240,6 +248,14 @@ std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
     std::vector<Fft> out;
     for (const Rec35Read& read : reads) {
         if (read.fft) out.push_back(*read.fft);
+    }
+    return out;
+}
+
+std::vector<std::vector<std::string>> deliveredValues(const std::vector<Rec35Read>& reads) {
+    std::vector<std::vector<std::string>> out;
+    for (const Rec35Read& read : reads) {
+        if (!read.values.empty()) out.push_back(read.values);
     }
     return out;
 }

@@ -76,6 +76,8 @@ class Rec35Writer {
 public:
     explicit Rec35Writer(std::uint8_t method, std::uint8_t mode = 0);
     std::uint8_t fft(const Fft& fft);
+    // A native record of any Avro subtype, as the library's own record.
+    std::uint8_t native(std::uint32_t subtype, void* record);
     std::uint8_t dat(const Bytes& dat);
     const Bytes& finish() { return encoder.finish(); }
     Encoder encoder;
@@ -89,6 +91,7 @@ struct Rec35Read {
     std::uint8_t processStatus = 0;
     Bytes dat;               // DAT form when delivered
     std::optional<Fft> fft;  // the native record of a delivered subtype 24 data record
+    std::vector<std::string> values;  // that of any delivered Avro data record, by rec35Values
     bool delivered() const { return !dat.empty(); }
 };
 
@@ -99,6 +102,7 @@ std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads);
 // The DAT forms delivered, and the spectra.
 std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads);
 std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads);
+std::vector<std::vector<std::string>> deliveredValues(const std::vector<Rec35Read>& reads);
 
 // The parts of a record 35 DAT form.
 std::uint64_t datSubtype(const Bytes& dat);

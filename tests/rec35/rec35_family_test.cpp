@@ -1,0 +1,279 @@
+#include "rec35/avro_layer.h"
+#include "rec35/rec35_codecs.h"
+#include "rec35/rec35_envelope.h"
+#include "rec35/rec35_family.h"
+#include "rec35/rec35_fields.h"
+#include "support/rec35_natives.h"
+#include "support/rec35_records.h"
+
+#include <avro.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using nvbtest::Bytes;
+using nvbtest::Rec35Writer;
+
+// Every zig-zag long of an Avro payload made of longs only, block counts and ends included.
+std::vector<std::int64_t> longsOf(const Bytes& payload) {
+    std::vector<std::int64_t> out;
+    std::uint64_t value = 0;
+    int shift = 0;
+    for (const std::uint8_t byte : payload) {
+        value |= std::uint64_t{byte & 0x7Fu} << shift;
+        shift += 7;
+        if ((byte & 0x80) != 0) continue;
+        out.push_back(static_cast<std::int64_t>(value >> 1) ^ -static_cast<std::int64_t>(value & 1));
+        value = 0;
+        shift = 0;
+    }
+    return out;
+}
+
+TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
+    const struct {
+        const char* name;
+        int method;
+        std::vector<std::int64_t> values;
+        std::vector<std::int64_t> wire;
+    } rows[] = {
+        {"linear extrapolates from the third record on", nvb::kLinear, {10, 20, 40}, {10, 10, 10}},
+        {"hold predicts the last value", nvb::kHold, {10, 20, 40}, {10, 10, 20}},
+        {"linear on a steady ramp sends zeros after the second", nvb::kLinear, {-5, 0, 5, 10, 15}, {-5, 5, 0, 0, 0}},
+        {"differences wrap at 64 bits", nvb::kHold, {INT64_MAX, INT64_MIN, 0}, {INT64_MAX, 1, INT64_MIN}},
+        {"an unknown method leaves the values as they are", 2, {10, 20, 40}, {10, 20, 40}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        nvbtest::MessageLog log;
+        std::int64_t outPredicted = 0, outPrevious = 0, inPredicted = 0, inPrevious = 0;
+        for (std::size_t i = 0; i < row.values.size(); ++i) {
+            std::int64_t value = row.values[i];
+            nvb::predictOutField(value, outPredicted, outPrevious, i == 0, row.method);
+            EXPECT_EQ(value, row.wire[i]) << i;
+            nvb::predictInField(value, inPredicted, inPrevious, i == 0, row.method);
+            EXPECT_EQ(value, row.values[i]) << i;
+        }
+        EXPECT_EQ(inPredicted, outPredicted);
+        EXPECT_EQ(inPrevious, outPrevious);
+        if (row.method > 1) {
+            std::string expected;
+            for (std::size_t i = 0; i < 2 * row.values.size(); ++i) {
+                expected += "Unknown prediction method (2) for delta encoding\n";
+            }
+            EXPECT_EQ(log.text(), expected);
+        }
+    }
+}
+
+TEST(Rec35Prediction, FixedPointRoundsHalfAwayFromZeroUpTo2To60) {
+    const struct {
+        double value;
+        int scale;
+        std::int64_t wire;
+        std::uint8_t status;
+    } rows[] = {
+        {std::ldexp(1.0, 32), 28, std::int64_t{1} << 60, 0},
+        {-std::ldexp(1.0, 32), 28, -(std::int64_t{1} << 60), 0},
+        {std::ldexp(1.0, 33), 28, 0, NVB_STATUS_AVRO},
+        {-std::ldexp(1.0, 33), 28, 0, NVB_STATUS_AVRO},
+        {0.5, 0, 1, 0},
+        {-0.5, 0, -1, 0},
+        {0.49, 0, 0, 0},
+        {2.4, 0, 2, 0},
+        {-2.6, 0, -3, 0},
+        {1.0 / 16, 4, 1, 0},
+        {1.0 / 64, 4, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.value << " at 2^" << row.scale);
+        std::uint8_t status = 0;
+        const std::int64_t wire = nvb::scaleToWire(row.value, row.scale, status);
+        EXPECT_EQ(status, row.status);
+        if (row.status != 0) continue;
+        EXPECT_EQ(wire, row.wire);
+        EXPECT_EQ(nvb::scaleFromWire(wire, row.scale), std::ldexp(static_cast<double>(row.wire), -row.scale));
+    }
+}
+
+// Subtype 306 carries one linear array; its payload is all longs, the residuals visible.
+TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
+    const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(nvb::rec35SlotOf(306).value());
+    const std::vector<std::vector<std::uint32_t>> records = {
+        {10, 20, 30}, {11, 21}, {12, 22, 33}, {13, 23, 36, 7}, {},
+    };
+    const std::vector<std::vector<std::int64_t>> wire = {
+        {3, 10, 20, 30, 0},
+        {2, 1, 1, 0},
+        {3, 0, 0, 33, 0},      // the third element came back: its history starts from 0
+        {4, 0, 0, -30, 7, 0},  // and its previous value is 0 as well: 36 - (2 x 33 - 0)
+        {0},
+    };
+    Rec35Writer writer(3);
+    for (const auto& values : records) {
+        nvbtest::Rec35Native native(codec, 4);
+        auto& msecs = static_cast<rec35_sub306_t*>(native.get())->msecs;
+        msecs.count = static_cast<std::int64_t>(values.size());
+        std::copy(values.begin(), values.end(), static_cast<std::uint32_t*>(msecs.elements));
+        ASSERT_EQ(writer.native(306, native.get()), 0);
+    }
+    const auto reads = nvbtest::readRec35Log(writer.finish(), true);
+    const auto dats = nvbtest::deliveredDats(reads);
+    ASSERT_EQ(dats.size(), wire.size());
+    for (std::size_t i = 0; i < wire.size(); ++i) {
+        EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 ? 1u : 2u);
+        EXPECT_EQ(longsOf(nvbtest::datPayload(dats[i])), wire[i]) << i;
+    }
+    const auto values = nvbtest::deliveredValues(reads);
+    ASSERT_EQ(values.size(), records.size());
+    EXPECT_EQ(values[2],
+              (std::vector<std::string>{"version=1", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33", ".msecs#3"}));
+}
+
+// The wire numbers of a delta record are the residuals: the first long of the payload is
+// gps_msecs (linear), the long behind the two doubles and floats mean_val (hold).
+TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
+    Rec35Writer writer(6);
+    for (const std::int32_t value : {10, 20, 40}) {
+        nvbtest::Fft fft;
+        fft.gps_msecs = static_cast<std::uint32_t>(value);
+        fft.mean_val = value;
+        writer.fft(fft);
+    }
+    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+    ASSERT_EQ(dats.size(), 4u);
+    const std::size_t meanAt = 1 + 8 + 4 + 8 + 4;
+    const struct {
+        std::uint64_t subsubtype;
+        std::int64_t gps;
+        std::int64_t mean;
+    } expected[] = {{1, 10, 10}, {2, 10, 10}, {2, 10, 20}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const Bytes payload = nvbtest::datPayload(dats[i + 1]);
+        EXPECT_EQ(nvbtest::datSubsubtype(dats[i + 1]), expected[i].subsubtype);
+        EXPECT_EQ(payload[0], expected[i].gps * 2) << "zig-zag of the residual";
+        EXPECT_EQ(payload[meanAt], expected[i].mean * 2);
+    }
+}
+
+TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
+    nvbtest::Encoder encoder(3);
+    std::uint8_t status = 0;
+    const nvbtest::Fft fft = nvbtest::fftSequence(1, 4)[0];
+    auto put = [&](std::uint64_t subsubtype, const Bytes& payload) {
+        nvb::writeRec35Fragments(*encoder.get(), 24, subsubtype, payload, status);
+    };
+    put(0, nvbtest::fftSchema(2));
+    put(2, nvbtest::fftPayload(fft));
+    put(2, nvbtest::fftPayload(fft));
+    put(1, nvbtest::fftPayload(fft));
+    const Bytes zeroResiduals = nvbtest::AvroBytes()
+                                    .longValue(0)
+                                    .doubleValue(fft.center_freq)
+                                    .floatValue(fft.bin_size)
+                                    .doubleValue(fft.peak_freq)
+                                    .floatValue(fft.peak_snr)
+                                    .longValue(0)
+                                    .longArray({})
+                                    .longValue(0)
+                                    .bytes;
+    put(2, zeroResiduals);
+    put(5, zeroResiduals);
+    const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
+    EXPECT_EQ(nvbtest::processStatuses(reads),
+              (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0, 0}));
+    const auto ffts = nvbtest::deliveredFfts(reads);
+    ASSERT_EQ(ffts.size(), 3u);
+    EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
+    EXPECT_EQ(ffts[2].gps_msecs, fft.gps_msecs);
+}
+
+// Subtype 301 is meas[].week_number[][]: every element's inner arrays take the largest
+// count of any, so one long array among many empty elements multiplies out.
+TEST(Rec35BadInput, APayloadWhoseArraysMultiplyOutPastAnyWritableRecordIsRefused) {
+    const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(nvb::rec35SlotOf(301).value());
+    constexpr std::int64_t kElements = 30000;
+    nvbtest::AvroBytes payload;
+    payload.longValue(kElements).longValue(1).longArray(std::vector<std::int64_t>(kElements, 0)).longValue(0);
+    for (std::int64_t i = 1; i < kElements; ++i) payload.longValue(0);
+    payload.longValue(0);
+    nvbtest::Encoder encoder(3);
+    std::uint8_t status = 0;
+    nvb::writeRec35Fragments(*encoder.get(), 301, 0, Bytes(codec.schema.begin(), codec.schema.end()), status);
+    nvb::writeRec35Fragments(*encoder.get(), 301, 1, payload.bytes, status);
+    nvbtest::MessageLog quiet;
+    EXPECT_EQ(nvbtest::processStatuses(nvbtest::readRec35Log(encoder.finish(), true)),
+              std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
+}
+
+// What every member of the family shares, over all 40: random records on each field's
+// grid, arrays growing and shrinking, one reference and deltas behind it, one refused
+// record among them, read back in a fresh state equal field for field.
+class Rec35EverySubtype : public ::testing::TestWithParam<std::size_t> {
+protected:
+    const nvb::Rec35Codec& codec() const { return *nvb::rec35CodecAt(GetParam()); }
+};
+
+TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
+    const nvb::Rec35Codec& c = codec();
+    std::mt19937_64 random(c.subtype);
+    constexpr int kRecords = 12;
+    Rec35Writer writer(3);
+    std::vector<std::vector<std::string>> written;
+    for (int i = 0; i < kRecords; ++i) {
+        nvbtest::Rec35Native native(c, 3);
+        nvbtest::fillRec35(c, native.get(), nvbtest::Rec35Values::Random, random);
+        if (i == kRecords / 2) {
+            // The record is refused before its prediction: the history stays that of
+            // the record before, which the reader never learns of.
+            const std::uint8_t refusal = nvbtest::spoilRec35(c, native.get());
+            if (refusal != 0) {
+                nvbtest::MessageLog quiet;
+                EXPECT_EQ(writer.native(c.subtype, native.get()), refusal);
+                continue;
+            }
+        }
+        ASSERT_EQ(writer.native(c.subtype, native.get()), 0) << i;
+        written.push_back(nvbtest::rec35Values(c, native.get()));
+    }
+    const auto reads = nvbtest::readRec35Log(writer.finish(), true);
+    for (const auto& read : reads) EXPECT_EQ(read.processStatus, 0);
+    const auto read = nvbtest::deliveredValues(reads);
+    ASSERT_EQ(read.size(), written.size());
+    for (std::size_t i = 0; i < read.size(); ++i) EXPECT_EQ(read[i], written[i]) << "record " << i;
+    const auto dats = nvbtest::deliveredDats(reads);
+    for (std::size_t i = 0; i < dats.size(); ++i) {
+        EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 || c.predict == nullptr ? 1u : 2u) << i;
+    }
+}
+
+TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextParsesAsAvro) {
+    const nvb::Rec35Codec& c = codec();
+    EXPECT_EQ(c.subtype, nvb::kRec35AvroSubtypes[GetParam()]);
+    EXPECT_EQ(c.name, "rec35_sub" + std::to_string(c.subtype));
+    ASSERT_EQ(c.schema.back(), '\0');
+    const std::string text(c.schema.data(), c.schema.size() - 1);
+    avro_schema_t schema = nullptr;
+    ASSERT_EQ(avro_schema_from_json_length(text.data(), text.size(), &schema), 0) << avro_strerror() << text;
+    EXPECT_STREQ(avro_schema_name(schema), c.name);
+    avro_schema_decref(schema);
+    std::int64_t version = 0;
+    std::uint8_t status = 0;
+    nvb::getAvroSchemaVersion(Bytes(c.schema.begin(), c.schema.end()), version, status);
+    EXPECT_EQ(status, 0);
+    EXPECT_GE(version, 1);
+    EXPECT_NE(text.find("\"namespace\": \"com.halvane.nve.avro\",\r\n  \"version\""), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllAvroSubtypes, Rec35EverySubtype, ::testing::Range<std::size_t>(0, NVB_REC35_SUBTYPES),
+                         [](const testing::TestParamInfo<std::size_t>& param) {
+                             return "Sub" + std::to_string(nvb::kRec35AvroSubtypes[param.param]);
+                         });
+
+}  // namespace

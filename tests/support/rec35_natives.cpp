@@ -1,0 +1,278 @@
+#include "support/rec35_natives.h"
+
+#include "rec35/rec35_fields.h"
+
+#include <nvbdll/status.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace nvbtest {
+
+namespace {
+
+using nvb::Rec35Field;
+using Kind = nvb::Rec35FieldKind;
+
+template <class T>
+T& at(void* base, std::size_t offset) {
+    return *reinterpret_cast<T*>(static_cast<std::uint8_t*>(base) + offset);
+}
+
+template <class T>
+const T& at(const void* base, std::size_t offset) {
+    return *reinterpret_cast<const T*>(static_cast<const std::uint8_t*>(base) + offset);
+}
+
+void* shifted(void* base, std::size_t offset) {
+    return static_cast<std::uint8_t*>(base) + offset;
+}
+const void* shifted(const void* base, std::size_t offset) {
+    return static_cast<const std::uint8_t*>(base) + offset;
+}
+
+std::size_t elementSizeOf(const Rec35Field& field) {
+    return field.kind == Kind::Bytes ? 1 : field.elementSize;
+}
+
+void* elementAt(const rec35_array_t& array, const Rec35Field& field, std::int64_t index) {
+    return static_cast<std::uint8_t*>(array.elements) + static_cast<std::size_t>(index) * elementSizeOf(field);
+}
+
+void allocate(const Rec35Field& field, void* base, std::int64_t capacity) {
+    if (field.kind == Kind::Record) {
+        for (const Rec35Field& member : field.members) allocate(member, shifted(base, field.offset), capacity);
+        return;
+    }
+    if (field.kind != Kind::Array && field.kind != Kind::Bytes) return;
+    auto& array = at<rec35_array_t>(base, field.offset);
+    array.capacity = capacity;
+    array.count = 0;
+    array.elements = std::calloc(static_cast<std::size_t>(capacity) + 1, elementSizeOf(field));
+    if (field.kind == Kind::Array) {
+        for (std::int64_t i = 0; i < capacity; ++i) allocate(field.members[0], elementAt(array, field, i), capacity);
+    }
+}
+
+struct Filler {
+    Rec35Values how;
+    std::mt19937_64& random;
+    std::uint32_t step;
+    std::uint32_t leaf = 0;
+
+    std::int64_t count(std::int64_t capacity) {
+        if (how == Rec35Values::Smooth) return capacity;
+        return std::uniform_int_distribution<std::int64_t>(0, capacity)(random);
+    }
+
+    // A whole number: anywhere in 32 bits, or a slow ramp per leaf.
+    std::int64_t whole(std::int64_t low, std::int64_t high) {
+        if (how == Rec35Values::Smooth) return 100 * static_cast<std::int64_t>(leaf) + 7 * step;
+        return std::uniform_int_distribution<std::int64_t>(low, high)(random);
+    }
+
+    void fill(const Rec35Field& field, void* base) {
+        ++leaf;
+        switch (field.kind) {
+            case Kind::Unsigned:
+                at<std::uint32_t>(base, field.offset) = static_cast<std::uint32_t>(whole(0, UINT32_MAX));
+                break;
+            case Kind::Signed:
+                at<std::int32_t>(base, field.offset) = static_cast<std::int32_t>(whole(INT32_MIN, INT32_MAX));
+                break;
+            case Kind::Scaled:
+                at<double>(base, field.offset) =
+                    std::ldexp(static_cast<double>(whole(-(1LL << 40), 1LL << 40)), -field.scale);
+                break;
+            case Kind::Double:
+                at<double>(base, field.offset) = static_cast<double>(whole(-(1LL << 50), 1LL << 50)) / 1024;
+                break;
+            case Kind::Float:
+                at<float>(base, field.offset) = static_cast<float>(whole(-(1 << 20), 1 << 20)) / 16;
+                break;
+            case Kind::Bytes: {
+                auto& array = at<rec35_array_t>(base, field.offset);
+                array.count = count(array.capacity);
+                auto* bytes = static_cast<std::uint8_t*>(array.elements);
+                for (std::int64_t i = 0; i < array.count; ++i) bytes[i] = static_cast<std::uint8_t>(whole(0, 255) + i);
+                break;
+            }
+            case Kind::Record:
+                for (const Rec35Field& member : field.members) fill(member, shifted(base, field.offset));
+                break;
+            case Kind::Array: {
+                auto& array = at<rec35_array_t>(base, field.offset);
+                array.count = count(array.capacity);
+                for (std::int64_t i = 0; i < array.count; ++i) fill(field.members[0], elementAt(array, field, i));
+                break;
+            }
+        }
+    }
+};
+
+// The offset of the first field of a kind outside any array, records looked into.
+const Rec35Field* firstOf(std::span<const Rec35Field> fields, bool arrays, std::size_t& offset) {
+    for (const Rec35Field& field : fields) {
+        if (field.kind == Kind::Record) {
+            std::size_t inner = 0;
+            if (firstOf(field.members, arrays, inner) != nullptr) {
+                offset = field.offset + inner;
+                return &field;
+            }
+        } else if (arrays ? (field.kind == Kind::Array || field.kind == Kind::Bytes) : field.kind == Kind::Scaled) {
+            offset = field.offset;
+            return &field;
+        }
+    }
+    return nullptr;
+}
+
+std::string number(double value, bool single) {
+    char text[40];
+    std::snprintf(text, sizeof text, single ? "%.9g" : "%.17g", value);
+    return text;
+}
+
+// The JSON of the wire form: records as objects, arrays as lists, scaled fields as their
+// wire integers.
+struct JsonWriter {
+    std::string out;
+
+    void walk(const Rec35Field& field, const void* base) {
+        switch (field.kind) {
+            case Kind::Unsigned:
+                out += std::to_string(at<std::uint32_t>(base, field.offset));
+                break;
+            case Kind::Signed:
+                out += std::to_string(at<std::int32_t>(base, field.offset));
+                break;
+            case Kind::Scaled:
+                out += std::to_string(std::llround(std::ldexp(at<double>(base, field.offset), field.scale)));
+                break;
+            case Kind::Double:
+                out += number(at<double>(base, field.offset), false);
+                break;
+            case Kind::Float:
+                out += number(at<float>(base, field.offset), true);
+                break;
+            case Kind::Bytes: {
+                const auto& array = at<rec35_array_t>(base, field.offset);
+                out += "[";
+                for (std::int64_t i = 0; i < array.count; ++i) {
+                    out += (i > 0 ? ", " : "") + std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
+                }
+                out += "]";
+                break;
+            }
+            case Kind::Record:
+                record(field.members, shifted(base, field.offset));
+                break;
+            case Kind::Array: {
+                const auto& array = at<rec35_array_t>(base, field.offset);
+                out += "[";
+                for (std::int64_t i = 0; i < array.count; ++i) {
+                    if (i > 0) out += ", ";
+                    walk(field.members[0], elementAt(array, field, i));
+                }
+                out += "]";
+                break;
+            }
+        }
+    }
+
+    void record(std::span<const Rec35Field> fields, const void* base) {
+        out += "{";
+        for (std::size_t i = 0; i < fields.size(); ++i) {
+            out += std::string(i > 0 ? ", " : "") + "\"" + fields[i].name + "\": ";
+            walk(fields[i], base);
+        }
+        out += "}";
+    }
+};
+
+// "path=value" per value through the library's own walk of a record; an array's count
+// follows its elements as "path#count".
+struct ValueTexts {
+    struct Level {
+        std::string path;
+        std::int64_t next = 0;
+    };
+    std::vector<std::string> values;
+    std::vector<Level> levels{Level{}};
+
+    std::string key(const char* name) {
+        Level& level = levels.back();
+        return level.path + (name != nullptr ? std::string(".") + name : "[" + std::to_string(level.next++) + "]");
+    }
+
+    static ValueTexts& of(void* context) { return *static_cast<ValueTexts*>(context); }
+
+    nvb::Rec35Visitor visitor() {
+        return {this,
+                [](void* c, const char* name, std::int64_t value) {
+                    of(c).values.push_back(of(c).key(name) + "=" + std::to_string(value));
+                },
+                [](void* c, const char* name, double value, bool single) {
+                    of(c).values.push_back(of(c).key(name) + "=" + number(value, single));
+                },
+                [](void* c, const char* name, std::span<const std::uint8_t> bytes) {
+                    std::string text = of(c).key(name) + "=";
+                    for (const std::uint8_t byte : bytes) text += "." + std::to_string(byte);
+                    of(c).values.push_back(text);
+                },
+                [](void* c, const char* name, bool) { of(c).levels.push_back({of(c).key(name)}); },
+                [](void* c, bool array) {
+                    const Level level = of(c).levels.back();
+                    of(c).levels.pop_back();
+                    if (array) of(c).values.push_back(level.path + "#" + std::to_string(level.next));
+                }};
+    }
+};
+
+}  // namespace
+
+Rec35Native::Rec35Native(const nvb::Rec35Codec& codec, std::int64_t capacity)
+    : codec_(codec), record_(std::calloc(1, codec.nativeSize)) {
+    for (const Rec35Field& field : codec.fields) allocate(field, record_, capacity);
+}
+
+Rec35Native::~Rec35Native() {
+    codec_.freeNative(record_);
+}
+
+void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std::mt19937_64& random,
+               std::uint32_t step) {
+    Filler filler{how, random, step};
+    for (const Rec35Field& field : codec.fields) filler.fill(field, native);
+}
+
+std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {
+    std::size_t offset = 0;
+    if (firstOf(codec.fields, true, offset) != nullptr) {
+        auto& array = at<rec35_array_t>(native, offset);
+        array.count = array.capacity + 1;
+        return NVB_STATUS_CAPACITY;
+    }
+    if (firstOf(codec.fields, false, offset) != nullptr) {
+        at<double>(native, offset) = std::ldexp(1.0, 70);
+        return NVB_STATUS_AVRO;
+    }
+    return 0;
+}
+
+std::vector<std::string> rec35Values(const nvb::Rec35Codec& codec, const void* native) {
+    ValueTexts texts;
+    texts.values.push_back("version=" + std::to_string(*static_cast<const std::int64_t*>(native)));
+    nvb::describeRec35(codec.fields, native, texts.visitor());
+    return texts.values;
+}
+
+std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native) {
+    JsonWriter writer;
+    writer.record(codec.fields, native);
+    return writer.out;
+}
+
+}  // namespace nvbtest

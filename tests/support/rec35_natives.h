@@ -1,0 +1,53 @@
+#ifndef NVB_TESTS_REC35_NATIVES_H
+#define NVB_TESTS_REC35_NATIVES_H
+
+#include "rec35/rec35_slot.h"
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace nvbtest {
+
+// A native record of any Avro subtype, made from the subtype's field table as a host
+// makes one with malloc: every array at every level `capacity` elements long, so that
+// the first element's arrays are as large as any, counts 0. The library's free
+// releases it.
+class Rec35Native {
+public:
+    Rec35Native(const nvb::Rec35Codec& codec, std::int64_t capacity);
+    ~Rec35Native();
+    Rec35Native(const Rec35Native&) = delete;
+    Rec35Native& operator=(const Rec35Native&) = delete;
+    void* get() const { return record_; }
+
+private:
+    const nvb::Rec35Codec& codec_;
+    void* record_;
+};
+
+// How the values of a record are drawn. Random: every value anywhere on its field's grid
+// (scaled fields a whole number of steps within 2^40 of them, so the double is exact),
+// every count anywhere up to its capacity. Smooth: a receiver's record `step` epochs in,
+// values moving slowly and counts full.
+enum class Rec35Values { Random, Smooth };
+void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std::mt19937_64& random,
+               std::uint32_t step = 0);
+
+// Spoils a filled record so that the encoder must refuse it: an outer count above its
+// capacity (status 20), else a scaled value beyond 2^60 on the wire (status 19). Returns
+// the status to expect, 0 when the subtype has neither an array nor a scaled field.
+std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native);
+
+// The values of a native record in field order, one text per value with its path, to
+// compare two records field for field.
+std::vector<std::string> rec35Values(const nvb::Rec35Codec& codec, const void* native);
+
+// The wire form of a native record as JSON, as another Avro reader decodes a reference
+// record: every long as its wire integer, bytes as a list of numbers.
+std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native);
+
+}  // namespace nvbtest
+
+#endif
