@@ -203,8 +203,18 @@ struct ValueTexts {
     std::vector<Level> levels{Level{}};
 
     std::string key(const char* name) {
+        // Appended piece by piece: g++ 12 at -O3 misreads "literal" + std::string.
         Level& level = levels.back();
-        return level.path + (name != nullptr ? std::string(".") + name : "[" + std::to_string(level.next++) + "]");
+        std::string text = level.path;
+        if (name != nullptr) {
+            text += '.';
+            text += name;
+        } else {
+            text += '[';
+            text += std::to_string(level.next++);
+            text += ']';
+        }
+        return text;
     }
 
     static ValueTexts& of(void* context) { return *static_cast<ValueTexts*>(context); }
@@ -219,7 +229,10 @@ struct ValueTexts {
                 },
                 [](void* c, const char* name, std::span<const std::uint8_t> bytes) {
                     std::string text = of(c).key(name) + "=";
-                    for (const std::uint8_t byte : bytes) text += "." + std::to_string(byte);
+                    for (const std::uint8_t byte : bytes) {
+                        text += '.';
+                        text += std::to_string(byte);
+                    }
                     of(c).values.push_back(text);
                 },
                 [](void* c, const char* name, bool) { of(c).levels.push_back({of(c).key(name)}); },
