@@ -412,22 +412,13 @@ py::tuple rewriteLog(const std::string& source, const std::string& target, std::
         const auto output = openOutput(target, source);
         LogReader reader(*input, ReadOptions{});
         WriteOptions options;
+        options.method = method.value_or(0);
         options.level = level;
         options.measurementInterval = interval;
         options.positionInterval = positionInterval;
-        std::optional<LogWriter> writer;
-        const auto startWriter = [&] {
-            options.method = method.value_or(methodOfStream(reader.shape(), reader.state().blockLevel));
-            writer.emplace(*output, options);
-        };
-        outcome = outcomeOf(reader.run([&](DeliveredRecord& record) {
-            if (!writer) startWriter();
-            const bool dopplerOnWire = record.dopplerOnWire();
-            writer->put(record.dat(), dopplerOnWire);
-        }));
-        if (!writer) startWriter();
-        writer->finish();
-        written = writer->summary();
+        const Rewritten rewritten = rewriteRecords(reader, *output, options, !method.has_value());
+        outcome = outcomeOf(rewritten.read);
+        written = rewritten.written;
         // Nothing read, nothing written: a file at the target stays as it was.
         if (!outcome.unreadable.empty()) {
             output->discard();

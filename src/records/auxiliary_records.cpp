@@ -470,7 +470,7 @@ bool describeAuxiliaryRecord(const nvb_expand_t& state, std::uint16_t type, std:
     if (header == nullptr) return false;
     const auto describe = [&](auto* rec, auto walkRecord) {
         if (rec == nullptr) return false;
-        DescribeWalk walk{{datLength > 4 ? datLength - 4 : 0}, sink};
+        DescribeWalk walk = describeWalkOf(datLength, sink);
         walkRecord(walk, *rec);
         return true;
     };
@@ -483,9 +483,7 @@ bool describeAuxiliaryRecord(const nvb_expand_t& state, std::uint16_t type, std:
             return describe(records.rec34, [](auto& walk, Rec34& rec) { walkRec34(walk, rec); });
         case 40:
             return describe(records.rec40, [&](auto& walk, Rec40& rec) {
-                // The subtype travels in the DAT header only.
-                const std::array subtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
-                walk.fields(subtype, const_cast<std::uint8_t*>(header));
+                walk.fields(kHeaderSubtype, const_cast<std::uint8_t*>(header));
                 walkRec40(walk, rec);
             });
         case 98:

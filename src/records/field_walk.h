@@ -134,6 +134,14 @@ struct DescribeWalk : WalkExtent {
     void close() { sink.close(sink.context); }
 };
 
+// A walk that describes a record of `datLength` DAT bytes, its four-byte header left out.
+inline DescribeWalk describeWalkOf(std::uint32_t datLength, const FieldSink& sink) {
+    return DescribeWalk{{datLength > 4 ? datLength - 4 : 0}, sink};
+}
+
+// The subtype of the records that keep it in the DAT header only, byte 2.
+inline constexpr std::array<FieldSpec, 1> kHeaderSubtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
+
 // The count a walk goes on with, once it has walked the count field: the field cut to
 // `capacity`. A filling walk stores the cut count, and flags it as overfull unless the
 // cut is the format's own.

@@ -501,9 +501,7 @@ bool describeNavigationRecord(const nvb_expand_t& state, std::uint16_t type, std
     const nvb_record_table_t& records = state.records;
     std::uint8_t* header = records.datHeader;
     if (header == nullptr) return false;
-    DescribeWalk walk{{datLength > 4 ? datLength - 4 : 0}, sink};
-    // Records 25 and 26 keep their subtype in the DAT header.
-    const std::array subtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
+    DescribeWalk walk = describeWalkOf(datLength, sink);
     switch (type) {
         case 21:
             if (records.rec21 == nullptr) return false;
@@ -511,12 +509,12 @@ bool describeNavigationRecord(const nvb_expand_t& state, std::uint16_t type, std
             return true;
         case 25:
             if (records.rec25 == nullptr) return false;
-            walk.fields(subtype, header);
+            walk.fields(kHeaderSubtype, header);
             walkRec25(walk, *records.rec25, header[2]);
             return true;
         case 26:
             if (records.rec26 == nullptr) return false;
-            walk.fields(subtype, header);
+            walk.fields(kHeaderSubtype, header);
             walkRec26Dat(walk, *records.rec26, header[2]);
             return true;
         case 28:

@@ -572,8 +572,7 @@ bool describeReceiverRecord(const nvb_expand_t& state, std::uint16_t type, std::
     const nvb_record_table_t& records = state.records;
     std::uint8_t* header = records.datHeader;
     if (header == nullptr) return false;
-    DescribeWalk walk{{datLength > 4 ? datLength - 4 : 0}, sink};
-    const std::array subtype = {FieldSpec{"subtype", 2, 1, FieldKind::Unsigned, 1}};
+    DescribeWalk walk = describeWalkOf(datLength, sink);
     const auto described = [&](auto* rec, auto walkRecord) {
         if (rec == nullptr) return false;
         walkRecord(*rec);
@@ -581,21 +580,21 @@ bool describeReceiverRecord(const nvb_expand_t& state, std::uint16_t type, std::
     };
     switch (type) {
         case 5:
-            walk.fields(subtype, header);
+            walk.fields(kHeaderSubtype, header);
             return described(records.rec5, [&](Rec5& rec) { walkRec5(walk, rec, header[2]); });
         case 12:
             return described(records.rec12, [&](Rec12& rec) { walkRec12(walk, rec); });
         case 15:
             return described(records.rec15, [&](Rec15& rec) { walkRec15(walk, rec); });
         case 19:
-            walk.fields(subtype, header);
+            walk.fields(kHeaderSubtype, header);
             return described(records.rec19, [&](Rec19& rec) { walkRec19(walk, rec, header[2]); });
         case 22:
             return described(records.rec22, [&](Rec22& rec) { walkRec22(walk, rec); });
         case 24:
             return described(records.rec24, [&](Rec24& rec) { walk.fields(kRec24, bytesOf(rec)); });
         case 30:
-            walk.fields(subtype, header);
+            walk.fields(kHeaderSubtype, header);
             return described(records.rec30, [&](Rec30& rec) { walkRec30(walk, rec, header[2]); });
         default:
             return false;

@@ -110,39 +110,26 @@ int runRewrite(const RewriteOptions& options, const CommonOptions& common, Metho
     WriteOptions write = *resolved;
     write.measurementInterval = options.interval;
     write.positionInterval = options.positionInterval.value_or(options.interval);
-    // The writer is made at the first record, when the input's method is known.
-    std::optional<LogWriter> writer;
-    const auto startWriter = [&] {
-        if (!methodNamed) write.method = methodOfStream(reader.shape(), reader.state().blockLevel);
-        writer.emplace(*output, write);
-    };
     Progress progress(common.quiet, label, input->size());
-    ReadSummary summary = reader.run(
-        [&](DeliveredRecord& record) {
-            if (!writer) startWriter();
-            // Whether Doppler went on the wire is read before the DAT form is taken.
-            const bool dopplerOnWire = record.dopplerOnWire();
-            writer->put(record.dat(), dopplerOnWire);
-        },
-        [&](std::uint64_t done) { progress.update(done); });
+    const Rewritten rewritten = rewriteRecords(reader, *output, write, !methodNamed,
+                                               [&](std::uint64_t done) { progress.update(done); });
     progress.finish();
-    if (!writer) startWriter();
-    writer->finish();
-    reportReadProblems(summary, input->name());
-    const bool complete = reportWriteProblems(writer->summary(), output->name());
-    const int readCode = exitCodeOf(summary);
+    reportReadProblems(rewritten.read, input->name());
+    const bool complete = reportWriteProblems(rewritten.written, output->name());
+    const int readCode = exitCodeOf(rewritten.read);
     const int code = settleOutput(*output, readCode != kExitClean ? readCode : complete ? kExitClean : kExitRecovered);
     if (code == kExitUsage) return code;
-    const WriteSummary& written = writer->summary();
+    const WriteSummary& written = rewritten.written;
+    const auto method = static_cast<std::uint8_t>(rewritten.method);
     if (options.interval > 0) {
         reportNote(common.quiet,
                    fmt::format("{}: kept {} of {} records, dropped {} at {} s (slips carried to the kept epochs), "
                                "{} bytes in {}",
                                output->name(), written.recordsWritten, written.recordsIn, written.thinned,
-                               options.interval, output->bytes(), methodName(static_cast<std::uint8_t>(write.method))));
+                               options.interval, output->bytes(), methodName(method)));
     } else {
         reportNote(common.quiet, fmt::format("{}: {} records, {} bytes in {}", output->name(), written.recordsWritten,
-                                             output->bytes(), methodName(static_cast<std::uint8_t>(write.method))));
+                                             output->bytes(), methodName(method)));
     }
     return code;
 }

@@ -102,6 +102,29 @@ std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel) {
     return 0;
 }
 
+Rewritten rewriteRecords(LogReader& reader, Output& output, WriteOptions options, bool keepMethod,
+                         const LogReader::ProgressHandler& onProgress) {
+    std::optional<LogWriter> writer;
+    const auto startWriter = [&] {
+        if (keepMethod) options.method = methodOfStream(reader.shape(), reader.state().blockLevel);
+        writer.emplace(output, options);
+    };
+    Rewritten result;
+    result.read = reader.run(
+        [&](DeliveredRecord& record) {
+            if (!writer) startWriter();
+            // Whether Doppler went on the wire is read before the DAT form is taken.
+            const bool dopplerOnWire = record.dopplerOnWire();
+            writer->put(record.dat(), dopplerOnWire);
+        },
+        onProgress);
+    if (!writer) startWriter();
+    writer->finish();
+    result.written = writer->summary();
+    result.method = options.method;
+    return result;
+}
+
 std::string methodName(std::uint8_t method) {
     static constexpr std::array<const char*, 8> kMethods = {
         "Huffman byte stream", "stored blocks", "Huffman blocks", "zlib", "bzip2 over frames", "bzip2", "brotli",

@@ -47,6 +47,19 @@ std::optional<WriteOptions> resolveWrite(const WriteChoice& choice, MethodDefaul
 // keep it: a byte stream is method 0, a block stream's level is its method.
 std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel);
 
+// What rewriting a log gave: the reader's summary, the writer's, and the method written.
+struct Rewritten {
+    ReadSummary read;
+    WriteSummary written;
+    int method = 0;
+};
+
+// Writes every record the reader delivers again, each epoch's Doppler as its input
+// carried it, through a writer made at the first record, when the input's method is
+// known: that method when `keepMethod`, otherwise `options.method`.
+Rewritten rewriteRecords(LogReader& reader, Output& output, WriteOptions options, bool keepMethod,
+                         const LogReader::ProgressHandler& onProgress = {});
+
 std::string methodName(std::uint8_t method);
 
 // Ends a command that writes a file: with the usage or unreadable-input code nothing is
