@@ -6,6 +6,7 @@
 #include "common/byte_sum.h"
 #include "pipeline/expansion.h"
 #include "pipeline/serialisation.h"
+#include "rec35/rec35_codecs.h"
 #include "records/dat_parser.h"
 #include "stream/block_codecs.h"
 #include "stream/framing.h"
@@ -314,12 +315,14 @@ nvb_expand_t* newReaderState(const ReadOptions& options) {
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
     if (state == nullptr) throw std::bad_alloc();
     state->descramble = options.descramble ? 1 : 0;
-    // Records 35 come as they are, schema records included, so that a log written from
-    // them keeps every one.
+    // Schema records are delivered, so that a log written from what is read keeps every
+    // one; epochs and positions of record 35 come converted unless asked for as they are.
     state->rec35Assembly.schema_swallow = 0;
-    state->convertRec35Sub2 = 0;
-    state->convertRec35Sub9 = 0;
-    state->convertRec35Sub19 = 0;
+    if (options.nativeRec35) {
+        state->convertRec35Sub2 = 0;
+        state->convertRec35Sub9 = 0;
+        state->convertRec35Sub19 = 0;
+    }
     return state;
 }
 
@@ -720,6 +723,19 @@ void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
     } else {
         ++summary_.refusedByType[type];
     }
+}
+
+void LogWriter::putRec35(std::uint32_t subtype, void* native) {
+    std::array<std::uint8_t, NVB_REC35_DAT_HEADER_BYTES> dat{0x74, NVB_REC35_DAT_HEADER_BYTES, 0, 35};
+    for (std::size_t i = 0; i < 4; ++i) dat[4 + i] = static_cast<std::uint8_t>(subtype >> (8 * i));
+    const auto slot = nvb::rec35SlotOf(subtype);
+    rec35_content_t* content = encoder_.state().records.rec35;
+    if (slot && content != nullptr) {
+        dat[12] = 1;
+        content->records[*slot] = native;
+    }
+    put(dat);
+    if (slot && content != nullptr) content->records[*slot] = nullptr;
 }
 
 void LogWriter::finish() {
