@@ -668,8 +668,12 @@ namespace {
 // The NVE form: rollover ranges and three-byte range differences in measFlags2.
 constexpr std::uint32_t kNveFileFormat = 5;
 
-bool isThinnedType(std::uint8_t type) {
-    return type == 11 || type == 17 || type == 27 || type == 29;
+// Whether a record that was not written was dropped by thinning; a record 35 that the
+// writer refuses says so by its status.
+bool droppedByThinning(std::uint8_t type, std::uint8_t status, const WriteOptions& options) {
+    if (type == 11 || type == 29) return options.positionInterval > 0;
+    if (type == 17 || type == 27) return options.measurementInterval > 0;
+    return type == 35 && status == NVB_STATUS_OK && (options.positionInterval > 0 || options.measurementInterval > 0);
 }
 
 }  // namespace
@@ -717,8 +721,7 @@ void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
-    } else if (isThinnedType(type) &&
-               ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
+    } else if (droppedByThinning(type, status, options_)) {
         ++summary_.thinned;
     } else {
         ++summary_.refusedByType[type];
