@@ -569,6 +569,71 @@ class Record35(Workspace):
         self.assertIn(b"10 records of type 35 were left out", result.stderr)
 
 
+class NewerReceiver(Workspace):
+    """The simulated receiver logging as a newer one does, records 35 that read as 27 and 29."""
+
+    def setUp(self):
+        super().setUp()
+        self.plain = self.simulate("plain.nvb", "--duration", 600, "--seed", 3)
+        self.newer = self.simulate("new.nvb", "--duration", 600, "--seed", 3, "--receiver", "new")
+
+    def dump(self, log, types="27,29"):
+        lines = self.nvb("dump", "--json", "-t", types, log).stdout.splitlines()
+        return [{k: v for k, v in json.loads(line).items() if "ffset" not in k and k != "length"} for line in lines]
+
+    def test_epochs_and_positions_read_as_the_plain_ones_within_resolution(self):
+        for plain, newer in zip(self.dump(self.plain), self.dump(self.newer), strict=True):
+            if plain["type"] == 29:
+                # the conversion always writes a clock block and marks it
+                self.assertEqual((newer.pop("posFlags"), newer.pop("clock")), (0x14, {"referenceSystem": 0, "terms": []}))
+                plain.pop("posFlags")
+                self.assertEqual(newer, plain)
+                continue
+            # a RAIM byte and an empty clock block, and no clock drift
+            self.assertEqual((plain.pop("epochFlags"), newer.pop("epochFlags"), newer.pop("raimFault")), (0, 0x30, 0))
+            self.assertEqual(newer.pop("clock"), {"referenceSystem": 0, "terms": []})
+            for sat, other in zip(plain.pop("satellites"), newer.pop("satellites"), strict=True):
+                # the newer receiver's azimuth to the degree, a record 27's to two
+                self.assertLessEqual(abs(sat.pop("azimuth") - other.pop("azimuth")), 1)
+                for signal, converted in zip(sat.pop("signals"), other.pop("signals"), strict=True):
+                    # range folded with the carrier phase onto a 2^-7 grid
+                    self.assertAlmostEqual(signal.pop("range"), converted.pop("range"), delta=2 ** -8 + 1e-7)
+                    self.assertEqual(converted, signal)
+                self.assertEqual(other, sat)
+            self.assertEqual(newer, plain)
+
+    def test_thinning_to_30_s_carries_the_slips_of_dropped_epochs_to_the_next_kept_one(self):
+        thinned = self.path("thin.nvb")
+        self.nvb("-q", "thin", self.newer, "-o", thinned, "--interval", 30)
+        self.assertEqual(set(self.info(thinned)["records"]), {"35"})
+        epochs, kept = self.dump(self.newer, "27"), {e["time"]: e for e in self.dump(thinned, "27")}
+        self.assertEqual(list(kept), [e["time"] for e in epochs if e["time"] % 30000 == 0])
+        self.assertEqual([p["time"] for p in self.dump(thinned, "29")], list(kept))
+        pending, carried = {}, 0
+        for epoch in epochs:
+            signals = lambda e: (((s["sv"], g["band"]), g["measFlags1"] & 0x08) for s in e["satellites"] for g in s["signals"])
+            for key, slip in signals(epoch):
+                pending[key] = pending.get(key, 0) | slip
+            for key, slip in signals(kept.get(epoch["time"], {"satellites": []})):
+                self.assertEqual(slip, pending.pop(key), (epoch["time"], key))
+                carried += slip and not dict(signals(epoch))[key]
+        self.assertGreater(carried, 0)
+
+    def test_recompress_keeps_records_35_byte_for_byte_and_rinex_reads_them_as_epochs(self):
+        self.nvb("-q", "todat", "--native-rec35", self.newer, "-o", self.path("native.dat"))
+        self.nvb("-q", "recompress", self.newer, "-o", self.path("m5.nvb"), "-m", 5)
+        self.nvb("-q", "todat", "--native-rec35", self.path("m5.nvb"), "-o", self.path("m5.dat"))
+        native = self.read(self.path("native.dat"))
+        self.assertEqual(self.read(self.path("m5.dat")), native)
+        self.assertEqual({r[3] for r in dat_records(native)}, {35})
+        texts = []
+        for log in (self.plain, self.newer):
+            self.nvb("-q", "rinex", log, "-o", log + ".obs")
+            texts.append([line for line in self.read(log + ".obs").decode().splitlines() if line.startswith(">")])
+        self.assertEqual(len(texts[1]), 600)
+        self.assertEqual(texts[1], texts[0])
+
+
 class DamagedInput(Workspace):
     def blocks_of(self, data):
         """Start and end of each block behind the header block."""
