@@ -1362,6 +1362,7 @@ class UsageErrors(Workspace):
             ["simulate"],
             ["simulate", "-o", self.path("x.nvb"), "--interval", 0.01],
             ["simulate", "-o", self.path("x.nvb"), "--systems", "GX"],
+            ["simulate", "-o", self.path("x.nvb"), "--receiver", "new", "--method", 4],
             ["recompress", log, "-o", self.path("x.nvb")],
             ["recompress", log, "-o", self.path("x.nvb"), "--method", 8],
             ["fromdat", log, "-o", self.path("x.nvb"), "--level", 3],
