@@ -211,6 +211,10 @@ std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count
 std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
     nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
     nvb_expand_t* reader = state != nullptr ? state : own;
+    if (own != nullptr) {
+        // The records as written: nothing becomes a plain record or is renumbered.
+        own->convertRec35Sub2 = own->convertRec35Sub9 = own->convertRec35Sub19 = own->mapSystem7To10 = 0;
+    }
     reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
     std::vector<Rec35Read> reads;
     for (const std::uint8_t byte : log) {
