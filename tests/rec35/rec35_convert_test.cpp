@@ -243,43 +243,10 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
     }
 }
 
-// What a host sees of each record of a log, with the epoch a record 27 holds before its DAT
-// form is retrieved (which packs the system numbers in place).
-struct Seen {
-    std::int32_t result;
-    std::uint8_t status, processStatus;
-    std::uint16_t type;
-    Bytes dat;
-    std::shared_ptr<Rec27> epoch;
-};
-
-std::vector<Seen> readAll(const Bytes& log, nvb_expand_t* state) {
-    std::vector<Seen> all;
-    state->rec35Assembly.schema_swallow = 1;
-    for (const std::uint8_t byte : log) {
-        std::uint8_t more = 0;
-        bool haveByte = true;
-        do {
-            Seen s{};
-            s.result = nvbdll_getNVBRecordByByte(state, byte, &s.status, haveByte ? 1 : 0, &more);
-            haveByte = false;
-            if (s.result == 0 && s.status == 0) continue;
-            if (s.result > 0 && (s.status == 0 || s.status == 18)) {
-                const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &s.type, &s.processStatus);
-                if (length != 0 && s.type == 27) s.epoch = std::make_shared<Rec27>(*state->records.rec27);
-                s.dat.assign(length, 0);
-                if (length != 0) nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(s.type), s.dat.data());
-            }
-            all.push_back(s);
-        } while (more == 1);
-    }
-    return all;
-}
-
 std::vector<std::shared_ptr<Rec27>> epochsOf(const Bytes& log, nvb_expand_t* state) {
     std::vector<std::shared_ptr<Rec27>> epochs;
-    for (const Seen& seen : readAll(log, state)) {
-        if (seen.epoch) epochs.push_back(seen.epoch);
+    for (const nvbtest::Rec35Read& read : nvbtest::readRec35Log(log, true, state)) {
+        if (read.epoch) epochs.push_back(read.epoch);
     }
     return epochs;
 }
@@ -311,7 +278,7 @@ TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelive
         reader->convertRec35Sub2 = reader->convertRec35Sub9 = reader->convertRec35Sub19 = row.on;
         reader->convertRec35Sub16 = row.sub16;
         std::vector<std::string> seen;
-        for (const Seen& s : readAll(log, reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get())) {
             if (s.type == 0) continue;  // a swallowed schema record, never converted
             const bool plain = s.type != 35 && !s.dat.empty();
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.type) + "/" +
@@ -428,7 +395,7 @@ TEST(Rec35Conversion, DamageCostsTheStatusOfTheTextAndEveryLaterRecordComesRight
         nvbtest::MessageLog quiet;
         nvbtest::Handle reader;
         std::vector<std::string> seen;
-        for (const Seen& s : readAll(damagedLog(row.damage), reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(damagedLog(row.damage), true, reader.get())) {
             if (s.result == 38 && s.type == 0) continue;  // the schema record
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.status) + "/" + std::to_string(s.type) +
                            "/" + std::to_string(s.processStatus));
