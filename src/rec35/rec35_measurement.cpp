@@ -7,7 +7,7 @@
 #include "rec35_sub19.h"
 #include "rec35_sub260.h"
 
-#include <cstdlib>
+#include <algorithm>
 
 namespace nvb {
 

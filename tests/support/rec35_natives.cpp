@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace nvbtest {
 
@@ -244,35 +245,6 @@ struct ValueTexts {
     }
 };
 
-// The column-store subtypes: every parallel array as long as its count says, all signals
-// on the first satellite.
-void flattenCounts(rec35_sub19_t& r) {
-    r._Na = static_cast<std::uint32_t>(r.clock__system__rt_clktype.count);
-    r.clock__system__systemClockOffset.count = r._Na;
-    r._Nb = static_cast<std::uint32_t>(r.sv__svId.count);
-    const std::int64_t signals = r._Nb == 0 ? 0 : r.sv__meas__blockType.count;
-    for (rec35_array_t* a : {&r.sv__rt_sattype, &r.sv__antennaNumber, &r.sv__fdmaChannel, &r.sv__receiverChannel,
-                             &r.sv__svFlags, &r.sv__geomSlipCount, &r.sv__ionoSlipCount, &r.sv__azimuth,
-                             &r.sv__elevation, &r._Nb_Na}) {
-        a->count = r._Nb;
-    }
-    for (std::int64_t i = 0; i < r._Nb; ++i) static_cast<std::uint32_t*>(r._Nb_Na.elements)[i] = i == 0 ? signals : 0;
-    for (rec35_array_t* a : {&r.sv__meas__blockType, &r.sv__meas__trackType, &r.sv__meas__trackingStatus,
-                             &r.sv__meas__measFlags, &r.sv__meas__slipCount, &r.sv__meas__snr, &r.sv__meas__range,
-                             &r.sv__meas__phase, &r.sv__meas__doppler}) {
-        a->count = signals;
-    }
-}
-
-void flattenCounts(rec35_sub260_t& r) {
-    r._Na = static_cast<std::uint32_t>(r._Na_Na.count);
-    const std::int64_t signals = r._Na == 0 ? 0 : r.sv__meas__flags.count;
-    for (std::int64_t i = 0; i < r._Na; ++i) static_cast<std::uint32_t*>(r._Na_Na.elements)[i] = i == 0 ? signals : 0;
-    for (rec35_array_t* a : {&r.sv__meas__flags, &r.sv__meas__MPHat, &r.sv__meas__CCFiltCount, &r.sv__meas__CCDiff}) {
-        a->count = signals;
-    }
-}
-
 }  // namespace
 
 Rec35Native::Rec35Native(const nvb::Rec35Codec& codec, std::int64_t capacity)
@@ -288,8 +260,27 @@ void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std:
                std::uint32_t step) {
     Filler filler{how, random, step};
     for (const Rec35Field& field : codec.fields) filler.fill(field, native);
-    if (codec.subtype == 19) flattenCounts(*static_cast<rec35_sub19_t*>(native));
-    if (codec.subtype == 260) flattenCounts(*static_cast<rec35_sub260_t*>(native));
+    if (codec.subtype != 19 && codec.subtype != 260) return;
+    // The parallel arrays: each group as long as its first array, all signals on the first satellite.
+    const bool sub19 = codec.subtype == 19;
+    rec35_array_t& perSatellite = rec35Column(codec, native, sub19 ? "_Nb_Na" : "_Na_Na");
+    const std::int64_t svs = sub19 ? rec35Column(codec, native, "sv__svId").count : perSatellite.count;
+    const std::int64_t clocks = sub19 ? rec35Column(codec, native, "clock__system__rt_clktype").count : 0;
+    const std::int64_t signals = svs == 0 ? 0 : rec35Column(codec, native, sub19 ? "sv__meas__range" : "sv__meas__flags").count;
+    for (const Rec35Field& field : codec.fields) {
+        const std::string_view name = field.name;
+        if (field.kind != Kind::Array) continue;
+        at<rec35_array_t>(native, field.offset).count =
+            name.starts_with("sv__meas__") ? signals : name.starts_with("clock__") ? clocks : svs;
+    }
+    for (std::int64_t i = 0; i < svs; ++i) static_cast<std::uint32_t*>(perSatellite.elements)[i] = i == 0 ? signals : 0;
+}
+
+rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name) {
+    for (const Rec35Field& field : codec.fields) {
+        if (name == field.name) return at<rec35_array_t>(native, field.offset);
+    }
+    std::abort();
 }
 
 std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {

@@ -190,6 +190,8 @@ void processRead(nvb_expand_t* state, Rec35Read& read) {
     if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
+    // Retrieval packs the system numbers of a record 27 in place.
+    if (read.type == 27) read.epoch = std::make_shared<Rec27>(*state->records.rec27);
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
     const rec35_content_t* content = state->records.rec35;
