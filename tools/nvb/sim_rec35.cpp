@@ -3,10 +3,8 @@
 #include "nvb/sim_orbits.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 namespace nvbtool {
