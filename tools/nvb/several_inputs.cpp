@@ -33,7 +33,7 @@ std::optional<std::vector<std::string>> targetsOf(const std::vector<std::string>
     std::map<std::string, std::string> taken;
     for (const std::string& input : inputs) {
         if (input == "-") {
-            reportError("standard input", "can't be one of several inputs: name files");
+            reportError("standard input", "can't be converted into a folder: name files");
             return std::nullopt;
         }
         const fs::path name = fs::path(input).filename();
