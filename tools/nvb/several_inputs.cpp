@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -84,10 +85,20 @@ int convertEach(InputOptions& in, std::string& output, const std::string& suffix
     std::vector<int> codes(in.paths.size(), kExitClean);
     const auto reap = [&] {
         int status = 0;
-        const pid_t pid = ::wait(&status);
-        if (pid < 0) return false;
-        const std::size_t index = running.at(pid);
-        running.erase(pid);
+        pid_t pid = -1;
+        do {
+            pid = ::wait(&status);
+        } while (pid < 0 && errno == EINTR);
+        if (pid < 0) {
+            // no child left to wait for: those not heard of count as failed
+            for (const auto& [lost, lostIndex] : running) codes[lostIndex] = kExitUsage;
+            running.clear();
+            return false;
+        }
+        const auto found = running.find(pid);
+        if (found == running.end()) return true;
+        const std::size_t index = found->second;
+        running.erase(found);
         codes[index] = exitCodeOfChild(status);
         if (WIFSIGNALED(status)) reportError(in.paths[index], fmt::format("stopped by signal {}", WTERMSIG(status)));
         return true;
