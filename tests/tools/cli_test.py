@@ -1441,6 +1441,20 @@ for case_ in CASES:
     setattr(group, name, case_test(case_))
 
 
+class SeveralInputs(Workspace):
+    def test_jobs_write_what_one_file_at_a_time_does_and_exit_with_the_worst_code(self):
+        logs = [self.simulate(f"site{seed}.nvb", "--duration", 20, "--seed", seed) for seed in (1, 2, 3)]
+        broken = self.write(self.path("broken.nvb"), b"\x02\x00")
+        for jobs in (1, 3):
+            result = self.nvb("--jobs", jobs, "todat", *logs, broken, "-o", self.path(f"out{jobs}"), code=2)
+            self.assertIn(f"{broken}: is too short", result.stderr.decode())
+            for log in logs:
+                name = os.path.basename(log)[:-4] + ".dat"
+                self.assertEqual(read(self.path(f"out{jobs}/{name}")), self.dat_of(log))
+        self.nvb("rinex", logs[0], self.path("site1.rnx"), "-o", self.path("out1"), code=2)  # two site1.rnx
+        self.nvb("todat", *logs, "-o", logs[0], code=2)
+
+
 if __name__ == "__main__":
     NVB = os.path.abspath(sys.argv[1])
     unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)
