@@ -112,7 +112,14 @@ void putEpochHead(Rec27& out, std::uint32_t week, std::uint32_t time, double clk
     clock.referenceSystem = static_cast<std::uint8_t>(referenceSystem);
     clock.count = static_cast<std::uint8_t>(std::min<std::size_t>(systems, NVB_MAX_CLOCK_TERMS));
     clock.blockLength = static_cast<std::uint8_t>(std::min<std::size_t>(lengthCount, 28) * 9 + 3);
-    for (std::size_t i = 0; i < clock.count; ++i) system(i, clock.rt_clktype[i], clock.systemClockOffset[i]);
+    // The block is packed: its doubles take values, never references.
+    for (std::size_t i = 0; i < clock.count; ++i) {
+        std::uint8_t type = 0;
+        double offset = 0;
+        system(i, type, offset);
+        clock.rt_clktype[i] = type;
+        clock.systemClockOffset[i] = offset;
+    }
 }
 
 std::uint16_t rec27Length(const Rec27& rec) {

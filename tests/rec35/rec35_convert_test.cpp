@@ -323,8 +323,8 @@ TEST(Rec35Measurement, RangesFoldWithPhaseAndOffTheGridValuesNearTheirPrediction
     const auto epochs = epochsOf(writer.finish(), reader.get());
     ASSERT_EQ(epochs.size(), std::size(rows));
     for (std::size_t i = 0; i < epochs.size(); ++i) {
-        EXPECT_EQ(epochs[i]->sv[0].meas[0].doppler, rows[i].decoded) << rows[i].time;
-        EXPECT_NEAR(epochs[i]->sv[0].meas[0].range, 2.1e7 + 0.3, 1.0 / 256) << rows[i].time;
+        EXPECT_EQ(double(epochs[i]->sv[0].meas[0].doppler), rows[i].decoded) << rows[i].time;
+        EXPECT_NEAR(double(epochs[i]->sv[0].meas[0].range), 2.1e7 + 0.3, 1.0 / 256) << rows[i].time;
     }
 }
 
@@ -342,7 +342,7 @@ TEST(Rec35Thinning, ASlipOfADroppedEpochIsMarkedOnTheNextKeptOneOnBothPaths) {
         reader->measurementInterval = encodePath ? 0 : 10;
         std::vector<std::pair<double, int>> kept;
         for (const auto& epoch : epochsOf(writer.finish(), reader.get())) {
-            kept.emplace_back(epoch->receiveTime, epoch->sv[0].meas[0].measFlags1 & 0x08);
+            kept.emplace_back(double(epoch->receiveTime), epoch->sv[0].meas[0].measFlags1 & 0x08);
         }
         EXPECT_EQ(kept, (std::vector<std::pair<double, int>>{{0, 0}, {10000, 0x08}, {20000, 0}}));
     }
