@@ -118,11 +118,20 @@ bool fillFromView(rec35_reader_cache_t& cache) {
     return avro_value_reset(cache.value.get()) == 0 && copyByName(*cache.value.get(), *cache.view_value.get());
 }
 
+// Avro C allocates a string or bytes value at the length the payload announces before it
+// reads it, and keeps that allocation when the payload ends first. A skip over the payload
+// allocates nothing, so it turns such a payload away before the read.
 bool readRecord(rec35_reader_cache_t& cache, std::span<const std::uint8_t> payload, const char* failureText,
                 std::uint8_t& status) {
-    avro_reader_memory_set_source(cache.reader.get(), reinterpret_cast<const char*>(payload.data()),
-                                  static_cast<std::int64_t>(payload.size()));
-    if (avro_value_read(cache.reader.get(), cache.target) != 0 || !fillFromView(cache)) {
+    const auto setSource = [&cache, payload] {
+        avro_reader_memory_set_source(cache.reader.get(), reinterpret_cast<const char*>(payload.data()),
+                                      static_cast<std::int64_t>(payload.size()));
+    };
+    const AvroSchema& wire = cache.writer_schema ? cache.writer_schema : cache.reader_schema;
+    setSource();
+    const bool fits = avro_skip_data(cache.reader.get(), wire.get()) == 0;
+    setSource();
+    if (!fits || avro_value_read(cache.reader.get(), cache.target) != 0 || !fillFromView(cache)) {
         logMessage(failureText, avro_strerror());
         return fail(status);
     }
