@@ -100,7 +100,13 @@ struct WriteBuffer {
     bool overflow = false;
 };
 
-void putByte(WriteBuffer& out, std::uint8_t value);
+inline void putByte(WriteBuffer& out, std::uint8_t value) {
+    if (out.frame.length >= sizeof out.frame.data) {
+        out.overflow = true;
+        return;
+    }
+    out.frame.data[out.frame.length++] = value;
+}
 void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count);
 void putU16(WriteBuffer& out, std::uint16_t value);
 void putU32(WriteBuffer& out, std::uint32_t value);
@@ -160,7 +166,11 @@ struct DatWriter {
     std::size_t position = 0;
 };
 
-void datPut(DatWriter& out, const void* source, std::size_t size);
+inline void datPut(DatWriter& out, const void* source, std::size_t size) {
+    if (size > 0 && out.position < out.capacity)
+        std::memcpy(out.data + out.position, source, std::min(size, out.capacity - out.position));
+    out.position += size;
+}
 
 // Takes the value by copy: fields of the packed structures can't be bound by reference.
 template <class T>

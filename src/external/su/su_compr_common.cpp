@@ -7,34 +7,33 @@
 
 namespace nvb {
 
-bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count) {
-    if (count > bytesLeft(reader)) {
-        reader.failed = true;
-        return false;
+namespace {
+
+// A field of up to 8 bytes as one number: every primitive below is then the machine's own
+// arithmetic modulo 256^width.
+std::uint64_t loadField(const std::uint8_t* bytes, std::size_t width) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+void storeField(std::uint8_t* bytes, std::uint64_t value, std::size_t width) {
+    for (std::size_t i = width; i-- > 0;) {
+        bytes[i] = static_cast<std::uint8_t>(value);
+        value >>= 8;
     }
-    if (destination != nullptr && count > 0) std::memcpy(destination, reader.pos, count);
-    reader.pos += count;
-    return true;
 }
 
-bool readByte(ByteReader& reader, std::uint8_t& value) {
-    return readBytes(reader, &value, 1);
-}
-
-void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count) {
-    if (count > spaceLeft(writer)) {
-        writer.failed = true;
-        return;
-    }
-    if (count > 0) std::memcpy(writer.pos, bytes, count);
-    writer.pos += count;
-}
-
-void writeByte(ByteWriter& writer, std::uint8_t value) {
-    writeBytes(writer, &value, 1);
-}
+}  // namespace
 
 std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadField(a, width);
+        const std::uint64_t sum = left + loadField(b, width);
+        storeField(a, sum, width);
+        if (width == kMaxDeltaWidth) return sum < left ? 1 : 0;
+        return static_cast<std::uint8_t>((sum >> (8 * width)) & 1u);
+    }
     unsigned carry = 0;
     for (std::size_t i = width; i-- > 0;) {
         const unsigned sum = a[i] + b[i] + carry;
@@ -45,6 +44,12 @@ std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
 }
 
 std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadField(a, width);
+        const std::uint64_t right = loadField(b, width);
+        storeField(a, left - right, width);
+        return left < right ? 1 : 0;
+    }
     int borrow = 0;
     for (std::size_t i = width; i-- > 0;) {
         const int difference = a[i] - b[i] - borrow;
@@ -85,8 +90,11 @@ void bigShiftRight(std::uint8_t* bytes, unsigned bitCount, std::size_t width) {
 
 void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
                     std::size_t width) {
-    // 2 * newer - older in one pass with a carry of -1, 0 or 1; each byte of the inputs is
-    // read before the same byte of out is written, so the history may extrapolate in place.
+    if (width <= kMaxDeltaWidth) {
+        // Both inputs are read before out is written, so the history may extrapolate in place.
+        storeField(out, 2 * loadField(newer, width) - loadField(older, width), width);
+        return;
+    }
     int carry = 0;
     for (std::size_t i = width; i-- > 0;) {
         const int value = 2 * newer[i] - older[i] + carry;
@@ -129,17 +137,13 @@ bool expandSmallDelta(std::uint8_t* destination, std::uint8_t escape, std::uint8
         compactAssert(false);
         return false;
     }
-    std::memmove(destination, reference, width);
-    if (width == 0) return true;
-    std::array<std::uint8_t, kMaxDeltaWidth> step{};
+    const std::uint64_t value = loadField(reference, width);
+    // The escape is the field's sign bit, so 2 * escape - code is the magnitude of the
+    // negative value the bit field holds.
     if ((code & escape) == 0) {
-        step[width - 1] = code;
-        bigAdd(destination, step.data(), width);
+        storeField(destination, value + code, width);
     } else {
-        // The escape is the field's sign bit, so 2 * escape - code is the magnitude of the
-        // negative value the bit field holds.
-        step[width - 1] = static_cast<std::uint8_t>(2 * escape - code);
-        bigSubtract(destination, step.data(), width);
+        storeField(destination, value - static_cast<std::uint8_t>(2 * escape - code), width);
     }
     return true;
 }
@@ -182,21 +186,14 @@ std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width, std::
     }
     // Code 0 reads nothing: the byte under the cursor belongs to the next field and could
     // only ever add or subtract a zero magnitude.
+    const std::uint64_t value = loadField(reference, width);
     if (code == 0) {
-        std::memmove(destination, reference, width);
+        storeField(destination, value, width);
         return 0;
     }
-    std::array<std::uint8_t, kMaxDeltaWidth> magnitude{};
-    std::uint8_t* first = magnitude.data() + width - code;
-    std::memcpy(first, stream.pos, code);
-    const bool below = (*first & 0x80) != 0;
-    *first &= 0x7F;
-    std::memmove(destination, reference, width);
-    if (below) {
-        bigSubtract(destination, magnitude.data(), width);
-    } else {
-        bigAdd(destination, magnitude.data(), width);
-    }
+    const bool below = (stream.pos[0] & 0x80) != 0;
+    const std::uint64_t magnitude = loadField(stream.pos, code) & ~(std::uint64_t{0x80} << (8 * (code - 1)));
+    storeField(destination, below ? value - magnitude : value + magnitude, width);
     stream.pos += code;
     return 0;
 }

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace nvb {
 
@@ -70,12 +71,42 @@ struct ByteWriter {
 
 // Takes `count` bytes into `destination` (may be null to skip them). False, with nothing
 // taken and `failed` set, when fewer are left.
-[[nodiscard]] bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count);
-[[nodiscard]] bool readByte(ByteReader& reader, std::uint8_t& value);
+[[nodiscard]] inline bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count) {
+    if (count > bytesLeft(reader)) {
+        reader.failed = true;
+        return false;
+    }
+    if (destination != nullptr && count > 0) std::memcpy(destination, reader.pos, count);
+    reader.pos += count;
+    return true;
+}
+
+[[nodiscard]] inline bool readByte(ByteReader& reader, std::uint8_t& value) {
+    if (reader.pos == reader.end) {
+        reader.failed = true;
+        return false;
+    }
+    value = *reader.pos++;
+    return true;
+}
 
 // Appends bytes; when they don't all fit, appends none and sets `failed`.
-void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count);
-void writeByte(ByteWriter& writer, std::uint8_t value);
+inline void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count) {
+    if (count > spaceLeft(writer)) {
+        writer.failed = true;
+        return;
+    }
+    if (count > 0) std::memcpy(writer.pos, bytes, count);
+    writer.pos += count;
+}
+
+inline void writeByte(ByteWriter& writer, std::uint8_t value) {
+    if (writer.pos == writer.end) {
+        writer.failed = true;
+        return;
+    }
+    *writer.pos++ = value;
+}
 
 // a := a + b modulo 256^width. Returns the carry out of the first byte. a and b may alias.
 std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
