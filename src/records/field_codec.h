@@ -154,6 +154,12 @@ void datCopy(DatReader& in, void* destination, std::size_t count, std::size_t si
 template <class T>
 [[nodiscard]] T datRead(DatReader& in) {
     T value{};
+    // A field that lies whole in the record and needs no swap is a plain copy.
+    if (hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= sizeof value) {
+        std::memcpy(&value, in.data + in.position, sizeof value);
+        in.position += sizeof value;
+        return value;
+    }
     datCopy(in, &value, 1, sizeof value);
     return value;
 }

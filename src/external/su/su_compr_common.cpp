@@ -3,61 +3,10 @@
 #include "common/diagnostics.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 namespace nvb {
-
-namespace {
-
-// A field of up to 8 bytes as one number: every primitive below is then the machine's own
-// arithmetic modulo 256^width.
-std::uint64_t loadField(const std::uint8_t* bytes, std::size_t width) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes[i];
-    return value;
-}
-
-void storeField(std::uint8_t* bytes, std::uint64_t value, std::size_t width) {
-    for (std::size_t i = width; i-- > 0;) {
-        bytes[i] = static_cast<std::uint8_t>(value);
-        value >>= 8;
-    }
-}
-
-}  // namespace
-
-std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
-    if (width <= kMaxDeltaWidth) {
-        const std::uint64_t left = loadField(a, width);
-        const std::uint64_t sum = left + loadField(b, width);
-        storeField(a, sum, width);
-        if (width == kMaxDeltaWidth) return sum < left ? 1 : 0;
-        return static_cast<std::uint8_t>((sum >> (8 * width)) & 1u);
-    }
-    unsigned carry = 0;
-    for (std::size_t i = width; i-- > 0;) {
-        const unsigned sum = a[i] + b[i] + carry;
-        a[i] = static_cast<std::uint8_t>(sum);
-        carry = sum >> 8;
-    }
-    return static_cast<std::uint8_t>(carry);
-}
-
-std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
-    if (width <= kMaxDeltaWidth) {
-        const std::uint64_t left = loadField(a, width);
-        const std::uint64_t right = loadField(b, width);
-        storeField(a, left - right, width);
-        return left < right ? 1 : 0;
-    }
-    int borrow = 0;
-    for (std::size_t i = width; i-- > 0;) {
-        const int difference = a[i] - b[i] - borrow;
-        a[i] = static_cast<std::uint8_t>(difference);
-        borrow = difference < 0 ? 1 : 0;
-    }
-    return static_cast<std::uint8_t>(borrow);
-}
 
 std::int16_t bigCompare(const std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
     for (std::size_t i = 0; i < width; ++i) {
@@ -85,21 +34,6 @@ void bigShiftRight(std::uint8_t* bytes, unsigned bitCount, std::size_t width) {
     for (std::size_t i = width; i-- > 0;) {
         const unsigned above = i > 0 ? bytes[i - 1] : fill;
         bytes[i] = static_cast<std::uint8_t>(((above << 8) | bytes[i]) >> bitCount);
-    }
-}
-
-void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
-                    std::size_t width) {
-    if (width <= kMaxDeltaWidth) {
-        // Both inputs are read before out is written, so the history may extrapolate in place.
-        storeField(out, 2 * loadField(newer, width) - loadField(older, width), width);
-        return;
-    }
-    int carry = 0;
-    for (std::size_t i = width; i-- > 0;) {
-        const int value = 2 * newer[i] - older[i] + carry;
-        out[i] = static_cast<std::uint8_t>(value);
-        carry = value >> 8;
     }
 }
 
@@ -137,13 +71,13 @@ bool expandSmallDelta(std::uint8_t* destination, std::uint8_t escape, std::uint8
         compactAssert(false);
         return false;
     }
-    const std::uint64_t value = loadField(reference, width);
+    const std::uint64_t value = loadBigField(reference, width);
     // The escape is the field's sign bit, so 2 * escape - code is the magnitude of the
     // negative value the bit field holds.
     if ((code & escape) == 0) {
-        storeField(destination, value + code, width);
+        storeBigField(destination, value + code, width);
     } else {
-        storeField(destination, value - static_cast<std::uint8_t>(2 * escape - code), width);
+        storeBigField(destination, value - static_cast<std::uint8_t>(2 * escape - code), width);
     }
     return true;
 }
@@ -155,21 +89,23 @@ std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* ref
         writeBytes(stream, newField, width);
         return rawCode;
     }
-    const std::int16_t comparison = bigCompare(newField, reference, width);
-    if (comparison == 0) return 0;
-    const bool newIsSmaller = comparison < 1;
-    // One zero byte ahead of the field, so that a trimmed length of width + 1 (the sign
-    // needs a byte of its own) still names bytes of this buffer.
-    std::array<std::uint8_t, 1 + kMaxDeltaWidth> scratch{};
-    std::uint8_t* magnitude = scratch.data() + 1;
-    std::memcpy(magnitude, newIsSmaller ? reference : newField, width);
-    bigSubtract(magnitude, newIsSmaller ? newField : reference, width);
-    const std::size_t length = bigTrimmedLength(magnitude, width, true);
+    const std::uint64_t value = loadBigField(newField, width);
+    const std::uint64_t base = loadBigField(reference, width);
+    if (value == base) return 0;
+    const bool newIsSmaller = value < base;
+    const std::uint64_t difference = newIsSmaller ? base - value : value - base;
+    // The magnitude's significant bytes, and one more when the sign needs a bit of its own.
+    const auto significant = static_cast<std::size_t>(8 - std::countl_zero(difference) / 8);
+    const bool topBitSet = ((difference >> (8 * significant - 1)) & 1u) != 0;
+    const std::size_t length = significant + (topBitSet ? 1 : 0);
     if (length >= rawCode) {
         writeBytes(stream, newField, width);
         return rawCode;
     }
-    std::uint8_t* first = magnitude + width - length;
+    // One zero byte ahead of the magnitude, for a length of nine.
+    std::array<std::uint8_t, 1 + kMaxDeltaWidth> scratch{};
+    storeBigField(scratch.data() + 1, difference, kMaxDeltaWidth);
+    std::uint8_t* first = scratch.data() + scratch.size() - length;
     if (newIsSmaller) *first |= 0x80;
     writeBytes(stream, first, length);
     return static_cast<std::uint8_t>(length);
@@ -186,14 +122,14 @@ std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width, std::
     }
     // Code 0 reads nothing: the byte under the cursor belongs to the next field and could
     // only ever add or subtract a zero magnitude.
-    const std::uint64_t value = loadField(reference, width);
+    const std::uint64_t value = loadBigField(reference, width);
     if (code == 0) {
-        storeField(destination, value, width);
+        storeBigField(destination, value, width);
         return 0;
     }
     const bool below = (stream.pos[0] & 0x80) != 0;
-    const std::uint64_t magnitude = loadField(stream.pos, code) & ~(std::uint64_t{0x80} << (8 * (code - 1)));
-    storeField(destination, below ? value - magnitude : value + magnitude, width);
+    const std::uint64_t magnitude = loadBigField(stream.pos, code) & ~(std::uint64_t{0x80} << (8 * (code - 1)));
+    storeBigField(destination, below ? value - magnitude : value + magnitude, width);
     stream.pos += code;
     return 0;
 }

@@ -108,12 +108,56 @@ inline void writeByte(ByteWriter& writer, std::uint8_t value) {
     *writer.pos++ = value;
 }
 
+// A field of up to 8 bytes as one number, so that the arithmetic below is the machine's
+// own modulo 256^width.
+[[nodiscard]] inline std::uint64_t loadBigField(const std::uint8_t* bytes, std::size_t width) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+inline void storeBigField(std::uint8_t* bytes, std::uint64_t value, std::size_t width) {
+    for (std::size_t i = width; i-- > 0;) {
+        bytes[i] = static_cast<std::uint8_t>(value);
+        value >>= 8;
+    }
+}
+
 // a := a + b modulo 256^width. Returns the carry out of the first byte. a and b may alias.
-std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+inline std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadBigField(a, width);
+        const std::uint64_t sum = left + loadBigField(b, width);
+        storeBigField(a, sum, width);
+        if (width == kMaxDeltaWidth) return sum < left ? 1 : 0;
+        return static_cast<std::uint8_t>((sum >> (8 * width)) & 1u);
+    }
+    unsigned carry = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const unsigned sum = a[i] + b[i] + carry;
+        a[i] = static_cast<std::uint8_t>(sum);
+        carry = sum >> 8;
+    }
+    return static_cast<std::uint8_t>(carry);
+}
 
 // a := a - b modulo 256^width. Returns 1 when a borrow leaves the first byte. a and b may
 // alias.
-std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+inline std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadBigField(a, width);
+        const std::uint64_t right = loadBigField(b, width);
+        storeBigField(a, left - right, width);
+        return left < right ? 1 : 0;
+    }
+    int borrow = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const int difference = a[i] - b[i] - borrow;
+        a[i] = static_cast<std::uint8_t>(difference);
+        borrow = difference < 0 ? 1 : 0;
+    }
+    return static_cast<std::uint8_t>(borrow);
+}
 
 // a[i] - b[i] at the first byte where the strings differ, 0 when they are equal or width is
 // 0. Its sign is that of a - b; its size is not.
@@ -132,8 +176,20 @@ void bigShiftRight(std::uint8_t* bytes, unsigned bitCount, std::size_t width);
 
 // out := 2 * newer - older modulo 256^width: the next value at a constant rate of change.
 // out may alias either input.
-void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
-                    std::size_t width);
+inline void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
+                           std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        // Both inputs are read before out is written, so a history may extrapolate in place.
+        storeBigField(out, 2 * loadBigField(newer, width) - loadBigField(older, width), width);
+        return;
+    }
+    int carry = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const int value = 2 * newer[i] - older[i] + carry;
+        out[i] = static_cast<std::uint8_t>(value);
+        carry = value >> 8;
+    }
+}
 
 // Small delta, compress side: d = new - reference as unsigned big-endian numbers of `width`
 // (0 to 4) bytes, as a signed 32-bit difference. Within low..high the code is d in its low
