@@ -17,6 +17,12 @@ std::uint8_t hostSwapDAT = 0;
 namespace {
 
 void putBigEndian(WriteBuffer& out, std::uint64_t value, unsigned width) {
+    if (out.frame.length + std::size_t{width} <= sizeof out.frame.data) {
+        std::uint8_t* at = out.frame.data + out.frame.length;
+        for (unsigned i = width; i > 0; --i) *at++ = static_cast<std::uint8_t>(value >> (8 * (i - 1)));
+        out.frame.length = static_cast<std::uint16_t>(out.frame.length + width);
+        return;
+    }
     for (unsigned i = width; i > 0; --i) putByte(out, static_cast<std::uint8_t>(value >> (8 * (i - 1))));
 }
 

@@ -173,8 +173,14 @@ struct DatWriter {
 };
 
 inline void datPut(DatWriter& out, const void* source, std::size_t size) {
-    if (size > 0 && out.position < out.capacity)
-        std::memcpy(out.data + out.position, source, std::min(size, out.capacity - out.position));
+    if (size == 0) return;
+    // A field that fits whole is copied at its own fixed size; only the one that crosses
+    // the end is cut.
+    if (out.position <= out.capacity && size <= out.capacity - out.position) {
+        std::memcpy(out.data + out.position, source, size);
+    } else if (out.position < out.capacity) {
+        std::memcpy(out.data + out.position, source, out.capacity - out.position);
+    }
     out.position += size;
 }
 
