@@ -14,6 +14,10 @@ if [ "${NVB_BENCH_END_TO_END_ONLY:-0}" != 1 ]; then
   "$build/bench/nvbdll_bench" --benchmark_min_time=0.2
 fi
 
+if [ ! -x /usr/bin/time ]; then
+  echo "GNU time (/usr/bin/time) is needed for the end-to-end figures" >&2
+  exit 1
+fi
 NVB="$build/tools/nvb"
 if [ ! -x "$NVB" ]; then
   echo "no nvb built in $build" >&2
@@ -22,17 +26,13 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# One run of a command: its wall time in milliseconds and its peak resident memory in
-# MiB, as "ms rss".
+# One run of a command: its processor time (user and system) in milliseconds, which the
+# load of a shared machine disturbs less than the time on the clock, and its peak
+# resident memory in MiB, as "ms rss". GNU time measures from a process of its own size,
+# a few MiB, which is all that the peak can hold besides the command's own.
 measure() {
-  python3 - "$@" <<'PY'
-import resource, subprocess, sys, time
-start = time.perf_counter()
-subprocess.run(sys.argv[1:], check=True)
-elapsed = (time.perf_counter() - start) * 1000
-peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss / 1024
-print(f"{elapsed:.0f} {peak:.1f}")
-PY
+  /usr/bin/time -f '%U %S %M' -o "$work/usage" "$@"
+  awk '{ printf "%.0f %.1f\n", ($1 + $2) * 1000, $3 / 1024 }' "$work/usage"
 }
 
 "$NVB" -q simulate -o "$work/log.nvb" --duration "$seconds" --interval 1 --systems GREC --method 7
@@ -44,7 +44,7 @@ signals=$("$NVB" info --json "$work/log.nvb" |
 echo
 echo "End to end, $seconds simulated seconds: one epoch a second of GPS, GLONASS, Galileo and"
 echo "BeiDou with a position each, $signals signals with range, phase, Doppler and SNR"
-echo "($dat_bytes bytes of DAT records); one run each of nvb, wall time and peak memory:"
+echo "($dat_bytes bytes of DAT records); one run each of nvb, processor time and peak memory:"
 echo "  write      = nvb fromdat log.dat -o out OPTIONS"
 echo "  read       = nvb todat out -o /dev/null"
 echo "  no Doppler = nvb fromdat log.dat -o out OPTIONS --drop-doppler (Doppler rebuilt on reading)"
