@@ -9,6 +9,7 @@
 #include "rec35/rec35_codecs.h"
 #include "records/dat_parser.h"
 #include "stream/block_codecs.h"
+#include "stream/block_reader.h"
 #include "stream/framing.h"
 
 #include <fmt/format.h>
@@ -35,6 +36,12 @@ void reportErrorAt(const std::string& file, std::uint64_t offset, const std::str
 void reportNote(bool quiet, const std::string& text) {
     if (!quiet) fmt::print(stderr, "nvb: {}\n", text);
 }
+
+namespace {
+
+constexpr std::size_t kWriteBuffer = 1 << 18;
+
+}  // namespace
 
 Input::Input(std::FILE* file, bool owned, std::string name, std::uint64_t size)
     : file_(file), owned_(owned), name_(std::move(name)), size_(size) {}
@@ -74,7 +81,10 @@ std::size_t Input::read(std::uint8_t* buffer, std::size_t capacity) {
 
 Output::Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary)
     : file_(file), owned_(owned), name_(std::move(name)), target_(std::move(target)),
-      temporary_(std::move(temporary)) {}
+      temporary_(std::move(temporary)) {
+    // Records go out a few hundred bytes at a time; the file sees them in large writes.
+    if (owned_) std::setvbuf(file_, nullptr, _IOFBF, kWriteBuffer);
+}
 
 Output::~Output() {
     discard();
@@ -405,7 +415,11 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     if (detected.shape == StreamShape::Blocks) headerBlock_ = headerBlockOf(head);
     const bool plain = detected.shape == StreamShape::PlainBytes;
     while (count > 0) {
-        for (std::size_t i = 0; i < count; ++i) input(chunk[i], plain);
+        for (std::size_t i = 0; i < count;) {
+            const std::size_t quiet = inputQuiet(chunk.data() + i, count - i);
+            if (quiet == 0) input(chunk[i], plain);
+            i += std::max<std::size_t>(quiet, 1);
+        }
         if (onProgress) onProgress(fed_);
         count = input_.read(chunk.data(), chunk.size());
     }
@@ -422,6 +436,17 @@ void LogReader::input(std::uint8_t byte, bool plain) {
         replay_.pop_front();
         step(again, plain);
     }
+}
+
+std::size_t LogReader::inputQuiet(const std::uint8_t* bytes, std::size_t count) {
+    if (summary_.shape != StreamShape::Blocks || lost_ || stuck_ || !replay_.empty()) return 0;
+    const std::size_t taken = nvb::takeQuietBlockBytes(*state_, bytes, count);
+    if (taken == 0) return 0;
+    fed_ += taken;
+    next_ += taken;
+    at_ = next_ - 1;
+    window_.insert(window_.end(), bytes, bytes + taken);
+    return taken;
 }
 
 void LogReader::step(std::uint8_t byte, bool plain) {

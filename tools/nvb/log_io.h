@@ -199,6 +199,9 @@ public:
 
 private:
     void input(std::uint8_t byte, bool plain);
+    // Bytes of a block that can only be gathered go to the library in one piece; returns
+    // how many, 0 when the next byte has to go on its own.
+    std::size_t inputQuiet(const std::uint8_t* bytes, std::size_t count);
     void step(std::uint8_t byte, bool plain);
     void feed(std::uint8_t byte, bool plain);
     void handle(std::int32_t result, std::uint8_t status);
