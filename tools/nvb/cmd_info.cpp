@@ -154,6 +154,7 @@ json infoJson(const std::string& name, const ReadSummary& summary, const nvb_exp
     for (const auto& [type, count] : stats.perCarrier) carriers[std::to_string(type)] = count;
     out["carriedAs"] = carriers;
     out["recordsUndecoded"] = summary.recordsUndecoded;
+    out["schemasForConversion"] = summary.schemasForConversion;
     // Records 35 by subtype, and by kind where the subtype is Avro-coded.
     json rec35 = json::object();
     for (const auto& [subtype, kinds] : stats.rec35) {
@@ -273,6 +274,10 @@ void printInfo(const json& info) {
                              kinds.empty() ? "" : " (" + kinds + ")");
     }
     if (!rec35.empty()) fmt::print("{:<17}{}\n", "record 35", rec35);
+    if (info["schemasForConversion"].get<std::uint64_t>() > 0) {
+        fmt::print("{:<17}{} schemas read for the subtypes converted to plain records\n", "",
+                   info["schemasForConversion"].get<std::uint64_t>());
+    }
     if (info["recordsUndecoded"].get<std::uint64_t>() > 0) {
         fmt::print("{:<17}{} of types this reader does not decode\n", "",
                    info["recordsUndecoded"].get<std::uint64_t>());

@@ -582,7 +582,8 @@ void LogReader::handle(std::int32_t result, std::uint8_t status) {
         return;
     }
     if (length == 0) {
-        ++summary_.recordsUndecoded;
+        // A converting reader keeps the schemas of the subtypes it converts and hands nothing for them.
+        ++(fieldValue(state_->currentType) == 35 ? summary_.schemasForConversion : summary_.recordsUndecoded);
         return;
     }
     DeliveredRecord record;

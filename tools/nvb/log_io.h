@@ -159,6 +159,7 @@ struct ReadSummary {
     std::uint64_t bytesRead = 0;
     std::uint64_t recordsDelivered = 0;
     std::uint64_t recordsUndecoded = 0;  // found but of a type this reader does not decode, or empty
+    std::uint64_t schemasForConversion = 0;  // record 35 schemas the library read for a subtype it converts
     // Delta records behind damage in a stream whose records carry no check of their own,
     // before the next reference of their kind: they lean on what was lost, can't be
     // verified, and are left out.
