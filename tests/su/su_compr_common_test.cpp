@@ -1,5 +1,7 @@
 #include "external/su/su_compr_common.h"
 
+#include "support/wire.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +12,8 @@
 namespace nvb {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using nvbtest::Bytes;
+using nvbtest::exactCopy;
 
 Bytes bigEndian(std::uint64_t value, std::size_t width) {
     Bytes bytes;
@@ -18,13 +21,6 @@ Bytes bigEndian(std::uint64_t value, std::size_t width) {
     for (std::size_t i = 0; i < width; ++i, value >>= 8) bytes.push_back(static_cast<std::uint8_t>(value));
     std::reverse(bytes.begin(), bytes.end());
     return bytes;
-}
-
-// An exact-size heap copy, so that a read one byte too far is a sanitizer fault.
-std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes) {
-    auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    return copy;
 }
 
 // What a coder wrote. The round-trip helpers below expand it again from exactly those
