@@ -19,14 +19,18 @@ from pathlib import Path
 import nvbdll
 
 SUFFIXES = {"rinex": ".rnx", "crx": ".crx", "method": ".nvb", "netcdf": ".nc", "parquet": ".parquet"}
-# The modules that xarray and pandas write these tables with, any one of them.
+# The modules that xarray and pandas write these tables with, any one of them; they are
+# not among the package's own requirements.
 TABLE_WRITERS = {"netcdf": ("netCDF4", "scipy"), "parquet": ("pyarrow", "fastparquet")}
 
 
-def table_writer_missing(to: str) -> bool:
+def table_writer_missing(to: str) -> str:
+    """Why the tables of `to` can't be written here, or "" when they can."""
     import importlib.util
 
-    return to in TABLE_WRITERS and not any(importlib.util.find_spec(name) for name in TABLE_WRITERS[to])
+    if to not in TABLE_WRITERS or any(importlib.util.find_spec(name) for name in TABLE_WRITERS[to]):
+        return ""
+    return f"--to {to} needs the Python package {' or '.join(TABLE_WRITERS[to])}, and neither is installed"
 
 
 def convert(source: str, out_dir: str, to: str, method: int) -> dict:
@@ -78,8 +82,9 @@ def main(argv=None) -> int:
     parser.add_argument("--workers", type=int, default=2, help="workers of the local cluster")
     parser.add_argument("--sequential", action="store_true", help="no cluster: one log after another")
     options = parser.parse_args(argv)
-    if table_writer_missing(options.to):
-        parser.error(f"--to {options.to} needs one of {', '.join(TABLE_WRITERS[options.to])} installed")
+    missing = table_writer_missing(options.to)
+    if missing:
+        parser.error(missing)
     logs = sorted(options.logs.glob(options.pattern))
     results = run(logs, options.out, options.to, options.method, options.scheduler, options.workers,
                   options.sequential)

@@ -65,3 +65,4 @@ for options in "-m 0" "-m 1" "-m 2" "-m 3" "-m 4" "-m 5" "-m 6" "-m 7" \
   awk -v o="$options" -v b="$bytes" -v s="$signals" -v w="$write" -v r="$read" -v d="$dropped" -v c="$recompress" \
     'BEGIN { printf "%-26s %9d %7.2f %8d %8d %11d %7.2f %11d\n", o, b, b / s, w, r, d, d / s, c }'
 done
+if [ -d "$build/python/package" ]; then echo; PYTHONPATH="$build/python/package" /usr/bin/python3 "$(dirname "$0")/../python/bench/read_bench.py" "$NVB"; fi

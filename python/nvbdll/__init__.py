@@ -293,6 +293,9 @@ def to_rinex(source, target, version: str = "3.03", compact: bool = False, inter
     path = os.fspath(source)
     if not os.path.exists(path):
         raise FileNotFoundError(path)
+    if os.path.isdir(target):
+        # the tool would write into the folder from a process of its own
+        raise IsADirectoryError(os.fspath(target))
     args = ["rinex", path, "-o", os.fspath(target), "--version", version]
     if compact:
         args.append("--crx")

@@ -24,9 +24,14 @@ def scheduler_of_one_worker():
         yield ["--scheduler", cluster.scheduler_address]
 
 
-@pytest.mark.parametrize("to,cluster", [("rinex", contextlib.nullcontext([])), ("method", contextlib.nullcontext([])),
-                                        ("crx", scheduler_of_one_worker())],
-                         ids=["rinex on two local workers", "method on two local workers", "crx on a scheduler"])
+def on_two_local_workers(to):
+    missing = archive.table_writer_missing(to)
+    return pytest.param(to, contextlib.nullcontext([]), id=f"{to} on two local workers",
+                        marks=pytest.mark.skipif(bool(missing), reason=missing))
+
+
+@pytest.mark.parametrize("to,cluster", [*map(on_two_local_workers, ("rinex", "method", "netcdf", "parquet")),
+                                        pytest.param("crx", scheduler_of_one_worker(), id="crx on a scheduler")])
 def test_a_cluster_converts_as_one_process_does(tmp_path, to, cluster):
     logs = tmp_path / "logs"
     logs.mkdir()

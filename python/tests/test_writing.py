@@ -60,6 +60,8 @@ def test_bad_arguments_are_refused_before_anything_is_written(simulated, tmp_pat
             call()
     with pytest.raises(ValueError):
         nvbdll.to_rinex(source, tmp_path / "x.rnx", version="4.00")
+    with pytest.raises(IsADirectoryError):
+        nvbdll.to_rinex(source, tmp_path)
     assert not (tmp_path / "x.nvb").exists()
 
 

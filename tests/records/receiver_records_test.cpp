@@ -17,38 +17,6 @@ Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
-// Bodies of plain fields behind the subtype byte, as their tables list them; a record 5
-// of a subtype without a table is carried as its bytes.
-struct LayoutRow {
-    std::uint8_t type;
-    std::uint8_t subtype;
-    Runs runs;
-};
-
-const LayoutRow kLayouts[] = {
-    {5, 1, {{2, 1}, {1, 5}, {1, 1}, {2, 9}, {1, 10}, {1, 4}, {8, 1}, {4, 3}, {1, 1}}},
-    {5, 2, {{2, 6}, {1, 12}, {1, 12}, {1, 8}, {8, 1}, {4, 1}, {2, 1}, {1, 2}}},
-    {5, 3, {{2, 1}, {8, 12}, {4, 2}}},
-    {5, 4, {{2, 1}, {1, 4}, {4, 4}}},
-    {5, 5, {{2, 1}, {1, 2}, {4, 6}}},
-    {5, 6, {{2, 2}, {4, 4}}},
-    {5, 9, {{1, 5}}},
-    {30, 0, {{4, 1}, {2, 2}}},
-};
-
-TEST(ReceiverRecords, EveryTableFieldRoundTripsBetweenTheWireAndTheDatForm) {
-    Handle handle;
-    for (const LayoutRow& row : kLayouts) {
-        SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
-        const auto f = nvbtest::fields(row.runs, 3);
-        const Bytes wire = frame(row.type, concat({{row.subtype}, f.wire.bytes}));
-        const ReadEvent got = processFrame(handle.get(), wire);
-        ASSERT_EQ(got.datLength, 4 + f.native.size());
-        EXPECT_EQ(got.dat, structDat(row.type, row.subtype, f.native.data(), got.datLength));
-        EXPECT_EQ(writtenFrame(got.dat), wire);
-    }
-}
-
 TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) {
     // Seven pairs: the reader walks i = 0, 3, 6 and takes frame byte i into pair byte 2i
     // and byte i + 1 into pair byte 2i + 3, counted from the pairs' start.

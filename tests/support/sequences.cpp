@@ -423,20 +423,9 @@ struct LogSatellite {
 
 double wavelength(int band) { return kSpeedOfLight / (band == 0 ? 1575.42e6 : 1227.6e6); }
 
-Bytes datOf(Rec27& rec) {
+template <typename Record>
+Bytes datOf(Record& rec) {
     Bytes dat(1 << 16);
-    dat.resize(nvb::writeDatForm(rec, dat.data(), dat.size()));
-    return dat;
-}
-
-Bytes datOf(const Rec29& rec) {
-    Bytes dat(4096);
-    dat.resize(nvb::writeDatForm(rec, dat.data(), dat.size()));
-    return dat;
-}
-
-Bytes datOf(const Rec17& rec) {
-    Bytes dat(4096);
     dat.resize(nvb::writeDatForm(rec, dat.data(), dat.size()));
     return dat;
 }

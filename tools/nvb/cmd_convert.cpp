@@ -4,6 +4,7 @@
 #include "nvb/commands.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
+#include "nvb/several_inputs.h"
 
 #include <fmt/format.h>
 
@@ -134,35 +135,47 @@ int runRewrite(const RewriteOptions& options, const CommonOptions& common, Metho
     return code;
 }
 
+// A write option that can't be used is told once, not once per file.
+int rewriteEach(RewriteOptions& options, const CommonOptions& common, MethodDefault methodDefault, const char* label) {
+    if (!resolveWrite(options.choice, methodDefault)) return kExitUsage;
+    return convertEach(options.in, options.output, "", common,
+                       [&] { return runRewrite(options, common, methodDefault, label); });
+}
+
 }  // namespace
 
 CommandAction addToDatCommand(CLI::App& app, const CommonOptions& common) {
     auto options = std::make_shared<ToDatOptions>();
     CLI::App* command = app.add_subcommand("todat", "write the records of a log as DAT records, back to back");
     command->fallthrough();
-    addInputOptions(*command, options->in, "log to read");
     addOutputOption(*command, options->output, "DAT file to write");
-    return [options, &common] { return runToDat(*options, common); };
+    addInputsOptions(*command, options->in, "log to read");
+    return [options, &common] {
+        return convertEach(options->in, options->output, ".dat", common, [&] { return runToDat(*options, common); });
+    };
 }
 
 CommandAction addFromDatCommand(CLI::App& app, const CommonOptions& common) {
     auto options = std::make_shared<FromDatOptions>();
     CLI::App* command = app.add_subcommand("fromdat", "write a log from DAT records");
     command->fallthrough();
-    addInputOptions(*command, options->in, "DAT file to read");
     addOutputOption(*command, options->output, "log to write");
+    addInputsOptions(*command, options->in, "DAT file to read");
     addWriteOptions(*command, options->choice, MethodDefault::Zstd);
-    return [options, &common] { return runFromDat(*options, common); };
+    return [options, &common] {
+        if (!resolveWrite(options->choice, MethodDefault::Zstd)) return kExitUsage;
+        return convertEach(options->in, options->output, ".nvb", common, [&] { return runFromDat(*options, common); });
+    };
 }
 
 CommandAction addRecompressCommand(CLI::App& app, const CommonOptions& common) {
     auto options = std::make_shared<RewriteOptions>();
     CLI::App* command = app.add_subcommand("recompress", "write a log again in another compression method");
     command->fallthrough();
-    addInputOptions(*command, options->in, "log to read");
     addOutputOption(*command, options->output, "log to write");
+    addInputsOptions(*command, options->in, "log to read");
     addWriteOptions(*command, options->choice, MethodDefault::Required);
-    return [options, &common] { return runRewrite(*options, common, MethodDefault::Required, "recompress"); };
+    return [options, &common] { return rewriteEach(*options, common, MethodDefault::Required, "recompress"); };
 }
 
 CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
@@ -170,8 +183,8 @@ CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
     CLI::App* command = app.add_subcommand(
         "thin", "keep the epochs and positions at a longer interval; slips of dropped epochs go to the next kept one");
     command->fallthrough();
-    addInputOptions(*command, options->in, "log to read");
     addOutputOption(*command, options->output, "log to write");
+    addInputsOptions(*command, options->in, "log to read");
     command->add_option("-i,--interval", options->interval, "seconds between kept epochs (and positions)")
         ->required()
         ->check(CLI::Range(0.01, 604800.0));
@@ -180,7 +193,7 @@ CommandAction addThinCommand(CLI::App& app, const CommonOptions& common) {
                      "seconds between kept positions, when not the same")
         ->check(CLI::Range(0.01, 604800.0));
     addWriteOptions(*command, options->choice, MethodDefault::Input);
-    return [options, &common] { return runRewrite(*options, common, MethodDefault::Input, "thin"); };
+    return [options, &common] { return rewriteEach(*options, common, MethodDefault::Input, "thin"); };
 }
 
 }  // namespace nvbtool

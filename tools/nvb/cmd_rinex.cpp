@@ -5,6 +5,7 @@
 #include "nvb/commands.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
+#include "nvb/several_inputs.h"
 #include "nvb/sim_orbits.h"
 
 #include "external/su/epoch_image.h"
@@ -248,8 +249,8 @@ CommandAction addRinexCommand(CLI::App& app, const CommonOptions& common) {
     auto options = std::make_shared<ConvertOptions>();
     CLI::App* command = app.add_subcommand("rinex", "write the measurement epochs of a log as a RINEX observation file");
     command->fallthrough();
-    addInputOptions(*command, options->in, "log to read (a file: it is read twice)");
     addOutputOption(*command, options->output, "RINEX file to write");
+    addInputsOptions(*command, options->in, "log to read (a file: it is read twice)");
     command->add_option("--version", options->version, "RINEX version")
         ->check(CLI::IsMember({"2.11", "2.12", "3.02", "3.03"}))
         ->capture_default_str();
@@ -259,8 +260,11 @@ CommandAction addRinexCommand(CLI::App& app, const CommonOptions& common) {
         ->check(CLI::PositiveNumber);
     command->add_option("--marker", options->marker, "marker name for the header");
     return [options, &common] {
-        if (options->marker.empty()) options->marker = std::filesystem::path(options->in.path).stem().string();
-        return runConvert(*options, options->compact ? nvb::kOutputCompactRinex : nvb::kOutputRinex, common, "rinex");
+        return convertEach(options->in, options->output, options->compact ? ".crx" : ".rnx", common, [&] {
+            if (options->marker.empty()) options->marker = std::filesystem::path(options->in.path).stem().string();
+            return runConvert(*options, options->compact ? nvb::kOutputCompactRinex : nvb::kOutputRinex, common,
+                              "rinex");
+        });
     };
 }
 
@@ -268,11 +272,14 @@ CommandAction addBinexCommand(CLI::App& app, const CommonOptions& common) {
     auto options = std::make_shared<ConvertOptions>();
     CLI::App* command = app.add_subcommand("binex", "write the measurement epochs of a log as BINEX 0x7F-05 records");
     command->fallthrough();
-    addInputOptions(*command, options->in, "log to read (a file: it is read twice)");
     addOutputOption(*command, options->output, "BINEX file to write");
+    addInputsOptions(*command, options->in, "log to read (a file: it is read twice)");
     command->add_option("--interval", options->interval, "keep only epochs on this interval, s")
         ->check(CLI::PositiveNumber);
-    return [options, &common] { return runConvert(*options, nvb::kOutputBinex, common, "binex"); };
+    return [options, &common] {
+        return convertEach(options->in, options->output, ".bnx", common,
+                           [&] { return runConvert(*options, nvb::kOutputBinex, common, "binex"); });
+    };
 }
 
 }  // namespace nvbtool

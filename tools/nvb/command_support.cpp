@@ -9,10 +9,28 @@
 
 namespace nvbtool {
 
+namespace {
+
+void addReadOptions(CLI::App& command, ReadOptions& options) {
+    command.add_flag("--descramble", options.descramble,
+                     "undo the scrambling of bzip2 blocks (for logs written with scrambling)");
+}
+
+}  // namespace
+
 void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what) {
     command.add_option("FILE", options.path, what + ", - for standard input")->required();
-    command.add_flag("--descramble", options.read.descramble,
-                     "undo the scrambling of bzip2 blocks (for logs written with scrambling)");
+    addReadOptions(command, options.read);
+}
+
+void addInputsOptions(CLI::App& command, InputOptions& options, const std::string& what) {
+    command.add_option("FILE", options.paths, what + ", - for standard input; several are converted into a folder")
+        ->required();
+    CLI::Option* output = command.get_option("--output");
+    output->description(output->get_description() +
+                        "; with several files, or a folder named, the folder to write each file's result into, "
+                        "under the file's name");
+    addReadOptions(command, options.read);
 }
 
 void addOutputOption(CLI::App& command, std::string& path, const std::string& what) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace nvbtool {
 
@@ -15,8 +16,12 @@ namespace nvbtool {
 struct InputOptions {
     std::string path;
     ReadOptions read;
+    std::vector<std::string> paths;  // every file a converting command was given
 };
 void addInputOptions(CLI::App& command, InputOptions& options, const std::string& what);
+// A converting command's files, one or more, for convertEach() to set `path` from; the
+// help of its -o (added before) tells that it then names a folder.
+void addInputsOptions(CLI::App& command, InputOptions& options, const std::string& what);
 
 // Every writing command: where to.
 void addOutputOption(CLI::App& command, std::string& path, const std::string& what);

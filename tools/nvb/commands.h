@@ -15,6 +15,7 @@ inline constexpr int kExitUsage = 2;     // usage error, or input that can't be 
 // Options shared by every command.
 struct CommonOptions {
     bool quiet = false;
+    int jobs = 1;  // files that a converting command converts at once
 };
 
 // Each command registers its subcommand and stores the action that main() runs when it

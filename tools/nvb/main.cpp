@@ -12,6 +12,12 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     nvbtool::CommonOptions common;
     app.add_flag("-q,--quiet", common.quiet, "print nothing but results and errors");
+    app.add_option("-j,--jobs", common.jobs, "files converted at once, each by a process of its own")
+        ->check(CLI::Range(1, 1024))
+        ->capture_default_str();
+    app.footer("todat, fromdat, recompress, thin, rinex and binex take several files: -o then names a folder, "
+               "and each file's result is written there under the file's name (.dat, .nvb, the same name, "
+               ".rnx or .crx, .bnx). The exit code is the worst of the files'.");
 
     using Registration = nvbtool::CommandAction (*)(CLI::App&, const nvbtool::CommonOptions&);
     const Registration registrations[] = {

@@ -12,11 +12,12 @@ namespace {
 constexpr auto kQuietStart = std::chrono::milliseconds(800);
 constexpr auto kRedrawEvery = std::chrono::milliseconds(100);
 constexpr int kBarWidth = 30;
+bool silenced = false;
 
 }  // namespace
 
 Progress::Progress(bool quiet, std::string label, std::uint64_t total)
-    : enabled_(!quiet && total > 0 && isatty(STDERR_FILENO) == 1),
+    : enabled_(!quiet && !silenced && total > 0 && isatty(STDERR_FILENO) == 1),
       label_(std::move(label)),
       total_(total),
       start_(Clock::now()),
@@ -24,6 +25,10 @@ Progress::Progress(bool quiet, std::string label, std::uint64_t total)
 
 Progress::~Progress() {
     finish();
+}
+
+void Progress::silence() {
+    silenced = true;
 }
 
 void Progress::update(std::uint64_t done) {

@@ -17,6 +17,9 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    // No bar from here on in this process, for jobs that run side by side.
+    static void silence();
+
     void update(std::uint64_t done);
     // Removes the bar, if one was drawn.
     void finish();
