@@ -130,7 +130,7 @@ TEST(ExportedReaders, TakeAFrameBufferOfTheStatesLayout) {
     EXPECT_EQ(nvbdll_readRec30Buffer(load(plainFrame(30, {0})), handle.get()), 12);
     EXPECT_EQ(nvbdll_readRec16Buffer(load(plainFrame(16, {3, 9, 9, 9})), handle.get()), 7);
     EXPECT_EQ(handle->records.datHeader[2], 3) << "record 16 keeps its subtype in the DAT header";
-    EXPECT_EQ(nvbdll_readRec16Buffer(load({0x02, 0x03, 16}), handle.get()), 0) << "a body shorter than its trailer";
+    EXPECT_EQ(nvbdll_readRec16Buffer(load({0x02, 0x02}), handle.get()), 0) << "a frame shorter than its trailer";
 }
 
 }  // namespace
