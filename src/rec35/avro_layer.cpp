@@ -118,11 +118,20 @@ bool fillFromView(rec35_reader_cache_t& cache) {
     return avro_value_reset(cache.value.get()) == 0 && copyByName(*cache.value.get(), *cache.view_value.get());
 }
 
+// Avro C allocates a string or bytes value at the length the payload announces before it
+// reads it, and keeps that allocation when the payload ends first. A skip over the payload
+// allocates nothing, so it turns such a payload away before the read.
 bool readRecord(rec35_reader_cache_t& cache, std::span<const std::uint8_t> payload, const char* failureText,
                 std::uint8_t& status) {
-    avro_reader_memory_set_source(cache.reader.get(), reinterpret_cast<const char*>(payload.data()),
-                                  static_cast<std::int64_t>(payload.size()));
-    if (avro_value_read(cache.reader.get(), cache.target) != 0 || !fillFromView(cache)) {
+    const auto setSource = [&cache, payload] {
+        avro_reader_memory_set_source(cache.reader.get(), reinterpret_cast<const char*>(payload.data()),
+                                      static_cast<std::int64_t>(payload.size()));
+    };
+    const AvroSchema& wire = cache.writer_schema ? cache.writer_schema : cache.reader_schema;
+    setSource();
+    const bool fits = avro_skip_data(cache.reader.get(), wire.get()) == 0;
+    setSource();
+    if (!fits || avro_value_read(cache.reader.get(), cache.target) != 0 || !fillFromView(cache)) {
         logMessage(failureText, avro_strerror());
         return fail(status);
     }
@@ -232,6 +241,56 @@ void openMatchedReader(rec35_reader_cache_t& cache, std::span<const char> librar
     if (makeReaderValues(built, status)) finishOpening(cache, built, payload, false, status);
 }
 
+namespace {
+
+// Avro C's resolver crashes, instead of failing, where the items of an array or the values
+// of a map do not resolve. Every such pair it can meet is tried here from the innermost out,
+// so that it is only called where the containers' contents resolve.
+bool containersResolve(avro_schema_t writer, avro_schema_t reader) {
+    if (is_avro_union(writer)) {
+        for (std::size_t i = 0; i < avro_schema_union_size(writer); ++i) {
+            if (!containersResolve(avro_schema_union_branch(writer, static_cast<int>(i)), reader)) return false;
+        }
+        return true;
+    }
+    if (is_avro_union(reader)) {
+        for (std::size_t i = 0; i < avro_schema_union_size(reader); ++i) {
+            if (!containersResolve(writer, avro_schema_union_branch(reader, static_cast<int>(i)))) return false;
+        }
+        return true;
+    }
+    if (is_avro_record(writer) && is_avro_record(reader)) {
+        for (std::size_t i = 0; i < avro_schema_record_size(writer); ++i) {
+            const int index = static_cast<int>(i);
+            const avro_schema_t field = avro_schema_record_field_get(reader, avro_schema_record_field_name(writer, index));
+            if (field != nullptr && !containersResolve(avro_schema_record_field_get_by_index(writer, index), field)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    avro_schema_t writerInner = nullptr;
+    avro_schema_t readerInner = nullptr;
+    if (is_avro_array(writer) && is_avro_array(reader)) {
+        writerInner = avro_schema_array_items(writer);
+        readerInner = avro_schema_array_items(reader);
+    } else if (is_avro_map(writer) && is_avro_map(reader)) {
+        writerInner = avro_schema_map_values(writer);
+        readerInner = avro_schema_map_values(reader);
+    } else {
+        return true;
+    }
+    if (!containersResolve(writerInner, readerInner)) return false;
+    const AvroClass inner(avro_resolved_writer_new(writerInner, readerInner));
+    return static_cast<bool>(inner);
+}
+
+AvroClass resolverOf(avro_schema_t writer, avro_schema_t reader) {
+    return containersResolve(writer, reader) ? AvroClass(avro_resolved_writer_new(writer, reader)) : AvroClass();
+}
+
+}  // namespace
+
 void openResolvedReader(rec35_reader_cache_t& cache, std::span<const char> libraryText,
                         std::span<const char> streamText, std::span<const std::uint8_t> payload,
                         std::uint8_t& status) {
@@ -246,11 +305,11 @@ void openResolvedReader(rec35_reader_cache_t& cache, std::span<const char> libra
         failWith("Unable to parse writer schema\n", status);
         return;
     }
-    built.resolver = AvroClass(avro_resolved_writer_new(built.writer_schema.get(), built.reader_schema.get()));
+    built.resolver = resolverOf(built.writer_schema.get(), built.reader_schema.get());
     if (!built.resolver) {
         built.view_schema = viewOf(built.reader_schema.get(), built.writer_schema.get());
         if (built.view_schema) {
-            built.resolver = AvroClass(avro_resolved_writer_new(built.writer_schema.get(), built.view_schema.get()));
+            built.resolver = resolverOf(built.writer_schema.get(), built.view_schema.get());
         }
         if (!built.resolver) {
             failWith("Could not create resolver\n", status);

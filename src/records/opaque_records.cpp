@@ -31,7 +31,7 @@ void setDatHeader(std::uint8_t* header, std::uint8_t lengthLow, std::uint8_t byt
 std::uint16_t readGenericRecord(const nvb_frame_t& frame, nvb_expand_t& state) {
     if (state.records.generic == nullptr || state.records.datHeader == nullptr) return 0;
     copyBody(frame, 3, 3, state.records.generic->data, sizeof state.records.generic->data);
-    const auto datLength = static_cast<std::uint16_t>(frame.length >= 2 ? frame.length - 2 : 0);
+    const auto datLength = atLeastDatHeader(static_cast<std::uint16_t>(frame.length >= 2 ? frame.length - 2 : 0));
     setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(datLength), 0, frame.data[2]);
     return datLength;
 }
@@ -39,7 +39,7 @@ std::uint16_t readGenericRecord(const nvb_frame_t& frame, nvb_expand_t& state) {
 std::uint16_t readRec16(const nvb_frame_t& frame, nvb_expand_t& state) {
     if (state.records.rec16 == nullptr || state.records.datHeader == nullptr) return 0;
     copyBody(frame, 4, 3, state.records.rec16->data, sizeof state.records.rec16->data);
-    const auto datLength = static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0);
+    const auto datLength = atLeastDatHeader(static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0));
     setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(datLength), frame.data[3], 16);
     return datLength;
 }

@@ -354,8 +354,9 @@ std::uint16_t readRec33(const nvb_frame_t& frame, nvb_expand_t& state, bool mapS
     }
     walkBody(walk, rec);
     if (rec.subtype == kRec33MixedSystems) mapSystems(rec.sub3, mapSystem5To7, mapSystem7To10);
-    setDatHeader(header, l, 0, kType33);
-    return l;
+    const std::uint16_t datLength = atLeastDatHeader(l);
+    setDatHeader(header, static_cast<std::uint8_t>(datLength), 0, kType33);
+    return datLength;
 }
 
 void writeRec33Dat(const Rec33& rec, DatWriter& out) {
