@@ -16,7 +16,7 @@ PACKAGES := g++ cmake make pkg-config python3 binutils \
             googletest libgtest-dev libbenchmark-dev \
             zlib1g-dev libbz2-dev libbrotli-dev libzstd-dev libavro-dev libjansson-dev python3-avro \
             libcli11-dev nlohmann-json3-dev libfmt-dev \
-            bzip2 brotli zstd pigz \
+            bzip2 brotli zstd pigz time \
             python3-dev python3-pybind11 python3-numpy python3-xarray python3-pytest \
             python3-dask python3-distributed
 

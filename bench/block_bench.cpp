@@ -35,6 +35,7 @@ void BM_BlockWrite(benchmark::State& state) {
         benchmark::DoNotOptimize(written);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * corpusBytes()));
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * corpus().size()));
     state.counters["corpus_bytes"] = static_cast<double>(corpusBytes());
     state.counters["compressed_bytes"] = static_cast<double>(written);
     state.counters["ratio"] = static_cast<double>(written) / static_cast<double>(corpusBytes());
@@ -68,6 +69,7 @@ void BM_BlockRead(benchmark::State& state) {
     }
     if (records != corpus().size()) state.SkipWithError("the stream did not read back whole");
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * corpusBytes()));
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * corpus().size()));
     state.counters["compressed_bytes"] = static_cast<double>(stream.size());
 }
 

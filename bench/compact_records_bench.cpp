@@ -83,6 +83,7 @@ void setSizeCounters(benchmark::State& state, const std::vector<nvb_frame_t>& pl
     state.counters["compact_bytes_per_record"] = compactBytes / plains.size();
     state.counters["compact_share"] = compactBytes / plainBytes;
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * plains.size()));
+    state.SetBytesProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * plainBytes));
 }
 
 void compressRecords(benchmark::State& state, Family family) {

@@ -1,5 +1,5 @@
-// Writing whole logs: encode throughput per compression method (epochs and DAT megabytes
-// per second) and the bytes an epoch takes in the written log, on a sequence of
+// Writing whole logs: encode throughput per compression method (epochs and DAT bytes per
+// second) and the bytes an epoch takes in the written log, on a sequence of
 // 40-satellite, 3-signal epochs with a position behind each; and reading them back.
 #include "support/host.h"
 #include "support/sequences.h"
@@ -36,9 +36,8 @@ void BM_EncodeLog(benchmark::State& state) {
         benchmark::DoNotOptimize(written);
     }
     const double epochs = 600.0;
-    state.counters["epochs/s"] = benchmark::Counter(epochs, benchmark::Counter::kIsIterationInvariantRate);
-    state.counters["DAT_MB/s"] =
-        benchmark::Counter(static_cast<double>(datBytes()) / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 600));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * datBytes()));
     state.counters["bytes/epoch"] = static_cast<double>(written) / epochs;
 }
 
@@ -48,9 +47,8 @@ void BM_ReadLog(benchmark::State& state) {
         nvbtest::Handle handle;
         benchmark::DoNotOptimize(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile).size());
     }
-    state.counters["epochs/s"] = benchmark::Counter(600.0, benchmark::Counter::kIsIterationInvariantRate);
-    state.counters["log_MB/s"] =
-        benchmark::Counter(static_cast<double>(log.size()) / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 600));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * log.size()));
 }
 
 BENCHMARK(BM_EncodeLog)->DenseRange(0, 7)->Unit(benchmark::kMillisecond);

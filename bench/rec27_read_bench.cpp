@@ -68,9 +68,8 @@ void ReadPlainRec27Epoch(benchmark::State& state) {
         bytes += frames[next]->length;
         next ^= 1u;
     }
-    state.counters["epochs/s"] =
-        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-    state.counters["MB/s"] = benchmark::Counter(static_cast<double>(bytes) / 1e6, benchmark::Counter::kIsRate);
+    state.SetItemsProcessed(state.iterations());
+    state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
     state.counters["frame bytes"] = static_cast<double>(first.size());
     nvbdll_FreeNVBStateHandle(expand);
 }

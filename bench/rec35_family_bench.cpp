@@ -51,11 +51,13 @@ public:
     AllocationCount(const AllocationCount&) = delete;
     AllocationCount& operator=(const AllocationCount&) = delete;
 
-    static void report(benchmark::State& state) {
+    // `payloadBytes`: the encoded bytes of one pass over the records.
+    static void report(benchmark::State& state, double payloadBytes) {
         const auto records = static_cast<double>(state.iterations() * kRecords);
         state.counters["family_allocations_per_record"] = static_cast<double>(familyAllocations) / records;
         state.counters["avro_allocations_per_record"] = static_cast<double>(avroAllocations) / records;
         state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kRecords));
+        state.SetBytesProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * payloadBytes));
     }
 
 private:
@@ -125,7 +127,7 @@ void encodeRecords(benchmark::State& state, std::uint32_t subtype, std::int64_t 
         for (const auto& native : natives) benchmark::DoNotOptimize(encoder.encode(native->get(), status));
         if (status != 0) state.SkipWithError("encoding failed");
     }
-    AllocationCount::report(state);
+    AllocationCount::report(state, bytes);
     state.counters["bytes_per_record"] = bytes / kRecords;
 }
 
@@ -154,6 +156,8 @@ void decodeRecords(benchmark::State& state, std::uint32_t subtype, std::int64_t 
         nvb::decodeRec35Subtype(codec, payload, p.subsubtype, slot, native, schemaCopy, status);
     };
     for (const Payload& p : payloads) decode(p);
+    double bytes = 0;
+    for (const Payload& p : payloads) bytes += static_cast<double>(p.bytes.size());
     {
         AllocationCount count;
         for (auto _ : state) {
@@ -162,7 +166,7 @@ void decodeRecords(benchmark::State& state, std::uint32_t subtype, std::int64_t 
             for (const Payload& p : payloads) decode(p);
             if (status != 0) state.SkipWithError("decoding failed");
         }
-        AllocationCount::report(state);
+        AllocationCount::report(state, bytes);
     }
     codec.freeNative(native);
     nvb::freeRec35Slot(slot, codec);

@@ -18,6 +18,7 @@ enum nvb_status {
     NVB_STATUS_UNKNOWN_METHOD = 13,    /* compressionMethod not known to the encoder */
     NVB_STATUS_SCRAMBLED = 14,         /* scrambled block while descrambling is off */
     NVB_STATUS_NOT_WRITABLE = 15,      /* a record the writer can't take */
+    NVB_STATUS_NO_POSITION = 15,       /* record 35 position record without a usable position (the same value) */
     NVB_STATUS_NO_CALLBACK = 16,       /* encode state without a write callback */
     NVB_STATUS_REC35_CONTENT = 17,     /* record 35: no content object, or allocation failed */
     NVB_STATUS_RESYNCHRONISED = 18,    /* reading found its footing again; a good record comes with it */

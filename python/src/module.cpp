@@ -410,7 +410,10 @@ py::tuple rewriteLog(const std::string& source, const std::string& target, std::
         py::gil_scoped_release released;
         const auto input = openInput(source);
         const auto output = openOutput(target, source);
-        LogReader reader(*input, ReadOptions{});
+        // Records 35 are written again as they came.
+        ReadOptions read;
+        read.nativeRec35 = true;
+        LogReader reader(*input, read);
         WriteOptions options;
         options.method = method.value_or(0);
         options.level = level;

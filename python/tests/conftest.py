@@ -27,11 +27,12 @@ def simulated(tmp_path_factory):
     folder = tmp_path_factory.mktemp("logs")
     made = {}
 
-    def make(method=7, duration=600, interval=1, systems="GREC", seed=1):
-        key = (method, duration, interval, systems, seed)
+    def make(method=7, duration=600, interval=1, systems="GREC", seed=1, receiver="plain"):
+        key = (method, duration, interval, systems, seed, receiver)
         if key not in made:
-            path = folder / f"sim_m{method}_d{duration}_i{interval}_{systems}_{seed}.nvb"
-            nvb("simulate", "-o", path, "-m", method, "-d", duration, "-i", interval, "-s", systems, "--seed", seed)
+            path = folder / f"sim_m{method}_d{duration}_i{interval}_{systems}_{seed}_{receiver}.nvb"
+            nvb("simulate", "-o", path, "-m", method, "-d", duration, "-i", interval, "-s", systems, "--seed", seed,
+                "--receiver", receiver)
             made[key] = path
         return made[key]
 

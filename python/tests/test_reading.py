@@ -84,6 +84,17 @@ def test_positions_equal_the_tool(simulated):
     assert ds.time.values[0] == nvbdll.gps_time(positions[0]["week"], positions[0]["time"])
 
 
+def test_a_newer_receivers_epochs_and_positions_read_as_the_plain_ones(simulated):
+    plain, newer = (simulated(duration=120, receiver=receiver) for receiver in ("plain", "new"))
+    ds, converted = nvbdll.read_observations(plain), nvbdll.read_observations(newer)
+    assert list(converted.data_vars) == list(ds.data_vars)
+    for name in ds.data_vars:
+        # range folded with the carrier phase onto a 2^-7 grid; quarter degrees rounded to whole ones
+        tolerance = 2 ** -8 + 1e-7 if name.startswith("C") else 1 if name in ("azimuth", "elevation") else 0
+        np.testing.assert_allclose(converted[name], ds[name], rtol=0, atol=tolerance, err_msg=name)
+    assert nvbdll.read_positions(newer).equals(nvbdll.read_positions(plain))
+
+
 def test_a_file_object_reads_as_its_path(simulated):
     log = simulated(duration=30)
     with open(log, "rb") as file:

@@ -9,7 +9,9 @@
 #include "external/su/predicted_epoch.h"
 #include "external/su/reference_epoch.h"
 #include "pipeline/record_routes.h"
+#include "rec35/rec35_convert.h"
 #include "rec35/rec35_reader.h"
+#include "rec35/rec35_thinning.h"
 #include "stream/block_codecs.h"
 #include "stream/framing.h"
 
@@ -170,7 +172,17 @@ std::uint32_t processRecord(nvb_expand_t& state, std::uint16_t& recordType, std:
         return 0;
     }
     // Record 35 tells its own type: 0 for a swallowed schema record, 65535 on a failure.
-    if (type == 35) return readRec35Buffer(state.rec35Assembly, state, recordType, status);
+    if (type == 35) {
+        std::uint32_t length = readRec35Buffer(state.rec35Assembly, state, recordType, status);
+        const rec35_content_t* content = state.records.rec35;
+        if (length != 0 && content != nullptr && content->subsubtype != 0 &&
+            !keepRec35(state.rclean, content->subtype, rec35NativeOf(*content, content->subtype),
+                       state.measurementInterval > 0 ? roundedMs(state.measurementInterval) : 0,
+                       state.positionInterval > 0 ? roundedMs(state.positionInterval) : 0)) {
+            length = 0;
+        }
+        return convertRec35Result(state, recordType, length, status);
+    }
     recordType = route.reportedType;
     if (route.read == nullptr) return 0;
     return thin(state, route.thinning, route.read(state));

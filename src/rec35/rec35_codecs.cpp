@@ -1,5 +1,6 @@
 #include "rec35/rec35_codecs.h"
 
+#include "rec35/rec35_measurement.h"
 #include "rec35_generated_codecs.h"
 
 #include <algorithm>
@@ -13,9 +14,17 @@ constexpr std::size_t slotIndexOf(std::uint32_t subtype) {
                                     kRec35AvroSubtypes.begin());
 }
 
-// The generated members by slot. A subtype whose native record differs from its wire
-// record takes a hand-written row here, built on its generated one.
-constexpr std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> kCodecs = kGeneratedRec35Codecs;
+// The generated members by slot; a subtype with work beyond its fields takes a
+// hand-written row built on its generated one.
+const std::array<const Rec35Codec*, NVB_REC35_SUBTYPES>& codecs() {
+    static const std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> table = [] {
+        std::array<const Rec35Codec*, NVB_REC35_SUBTYPES> rows = kGeneratedRec35Codecs;
+        rows[slotIndexOf(19)] = &rec35Sub19Codec();
+        rows[slotIndexOf(260)] = &rec35Sub260Codec();
+        return rows;
+    }();
+    return table;
+}
 
 }  // namespace
 
@@ -26,6 +35,6 @@ std::optional<std::size_t> rec35SlotOf(std::uint64_t subtype) {
     return slot;
 }
 
-const Rec35Codec* rec35CodecAt(std::size_t slot) { return slot < kCodecs.size() ? kCodecs[slot] : nullptr; }
+const Rec35Codec* rec35CodecAt(std::size_t slot) { return slot < codecs().size() ? codecs()[slot] : nullptr; }
 
 }  // namespace nvb

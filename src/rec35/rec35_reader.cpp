@@ -5,6 +5,7 @@
 #include "common/diagnostics.h"
 #include "external/io/io_buffer.h"
 #include "rec35/rec35_codecs.h"
+#include "rec35/rec35_convert.h"
 
 #include <algorithm>
 #include <cstring>
@@ -84,6 +85,7 @@ std::uint32_t readRec35Buffer(rec35_assembly_t& assembly, nvb_expand_t& state, s
     std::uint32_t length = 0;
     readRec35BufferContent(assembly, *content, recordType, length, status);
     if (recordType != 35) return 0;
+    if (state.mapSystem7To10 != 0 && content->subsubtype != 0) normalizeRec35(*content);
     const std::uint64_t datLength = rec35DatLength(length);
     // Two bytes can't tell a longer record; the length field behind the subtypes does.
     const std::uint64_t told = std::min<std::uint64_t>(datLength, 0xFFFF);

@@ -6,8 +6,10 @@
 #include "rec35/rec35_assembly.h"
 #include "rec35/rec35_codecs.h"
 #include "rec35/rec35_envelope.h"
+#include "rec35/rec35_thinning.h"
 #include "stream/block_writer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <span>
 
@@ -121,6 +123,19 @@ bool avroPayload(nvb_encode_t& state, const Rec35Codec& codec, Rec35Dat& record,
     return status == 0;
 }
 
+// The thinning of a record the library encodes from the host's native record; the
+// interval in whole milliseconds, as for every type on this path.
+bool keptByThinning(nvb_encode_t& state, const Rec35Dat& record) {
+    const rec35_content_t* content = state.records.rec35;
+    const auto slot = rec35SlotOf(record.subtype);
+    if (content == nullptr || !slot || !record.payload.empty() || record.subsubtype == 0) return true;
+    const auto ms = [](float seconds) {
+        return seconds > 0 ? static_cast<std::int32_t>(std::min(seconds * 1000.0, 2147483647.0)) : 0;
+    };
+    return keepRec35(state.rclean, record.subtype, content->records[*slot], ms(state.measurementInterval),
+                     ms(state.positionInterval));
+}
+
 }  // namespace
 
 std::uint32_t writeRec35Record(nvb_encode_t& state, const std::uint8_t* dat, std::uint8_t& status) {
@@ -153,6 +168,7 @@ std::uint32_t writeRec35Record(nvb_encode_t& state, const std::uint8_t* dat, std
             }
             break;
         case Route::Avro:
+            if (!keptByThinning(state, record)) return 0;
             if (!avroPayload(state, *codec, record, passthrough, copy, payload, written, status)) {
                 if (status != 0) return 0;
                 ++state.recordCount;

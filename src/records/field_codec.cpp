@@ -17,6 +17,12 @@ std::uint8_t hostSwapDAT = 0;
 namespace {
 
 void putBigEndian(WriteBuffer& out, std::uint64_t value, unsigned width) {
+    if (out.frame.length + std::size_t{width} <= sizeof out.frame.data) {
+        std::uint8_t* at = out.frame.data + out.frame.length;
+        for (unsigned i = width; i > 0; --i) *at++ = static_cast<std::uint8_t>(value >> (8 * (i - 1)));
+        out.frame.length = static_cast<std::uint16_t>(out.frame.length + width);
+        return;
+    }
     for (unsigned i = width; i > 0; --i) putByte(out, static_cast<std::uint8_t>(value >> (8 * (i - 1))));
 }
 
@@ -44,16 +50,12 @@ void getBytes(std::uint8_t* destination, ByteView bytes, std::size_t offset, std
     for (std::size_t i = 0; i < count; ++i) destination[i] = getByte(bytes, offset + i);
 }
 
-void putByte(WriteBuffer& out, std::uint8_t value) {
-    if (out.frame.length >= sizeof out.frame.data) {
-        out.overflow = true;
-        return;
-    }
-    out.frame.data[out.frame.length++] = value;
-}
-
 void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) putByte(out, bytes[i]);
+    const std::size_t room = sizeof out.frame.data - std::min<std::size_t>(out.frame.length, sizeof out.frame.data);
+    const std::size_t fits = std::min(count, room);
+    if (fits > 0) std::memcpy(out.frame.data + out.frame.length, bytes, fits);
+    out.frame.length = static_cast<std::uint16_t>(out.frame.length + fits);
+    if (fits < count) out.overflow = true;
 }
 
 void putU16(WriteBuffer& out, std::uint16_t value) {
@@ -169,20 +171,13 @@ std::uint16_t closeFrame(WriteBuffer& out, bool highLengthByte) {
 void datCopy(DatReader& in, void* destination, std::size_t count, std::size_t size) {
     auto* bytes = static_cast<std::uint8_t*>(destination);
     const std::size_t total = count * size;
-    for (std::size_t i = 0; i < total; ++i) {
-        const std::size_t at = in.position + i;
-        bytes[i] = at < in.length ? in.data[at] : std::uint8_t{0};
-    }
+    // Bytes past the record's end read as zero.
+    const std::size_t present = in.position < in.length ? std::min(total, in.length - in.position) : 0;
+    if (present > 0) std::memcpy(bytes, in.data + in.position, present);
+    if (present < total) std::memset(bytes + present, 0, total - present);
     in.position += total;
     if (hostSwapDAT != 0 && size % 2 == 0) {
         for (std::size_t item = 0; item < count; ++item) std::reverse(bytes + item * size, bytes + (item + 1) * size);
-    }
-}
-
-void datPut(DatWriter& out, const void* source, std::size_t size) {
-    const auto* bytes = static_cast<const std::uint8_t*>(source);
-    for (std::size_t i = 0; i < size; ++i, ++out.position) {
-        if (out.position < out.capacity) out.data[out.position] = bytes[i];
     }
 }
 

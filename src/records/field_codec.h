@@ -100,7 +100,13 @@ struct WriteBuffer {
     bool overflow = false;
 };
 
-void putByte(WriteBuffer& out, std::uint8_t value);
+inline void putByte(WriteBuffer& out, std::uint8_t value) {
+    if (out.frame.length >= sizeof out.frame.data) {
+        out.overflow = true;
+        return;
+    }
+    out.frame.data[out.frame.length++] = value;
+}
 void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count);
 void putU16(WriteBuffer& out, std::uint16_t value);
 void putU32(WriteBuffer& out, std::uint32_t value);
@@ -148,6 +154,12 @@ void datCopy(DatReader& in, void* destination, std::size_t count, std::size_t si
 template <class T>
 [[nodiscard]] T datRead(DatReader& in) {
     T value{};
+    // A field that lies whole in the record and needs no swap is a plain copy.
+    if (hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= sizeof value) {
+        std::memcpy(&value, in.data + in.position, sizeof value);
+        in.position += sizeof value;
+        return value;
+    }
     datCopy(in, &value, 1, sizeof value);
     return value;
 }
@@ -160,7 +172,17 @@ struct DatWriter {
     std::size_t position = 0;
 };
 
-void datPut(DatWriter& out, const void* source, std::size_t size);
+inline void datPut(DatWriter& out, const void* source, std::size_t size) {
+    if (size == 0) return;
+    // A field that fits whole is copied at its own fixed size; only the one that crosses
+    // the end is cut.
+    if (out.position <= out.capacity && size <= out.capacity - out.position) {
+        std::memcpy(out.data + out.position, source, size);
+    } else if (out.position < out.capacity) {
+        std::memcpy(out.data + out.position, source, out.capacity - out.position);
+    }
+    out.position += size;
+}
 
 // Takes the value by copy: fields of the packed structures can't be bound by reference.
 template <class T>

@@ -63,6 +63,10 @@ struct ZstdContextRelease {
     void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
 };
 using ZstdContext = std::unique_ptr<ZSTD_CCtx, ZstdContextRelease>;
+struct ZstdDecoderRelease {
+    void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
+};
+using ZstdDecoder = std::unique_ptr<ZSTD_DCtx, ZstdDecoderRelease>;
 
 }  // namespace
 
@@ -159,7 +163,10 @@ bool brotliCompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> ou
 
 bool zstdDecompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> out, std::uint32_t& produced) {
     produced = 0;
-    const std::size_t result = ZSTD_decompress(out.data(), out.size(), in.data(), in.size());
+    // One context a thread, made at its first block: a block then costs no allocation.
+    thread_local const ZstdDecoder decoder(ZSTD_createDCtx());
+    if (!decoder) return false;
+    const std::size_t result = ZSTD_decompressDCtx(decoder.get(), out.data(), out.size(), in.data(), in.size());
     if (ZSTD_isError(result)) return false;
     produced = static_cast<std::uint32_t>(result);
     return true;
@@ -167,8 +174,8 @@ bool zstdDecompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> ou
 
 bool zstdCompress(std::span<const std::uint8_t> in, std::span<std::uint8_t> out, int level, std::uint32_t& produced) {
     produced = 0;
-    ZstdContext context(ZSTD_createCCtx());
-    if (!context) return false;
+    thread_local const ZstdContext context(ZSTD_createCCtx());
+    if (!context || ZSTD_isError(ZSTD_CCtx_reset(context.get(), ZSTD_reset_session_and_parameters))) return false;
     // The frame carries its content checksum, which every zstd reader verifies: a damaged
     // block fails whole instead of yielding wrong records.
     if (ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel, level)) ||

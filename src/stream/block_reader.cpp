@@ -268,6 +268,29 @@ int feedBlockByte(nvb_expand_t& state, bool haveByte, std::uint8_t byte, std::ui
     return 0;
 }
 
+std::size_t takeQuietBlockBytes(nvb_expand_t& state, const std::uint8_t* bytes, std::size_t count) {
+    if (state.detectPending != 0 || state.byteMode != 0 || state.searching != 0 || state.blockBytes != 0) return 0;
+    std::size_t taken = 0;
+    while (taken < count) {
+        // Up to the block header nothing is looked at; behind it, everything short of
+        // the block's last byte.
+        std::size_t quiet = 0;
+        if (state.inputFill < kBlockHeaderLength) {
+            quiet = kBlockHeaderLength - state.inputFill;
+        } else {
+            const std::size_t whole = std::size_t{blockLengthAt(state.blockInput)} + kBlockHeaderLength;
+            if (whole > kBlockCapacity || state.inputFill + 1 >= whole) break;
+            quiet = whole - 1 - state.inputFill;
+        }
+        const std::size_t step = std::min(quiet, count - taken);
+        std::memcpy(state.blockInput + state.inputFill, bytes + taken, step);
+        state.inputFill += static_cast<std::uint32_t>(step);
+        taken += step;
+    }
+    if (taken > 0) state.currentType = 0;
+    return taken;
+}
+
 int nextBlockRecord(nvb_expand_t& state, std::uint8_t& more, std::uint8_t& status) {
     if (state.blockBytes == 0) return 0;
     const std::uint32_t blockBytes = state.blockBytes;

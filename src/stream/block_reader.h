@@ -3,6 +3,7 @@
 
 #include <nvbdll/state.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace nvb {
@@ -15,6 +16,13 @@ namespace nvb {
 // moment its last byte arrives, and hands out the next record of the decoded block.
 // Returns the record type, 0 for none yet, -1 on a failure that `status` tells.
 int feedBlockByte(nvb_expand_t& state, bool haveByte, std::uint8_t byte, std::uint8_t& more, std::uint8_t& status);
+
+// Takes in, at once, the leading bytes of `bytes` that feeding one by one would only
+// append to the block being gathered: none completes a block, none meets a block too long
+// or a buffer with records still to hand out, and detection and search are over. Returns
+// how many it took; the byte after them is for feedBlockByte, and the state is as those
+// calls would have left it.
+std::size_t takeQuietBlockBytes(nvb_expand_t& state, const std::uint8_t* bytes, std::size_t count);
 
 // Takes the next record out of the block output buffer into the frame buffer, rebuilding
 // a frame from a bare record. Returns its type; 0 when the buffer is empty; 255 with

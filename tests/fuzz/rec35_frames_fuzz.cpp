@@ -3,10 +3,11 @@
 // the getter announces processed and retrieved, never reads or writes outside a buffer,
 // never leaks and never hangs.
 //
-// Input: a byte choosing the getter and whether schema records are delivered, a byte
-// choosing the bare method, then frames: two bytes (length of the body, its top four
-// bits the fragment code; bit 15 makes a short foreign record instead) and the body, the
-// bytes behind the fragment code: subtype and subsubtype varints, then the piece.
+// Input: a byte choosing the getter, whether schema records are delivered and whether all
+// conversions into plain records run, a byte choosing the bare method, then frames: two
+// bytes (length of the body, its top four bits the fragment code; bit 15 makes a short
+// foreign record instead) and the body, the bytes behind the fragment code: subtype and
+// subsubtype varints, then the piece.
 #include <nvbdll/nvbdll.h>
 
 #include "common/byte_sum.h"
@@ -87,6 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint8_t getter = data[0] % 4;
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
     state->rec35Assembly.schema_swallow = (data[0] & 0x80) != 0 ? 1 : 0;
+    // Every conversion into plain records, all signals included.
+    if ((data[0] & 0x40) != 0) state->convertRec35Sub16 = state->convertAllObservables = 1;
     std::vector<std::uint8_t> dat;
     if (getter <= 1) {
         std::FILE* file = fmemopen(const_cast<std::uint8_t*>(stream.data()), stream.size(), "rb");

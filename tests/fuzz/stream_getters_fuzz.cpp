@@ -1,16 +1,20 @@
 // Property: feeding any bytes to any getter, and processing and retrieving whatever it
 // announces, never reads or writes outside a buffer and never hangs; after every call the
 // buffers are within their bounds, a failure is told by a status of the interface, and
-// retrieval writes no further than the length the dispatch reported.
+// retrieval writes no further than the length the dispatch reported; a block's quiet bytes
+// taken in one piece read as when fed one by one.
 #include <nvbdll/nvbdll.h>
 
 #include "stream/block_codecs.h"
+#include "stream/block_reader.h"
 #include "stream/framing.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -47,6 +51,35 @@ void handle(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.get());
 }
 
+using Event = std::pair<std::int32_t, std::uint8_t>;
+
+// The results and statuses of the by-byte getters that tell anything.
+std::vector<Event> feedBytes(nvb_expand_t* state, const std::uint8_t* data, std::size_t size, std::uint8_t getter,
+                             bool takeQuiet) {
+    std::vector<Event> events;
+    const auto note = [&](std::int32_t result, std::uint8_t status) {
+        handle(state, result, status);
+        if (result != 0 || status != 0) events.emplace_back(result, status);
+    };
+    for (std::size_t i = 0; i < size; ++i) {
+        if (takeQuiet) {
+            i += nvb::takeQuietBlockBytes(*state, data + i, size - i);
+            if (i == size) break;
+        }
+        std::uint8_t status = 0;
+        std::uint8_t more = 0;
+        std::int32_t result = getter == 1 ? nvbdll_getNVBRecordByByte(state, data[i], &status, 1, &more)
+                                          : nvbdll_getNVARecordByByte(state, data[i], &status);
+        note(result, status);
+        for (int follow = 0; more == 1; ++follow) {
+            check(follow <= 5120, "more does not run out");
+            result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
+            note(result, status);
+        }
+    }
+    return events;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -70,17 +103,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::fclose(file);
         }
     } else {
-        for (std::size_t i = 1; i < size; ++i) {
-            std::uint8_t status = 0;
-            std::uint8_t more = 0;
-            std::int32_t result = getter == 1 ? nvbdll_getNVBRecordByByte(state, data[i], &status, 1, &more)
-                                              : nvbdll_getNVARecordByByte(state, data[i], &status);
-            handle(state, result, status);
-            for (int follow = 0; more == 1; ++follow) {
-                check(follow <= 5120, "more does not run out");
-                result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
-                handle(state, result, status);
-            }
+        const std::vector<Event> events = feedBytes(state, data + 1, size - 1, getter, false);
+        // A host that hands over a block's quiet bytes in one piece meets the same results
+        // and statuses as one that feeds every byte.
+        if (getter == 1) {
+            nvb_expand_t* quiet = nvbdll_GetNVBStateHandle();
+            check(feedBytes(quiet, data + 1, size - 1, getter, true) == events && quiet->inputFill == state->inputFill,
+                  "quiet bytes taken in one piece read otherwise");
+            nvbdll_FreeNVBStateHandle(quiet);
         }
     }
     nvbdll_FreeNVBStateHandle(state);

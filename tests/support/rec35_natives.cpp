@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace nvbtest {
 
@@ -259,6 +260,27 @@ void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std:
                std::uint32_t step) {
     Filler filler{how, random, step};
     for (const Rec35Field& field : codec.fields) filler.fill(field, native);
+    if (codec.subtype != 19 && codec.subtype != 260) return;
+    // The parallel arrays: each group as long as its first array, all signals on the first satellite.
+    const bool sub19 = codec.subtype == 19;
+    rec35_array_t& perSatellite = rec35Column(codec, native, sub19 ? "_Nb_Na" : "_Na_Na");
+    const std::int64_t svs = sub19 ? rec35Column(codec, native, "sv__svId").count : perSatellite.count;
+    const std::int64_t clocks = sub19 ? rec35Column(codec, native, "clock__system__rt_clktype").count : 0;
+    const std::int64_t signals = svs == 0 ? 0 : rec35Column(codec, native, sub19 ? "sv__meas__range" : "sv__meas__flags").count;
+    for (const Rec35Field& field : codec.fields) {
+        const std::string_view name = field.name;
+        if (field.kind != Kind::Array) continue;
+        at<rec35_array_t>(native, field.offset).count =
+            name.starts_with("sv__meas__") ? signals : name.starts_with("clock__") ? clocks : svs;
+    }
+    for (std::int64_t i = 0; i < svs; ++i) static_cast<std::uint32_t*>(perSatellite.elements)[i] = i == 0 ? signals : 0;
+}
+
+rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name) {
+    for (const Rec35Field& field : codec.fields) {
+        if (name == field.name) return at<rec35_array_t>(native, field.offset);
+    }
+    std::abort();
 }
 
 std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {

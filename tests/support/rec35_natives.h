@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace nvbtest {
@@ -34,6 +35,9 @@ private:
 enum class Rec35Values { Random, Smooth };
 void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std::mt19937_64& random,
                std::uint32_t step = 0);
+
+// An array field of a native record by its name.
+rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name);
 
 // Spoils a filled record so that the encoder must refuse it: an outer count above its
 // capacity (status 20), else a scaled value beyond 2^60 on the wire (status 19). Returns

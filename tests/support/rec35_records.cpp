@@ -190,6 +190,8 @@ void processRead(nvb_expand_t* state, Rec35Read& read) {
     if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
+    // Retrieval packs the system numbers of a record 27 in place.
+    if (read.type == 27) read.epoch = std::make_shared<Rec27>(*state->records.rec27);
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
     const rec35_content_t* content = state->records.rec35;
@@ -211,6 +213,10 @@ std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count
 std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
     nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
     nvb_expand_t* reader = state != nullptr ? state : own;
+    if (own != nullptr) {
+        // The records as written: nothing becomes a plain record or is renumbered.
+        own->convertRec35Sub2 = own->convertRec35Sub9 = own->convertRec35Sub19 = own->mapSystem7To10 = 0;
+    }
     reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
     std::vector<Rec35Read> reads;
     for (const std::uint8_t byte : log) {

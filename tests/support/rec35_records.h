@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -92,6 +93,7 @@ struct Rec35Read {
     Bytes dat;               // DAT form when delivered
     std::optional<Fft> fft;  // the native record of a delivered subtype 24 data record
     std::vector<std::string> values;  // that of any delivered Avro data record, by rec35Values
+    std::shared_ptr<Rec27> epoch;     // a delivered record 27 as it stood before its DAT form was retrieved
     bool delivered() const { return !dat.empty(); }
 };
 

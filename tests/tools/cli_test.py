@@ -1394,6 +1394,91 @@ CASES += [
 ]
 
 
+# The simulated receiver logging as a newer one does: records 35 that read as 27 and 29
+def NEWER(w):
+    return simulated(600, "--seed", 3, "--receiver", "new")
+
+
+def lines_of(log, *options):
+    lines = succeed("dump", "--json", *options, log).stdout.splitlines()
+    return [{k: v for k, v in json.loads(line).items() if "ffset" not in k and k != "length"} for line in lines]
+
+
+def reads_as_plain(w, result):
+    for plain, newer in zip(lines_of(simulated(600, "--seed", 3), "-t", "27,29"), lines_of(NEWER(w), "-t", "27,29"),
+                            strict=True):
+        if plain["type"] == 29:
+            # the conversion always writes a clock block and marks it
+            w.assertEqual((newer.pop("posFlags"), newer.pop("clock")), (0x14, {"referenceSystem": 0, "terms": []}))
+            plain.pop("posFlags")
+            w.assertEqual(newer, plain)
+            continue
+        # a RAIM byte and an empty clock block, and no clock drift
+        w.assertEqual((plain.pop("epochFlags"), newer.pop("epochFlags"), newer.pop("raimFault")), (0, 0x30, 0))
+        w.assertEqual(newer.pop("clock"), {"referenceSystem": 0, "terms": []})
+        for sat, other in zip(plain.pop("satellites"), newer.pop("satellites"), strict=True):
+            # the newer receiver's quarter degrees rounded to whole ones (a record 27 holds two of azimuth)
+            for field in ("azimuth", "elevation"):
+                w.assertLessEqual(abs(sat.pop(field) - other.pop(field)), 1)
+            for signal_, converted in zip(sat.pop("signals"), other.pop("signals"), strict=True):
+                # range folded with the carrier phase onto a 2^-7 grid
+                w.assertAlmostEqual(signal_.pop("range"), converted.pop("range"), delta=2 ** -8 + 1e-7)
+                w.assertEqual(converted, signal_)
+            w.assertEqual(other, sat)
+        w.assertEqual(newer, plain)
+
+
+def slip_marks(epoch):
+    return {(s["sv"], g["band"]): g["measFlags1"] & 0x08 for s in epoch["satellites"] for g in s["signals"]}
+
+
+def newer_slips_carried(w, result):
+    thinned = w.path("thin.nvb")
+    w.assertEqual(set(w.info(thinned)["carriedAs"]), {"35"})
+    epochs, kept = lines_of(NEWER(w), "-t", 27), {e["time"]: e for e in lines_of(thinned, "-t", 27)}
+    w.assertEqual(list(kept), [e["time"] for e in epochs if e["time"] % 30000 == 0])
+    w.assertEqual([p["time"] for p in lines_of(thinned, "-t", 29)], list(kept))
+    pending, carried = {}, 0
+    for epoch in epochs:
+        own = slip_marks(epoch)
+        for key, slip in own.items():
+            pending[key] = pending.get(key, 0) | slip
+        for key, slip in slip_marks(kept.get(epoch["time"], {"satellites": []})).items():
+            w.assertEqual(slip, pending.pop(key), (epoch["time"], key))
+            carried += slip and not own[key]
+    w.assertGreater(carried, 0)
+
+
+def records35_as_they_came(w, result):
+    native = read(shared(("native", NEWER(w)), lambda path: succeed("-q", "todat", "--native-rec35", NEWER(w),
+                                                                     "-o", path)))
+    w.nvb("-q", "todat", "--native-rec35", w.path("m5.nvb"), "-o", w.path("m5.dat"))
+    w.assertEqual(read(w.path("m5.dat")), native)
+    w.assertEqual({r[3] for r in dat_records(native)}, {35})
+
+
+def epoch_lines(path):
+    return [line for line in read(path).decode().splitlines() if line.startswith(">")]
+
+
+def rinex_as_plain(w, result):
+    w.nvb("-q", "rinex", simulated(600, "--seed", 3), "-o", w.path("plain.obs"))
+    w.assertEqual(len(epoch_lines(w.path("new.obs"))), 600)
+    w.assertEqual(epoch_lines(w.path("new.obs")), epoch_lines(w.path("plain.obs")))
+
+
+CASES += [
+    Case("Record35", "a newer receiver's log reads as the plain one within each field's resolution",
+         ("info", NEWER), prints="1200: 600 x 27, 600 x 29", check=reads_as_plain),
+    Case("Record35", "thinning a newer receiver's log carries the slips of dropped epochs to the next kept one",
+         ("-q", "thin", NEWER, "-o", "@thin.nvb", "--interval", 30), check=newer_slips_carried),
+    Case("Record35", "recompress keeps a newer receiver's records 35 byte for byte",
+         ("-q", "recompress", NEWER, "-o", "@m5.nvb", "-m", 5), check=records35_as_they_came),
+    Case("Record35", "rinex gives a newer receiver's epochs as the plain ones",
+         ("-q", "rinex", NEWER, "-o", "@new.obs"), check=rinex_as_plain),
+]
+
+
 # Wrong usage: exit code 2 and a reason
 def wrong(name, *args, check=None):
     return Case("Usage", name, args, code=2, check=check)
@@ -1407,6 +1492,8 @@ CASES += [
     wrong("simulate without an output is wrong usage", "simulate"),
     wrong("an interval below a tenth of a second is wrong usage", "simulate", "-o", "@x.nvb", "--interval", 0.01),
     wrong("an unknown system letter is wrong usage", "simulate", "-o", "@x.nvb", "--systems", "GX"),
+    wrong("a newer receiver in a method without records 35 is wrong usage", "simulate", "-o", "@x.nvb",
+          "--receiver", "new", "--method", 4),
     wrong("recompress without a method is wrong usage", "recompress", LOG(5), "-o", "@x.nvb"),
     wrong("method 8 is wrong usage", "recompress", LOG(5), "-o", "@x.nvb", "--method", 8),
     wrong("a level beside a method is wrong usage", "fromdat", LOG(5), "-o", "@x.nvb", "--level", 3),

@@ -20,6 +20,12 @@ struct ToDatOptions {
     std::string output;
 };
 
+// A rewritten log keeps its records 35 as they came.
+ReadOptions nativeReading(ReadOptions read) {
+    read.nativeRec35 = true;
+    return read;
+}
+
 int runToDat(const ToDatOptions& options, const CommonOptions& common) {
     const auto input = Input::open(options.in.path);
     if (!input) return kExitUsage;
@@ -107,7 +113,7 @@ int runRewrite(const RewriteOptions& options, const CommonOptions& common, Metho
     if (!input) return kExitUsage;
     const auto output = Output::open(options.output, options.in.path);
     if (!output) return kExitUsage;
-    LogReader reader(*input, options.in.read);
+    LogReader reader(*input, nativeReading(options.in.read));
     WriteOptions write = *resolved;
     write.measurementInterval = options.interval;
     write.positionInterval = options.positionInterval.value_or(options.interval);
@@ -150,6 +156,8 @@ CommandAction addToDatCommand(CLI::App& app, const CommonOptions& common) {
     command->fallthrough();
     addOutputOption(*command, options->output, "DAT file to write");
     addInputsOptions(*command, options->in, "log to read");
+    command->add_flag("--native-rec35", options->in.read.nativeRec35,
+                      "record 35 epochs and positions as they are in the log, not converted into records 27 and 29");
     return [options, &common] {
         return convertEach(options->in, options->output, ".dat", common, [&] { return runToDat(*options, common); });
     };

@@ -11,6 +11,7 @@
 #include "external/su/epoch_image.h"
 #include "output/observation_output.h"
 #include "output/observation_tables.h"
+#include "records/measurement_records.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -80,6 +81,16 @@ void surveyEpoch(const Rec27& rec, rinex_control_t& control, epoch_rinex_t& work
                                     fieldValue(meas.snr));
         }
     }
+}
+
+// An epoch converted from record 35 passes no epoch expander, so it is handed to the
+// observation output here in the wire form the expanders hand it theirs.
+void outputConvertedEpoch(const Rec27& rec, rinex_control_t& control, epoch_rinex_t& work) {
+    nvb_frame_t frame{};
+    const std::uint16_t length = nvb::writeRec27(rec, frame, 1, true);
+    epoch_image_t image;
+    if (length == 0 || nvb::parseEpochImage(image, frame.data, length).status != 0) return;
+    (void)nvb::finishEpochOutput(image, frame.data, length, control, work);
 }
 
 // RINEX date formats of the PGM / RUN BY / DATE line, and Compact RINEX's own.
@@ -218,8 +229,13 @@ int runConvert(const ConvertOptions& options, std::uint8_t mode, const CommonOpt
     read.afterEpochOutput = drain;
     LogReader reader(*input, read);
     const std::uint64_t firstPass = input->size();
-    const ReadSummary summary =
-        reader.run([](DeliveredRecord&) {}, [&](std::uint64_t done) { progress.update(firstPass + done); });
+    const ReadSummary summary = reader.run(
+        [&](DeliveredRecord& record) {
+            if (record.type != 27 || fieldValue(record.state->currentType) != 35) return;
+            outputConvertedEpoch(*record.state->records.rec27, control, *work);
+            drain();
+        },
+        [&](std::uint64_t done) { progress.update(firstPass + done); });
     drain();
     progress.finish();
     reportReadProblems(summary, input->name());

@@ -3,9 +3,11 @@
 #include "nvb/commands.h"
 #include "nvb/log_io.h"
 #include "nvb/progress.h"
+#include "nvb/sim_rec35.h"
 #include "nvb/simulator.h"
 
 #include "pipeline/serialisation.h"
+#include "stream/block_writer.h"
 
 #include <fmt/format.h>
 
@@ -19,15 +21,26 @@ namespace nvbtool {
 
 namespace {
 
+// A newer receiver logs record 35 and takes a new reference after a marker every ten
+// minutes of log time, as the plain records do.
+constexpr std::uint32_t kMarkerSubtype = NVB_REC35_RESET_MARKER_SUBTYPE;
+constexpr std::int64_t kMarkerPeriodMs = 600000;
+
 struct SimulateCommandOptions {
     std::string output;
     SimulationOptions simulation;
     WriteChoice choice;
+    std::string receiver = "plain";
 };
 
 int runSimulate(const SimulateCommandOptions& options, const CommonOptions& common) {
     const std::optional<WriteOptions> write = resolveWrite(options.choice, MethodDefault::Zstd);
     if (!write) return kExitUsage;
+    const bool newer = options.receiver == "new";
+    if (newer && !nvb::isBareMethod(static_cast<std::uint8_t>(write->method))) {
+        reportError("usage", "a newer receiver's records 35 need method 3, 5, 6 or 7");
+        return kExitUsage;
+    }
     std::unique_ptr<ReceiverSimulator> simulatorHolder;
     try {
         simulatorHolder = std::make_unique<ReceiverSimulator>(options.simulation);
@@ -45,7 +58,19 @@ int runSimulate(const SimulateCommandOptions& options, const CommonOptions& comm
     auto position = std::make_unique<Rec29>();
     std::vector<std::uint8_t> dat(1 << 16);
     std::uint64_t epochs = 0;
+    NewerReceiverRecords natives;
+    std::optional<std::int64_t> markerPeriod;
     while (simulator.next(*measurements, *position)) {
+        if (newer) {
+            const std::int64_t period = static_cast<std::int64_t>(measurements->receiveTime) / kMarkerPeriodMs;
+            if (markerPeriod && *markerPeriod != period) writer.putRec35(kMarkerSubtype, nullptr);
+            markerPeriod = period;
+            natives.fill(*measurements, *position, simulator.truth());
+            writer.putRec35(kNewerEpochSubtype, &natives.epoch());
+            writer.putRec35(kNewerPositionSubtype, &natives.position());
+            progress.update(++epochs);
+            continue;
+        }
         // The DAT form packs the system bytes back into the structure it is made from, so
         // it is made from a copy and the simulator's epoch stays as it left it.
         *packed = *measurements;
@@ -109,6 +134,12 @@ CommandAction addSimulateCommand(CLI::App& app, const CommonOptions& common) {
         ->check(CLI::Range(0.0, 60.0))
         ->capture_default_str();
     command->add_option("--seed", simulation.seed, "seed of the simulation; the same seed gives the same log")
+        ->capture_default_str();
+    command
+        ->add_option("--receiver", options->receiver,
+                     "plain: epochs and positions as records 27 and 29; new: as a newer receiver logs them, "
+                     "record 35 subtypes 19 and 2 with their schemas (methods 3, 5, 6, 7)")
+        ->check(CLI::IsMember({"plain", "new"}))
         ->capture_default_str();
     addWriteOptions(*command, options->choice, MethodDefault::Zstd);
     return [options, &common] { return runSimulate(*options, common); };

@@ -2,6 +2,8 @@
 
 #include "nvb/commands.h"
 
+#include "rec35/rec35_codecs.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -120,6 +122,24 @@ std::uint8_t methodOfStream(StreamShape shape, std::uint8_t blockLevel) {
     return 0;
 }
 
+namespace {
+
+// Epochs and positions of record 35 that thinning may drop are written again from their
+// decoded form: a kept record's payload leans on the dropped ones before it. Every other
+// record 35 goes out as it came.
+void* thinnedRec35Native(const DeliveredRecord& record, const WriteOptions& options, std::uint32_t& subtype) {
+    const rec35_content_t* content = record.type == 35 ? record.state->records.rec35 : nullptr;
+    if (content == nullptr || content->subsubtype == 0) return nullptr;
+    const bool thinned = (content->subtype == 19 && options.measurementInterval > 0) ||
+                         (content->subtype == 2 && options.positionInterval > 0);
+    const auto slot = nvb::rec35SlotOf(content->subtype);
+    if (!thinned || !slot) return nullptr;
+    subtype = static_cast<std::uint32_t>(content->subtype);
+    return content->records[*slot];
+}
+
+}  // namespace
+
 Rewritten rewriteRecords(LogReader& reader, Output& output, WriteOptions options, bool keepMethod,
                          const LogReader::ProgressHandler& onProgress) {
     std::optional<LogWriter> writer;
@@ -133,6 +153,11 @@ Rewritten rewriteRecords(LogReader& reader, Output& output, WriteOptions options
             if (!writer) startWriter();
             // Whether Doppler went on the wire is read before the DAT form is taken.
             const bool dopplerOnWire = record.dopplerOnWire();
+            std::uint32_t subtype = 0;
+            if (void* native = thinnedRec35Native(record, options, subtype)) {
+                writer->putRec35(subtype, native);
+                return;
+            }
             writer->put(record.dat(), dopplerOnWire);
         },
         onProgress);

@@ -6,8 +6,10 @@
 #include "common/byte_sum.h"
 #include "pipeline/expansion.h"
 #include "pipeline/serialisation.h"
+#include "rec35/rec35_codecs.h"
 #include "records/dat_parser.h"
 #include "stream/block_codecs.h"
+#include "stream/block_reader.h"
 #include "stream/framing.h"
 
 #include <fmt/format.h>
@@ -34,6 +36,12 @@ void reportErrorAt(const std::string& file, std::uint64_t offset, const std::str
 void reportNote(bool quiet, const std::string& text) {
     if (!quiet) fmt::print(stderr, "nvb: {}\n", text);
 }
+
+namespace {
+
+constexpr std::size_t kWriteBuffer = 1 << 18;
+
+}  // namespace
 
 Input::Input(std::FILE* file, bool owned, std::string name, std::uint64_t size)
     : file_(file), owned_(owned), name_(std::move(name)), size_(size) {}
@@ -73,7 +81,10 @@ std::size_t Input::read(std::uint8_t* buffer, std::size_t capacity) {
 
 Output::Output(std::FILE* file, bool owned, std::string name, std::string target, std::string temporary)
     : file_(file), owned_(owned), name_(std::move(name)), target_(std::move(target)),
-      temporary_(std::move(temporary)) {}
+      temporary_(std::move(temporary)) {
+    // Records go out a few hundred bytes at a time; the file sees them in large writes.
+    if (owned_) std::setvbuf(file_, nullptr, _IOFBF, kWriteBuffer);
+}
 
 Output::~Output() {
     discard();
@@ -314,12 +325,14 @@ nvb_expand_t* newReaderState(const ReadOptions& options) {
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
     if (state == nullptr) throw std::bad_alloc();
     state->descramble = options.descramble ? 1 : 0;
-    // Records 35 come as they are, schema records included, so that a log written from
-    // them keeps every one.
+    // Schema records are delivered, so that a log written from what is read keeps every
+    // one; epochs and positions of record 35 come converted unless asked for as they are.
     state->rec35Assembly.schema_swallow = 0;
-    state->convertRec35Sub2 = 0;
-    state->convertRec35Sub9 = 0;
-    state->convertRec35Sub19 = 0;
+    if (options.nativeRec35) {
+        state->convertRec35Sub2 = 0;
+        state->convertRec35Sub9 = 0;
+        state->convertRec35Sub19 = 0;
+    }
     return state;
 }
 
@@ -402,7 +415,11 @@ ReadSummary LogReader::run(const RecordHandler& onRecord, const ProgressHandler&
     if (detected.shape == StreamShape::Blocks) headerBlock_ = headerBlockOf(head);
     const bool plain = detected.shape == StreamShape::PlainBytes;
     while (count > 0) {
-        for (std::size_t i = 0; i < count; ++i) input(chunk[i], plain);
+        for (std::size_t i = 0; i < count;) {
+            const std::size_t quiet = inputQuiet(chunk.data() + i, count - i);
+            if (quiet == 0) input(chunk[i], plain);
+            i += std::max<std::size_t>(quiet, 1);
+        }
         if (onProgress) onProgress(fed_);
         count = input_.read(chunk.data(), chunk.size());
     }
@@ -419,6 +436,17 @@ void LogReader::input(std::uint8_t byte, bool plain) {
         replay_.pop_front();
         step(again, plain);
     }
+}
+
+std::size_t LogReader::inputQuiet(const std::uint8_t* bytes, std::size_t count) {
+    if (summary_.shape != StreamShape::Blocks || lost_ || stuck_ || !replay_.empty()) return 0;
+    const std::size_t taken = nvb::takeQuietBlockBytes(*state_, bytes, count);
+    if (taken == 0) return 0;
+    fed_ += taken;
+    next_ += taken;
+    at_ = next_ - 1;
+    window_.insert(window_.end(), bytes, bytes + taken);
+    return taken;
 }
 
 void LogReader::step(std::uint8_t byte, bool plain) {
@@ -665,8 +693,12 @@ namespace {
 // The NVE form: rollover ranges and three-byte range differences in measFlags2.
 constexpr std::uint32_t kNveFileFormat = 5;
 
-bool isThinnedType(std::uint8_t type) {
-    return type == 11 || type == 17 || type == 27 || type == 29;
+// Whether a record that was not written was dropped by thinning; a record 35 that the
+// writer refuses says so by its status.
+bool droppedByThinning(std::uint8_t type, std::uint8_t status, const WriteOptions& options) {
+    if (type == 11 || type == 29) return options.positionInterval > 0;
+    if (type == 17 || type == 27) return options.measurementInterval > 0;
+    return type == 35 && status == NVB_STATUS_OK && (options.positionInterval > 0 || options.measurementInterval > 0);
 }
 
 }  // namespace
@@ -714,12 +746,24 @@ void LogWriter::put(std::span<std::uint8_t> dat, bool dopplerOnWire) {
         if (type == 27 || type == 17) ++summary_.epochsWritten;
         if (type == 20) ++summary_.writeOnly;
         if (longEpoch) ++summary_.longEpochs;
-    } else if (isThinnedType(type) &&
-               ((type == 11 || type == 29) ? options_.positionInterval > 0 : options_.measurementInterval > 0)) {
+    } else if (droppedByThinning(type, status, options_)) {
         ++summary_.thinned;
     } else {
         ++summary_.refusedByType[type];
     }
+}
+
+void LogWriter::putRec35(std::uint32_t subtype, void* native) {
+    std::array<std::uint8_t, NVB_REC35_DAT_HEADER_BYTES> dat{0x74, NVB_REC35_DAT_HEADER_BYTES, 0, 35};
+    for (std::size_t i = 0; i < 4; ++i) dat[4 + i] = static_cast<std::uint8_t>(subtype >> (8 * i));
+    const auto slot = nvb::rec35SlotOf(subtype);
+    rec35_content_t* content = encoder_.state().records.rec35;
+    if (slot && content != nullptr) {
+        dat[12] = 1;
+        content->records[*slot] = native;
+    }
+    put(dat);
+    if (slot && content != nullptr) content->records[*slot] = nullptr;
 }
 
 void LogWriter::finish() {

@@ -111,6 +111,9 @@ std::string shapeText(StreamShape shape, bool nveMagic);
 
 struct ReadOptions {
     bool descramble = false;  // undo the scrambling of bzip2 blocks
+    // Record 35 epochs and positions as they came, not as the records 27 and 29 they
+    // convert into; what rewrites a log asks for, so that it keeps them.
+    bool nativeRec35 = false;
     // Measurement epochs go through this output control (observation text, BINEX,
     // decimation) instead of the exported mode 0; epochs it keeps as text deliver nothing.
     rinex_control_t* epochOutput = nullptr;
@@ -196,6 +199,9 @@ public:
 
 private:
     void input(std::uint8_t byte, bool plain);
+    // Bytes of a block that can only be gathered go to the library in one piece; returns
+    // how many, 0 when the next byte has to go on its own.
+    std::size_t inputQuiet(const std::uint8_t* bytes, std::size_t count);
     void step(std::uint8_t byte, bool plain);
     void feed(std::uint8_t byte, bool plain);
     void handle(std::int32_t result, std::uint8_t status);
@@ -269,6 +275,10 @@ public:
     // its bytes may change. `dopplerOnWire` false writes an epoch's Doppler as its source
     // did: left out, for readers to rebuild.
     void put(std::span<std::uint8_t> dat, bool dopplerOnWire = true);
+    // One record 35 of an Avro subtype encoded from its native record, which the writer
+    // borrows for the call, under the subtype's schema (written first where the log lacks
+    // it); subtype 1, the marker, with no record starts every chain again.
+    void putRec35(std::uint32_t subtype, void* native);
     void finish();
     const WriteSummary& summary() const { return summary_; }
 

@@ -286,6 +286,7 @@ void ReceiverSimulator::Model::fillMeasurements(Rec27& rec, std::int64_t towMs, 
         seen.elevationDeg = look.elevationDeg;
         seen.azimuthDeg = look.azimuthDeg;
         seen.geometricRange = look.range;
+        seen.receiverChannel = satellite.receiverChannel;
 
         const double strength = 30.0 + 20.0 * std::sqrt(std::max(look.sinElevation, 0.0));
         const double slipChance = slipProbability(look.elevationDeg, dt);

@@ -43,6 +43,7 @@ struct SatelliteTruth {
     double elevationDeg = 0.0;
     double azimuthDeg = 0.0;
     double geometricRange = 0.0;  // metres
+    std::uint8_t receiverChannel = 0;  // the tracking channel; a record 27 names GLONASS by frequency channel
     std::array<SignalTruth, NVB_MAX_MEAS> signals{};
 };
 

@@ -12,8 +12,13 @@
 // nothing, leaves the cursor where it was and sets `failed`, so a codec may run a whole
 // record and test the flag once. Input that fits behaves exactly as with a bare pointer.
 
+#include "common/diagnostics.h"
+
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace nvb {
 
@@ -70,19 +75,93 @@ struct ByteWriter {
 
 // Takes `count` bytes into `destination` (may be null to skip them). False, with nothing
 // taken and `failed` set, when fewer are left.
-[[nodiscard]] bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count);
-[[nodiscard]] bool readByte(ByteReader& reader, std::uint8_t& value);
+[[nodiscard]] inline bool readBytes(ByteReader& reader, std::uint8_t* destination, std::size_t count) {
+    if (count > bytesLeft(reader)) {
+        reader.failed = true;
+        return false;
+    }
+    if (destination != nullptr && count > 0) std::memcpy(destination, reader.pos, count);
+    reader.pos += count;
+    return true;
+}
+
+[[nodiscard]] inline bool readByte(ByteReader& reader, std::uint8_t& value) {
+    if (reader.pos == reader.end) {
+        reader.failed = true;
+        return false;
+    }
+    value = *reader.pos++;
+    return true;
+}
 
 // Appends bytes; when they don't all fit, appends none and sets `failed`.
-void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count);
-void writeByte(ByteWriter& writer, std::uint8_t value);
+inline void writeBytes(ByteWriter& writer, const std::uint8_t* bytes, std::size_t count) {
+    if (count > spaceLeft(writer)) {
+        writer.failed = true;
+        return;
+    }
+    if (count > 0) std::memcpy(writer.pos, bytes, count);
+    writer.pos += count;
+}
+
+inline void writeByte(ByteWriter& writer, std::uint8_t value) {
+    if (writer.pos == writer.end) {
+        writer.failed = true;
+        return;
+    }
+    *writer.pos++ = value;
+}
+
+// A field of up to 8 bytes as one number, so that the arithmetic below is the machine's
+// own modulo 256^width.
+[[nodiscard]] inline std::uint64_t loadBigField(const std::uint8_t* bytes, std::size_t width) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+inline void storeBigField(std::uint8_t* bytes, std::uint64_t value, std::size_t width) {
+    for (std::size_t i = width; i-- > 0;) {
+        bytes[i] = static_cast<std::uint8_t>(value);
+        value >>= 8;
+    }
+}
 
 // a := a + b modulo 256^width. Returns the carry out of the first byte. a and b may alias.
-std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+inline std::uint8_t bigAdd(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadBigField(a, width);
+        const std::uint64_t sum = left + loadBigField(b, width);
+        storeBigField(a, sum, width);
+        if (width == kMaxDeltaWidth) return sum < left ? 1 : 0;
+        return static_cast<std::uint8_t>((sum >> (8 * width)) & 1u);
+    }
+    unsigned carry = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const unsigned sum = a[i] + b[i] + carry;
+        a[i] = static_cast<std::uint8_t>(sum);
+        carry = sum >> 8;
+    }
+    return static_cast<std::uint8_t>(carry);
+}
 
 // a := a - b modulo 256^width. Returns 1 when a borrow leaves the first byte. a and b may
 // alias.
-std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width);
+inline std::uint8_t bigSubtract(std::uint8_t* a, const std::uint8_t* b, std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        const std::uint64_t left = loadBigField(a, width);
+        const std::uint64_t right = loadBigField(b, width);
+        storeBigField(a, left - right, width);
+        return left < right ? 1 : 0;
+    }
+    int borrow = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const int difference = a[i] - b[i] - borrow;
+        a[i] = static_cast<std::uint8_t>(difference);
+        borrow = difference < 0 ? 1 : 0;
+    }
+    return static_cast<std::uint8_t>(borrow);
+}
 
 // a[i] - b[i] at the first byte where the strings differ, 0 when they are equal or width is
 // 0. Its sign is that of a - b; its size is not.
@@ -101,39 +180,124 @@ void bigShiftRight(std::uint8_t* bytes, unsigned bitCount, std::size_t width);
 
 // out := 2 * newer - older modulo 256^width: the next value at a constant rate of change.
 // out may alias either input.
-void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
-                    std::size_t width);
+inline void bigExtrapolate(const std::uint8_t* older, const std::uint8_t* newer, std::uint8_t* out,
+                           std::size_t width) {
+    if (width <= kMaxDeltaWidth) {
+        // Both inputs are read before out is written, so a history may extrapolate in place.
+        storeBigField(out, 2 * loadBigField(newer, width) - loadBigField(older, width), width);
+        return;
+    }
+    int carry = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        const int value = 2 * newer[i] - older[i] + carry;
+        out[i] = static_cast<std::uint8_t>(value);
+        carry = value >> 8;
+    }
+}
 
 // Small delta, compress side: d = new - reference as unsigned big-endian numbers of `width`
 // (0 to 4) bytes, as a signed 32-bit difference. Within low..high the code is d in its low
 // 8 bits (the caller masks it to its bit field) and nothing is written; otherwise the code
 // is `escape` and the `width` bytes of new go to the stream.
-std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8_t escape,
+inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8_t escape,
                             const std::uint8_t* newField, const std::uint8_t* reference,
-                            std::size_t width, ByteWriter& stream);
+                            std::size_t width, ByteWriter& stream) {
+    if (width > 4) {
+        compactAssert(false);
+        writeBytes(stream, newField, width);
+        return escape;
+    }
+    // Unsigned subtraction: on a 4-byte field a wrap across zero is a small step, as the
+    // expander's modular addition reads it back.
+    const auto difference =
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(loadBigField(newField, width)) -
+                                  static_cast<std::uint32_t>(loadBigField(reference, width)));
+    if (low <= difference && difference <= high) return static_cast<std::uint8_t>(difference);
+    writeBytes(stream, newField, width);
+    return escape;
+}
 
 // Small delta, expand side: the escape takes `width` raw bytes from the stream; any other
 // code is added to the reference, or, when it shares a bit with the escape, read as the
 // negative number of its bit field. False, with the destination untouched, when the stream
 // is short.
-[[nodiscard]] bool expandSmallDelta(std::uint8_t* destination, std::uint8_t escape,
-                                    std::uint8_t code, ByteReader& stream,
-                                    const std::uint8_t* reference, std::size_t width);
+[[nodiscard]] inline bool expandSmallDelta(std::uint8_t* destination, std::uint8_t escape, std::uint8_t code,
+                      ByteReader& stream, const std::uint8_t* reference, std::size_t width) {
+    if (code == escape) return readBytes(stream, destination, width);
+    if (width > kMaxDeltaWidth) {
+        compactAssert(false);
+        return false;
+    }
+    const std::uint64_t value = loadBigField(reference, width);
+    // The escape is the field's sign bit, so 2 * escape - code is the magnitude of the
+    // negative value the bit field holds.
+    if ((code & escape) == 0) {
+        storeBigField(destination, value + code, width);
+    } else {
+        storeBigField(destination, value - static_cast<std::uint8_t>(2 * escape - code), width);
+    }
+    return true;
+}
 
 // Wide delta, compress side. Unchanged is code 0; otherwise the magnitude of new minus
 // reference, trimmed but keeping a free top bit for the sign (set: new is below), in n
 // bytes with code n, or, when n reaches rawCode, the `width` raw bytes of new with code
 // rawCode. A field whose code 0 means raw (rawCode 0) needs its own writer.
-std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
-                           std::size_t width, std::uint8_t rawCode, ByteWriter& stream);
+inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
+                           std::size_t width, std::uint8_t rawCode, ByteWriter& stream) {
+    if (width > kMaxDeltaWidth) {
+        compactAssert(false);
+        writeBytes(stream, newField, width);
+        return rawCode;
+    }
+    const std::uint64_t value = loadBigField(newField, width);
+    const std::uint64_t base = loadBigField(reference, width);
+    if (value == base) return 0;
+    const bool newIsSmaller = value < base;
+    const std::uint64_t difference = newIsSmaller ? base - value : value - base;
+    // The magnitude's significant bytes, and one more when the sign needs a bit of its own.
+    const auto significant = static_cast<std::size_t>(8 - std::countl_zero(difference) / 8);
+    const bool topBitSet = ((difference >> (8 * significant - 1)) & 1u) != 0;
+    const std::size_t length = significant + (topBitSet ? 1 : 0);
+    if (length >= rawCode) {
+        writeBytes(stream, newField, width);
+        return rawCode;
+    }
+    // One zero byte ahead of the magnitude, for a length of nine.
+    std::array<std::uint8_t, 1 + kMaxDeltaWidth> scratch{};
+    storeBigField(scratch.data() + 1, difference, kMaxDeltaWidth);
+    std::uint8_t* first = scratch.data() + scratch.size() - length;
+    if (newIsSmaller) *first |= 0x80;
+    writeBytes(stream, first, length);
+    return static_cast<std::uint8_t>(length);
+}
 
 // Wide delta, expand side. Code rawCode takes `width` raw bytes; code 0 gives the reference
 // and reads nothing; other codes take `code` sign-magnitude bytes. Returns 0, or
 // kStatusBadDeltaLength when the code is above the width, the width above 8 or the stream
 // short; then neither the destination nor the cursor has moved.
-[[nodiscard]] std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width,
-                                           std::uint8_t code, std::uint8_t rawCode,
-                                           ByteReader& stream, const std::uint8_t* reference);
+[[nodiscard]] inline std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width, std::uint8_t code,
+                             std::uint8_t rawCode, ByteReader& stream,
+                             const std::uint8_t* reference) {
+    if (code == rawCode) return readBytes(stream, destination, width) ? 0 : kStatusBadDeltaLength;
+    if (code > width || width > kMaxDeltaWidth) return kStatusBadDeltaLength;
+    if (code > bytesLeft(stream)) {
+        stream.failed = true;
+        return kStatusBadDeltaLength;
+    }
+    // Code 0 reads nothing: the byte under the cursor belongs to the next field and could
+    // only ever add or subtract a zero magnitude.
+    const std::uint64_t value = loadBigField(reference, width);
+    if (code == 0) {
+        storeBigField(destination, value, width);
+        return 0;
+    }
+    const bool below = (stream.pos[0] & 0x80) != 0;
+    const std::uint64_t magnitude = loadBigField(stream.pos, code) & ~(std::uint64_t{0x80} << (8 * (code - 1)));
+    storeBigField(destination, below ? value - magnitude : value + magnitude, width);
+    stream.pos += code;
+    return 0;
+}
 
 // Nibble delta, compress side: 0 unchanged; n (1 to 3) magnitude bytes, plus 4 when new is
 // below the reference, the sign living in the code; 8 and the raw field when the magnitude
