@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -27,21 +28,13 @@ TEST(Lifecycle, NewHandleHasTheDefaults) {
     nvbdll_initNVBLib();
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
     ASSERT_NE(state, nullptr);
-    EXPECT_EQ(state->dopplerControl, 3);
-    EXPECT_EQ(state->byteMode, 1);
-    EXPECT_EQ(state->detectPending, 1);
-    EXPECT_EQ(state->headerAccepted, 1);
-    EXPECT_EQ(state->firstRec30, 1);
-    EXPECT_EQ(state->mapSystem5To7, 1);
-    EXPECT_EQ(state->mapSystem7To10, 1);
-    EXPECT_EQ(state->convertRec35Sub2, 1);
-    EXPECT_EQ(state->convertRec35Sub9, 1);
-    EXPECT_EQ(state->convertRec35Sub16, 0);
-    EXPECT_EQ(state->convertRec35Sub19, 1);
-    EXPECT_EQ(state->keepAllSvBlocks, 0);
-    EXPECT_EQ(state->blockLevel, 0);
-    EXPECT_EQ(nvbtest::copyOf(state->rclean.interval), -1);
-    EXPECT_EQ(state->rec35Assembly.schema_swallow, 1);
+    const std::vector<int> defaults = {state->dopplerControl,    state->byteMode,          state->detectPending,
+                                       state->headerAccepted,    state->firstRec30,        state->mapSystem5To7,
+                                       state->mapSystem7To10,    state->convertRec35Sub2,  state->convertRec35Sub9,
+                                       state->convertRec35Sub16, state->convertRec35Sub19, state->keepAllSvBlocks,
+                                       state->blockLevel,        nvbtest::copyOf(state->rclean.interval),
+                                       state->rec35Assembly.schema_swallow};
+    EXPECT_EQ(defaults, (std::vector<int>{3, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1, 0, 0, -1, 1}));
     // Every structure slot is allocated and cleared.
     void* const* slots = reinterpret_cast<void* const*>(&state->records);
     for (int slot = 0; slot < 38; ++slot) EXPECT_NE(slots[slot], nullptr) << "slot " << slot;

@@ -178,9 +178,12 @@ Rec17Sv& addSv17(Rec17& rec, uint8_t svId, uint8_t svFlags, uint8_t constant = 3
     return sv;
 }
 
-TEST_F(RcleanEpoch17, IntervalMinusOneKeepsWithoutTouchingRecordOrState) {
+TEST_F(RcleanEpoch17, IntervalZeroKeepsEveryEpochAndMinusOneTouchesNeitherRecordNorState) {
     auto rec = std::make_unique<Rec17>();
-    rec->receiveTime = 1500;
+    for (double time : {1500.0, 1000007.25, 3.0}) {
+        rec->receiveTime = time;
+        EXPECT_TRUE(nvb::rcleanEpoch17(*state, *rec, 0, nullptr)) << time;
+    }
     addSv17(*rec, 5, 0x42);
     const Rec17 copy = *rec;
     const rcleanState stateCopy = *state;
@@ -190,14 +193,6 @@ TEST_F(RcleanEpoch17, IntervalMinusOneKeepsWithoutTouchingRecordOrState) {
     EXPECT_EQ(std::memcmp(&copy, rec.get(), sizeof copy), 0);
     EXPECT_EQ(std::memcmp(&stateCopy, state.get(), sizeof stateCopy), 0);
     EXPECT_EQ(value(list.count), 7);
-}
-
-TEST_F(RcleanEpoch17, IntervalZeroKeepsEveryEpoch) {
-    auto rec = std::make_unique<Rec17>();
-    for (double time : {1500.0, 1000007.25, 3.0}) {
-        rec->receiveTime = time;
-        EXPECT_TRUE(nvb::rcleanEpoch17(*state, *rec, 0, nullptr)) << time;
-    }
 }
 
 TEST_F(RcleanEpoch17, SlipKindsOfADroppedEpochAreListedAndCarriedOn) {

@@ -137,19 +137,6 @@ TEST(Encode, NoWriteCallbackIsStatusSixteen) {
     EXPECT_EQ(nvbtest::copyOf(encoder->recordCount), 0u);
 }
 
-TEST(Encode, HuffmanStreamCarriesEndSymbolsEverySixHundredRecordsAndAtTheEnd) {
-    Encoder encoder(0);
-    for (const Bytes& dat : opaqueRecords(1200, 9)) encoder.put(dat);
-    nvbtest::Handle handle;
-    const auto events = nvbtest::readStream(handle.get(), encoder.finish(), nvbtest::Getter::NvbByByte);
-    int endSymbols = 0;
-    for (const auto& event : events) endSymbols += event.status == 6 ? 1 : 0;
-    // At the very start (reported by the first call, from detection), every 600 records
-    // and at the close.
-    EXPECT_EQ(endSymbols, 4);
-    EXPECT_EQ(nvbtest::deliveredDat(events).size(), 1200u);
-}
-
 TEST(Encode, TornTailDeliversEveryRecordBeforeTheCut) {
     for (const std::uint8_t method : {0, 1, 3, 5, 7}) {
         Encoder encoder(method);

@@ -82,20 +82,6 @@ TEST(OpaqueRecords, Record16KeepsItsSubtypeInTheDatHeader) {
     EXPECT_EQ(Bytes(dat.begin() + 4, dat.end()), Bytes(body.begin() + 1, body.end()));
 }
 
-TEST(OpaqueRecords, ExportedReaderOfRecord16MatchesTheDispatch) {
-    Handle handle;
-    const Bytes frame = plainFrame(16, Bytes{3, 9, 9, 9});
-    standFrame(handle.get(), frame);
-    EXPECT_EQ(nvbdll_readRec16Buffer(reinterpret_cast<std::uint8_t*>(&handle->frame), handle.get()), 7);
-    EXPECT_EQ(handle->records.datHeader[2], 3);
-}
-
-TEST(OpaqueRecords, BodyShorterThanItsTrailerReadsAsEmpty) {
-    Handle handle;
-    standFrame(handle.get(), Bytes{0x02, 0x03, 16});
-    EXPECT_EQ(nvbdll_readRec16Buffer(reinterpret_cast<std::uint8_t*>(&handle->frame), handle.get()), 0);
-}
-
 TEST(Retrieve, WrongTypeOrNullOutWritesNothing) {
     Handle handle;
     standFrame(handle.get(), plainFrame(14, Bytes(10, 0x20)));

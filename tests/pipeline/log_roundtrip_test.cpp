@@ -83,10 +83,6 @@ TEST(LogRoundTripDifferences, DopplerIsRebuiltFromPhaseWhereTheWireHasNone) {
     }
 }
 
-}  // namespace
-
-namespace {
-
 constexpr std::size_t kTimeOffset = 4 + 1 + 2;  // behind the header, header length and week
 // measFlags1 of the first signal of the first satellite: the epoch header with its drift,
 // the satellite block, then the signal up to its slip count.
@@ -125,31 +121,23 @@ std::vector<double> timesOf(const std::vector<Bytes>& dats) {
     return times;
 }
 
-void expectSlipCarriedOnce(const std::vector<Bytes>& kept) {
-    ASSERT_EQ(kept.size(), kKeptTimes.size());
-    for (std::size_t i = 0; i < kept.size(); ++i) {
+// The read path and the encode path keep the same epochs and carry the same slip.
+TEST(Thinning, BothPathsKeepTheEpochsNearEachMarkAndCarryTheSlip) {
+    nvbtest::Handle handle;
+    handle->measurementInterval = 30.0f;
+    Encoder thinning(7);
+    thinning->measurementInterval = 30.0f;
+    for (const Bytes& dat : strayingEpochs()) thinning.put(dat);
+    const std::vector<Bytes> paths[] = {
+        nvbtest::deliveredDat(nvbtest::readStream(handle.get(), writeLog(strayingEpochs(), 7), nvbtest::Getter::NvbFile)),
+        readLog(thinning.finish())};
+    for (const std::vector<Bytes>& kept : paths) {
+        EXPECT_EQ(timesOf(kept), kKeptTimes);
+        ASSERT_EQ(kept.size(), kKeptTimes.size());
         // The slip marked only in the dropped epoch 31 lands on the next kept one, at 60 s.
-        EXPECT_EQ((kept[i][kFirstSignalFlagsOffset] & 0x08) != 0, i == 2) << "kept epoch " << i;
+        for (std::size_t i = 0; i < kept.size(); ++i)
+            EXPECT_EQ((kept[i][kFirstSignalFlagsOffset] & 0x08) != 0, i == 2) << "kept epoch " << i;
     }
 }
 
 }  // namespace
-
-TEST(Thinning, ReadPathKeepsTheEpochsNearEachMarkAndCarriesTheSlip) {
-    const Bytes log = writeLog(strayingEpochs(), 7);
-    nvbtest::Handle handle;
-    handle->measurementInterval = 30.0f;
-    const auto kept = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
-    EXPECT_EQ(timesOf(kept), kKeptTimes);
-    expectSlipCarriedOnce(kept);
-}
-
-TEST(Thinning, EncodePathKeepsTheSameEpochsAndCarriesTheSlip) {
-    Encoder encoder(7);
-    encoder->measurementInterval = 30.0f;
-    for (const Bytes& dat : strayingEpochs()) encoder.put(dat);
-    const auto kept = readLog(encoder.finish());
-    EXPECT_EQ(timesOf(kept), kKeptTimes);
-    expectSlipCarriedOnce(kept);
-}
-

@@ -128,6 +128,9 @@ TEST(ExportedReaders, TakeAFrameBufferOfTheStatesLayout) {
     EXPECT_EQ(nvbdll_readRec19Buffer(load(plainFrame(19, {11, 3})), handle.get(), slots), 15);
     EXPECT_EQ(nvbdll_readRec19Buffer(load(plainFrame(19, {11, 3})), handle.get(), nullptr), 0);
     EXPECT_EQ(nvbdll_readRec30Buffer(load(plainFrame(30, {0})), handle.get()), 12);
+    EXPECT_EQ(nvbdll_readRec16Buffer(load(plainFrame(16, {3, 9, 9, 9})), handle.get()), 7);
+    EXPECT_EQ(handle->records.datHeader[2], 3) << "record 16 keeps its subtype in the DAT header";
+    EXPECT_EQ(nvbdll_readRec16Buffer(load({0x02, 0x02}), handle.get()), 0) << "a frame shorter than its trailer";
 }
 
 }  // namespace

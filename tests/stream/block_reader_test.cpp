@@ -42,10 +42,6 @@ Bytes copyBlock(const std::vector<Bytes>& frames) {
     return block(nvb::kCopyType, body);
 }
 
-Bytes join(std::initializer_list<Bytes> parts) {
-    return concatAll(parts);
-}
-
 std::vector<Bytes> joined(std::initializer_list<std::vector<Bytes>> parts) {
     std::vector<Bytes> all;
     for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
@@ -122,22 +118,22 @@ TEST(BlockFailures, EachFailureIsToldByItsStatusAtTheByteThatRevealsIt) {
         std::vector<int> outline;
     };
     const Case cases[] = {
-        {"minimum reader 8.97", join({header(8, 97), good}), 17 + good.size(), goodTypes},
-        {"minimum reader 8.98 is refused for good", join({header(8, 98), good}), 17,
+        {"minimum reader 8.97", concatAll({header(8, 97), good}), 17 + good.size(), goodTypes},
+        {"minimum reader 8.98 is refused for good", concatAll({header(8, 98), good}), 17,
          std::vector<int>(good.size() + 1, -109)},
-        {"minimum reader 7.198 is refused", join({header(7, 198)}), 17, {-109}},
+        {"minimum reader 7.198 is refused", concatAll({header(7, 198)}), 17, {-109}},
         {"block type 9 stays and meets every byte",
-         join({header(8, 11), block(9, Bytes(20, 1)), Bytes(3, 0)}),
+         concatAll({header(8, 11), block(9, Bytes(20, 1)), Bytes(3, 0)}),
          41,
          {-107, -107, -107, -107}},
-        {"L = 530130 is read", join({header(8, 11), copyBlock(longest)}), 17 + 530134, std::vector<int>(104, 98)},
+        {"L = 530130 is read", concatAll({header(8, 11), copyBlock(longest)}), 17 + 530134, std::vector<int>(104, 98)},
         {"L = 530131 is refused once its length has come",
-         join({header(8, 11), block(4, Bytes(20, 0), 530131)}),
+         concatAll({header(8, 11), block(4, Bytes(20, 0), 530131)}),
          22,
          {-108}},
-        {"scrambled block while descrambling is off", join({header(8, 11), scrambled}), 17 + scrambled.size(), {-114}},
-        {"input that ends inside a block", join({header(8, 11), Bytes(good.begin(), good.end() - 1)}), 0, {}},
-        {"a Huffman block that yields nothing waits", join({header(8, 11), block(3, huffmanEndOnly), good}), 0, {}},
+        {"scrambled block while descrambling is off", concatAll({header(8, 11), scrambled}), 17 + scrambled.size(), {-114}},
+        {"input that ends inside a block", concatAll({header(8, 11), Bytes(good.begin(), good.end() - 1)}), 0, {}},
+        {"a Huffman block that yields nothing waits", concatAll({header(8, 11), block(3, huffmanEndOnly), good}), 0, {}},
     };
     for (const Case& c : cases) {
         nvbtest::Handle handle;
@@ -166,7 +162,7 @@ TEST(Descrambling, ReaderStartsTheTableAtTheBlocksFirstByteFourBytesAheadOfTheWr
     nvbtest::Handle reader;
     reader->descramble = 1;
     EXPECT_EQ(
-        frameDifference(nvbtest::framesOf(readByByte(reader.get(), join({written.header, scrambled}))), written.expected[0]),
+        frameDifference(nvbtest::framesOf(readByByte(reader.get(), concatAll({written.header, scrambled}))), written.expected[0]),
         "");
 
     EncodeHarness writer(5);
@@ -191,7 +187,7 @@ TEST_P(DamagedBlock, CostsOnlyItselfAndReadingGoesOnWithTheNextBlock) {
     const WrittenBlocks first = writeBlocks(c.method, 200, 6);
     const WrittenBlocks next = writeBlocks(c.nextMethod, 300, 7);
     const Bytes stream =
-        join({first.header, first.blocks[0], damaged(first.blocks[1]), next.blocks[1], next.blocks[2]});
+        concatAll({first.header, first.blocks[0], damaged(first.blocks[1]), next.blocks[1], next.blocks[2]});
     // The search can't match a zstd block that this library wrote (its body opens with the
     // zstd magic, not 03 00 00): after damage a zstd stream is lost to its end.
     const auto expected =
@@ -219,7 +215,7 @@ TEST_P(DamagedBlock, ALengthThatSwallowsTheNextBlockLetsTheSearchFindItWhole) {
     const WrittenBlocks next = writeBlocks(c.nextMethod == 7 ? 5 : c.nextMethod, 400, 9);
     ASSERT_GE(next.blocks.size(), 4u);
     const auto claimed = static_cast<std::uint32_t>(next.blocks[1].size() + 40);
-    const Bytes stream = join({first.header, first.blocks[0], damaged(first.blocks[1], claimed), next.blocks[1],
+    const Bytes stream = concatAll({first.header, first.blocks[0], damaged(first.blocks[1], claimed), next.blocks[1],
                                next.blocks[2], next.blocks[3]});
     nvbtest::Handle handle;
     const auto events = readByByte(handle.get(), stream);
@@ -265,7 +261,7 @@ TEST(VerifiedBlocks, AFlippedByteInAZstdBodyGivesAStatusNeverAWrongRecord) {
             Bytes bad = target;
             bad[position] ^= flip;
             nvbtest::Handle handle;
-            const auto events = readByByte(handle.get(), join({written.header, written.blocks[0], bad}));
+            const auto events = readByByte(handle.get(), concatAll({written.header, written.blocks[0], bad}));
             const auto records = nvbtest::framesOf(events);
             const bool failed = std::any_of(events.begin(), events.end(),
                                             [](const nvbtest::ReadEvent& event) { return event.status == NVB_STATUS_ZSTD; });
@@ -280,7 +276,7 @@ TEST(BlockSearch, BlocksBehindARefusedHeaderAreRefusedAndDropped) {
     const Bytes refused = header(8, 98);
     const auto claimed = static_cast<std::uint32_t>(refused.size() + 20);
     const Bytes stream =
-        join({written.header, damaged(written.blocks[0], claimed), refused, written.blocks[1], written.blocks[2]});
+        concatAll({written.header, damaged(written.blocks[0], claimed), refused, written.blocks[1], written.blocks[2]});
     nvbtest::Handle handle;
     EXPECT_EQ(outline(readByByte(handle.get(), stream)), (std::vector<int>{-109, -109, -109}));
     EXPECT_EQ(handle->headerAccepted, 0);
@@ -292,7 +288,7 @@ TEST(BlockSearch, NeitherGarbageNorABlockThatStaysGrowsTheInputBuffer) {
     const Bytes garbage = nvbtest::junk(200000, 3);
     nvbtest::Handle searching;
     std::uint32_t largest = 0;
-    for (const std::uint8_t byte : join({written.header, damaged(written.blocks[0]), garbage})) {
+    for (const std::uint8_t byte : concatAll({written.header, damaged(written.blocks[0]), garbage})) {
         readByByte(searching.get(), Bytes{byte});
         largest = std::max(largest, copyOf(searching->inputFill));
     }
@@ -300,7 +296,7 @@ TEST(BlockSearch, NeitherGarbageNorABlockThatStaysGrowsTheInputBuffer) {
     EXPECT_EQ(frameDifference(nvbtest::framesOf(readByByte(searching.get(), written.blocks[1])), written.expected[1]), "");
 
     nvbtest::Handle stuck;
-    const auto events = readByByte(stuck.get(), join({header(8, 11), block(9, {}), nvbtest::junk(600000, 4)}));
+    const auto events = readByByte(stuck.get(), concatAll({header(8, 11), block(9, {}), nvbtest::junk(600000, 4)}));
     EXPECT_EQ(events.size(), 600000u) << "status 7 from the first byte behind the block";
     EXPECT_EQ(events.back().status, 7);
     EXPECT_EQ(copyOf(stuck->inputFill), nvb::kBlockCapacity);
@@ -370,7 +366,7 @@ TEST_F(NextBlockRecord, LengthLimitsOfBareAndFramedRecords) {
 }
 
 TEST_F(NextBlockRecord, RebuildsFramesFromBareRecordsAndCountsOffsets) {
-    next(3, join({bare(27, 300), bare(37, 20), bare(35, 0x310, 0x53)}));
+    next(3, concatAll({bare(27, 300), bare(37, 20), bare(35, 0x310, 0x53)}));
     EXPECT_EQ(more_, 1);
     const nvb_frame_t& frame = handle_->frame;
     EXPECT_EQ(Bytes(frame.data, frame.data + 4), (Bytes{2, 304 & 0xFF, 27, 1}));

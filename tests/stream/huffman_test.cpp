@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -40,63 +39,7 @@ TEST_F(Huffman, CodeLengthsFollowTheKnownDistribution) {
     EXPECT_EQ(lengths, expected);
 }
 
-TEST_F(Huffman, WeightsSumToTheMeasuredTotal) {
-    std::uint64_t total = 0;
-    for (std::uint16_t symbol = 0; symbol < nvb::kHuffmanSymbolCount; ++symbol) total += nvb::huffmanCodeOf(symbol).weight;
-    EXPECT_EQ(total, 12127276u);
-}
-
-TEST_F(Huffman, CodesArePrefixFree) {
-    std::vector<std::string> codes;
-    for (std::uint16_t symbol = 0; symbol < nvb::kHuffmanSymbolCount; ++symbol) codes.push_back(bitsOf(symbol));
-    for (std::size_t i = 0; i < codes.size(); ++i) {
-        for (std::size_t j = 0; j < codes.size(); ++j) {
-            if (i == j) continue;
-            ASSERT_NE(codes[j].rfind(codes[i], 0), 0u) << i << " is a prefix of " << j;
-        }
-    }
-}
-
 TEST_F(Huffman, BuildRefusesWhileATreeExists) { EXPECT_FALSE(nvb::huffmanBuild()); }
-
-TEST_F(Huffman, RandomBytesSurviveEncodeAndDecodeAcrossEndSymbolsAndFlushes) {
-    std::mt19937 random(7);
-    for (int round = 0; round < 50; ++round) {
-        std::vector<std::uint8_t> plain(random() % 3000);
-        for (auto& byte : plain) byte = static_cast<std::uint8_t>(random());
-        // Encode in chunks, each closed by an end symbol and a flush, as a writer does
-        // every 600 records.
-        nvb_huffman_encoder_t encoder{};
-        std::vector<std::uint8_t> coded(plain.size() * 2 + 64);
-        std::size_t used = 0;
-        std::size_t chunkEnd = 0;
-        std::vector<std::size_t> chunkEnds;
-        while (chunkEnd < plain.size()) {
-            const std::size_t next = std::min(plain.size(), chunkEnd + 1 + random() % 700);
-            used += nvb::huffmanEncodeBuffer(encoder, plain.data() + chunkEnd, coded.data() + used,
-                                             static_cast<std::uint16_t>(next - chunkEnd));
-            used += static_cast<std::size_t>(nvb::huffmanEncodeSymbol(encoder, nvb::kHuffmanEndSymbol, coded.data() + used, false));
-            used += static_cast<std::size_t>(nvb::huffmanEncodeSymbol(encoder, 0, coded.data() + used, true));
-            chunkEnds.push_back(next);
-            chunkEnd = next;
-        }
-        std::vector<std::uint8_t> decoded;
-        const void* position = nullptr;
-        nvb::huffmanDecodeByte(position, 0, nullptr, true);
-        int endSymbols = 0;
-        for (std::size_t i = 0; i < used; ++i) {
-            std::uint8_t out[8];
-            const int count = nvb::huffmanDecodeByte(position, coded[i], out, false);
-            if (count < 0) {
-                ++endSymbols;
-                continue;
-            }
-            decoded.insert(decoded.end(), out, out + count);
-        }
-        EXPECT_EQ(decoded, plain);
-        EXPECT_EQ(endSymbols, static_cast<int>(chunkEnds.size()));
-    }
-}
 
 TEST_F(Huffman, SymbolZeroReturnsToTheRootAfterThreeBits) {
     // 100 100 10: two zero bytes, and the position one edge below the root.

@@ -95,19 +95,15 @@ TEST(EpochDelta, EpochEqualToThePredictionTakesOneByteASatelliteAndTwoOrThreeASi
 TEST(EpochDelta, TimeStepOfThreeMagnitudeBytesGoesRawInFour) {
     const Bytes first = quietSequence(1).front();
     nvbtest::CompactLink link = nvbtest::epochLink();
-    Bytes plain;
-    (void)link.compress(first);
-    (void)link.compress(advanced(first, 1));
-    const Bytes frame = advanced(first, 2, 0x10000);
-    const Bytes compact = link.compress(frame);
-    EXPECT_EQ((compact[4] >> 5) & 3, 3);
-    EXPECT_EQ(Bytes(compact.begin() + 5, compact.begin() + 9), Bytes(frame.begin() + 7, frame.begin() + 11));
-
-    nvbtest::CompactLink reader = nvbtest::epochLink();
-    for (const Bytes& each : {first, advanced(first, 1), frame}) {
-        reader.expand(reader.compress(each), plain);
-        EXPECT_EQ(plain, each);
+    Bytes plain, compact;
+    const Bytes frames[] = {first, advanced(first, 1), advanced(first, 2, 0x10000)};
+    for (const Bytes& frame : frames) {
+        compact = link.compress(frame);
+        ASSERT_EQ(link.expand(compact, plain), 0);
+        EXPECT_EQ(plain, frame);
     }
+    EXPECT_EQ((compact[4] >> 5) & 3, 3);
+    EXPECT_EQ(Bytes(compact.begin() + 5, compact.begin() + 9), Bytes(frames[2].begin() + 7, frames[2].begin() + 11));
 }
 
 TEST(EpochDelta, SatelliteCountStepOfThreeFitsFourTakesTheEscapeAndNoneIsAnEpoch) {

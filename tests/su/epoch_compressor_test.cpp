@@ -60,22 +60,6 @@ TEST(EpochForm, PredictedFormIsTakenOnlyOffTheWholeHundredMilliseconds) {
     for (std::size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(link.compress(frames[i]).at(2), expected[i]) << i;
 }
 
-TEST(EpochReference, EveryEpochOfALogComesBackFromItsReferenceForm) {
-    EpochSequenceOptions options;
-    options.epochs = 500;
-    const auto frames = nvbtest::makeEpochSequence(options);
-    nvbtest::CompactLink link = nvbtest::epochLink();
-    for (const Bytes& frame : frames) {
-        link.encoder().epochForceReference = 1;
-        const Bytes compact = link.compress(frame);
-        ASSERT_EQ(compact.at(2), 38);
-        ASSERT_EQ(compact.size(), frame.size() - 1);
-        Bytes plain;
-        ASSERT_EQ(link.expand(compact, plain), 0);
-        ASSERT_EQ(plain, frame);
-    }
-}
-
 TEST(EpochReference, IsOneByteShorterEndsInItsOwnChecksumAndExpandsToThePlainRecord) {
     const auto frames = quietSequence(1, 1000);
     Bytes plain = frames[0];

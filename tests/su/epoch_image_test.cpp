@@ -16,13 +16,6 @@ using nvbtest::Bytes;
 
 std::unique_ptr<epoch_image_t> blankImage() { return std::make_unique<epoch_image_t>(); }
 
-// An exact-size heap copy, so that a read one byte too far is a sanitizer fault.
-std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes, std::size_t size) {
-    auto copy = std::make_unique<std::uint8_t[]>(size);
-    std::memcpy(copy.get(), bytes.data(), size);
-    return copy;
-}
-
 // Every field of every row in use: 116 satellites of 6 signals with all optional bytes.
 std::unique_ptr<epoch_image_t> fullImage() {
     auto image = blankImage();
@@ -100,7 +93,7 @@ TEST(EpochImage, LimitsOfTheImageAreStatusesAndTheParseStaysInsideTheRecord) {
     EXPECT_EQ(parseEpochImage(*parsed, one.data(), one.size()).status, kStatusBadEpochCode);
 
     for (std::size_t cut = 1; cut < record.size(); cut += 97) {
-        const auto shortRecord = exactCopy(record, record.size() - cut);
+        const auto shortRecord = nvbtest::exactCopy(Bytes(record.begin(), record.end() - static_cast<long>(cut)));
         EXPECT_EQ(parseEpochImage(*parsed, shortRecord.get(), record.size() - cut).status, kStatusBadDeltaLength);
     }
 }

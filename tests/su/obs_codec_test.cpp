@@ -12,6 +12,8 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <string>
 #include <memory>
 #include <tuple>
 
@@ -214,24 +216,28 @@ TEST(ObsCodec, SecondRecord30OfSubtypeZeroResetsTheFirstGeneration) {
     EXPECT_EQ(state->firstGenHistory.previous.rowCount, 0);
 }
 
-TEST(ObsCodec, WriterReportsAFrameItCannotCode) {
+// What `run` writes to the log stream, with none set afterwards.
+std::string logged(const std::function<void()>& run) {
     std::FILE* log = std::tmpfile();
-    ASSERT_NE(log, nullptr);
-    std::FILE* saved = logStream;
     logStream = log;
+    run();
+    logStream = nullptr;
+    std::rewind(log);
+    std::array<char, 64> text{};
+    const std::size_t read = std::fread(text.data(), 1, text.size() - 1, log);
+    std::fclose(log);
+    return std::string(text.data(), read);
+}
+
+TEST(ObsCodec, WriterReportsAFrameItCannotCode) {
     nvbtest::CompactLink codec = link();
     Bytes plain = nvbtest::build(nvbtest::measurementSequence({}, 0.5, 6)[0]);
     auto in = std::make_unique<nvb_frame_t>();
     auto out = std::make_unique<nvb_frame_t>();
     std::memcpy(in->data, plain.data(), plain.size());
     in->length = static_cast<std::uint16_t>(plain.size() - 10); // the record claims more than the frame holds
-    EXPECT_EQ(compressRec17Frame(codec.encoder(), *in, *out), 0);
-    logStream = saved;
-    std::rewind(log);
-    std::array<char, 64> text{};
-    ASSERT_NE(std::fgets(text.data(), text.size(), log), nullptr);
-    EXPECT_STREQ(text.data(), "Unknown compressed format: 0\n");
-    std::fclose(log);
+    EXPECT_EQ(logged([&] { EXPECT_EQ(compressRec17Frame(codec.encoder(), *in, *out), 0); }),
+              "Unknown compressed format: 0\n");
 }
 
 // The first generation's reader reports a stream that ends inside its header through the
@@ -239,24 +245,16 @@ TEST(ObsCodec, WriterReportsAFrameItCannotCode) {
 TEST(ObsCodec, FirstGenerationTellsAShortHeaderOnTheLogStreamOnly) {
     const Bytes shortDelta = {0x02, 6, kTypeObsFirstDelta, 0x60, 0x00, 0x03};
     std::array<std::uint8_t, 600> out{};
-    std::FILE* log = std::tmpfile();
-    ASSERT_NE(log, nullptr);
-    std::FILE* saved = logStream;
-    testing::internal::CaptureStderr();
-    for (std::FILE* stream : {log, static_cast<std::FILE*>(nullptr)}) {
-        logStream = stream;
+    const auto expand = [&] {
         obs_history_t history{};
         std::uint8_t status = 0;
         EXPECT_FALSE(expandFirstGenerationDelta(history, shortDelta.data(), shortDelta.size(), out.data(), out.size(),
                                                 status, false));
-    }
-    logStream = saved;
+    };
+    EXPECT_EQ(logged(expand), "Assertion failed: cond, file su_compr_common, line 1319\n");
+    testing::internal::CaptureStderr();
+    expand();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    std::rewind(log);
-    std::array<char, 64> text{};
-    ASSERT_NE(std::fgets(text.data(), text.size(), log), nullptr);
-    EXPECT_STREQ(text.data(), "Assertion failed: cond, file su_compr_common, line 1319\n");
-    std::fclose(log);
 }
 
 }  // namespace

@@ -30,6 +30,18 @@ Bytes deltaAfter(const Bytes& first, const Bytes& next, solution_history_t& hist
     return Bytes(out.begin(), out.begin() + out[1] + 256 * out[3]);
 }
 
+// A reader's history after the reference form of `first`: the plain record less its end byte.
+solution_history_t readerAfter(const Bytes& first) {
+    solution_history_t reader{};
+    std::array<std::uint8_t, 1024> out{};
+    std::uint8_t status = 0;
+    Bytes reference(first.begin(), first.end() - 1);
+    reference[1] = static_cast<std::uint8_t>(reference.size());
+    reference[3] = static_cast<std::uint8_t>(reference.size() >> 8);
+    EXPECT_EQ(expandSolutionReference(reader, reference.data(), reference.size(), out.data(), out.size(), status), 0);
+    return reader;
+}
+
 Bytes expandDirect(solution_history_t& history, const Bytes& delta, std::uint8_t& status) {
     solution_image_t image;
     auto input = nvbtest::exactCopy(delta);
@@ -57,13 +69,8 @@ TEST(SolutionCodec, SatelliteCountMovesByThreeInTheCodeAndByFourInARawByte) {
         if (c.raw) {
             EXPECT_EQ(delta[6], c.count);
         }
-        solution_history_t reader{};
-        std::array<std::uint8_t, 1024> out{};
+        solution_history_t reader = readerAfter(nvbtest::build(base));
         std::uint8_t status = 0;
-        const Bytes first = nvbtest::build(base);
-        Bytes reference(first.begin(), first.end() - 1);
-        reference[1] = static_cast<std::uint8_t>(reference.size());
-        expandSolutionReference(reader, reference.data(), reference.size(), out.data(), out.size(), status);
         EXPECT_EQ(expandDirect(reader, delta, status), plain);
         EXPECT_EQ(status, 0);
     }
@@ -99,14 +106,8 @@ TEST(SolutionCodec, FormsTheDeltaCannotCarryGoOutAsReferences) {
         const Bytes second = nvbtest::build(next);
         solution_history_t history{};
         const Bytes delta = deltaAfter(first, second, history);
-        solution_history_t reader{};
-        std::array<std::uint8_t, 1024> out{};
+        solution_history_t reader = readerAfter(first);
         std::uint8_t status = 0;
-        Bytes reference(first.begin(), first.end() - 1);
-        const std::size_t shorter = reference.size();
-        reference[1] = static_cast<std::uint8_t>(shorter);
-        reference[3] = static_cast<std::uint8_t>(shorter >> 8);
-        expandSolutionReference(reader, reference.data(), reference.size(), out.data(), out.size(), status);
         solution_image_t image;
         expandSolutionDelta(reader, delta.data(), delta.size(), image, status);
         EXPECT_EQ(status, 0);
