@@ -387,7 +387,13 @@ TEST(Rec35Conversion, DamageCostsTheStatusOfTheTextAndEveryLaterRecordComesRight
         {"a dropped middle fragment", [](auto& r) { r[2].erase(r[2].begin() + 1); },
          {ok, "38/0/65535/19", waits, marker, ok, ok}},
         {"a lost reference", [](auto& r) { r.erase(r.begin() + 1); }, {waits, waits, marker, ok, ok}},
-        {"a foreign record between fragments", [&](auto& r) { r[2].insert(r[2].begin() + 1, foreign); },
+        // Rebuilt by appending: g++ 12 at -O3 misreads an insert into the nested vectors.
+        {"a foreign record between fragments",
+         [&](auto& r) {
+             std::vector<Bytes> fragments{r[2].front(), foreign};
+             for (std::size_t i = 1; i < r[2].size(); ++i) fragments.push_back(r[2][i]);
+             r[2] = std::move(fragments);
+         },
          {ok, "14/18/14/0", "-1/18/0/0", "-1/18/0/0", waits, marker, ok, ok}},
     };
     for (const auto& row : rows) {
