@@ -388,7 +388,7 @@ std::uint16_t readRec5(const nvb_frame_t& frame, nvb_expand_t& state) {
     const std::size_t body = frame.length > kBodyOffset + kTrailer ? frame.length - kBodyOffset - kTrailer : 0;
     FrameReadWalk walk{{body}, bytes, kBodyOffset};
     walkRec5(walk, *rec, subtype);
-    const auto length = static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0);
+    const auto length = atLeastDatHeader(static_cast<std::uint16_t>(frame.length >= 3 ? frame.length - 3 : 0));
     setDatHeader(state.records.datHeader, static_cast<std::uint8_t>(length), subtype, 5);
     return length;
 }
