@@ -234,10 +234,10 @@ void walkRec22(Walk& walk, Rec22& rec) {
     walk.fields(kRec22Head, base);
     const std::size_t entries = rec.count + 1u;
     const std::size_t kept = std::min<std::size_t>(entries, NVB_REC22_MAX_ENTRIES);
-    const auto table = [&](const FieldSpec& spec, std::size_t index) {
-        const std::array items = {fieldItems(spec, index * NVB_REC22_MAX_ENTRIES, kept)};
+    const auto table = [&](const FieldSpec& column, std::size_t index) {
+        const std::array items = {fieldItems(column, index * NVB_REC22_MAX_ENTRIES, kept)};
         walk.fields(items, base);
-        walk.position += spec.width * (entries - kept);
+        walk.position += column.width * (entries - kept);
     };
     table(kRec22Table1, 0);
     walk.fields(kRec22Middle, base);
