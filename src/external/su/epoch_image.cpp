@@ -262,8 +262,21 @@ std::uint32_t epochRecordLength(const epoch_image_t& image) {
     return length;
 }
 
+void copyEpochImage(epoch_image_t& to, const epoch_image_t& from) {
+    const auto rowsEnd = [](const epoch_image_t& image) {
+        return offsetof(epoch_image_t, sats) + satelliteCount(image) * sizeof(epoch_sat_row_t);
+    };
+    const std::size_t used = rowsEnd(from);
+    const std::size_t stale = rowsEnd(to);
+    auto* bytes = reinterpret_cast<std::uint8_t*>(&to);
+    std::memcpy(bytes, &from, used);
+    if (stale > used) std::memset(bytes + used, 0, stale - used);
+    std::memcpy(to.checksum, from.checksum, sizeof to.checksum);
+    to.etx = from.etx;
+}
+
 void advanceEpochHistory(epoch_image_t& previous, epoch_image_t& predicted, const epoch_image_t& current) {
-    std::memcpy(&predicted, &current, sizeof predicted);
+    copyEpochImage(predicted, current);
     bigExtrapolate(previous.receiveTime, current.receiveTime, predicted.receiveTime, 4);
     bigExtrapolate(previous.clkOffset, current.clkOffset, predicted.clkOffset, 3);
     for (std::size_t sat = 0; sat < satelliteCount(current); ++sat) {
@@ -276,7 +289,7 @@ void advanceEpochHistory(epoch_image_t& previous, epoch_image_t& predicted, cons
             bigExtrapolate(older.doppler, newer.doppler, next.doppler, 3);
         }
     }
-    std::memcpy(&previous, &current, sizeof previous);
+    copyEpochImage(previous, current);
 }
 
 double readRange(const std::uint8_t* bytes, std::uint16_t& position, std::uint8_t system,

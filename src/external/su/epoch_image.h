@@ -123,6 +123,12 @@ struct EpochParse {
 // rows, signals and the three trailer bytes.
 [[nodiscard]] std::uint32_t epochRecordLength(const epoch_image_t& image);
 
+// `to` := `from`, copying only the rows up to `from`'s satellite count and clearing the
+// rows that `to` used beyond them. Rows past an image's count are zero in every image the
+// parser, the expanders and the histories hold, so this equals a copy of the whole image
+// for the price of the rows in use; what `from` holds past its count is not read.
+void copyEpochImage(epoch_image_t& to, const epoch_image_t& from);
+
 // After an epoch, coded or expanded: `predicted` becomes the epoch that follows `current`
 // at a constant rate of change (time, clock offset, range, phase, doppler), and `previous`
 // becomes `current`. Rows pair by index only. `current` must not alias either image.

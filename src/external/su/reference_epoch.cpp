@@ -33,8 +33,8 @@ std::uint16_t compressReferenceEpoch(std::uint8_t* out, std::size_t outCapacity,
     const EpochParse parse = parseEpochImage(image, plain, plainLength);
     compactAssert(parse.status == 0);
     if (parse.status == 0) {
-        std::memcpy(&history.previous, &image, sizeof image);
-        std::memcpy(&history.predicted, &image, sizeof image);
+        copyEpochImage(history.previous, image);
+        copyEpochImage(history.predicted, image);
     }
     return length;
 }
@@ -58,8 +58,8 @@ std::uint8_t expandReferenceEpoch(const std::uint8_t* record, std::size_t record
     epoch_image_t image;
     const EpochParse parse = parseEpochImage(image, out, plainLength);
     if (parse.status != 0) return parse.status;
-    std::memcpy(&history.previous, &image, sizeof image);
-    std::memcpy(&history.predicted, &image, sizeof image);
+    copyEpochImage(history.previous, image);
+    copyEpochImage(history.predicted, image);
     deliverEpoch(image, out, plainLength, control, *expansion.work, result);
     return 0;
 }

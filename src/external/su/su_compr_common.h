@@ -263,12 +263,15 @@ inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8
         writeBytes(stream, newField, width);
         return rawCode;
     }
-    // One zero byte ahead of the magnitude, for a length of nine.
-    std::array<std::uint8_t, 1 + kMaxDeltaWidth> scratch{};
-    storeBigField(scratch.data() + 1, difference, kMaxDeltaWidth);
-    std::uint8_t* first = scratch.data() + scratch.size() - length;
-    if (newIsSmaller) *first |= 0x80;
-    writeBytes(stream, first, length);
+    if (length > spaceLeft(stream)) {
+        stream.failed = true;
+        return static_cast<std::uint8_t>(length);
+    }
+    // Straight into the stream: bytes staged on the stack and copied on would be read back
+    // wider than they were stored. A length of nine leads with a zero byte.
+    storeBigField(stream.pos, difference, length);
+    if (newIsSmaller) *stream.pos |= 0x80;
+    stream.pos += length;
     return static_cast<std::uint8_t>(length);
 }
 
