@@ -112,19 +112,64 @@ inline void writeByte(ByteWriter& writer, std::uint8_t value) {
     *writer.pos++ = value;
 }
 
+// Big-endian words of 2, 4 or 8 bytes, one load or store each.
+template <class Word>
+[[nodiscard]] inline Word loadBigWord(const std::uint8_t* bytes) {
+    Word word;
+    std::memcpy(&word, bytes, sizeof word);
+    if constexpr (std::endian::native == std::endian::little) {
+        if constexpr (sizeof word == 2) word = __builtin_bswap16(word);
+        if constexpr (sizeof word == 4) word = __builtin_bswap32(word);
+        if constexpr (sizeof word == 8) word = __builtin_bswap64(word);
+    }
+    return word;
+}
+
+template <class Word>
+inline void storeBigWord(std::uint8_t* bytes, Word word) {
+    if constexpr (std::endian::native == std::endian::little) {
+        if constexpr (sizeof word == 2) word = __builtin_bswap16(word);
+        if constexpr (sizeof word == 4) word = __builtin_bswap32(word);
+        if constexpr (sizeof word == 8) word = __builtin_bswap64(word);
+    }
+    std::memcpy(bytes, &word, sizeof word);
+}
+
 // A field of up to 8 bytes as one number, so that the arithmetic below is the machine's
-// own modulo 256^width.
+// own modulo 256^width. It goes by words, not bytes: every field of every signal passes
+// through here.
 [[nodiscard]] inline std::uint64_t loadBigField(const std::uint8_t* bytes, std::size_t width) {
+    if (width == 8) return loadBigWord<std::uint64_t>(bytes);
     std::uint64_t value = 0;
-    for (std::size_t i = 0; i < width; ++i) value = value << 8 | bytes[i];
+    if ((width & 4) != 0) {
+        value = loadBigWord<std::uint32_t>(bytes);
+        bytes += 4;
+    }
+    if ((width & 2) != 0) {
+        value = value << 16 | loadBigWord<std::uint16_t>(bytes);
+        bytes += 2;
+    }
+    if ((width & 1) != 0) value = value << 8 | *bytes;
     return value;
 }
 
+// The low `width` (up to 8) bytes of `value`, big-endian.
 inline void storeBigField(std::uint8_t* bytes, std::uint64_t value, std::size_t width) {
-    for (std::size_t i = width; i-- > 0;) {
-        bytes[i] = static_cast<std::uint8_t>(value);
+    if (width == 8) {
+        storeBigWord<std::uint64_t>(bytes, value);
+        return;
+    }
+    bytes += width;
+    if ((width & 1) != 0) {
+        *--bytes = static_cast<std::uint8_t>(value);
         value >>= 8;
     }
+    if ((width & 2) != 0) {
+        bytes -= 2;
+        storeBigWord<std::uint16_t>(bytes, static_cast<std::uint16_t>(value));
+        value >>= 16;
+    }
+    if ((width & 4) != 0) storeBigWord<std::uint32_t>(bytes - 4, static_cast<std::uint32_t>(value));
 }
 
 // a := a + b modulo 256^width. Returns the carry out of the first byte. a and b may alias.
@@ -242,8 +287,9 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
 // Wide delta, compress side. Unchanged is code 0; otherwise the magnitude of new minus
 // reference, trimmed but keeping a free top bit for the sign (set: new is below), in n
 // bytes with code n, or, when n reaches rawCode, the `width` raw bytes of new with code
-// rawCode. A field whose code 0 means raw (rawCode 0) needs its own writer.
-inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
+// rawCode. A field whose code 0 means raw (rawCode 0) needs its own writer. Always inline:
+// the width is a constant at nearly every call, and with it most of the branches go.
+[[gnu::always_inline]] inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
                            std::size_t width, std::uint8_t rawCode, ByteWriter& stream) {
     if (width > kMaxDeltaWidth) {
         compactAssert(false);
@@ -267,11 +313,17 @@ inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8
         stream.failed = true;
         return static_cast<std::uint8_t>(length);
     }
-    // Straight into the stream: bytes staged on the stack and copied on would be read back
-    // wider than they were stored. A length of nine leads with a zero byte.
-    storeBigField(stream.pos, difference, length);
-    if (newIsSmaller) *stream.pos |= 0x80;
+    // Sign and magnitude go into the stream as one store: bytes staged on the stack, or
+    // patched after the store, would be read back at another width than they were written.
+    std::uint8_t* at = stream.pos;
     stream.pos += length;
+    if (length > kMaxDeltaWidth) {
+        // Nine bytes: the sign has a zero byte of its own ahead of the magnitude.
+        *at++ = newIsSmaller ? 0x80 : 0;
+        storeBigField(at, difference, kMaxDeltaWidth);
+    } else {
+        storeBigField(at, newIsSmaller ? difference | std::uint64_t{0x80} << (8 * length - 8) : difference, length);
+    }
     return static_cast<std::uint8_t>(length);
 }
 
