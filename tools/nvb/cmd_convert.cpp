@@ -68,7 +68,7 @@ int runFromDat(const FromDatOptions& options, const CommonOptions& common) {
     LogWriter writer(*output, *write);
     DatReader reader(*input);
     Progress progress(common.quiet, "fromdat", input->size());
-    std::vector<std::uint8_t> record;
+    std::span<std::uint8_t> record;
     std::uint64_t offset = 0;
     std::uint64_t records = 0;
     while (reader.next(record, offset)) {

@@ -813,7 +813,7 @@ bool DatReader::fill(std::size_t wanted) {
     return end_ - begin_ >= wanted;
 }
 
-bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
+bool DatReader::next(std::span<std::uint8_t>& record, std::uint64_t& offset) {
     if (problem_) return false;
     if (!fill(4)) {
         if (end_ > begin_) {
@@ -846,8 +846,7 @@ bool DatReader::next(std::vector<std::uint8_t>& record, std::uint64_t& offset) {
         problemOffset_ = consumed_;
         return false;
     }
-    record.assign(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
-                  buffer_.begin() + static_cast<std::ptrdiff_t>(begin_ + length));
+    record = std::span<std::uint8_t>(buffer_.data() + begin_, length);
     offset = consumed_;
     consumed_ += length;
     begin_ += length;

@@ -299,8 +299,9 @@ class DatReader {
 public:
     explicit DatReader(Input& input);
     // The next record and its offset; false at the end, or at a record that can't be
-    // read, which problem() then tells.
-    bool next(std::vector<std::uint8_t>& record, std::uint64_t& offset);
+    // read, which problem() then tells. The record stays in the reader's buffer, valid
+    // until the next call.
+    bool next(std::span<std::uint8_t>& record, std::uint64_t& offset);
     const std::optional<std::string>& problem() const { return problem_; }
     std::uint64_t problemOffset() const { return problemOffset_; }
     std::uint64_t bytesRead() const { return consumed_; }

@@ -301,10 +301,8 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
     if (value == base) return 0;
     const bool newIsSmaller = value < base;
     const std::uint64_t difference = newIsSmaller ? base - value : value - base;
-    // The magnitude's significant bytes, and one more when the sign needs a bit of its own.
-    const auto significant = static_cast<std::size_t>(8 - std::countl_zero(difference) / 8);
-    const bool topBitSet = ((difference >> (8 * significant - 1)) & 1u) != 0;
-    const std::size_t length = significant + (topBitSet ? 1 : 0);
+    // The magnitude's bits and a free top bit for the sign, in whole bytes.
+    const auto length = static_cast<std::size_t>(std::bit_width(difference) / 8 + 1);
     if (length >= rawCode) {
         writeBytes(stream, newField, width);
         return rawCode;
@@ -321,9 +319,9 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
         // Nine bytes: the sign has a zero byte of its own ahead of the magnitude.
         *at++ = newIsSmaller ? 0x80 : 0;
         storeBigField(at, difference, kMaxDeltaWidth);
-    } else {
-        storeBigField(at, newIsSmaller ? difference | std::uint64_t{0x80} << (8 * length - 8) : difference, length);
+        return static_cast<std::uint8_t>(length);
     }
+    storeBigField(at, newIsSmaller ? difference | std::uint64_t{0x80} << (8 * length - 8) : difference, length);
     return static_cast<std::uint8_t>(length);
 }
 
