@@ -263,14 +263,10 @@ std::uint32_t epochRecordLength(const epoch_image_t& image) {
 }
 
 void copyEpochImage(epoch_image_t& to, const epoch_image_t& from) {
-    const auto rowsEnd = [](const epoch_image_t& image) {
-        return offsetof(epoch_image_t, sats) + satelliteCount(image) * sizeof(epoch_sat_row_t);
-    };
-    const std::size_t used = rowsEnd(from);
-    const std::size_t stale = rowsEnd(to);
+    const std::size_t used = offsetof(epoch_image_t, sats) + satelliteCount(from) * sizeof(epoch_sat_row_t);
     auto* bytes = reinterpret_cast<std::uint8_t*>(&to);
     std::memcpy(bytes, &from, used);
-    if (stale > used) std::memset(bytes + used, 0, stale - used);
+    std::memset(bytes + used, 0, offsetof(epoch_image_t, checksum) - used);
     std::memcpy(to.checksum, from.checksum, sizeof to.checksum);
     to.etx = from.etx;
 }

@@ -123,10 +123,8 @@ struct EpochParse {
 // rows, signals and the three trailer bytes.
 [[nodiscard]] std::uint32_t epochRecordLength(const epoch_image_t& image);
 
-// `to` := `from`, copying only the rows up to `from`'s satellite count and clearing the
-// rows that `to` used beyond them. Rows past an image's count are zero in every image the
-// parser, the expanders and the histories hold, so this equals a copy of the whole image
-// for the price of the rows in use; what `from` holds past its count is not read.
+// `to` := `from`, reading only the rows up to `from`'s satellite count: the rows past it
+// are zero in every image the parser and the expanders make, and are cleared in `to`.
 void copyEpochImage(epoch_image_t& to, const epoch_image_t& from);
 
 // After an epoch, coded or expanded: `predicted` becomes the epoch that follows `current`
