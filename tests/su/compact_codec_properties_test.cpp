@@ -103,16 +103,14 @@ struct Positions {
         longer[1] = 255;
         Bytes noRoom = reference;
         noRoom[1] = static_cast<std::uint8_t>(reference.size() + 1);
+        Bytes checksum = delta;
+        checksum.back() ^= 1;
         return {{"nibble code 9", nibble, true, 6},
                 {"117 satellites", listPart(0x40, {117}), false, 7},
                 {"change index 116", listPart(0x02, {116, 1}), false, 7},
-                {"checksum", flipLast(delta), true, 4},
+                {"checksum", checksum, true, 4},
                 {"reference promising 255 bytes", longer, false, 8},
                 {"reference that can't grow", noRoom, false, 8}};
-    }
-    static Bytes flipLast(Bytes record) {
-        record.back() ^= 1;
-        return record;
     }
 };
 
@@ -273,16 +271,14 @@ struct Epochs {
     static constexpr std::uint8_t nvb_encode_t::*kForce = &nvb_encode_t::epochForceReference;
     static CompactLink link() { return nvbtest::epochLink(); }
     static void configure(nvb_encode_t& state) { state.epochKeepDoppler = Long ? 1 : 0; }
-    // Without the long form, epochs as a level 0 writer makes them; a step back is a new week.
+    // Without the long form, epochs as a level 0 writer makes them, a sky of 116 satellites
+    // at two signals; with it, six signals on fewer. A step back is a new week.
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
-        nvbtest::EpochSequenceOptions options;
-        options.epochs = shape.count;
-        options.seed = shape.seed;
-        options.longFlags = Long;
-        options.doppler = Long;
-        options.satellites = 20;
-        if (shape.backAt >= 0) options.startTimeMs = 604800000 - static_cast<std::uint32_t>(shape.backAt) * 1000;
-        return nvbtest::makeEpochSequence(options);
+        const std::uint32_t start =
+            shape.backAt >= 0 ? 604800000 - static_cast<std::uint32_t>(shape.backAt) * 1000 : 302400000;
+        return nvbtest::makeEpochSequence({.seed = shape.seed, .epochs = shape.count, .startTimeMs = start,
+                                           .satellites = Long ? 40u : 116u, .maxSignals = Long ? 6u : 2u,
+                                           .doppler = Long, .longFlags = Long});
     }
     static bool isReference(std::uint8_t type) { return type == kReferenceEpochType; }
     template <typename State>
@@ -296,8 +292,10 @@ struct Epochs {
         nvbtest::readPlainEpoch(plain, *image);
         nvbtest::readPlainEpoch(before.empty() ? plain : before, *last);
         seen.insert("clock terms " + std::to_string(clockTermCount(image->clockBlock)));
+        if (image->nSv == 116) seen.insert("116 satellites");
         for (std::size_t sat = 0; sat < image->nSv; ++sat) {
             const epoch_sat_row_t& row = image->sats[sat];
+            if (row.nMeas == 6) seen.insert("6 signals");
             if ((row.svFlags2 & kSvHasSlipCounts) != 0) seen.insert("slip counts");
             if (sat < last->nSv && last->sats[sat].svId != row.svId) seen.insert("rows reordered");
             for (std::size_t index = 0; index < row.nMeas; ++index) {
@@ -310,7 +308,7 @@ struct Epochs {
         }
     }
     static std::set<std::string> coverage() {
-        std::set<std::string> expected = {"rows reordered", "slip mark"};
+        std::set<std::string> expected = {"rows reordered", "slip mark", Long ? "6 signals" : "116 satellites"};
         for (int terms = 0; terms < 8; ++terms) expected.insert("clock terms " + std::to_string(terms));
         if (Long) expected.insert({"slip counts", "doppler gap", "three-byte difference", "rolled over"});
         return expected;
@@ -327,16 +325,9 @@ struct Epochs {
     }
     // Two quiet epochs of two satellites with two signals each.
     static std::array<Bytes, 2> pair() {
-        nvbtest::EpochSequenceOptions options;
-        options.epochs = 2;
-        options.satellites = 2;
-        options.maxSignals = 2;
-        options.events = false;
-        options.riseAndSet = false;
-        options.longFlags = false;
-        options.doppler = false;
-        options.clockBlock = false;
-        const auto frames = nvbtest::makeEpochSequence(options);
+        const auto frames = nvbtest::makeEpochSequence({.epochs = 2, .satellites = 2, .maxSignals = 2, .doppler = false,
+                                                        .longFlags = false, .clockBlock = false, .events = false,
+                                                        .riseAndSet = false});
         return {frames[0], frames[1]};
     }
     // Records against that history: code byte, then per satellite a flag byte and per
@@ -407,11 +398,7 @@ bool historiesAgree(CompactLink& link) {
 
 TYPED_TEST(CompactCodec, LongSequenceComesBackByteForByteWithReferencesExactlyWhereDue) {
     using Codec = TypeParam;
-    SequenceShape shape;
-    shape.count = 1600;
-    shape.backAt = 900;
-    shape.backStepMs = 400000;
-    const std::vector<Bytes> plains = Codec::sequence(shape);
+    const std::vector<Bytes> plains = Codec::sequence({.count = 1600, .backAt = 900, .backStepMs = 400000});
     CompactLink link = Codec::link();
     CompactLink unverified = Codec::link();
     Codec::configure(link.encoder());
@@ -465,9 +452,7 @@ TYPED_TEST(CompactCodec, ReferenceComesFirstAtEachStepBackAnd600000MsAfterTheLas
 // was) or, where the codec carries no check, whose frame checksum fails (2).
 TYPED_TEST(CompactCodec, AfterALostRecordDeltasAreRefusedUntilTheNextReference) {
     using Codec = TypeParam;
-    SequenceShape shape;
-    shape.count = 700;
-    const std::vector<Bytes> plains = Codec::sequence(shape);
+    const std::vector<Bytes> plains = Codec::sequence({.count = 700});
     CompactLink writer = Codec::link();
     Codec::configure(writer.encoder());
     std::vector<Bytes> compacts;

