@@ -272,12 +272,12 @@ nvbtest::Rec25Wire block(std::uint8_t slot, std::uint8_t seed, std::uint32_t tim
 
 TEST(SubframeCache, RingOfTwentyHoldsNineteenBlocksAndTheTwentiethPushesTheTailOn) {
     CacheSides sides;
-    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, i))).first.size(), 41u);
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, 0))).first.size(), 41u) << "the first fell out";
-    const auto [reference, rebuilt] = sides.pass(nvbtest::buildRec25(block(5, 2)));
+    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(nvbtest::build(block(5, i))).first.size(), 41u);
+    EXPECT_EQ(sides.pass(nvbtest::build(block(5, 0))).first.size(), 41u) << "the first fell out";
+    const auto [reference, rebuilt] = sides.pass(nvbtest::build(block(5, 2)));
     EXPECT_EQ(reference.size(), 11u);
     EXPECT_EQ(reference[5], 2) << "ring position";
-    EXPECT_EQ(rebuilt, nvbtest::buildRec25(block(5, 2)));
+    EXPECT_EQ(rebuilt, nvbtest::build(block(5, 2)));
 }
 
 TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
@@ -291,10 +291,10 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
     for (const Case& c : cases) {
         CacheSides sides;
         const std::uint32_t start = 700000;
-        sides.pass(nvbtest::buildRec25(block(9, 1, start)));
+        sides.pass(nvbtest::build(block(9, 1, start)));
         nvbtest::Rec25Wire again = block(9, 1, static_cast<std::uint32_t>(start + c.difference));
         again.week = 2302;
-        const auto [compact, rebuilt] = sides.pass(nvbtest::buildRec25(again));
+        const auto [compact, rebuilt] = sides.pass(nvbtest::build(again));
         ASSERT_EQ(compact.size() == 11, c.reference) << c.difference;
         if (!c.reference) continue;
         EXPECT_EQ(readU16BigEndian(&compact[6]), c.delta) << c.difference;
@@ -303,7 +303,7 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
         nvbtest::Rec25Wire expected = again;
         expected.week = 2301;
         expected.time = start + c.delta;
-        Bytes sameInstant = nvbtest::buildRec25(expected);
+        Bytes sameInstant = nvbtest::build(expected);
         std::copy(compact.end() - 2, compact.end(), sameInstant.end() - 3);
         EXPECT_EQ(rebuilt, sameInstant) << c.difference;
     }
@@ -312,32 +312,32 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
 TEST(SubframeCache, BlocksThatStayOutOrMissTheRing) {
     CacheSides sides;
     nvbtest::Rec25Wire odd = block(63, 1);
-    EXPECT_TRUE(sides.pass(nvbtest::buildRec25(odd)).first.empty()) << "slot 63 writes nothing";
+    EXPECT_TRUE(sides.pass(nvbtest::build(odd)).first.empty()) << "slot 63 writes nothing";
     EXPECT_EQ(sides.writer->first, 1) << "and leaves the cache alone";
 
     nvbtest::Rec25Wire shortBlock = block(7, 4);
     shortBlock.subtype = 2;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 42u);
+    EXPECT_EQ(sides.pass(nvbtest::build(shortBlock)).first.size(), 42u);
     nvbtest::Rec25Wire longBlock = shortBlock;
     longBlock.flag = 0x40;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(longBlock)).first.size(), 46u) << "same bytes, another length";
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 12u);
+    EXPECT_EQ(sides.pass(nvbtest::build(longBlock)).first.size(), 46u) << "same bytes, another length";
+    EXPECT_EQ(sides.pass(nvbtest::build(shortBlock)).first.size(), 12u);
 }
 
 TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
     CacheSides sides;
     nvbtest::Rec25Wire wide = block(2, 1);
     wide.subtype = 2;
-    Bytes withoutEnd = nvbtest::buildRec25(wide);
+    Bytes withoutEnd = nvbtest::build(wide);
     withoutEnd.pop_back();
     withoutEnd[1] = 42;
     withoutEnd[2] = 86;
     withoutEnd[3] = 0;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(wide)).first, withoutEnd);
-    const Bytes later = sides.pass(nvbtest::buildRec25(block(2, 2))).first;
+    EXPECT_EQ(sides.pass(nvbtest::build(wide)).first, withoutEnd);
+    const Bytes later = sides.pass(nvbtest::build(block(2, 2))).first;
     EXPECT_EQ((std::vector<std::uint8_t>{later[1], later[2], later[3]}), (std::vector<std::uint8_t>{41, 84, 0}));
     wide.data[5] ^= 1;
-    const auto [literal, rebuilt] = sides.pass(nvbtest::buildRec25(wide));
+    const auto [literal, rebuilt] = sides.pass(nvbtest::build(wide));
     EXPECT_EQ(literal[3], 1);
     EXPECT_EQ(rebuilt[3], 2);
 }
@@ -354,7 +354,7 @@ TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMin
     for (const Step& step : steps) {
         nvbtest::Rec25Wire record = block(4, 1, step.time);
         record.week = step.week;
-        const Bytes plain = nvbtest::buildRec25(record);
+        const Bytes plain = nvbtest::build(record);
         nvb_frame_t in{}, out{};
         std::memcpy(in.data, plain.data(), plain.size());
         in.length = static_cast<std::uint16_t>(plain.size());
@@ -404,9 +404,9 @@ TEST(ListCodec, CodeByteAndPatchSizes) {
     };
     for (const Case& c : cases) {
         ListSides sides;
-        sides.pass(nvbtest::buildRec40(list(1000, base)));
-        sides.pass(nvbtest::buildRec40(list(2000, base)));
-        const Bytes plain = nvbtest::buildRec40(c.next);
+        sides.pass(nvbtest::build(list(1000, base)));
+        sides.pass(nvbtest::build(list(2000, base)));
+        const Bytes plain = nvbtest::build(c.next);
         const auto [compact, rebuilt] = sides.pass(plain);
         EXPECT_EQ(compact[4], c.code) << c.what;
         EXPECT_EQ(compact.size(), c.length) << c.what;
@@ -436,7 +436,7 @@ TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
         {"the same list again", list(8000, {{1, 10}, {2, 21}, {3, 30}}), 41},
     };
     for (const Step& step : steps) {
-        const Bytes plain = nvbtest::buildRec40(step.record);
+        const Bytes plain = nvbtest::build(step.record);
         nvb_frame_t in{}, out{};
         std::memcpy(in.data, plain.data(), plain.size());
         in.length = static_cast<std::uint16_t>(plain.size());

@@ -3,6 +3,7 @@
 #include "common/byte_sum.h"
 #include "external/su/epoch_image.h"
 #include "pipeline/serialisation.h"
+#include "support/host.h"
 
 #include <algorithm>
 #include <cmath>
@@ -430,16 +431,6 @@ Bytes datOf(Record& rec) {
     return dat;
 }
 
-Bytes structureDat(std::uint8_t type, const void* structure, std::size_t size) {
-    Bytes dat(size + 4);
-    dat[0] = 0x74;
-    dat[1] = static_cast<std::uint8_t>(dat.size());
-    dat[2] = 0;
-    dat[3] = type;
-    std::memcpy(dat.data() + 4, structure, size);
-    return dat;
-}
-
 }  // namespace
 
 std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
@@ -777,10 +768,7 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
                 old.lists[i] = static_cast<std::uint8_t>(i);
                 old.lists[old.nSv + i] = static_cast<std::uint8_t>(3 + i);
             }
-            Bytes dat = structureDat(11, &old, sizeof old);
-            dat.resize(4 + 2u * old.nSv + 78);
-            dat[1] = static_cast<std::uint8_t>(dat.size());
-            log.push_back(dat);
+            log.push_back(structDat(11, 0, &old, 4 + 2u * old.nSv + 78));
 
             auto rec17 = std::make_unique<Rec17>();
             rec17->receiveTime = time;
@@ -803,12 +791,7 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
         if (shape.opaqueRecords && k % 7 == 3) {
             Bytes body(20 + k % 60);
             for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * k);
-            Bytes dat(body.size() + 4);
-            dat[0] = 0x74;
-            dat[1] = static_cast<std::uint8_t>(dat.size());
-            dat[3] = k % 2 == 0 ? 14 : 23;
-            std::copy(body.begin(), body.end(), dat.begin() + 4);
-            log.push_back(dat);
+            log.push_back(shortDat(k % 2 == 0 ? 14 : 23, 0, body));
         }
     }
     return log;
