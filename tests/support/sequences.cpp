@@ -17,10 +17,7 @@ namespace nvbtest {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr double kSpeedOfLight = 299792458.0;
-constexpr double kWavelengthL1 = 0.19029367279836487;
-constexpr double kWavelengthL2 = 0.24421021342456825;
 constexpr double kRollover = 33554431.0;
 constexpr std::uint32_t kWeekMs = 604800000;
 
@@ -28,51 +25,6 @@ std::uint32_t timeAt(const SequenceShape& shape, std::size_t index) {
     std::uint32_t time = 345600000 + static_cast<std::uint32_t>(index) * 1000;
     if (shape.backAt >= 0 && static_cast<long>(index) >= shape.backAt) time -= shape.backStepMs;
     return time;
-}
-
-// A satellite's pass over the sky: range, phase and angles as smooth functions of time.
-struct Pass {
-    std::uint8_t svId;
-    double riseS;
-    double setS;
-    double range0;
-    double rate;
-    double accel;
-    double bias1;
-    double bias2;
-    double iono;
-    double azimuth0;
-    bool dual;
-
-    [[nodiscard]] bool visible(double t) const { return t >= riseS && t < setS; }
-    [[nodiscard]] double fraction(double t) const { return (t - riseS) / (setS - riseS); }
-    [[nodiscard]] double elevation(double t) const { return 5.0 + 80.0 * std::sin(kPi * fraction(t)); }
-    [[nodiscard]] double range(double t) const {
-        const double tau = t - riseS;
-        return range0 + rate * tau + 0.5 * accel * tau * tau;
-    }
-};
-
-std::vector<Pass> makeSky(std::mt19937& rng, double spanS, std::size_t passes, double dualShare) {
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<Pass> sky;
-    for (std::size_t k = 0; k < passes; ++k) {
-        Pass pass{};
-        pass.svId = static_cast<std::uint8_t>(1 + k % 32);
-        // Some satellites are up from the start, the rest rise and set during the span.
-        pass.riseS = k < passes / 2 ? -unit(rng) * spanS : unit(rng) * spanS * 0.8;
-        pass.setS = pass.riseS + spanS * (0.3 + unit(rng));
-        pass.range0 = 21.0e6 + 4.0e6 * unit(rng);
-        pass.rate = -800.0 + 1600.0 * unit(rng);
-        pass.accel = -0.15 + 0.3 * unit(rng);
-        pass.bias1 = std::floor(unit(rng) * 1.0e6);
-        pass.bias2 = std::floor(unit(rng) * 1.0e6);
-        pass.iono = 2.0 + 8.0 * unit(rng);
-        pass.azimuth0 = 360.0 * unit(rng);
-        pass.dual = unit(rng) < dualShare;
-        sky.push_back(pass);
-    }
-    return sky;
 }
 
 struct SignalModel {
@@ -135,6 +87,12 @@ const std::vector<std::uint8_t>& bandsOf(std::uint8_t system) {
 
 void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
+}
+
+std::int64_t getSigned(const std::uint8_t* field, std::size_t width) {
+    std::int64_t value = (field[0] & 0x80) != 0 ? -1 : 0;
+    for (std::size_t i = 0; i < width; ++i) value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
+    return value;
 }
 
 
@@ -556,57 +514,43 @@ std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
 }
 
 std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double dualShare, std::size_t maxSats) {
-    std::mt19937 rng(shape.seed);
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const auto spanS = static_cast<double>(shape.count);
-    const std::vector<Pass> sky = makeSky(rng, spanS, 26, dualShare);
+    // The sky of the epoch sequences, as the older record carries it: the first signal of
+    // each satellite, and the second on a `dualShare` of those that have one; a slip marks
+    // the satellite, an unresolved half cycle sets its flag.
+    const auto frames = makeEpochSequence({.seed = shape.seed, .epochs = shape.count, .maxSignals = 2,
+                                           .doppler = false, .longFlags = false, .clockBlock = false});
+    auto image = std::make_unique<epoch_image_t>();
     std::vector<Rec17Wire> records;
-    double clockMs = 0.35;
-    for (std::size_t i = 0; i < shape.count; ++i) {
-        const auto t = static_cast<double>(i);
-        // The receiver clock drifts and is stepped back by 1 ms now and then.
-        clockMs += 2.0e-5;
-        if (clockMs > 0.9) clockMs -= 1.0;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        readPlainEpoch(frames[i], *image);
         Rec17Wire record;
         record.time = timeAt(shape, i);
-        record.clockOffset = static_cast<std::int32_t>(std::llround(clockMs * 524288.0));
-        std::vector<const Pass*> up;
-        for (const Pass& pass : sky) {
-            if (pass.visible(t)) up.push_back(&pass);
-        }
-        std::sort(up.begin(), up.end(), [](const Pass* a, const Pass* b) { return a->svId < b->svId; });
-        up.erase(std::unique(up.begin(), up.end(), [](const Pass* a, const Pass* b) { return a->svId == b->svId; }),
-                 up.end());
-        if (up.size() > maxSats) up.resize(maxSats);
-        for (const Pass* pass : up) {
+        record.clockOffset = static_cast<std::int32_t>(getSigned(image->clkOffset, 3));
+        for (std::size_t row = 0; row < image->nSv; ++row) {
+            const epoch_sat_row_t& sv = image->sats[row];
+            const epoch_sig_row_t* signal = sv.signals;
+            const bool dual = sv.nMeas > 1 && (sv.svId % 10) < dualShare * 10;
             Rec17Sat sat;
-            const double elevation = pass->elevation(t);
-            const double clockRange = clockMs * 1.0e-3 * kSpeedOfLight;
-            const double range = pass->range(t) + clockRange + noise(rng) * 0.3;
-            sat.svId = pass->svId;
-            sat.svFlags = static_cast<std::uint8_t>(0xD8 | (pass->dual ? 0x21 : 0x00));
-            sat.svFlags2 = pass->dual ? 4 : 0;
-            // Rarely a half-cycle mark, and rarely flags that only the two-byte form carries.
-            if (unit(rng) < 0.01) sat.svFlags |= 0x02;
-            if (unit(rng) < 0.003) sat.svFlags2 |= 0x01;
-            sat.elevation = static_cast<std::uint8_t>(std::lround(elevation));
-            sat.azimuth = static_cast<std::uint8_t>(std::lround(std::fmod(pass->azimuth0 + 40.0 * pass->fraction(t), 360.0) / 2.0));
-            const double snr = 32.0 + 18.0 * std::sin(elevation * kPi / 180.0) + noise(rng) * 0.4;
-            sat.snr = static_cast<std::uint8_t>(std::lround(snr * 4.0));
-            if (unit(rng) < 0.002) sat.snr = 0;
-            sat.range = static_cast<std::uint32_t>(std::llround(range * 128.0));
-            const double carrier = -(pass->range(t) + clockRange - pass->iono) / kWavelengthL1 + pass->bias1;
-            sat.phase = std::llround((carrier + noise(rng) * 0.01) * 32768.0);
-            if ((sat.svFlags & 1) != 0) {
-                const double iono2 = pass->iono * 1.6469;
-                sat.snr2 = static_cast<std::uint8_t>(std::lround((snr - 8.0) * 4.0));
-                const double carrier2 = -(pass->range(t) + clockRange - iono2) / kWavelengthL2 + pass->bias2;
-                sat.phase2 = std::llround((carrier2 + noise(rng) * 0.01) * 32768.0);
-                sat.rangeDiff2 = static_cast<std::int16_t>(std::lround((iono2 - pass->iono + noise(rng) * 0.3) * 256.0));
+            sat.svId = sv.svId;
+            sat.svFlags = static_cast<std::uint8_t>(0xD8 | (dual ? 0x21 : 0) | ((signal[0].measFlags1 & 0x20) ? 0 : 0x02));
+            sat.svFlags2 = static_cast<std::uint8_t>((dual ? 4 : 0) | ((signal[0].measFlags1 & 0x08) ? 1 : 0));
+            sat.elevation = sv.elevation;
+            sat.azimuth = sv.azimuth;
+            sat.snr = static_cast<std::uint8_t>((signal[0].snr[0] << 8 | signal[0].snr[1]) * 4 / 10);
+            sat.range = nvb::readBigEndian32(signal[0].range);
+            sat.phase = getSigned(signal[0].phase, 6);
+            if (dual) {
+                sat.snr2 = static_cast<std::uint8_t>((signal[1].snr[0] << 8 | signal[1].snr[1]) * 4 / 10);
+                sat.phase2 = getSigned(signal[1].phase, 6);
+                sat.rangeDiff2 = static_cast<std::int16_t>(getSigned(signal[1].range, 2));
             }
             record.sats.push_back(sat);
         }
+        std::sort(record.sats.begin(), record.sats.end(), [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId < b.svId; });
+        record.sats.erase(std::unique(record.sats.begin(), record.sats.end(),
+                                      [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId == b.svId; }),
+                          record.sats.end());
+        if (record.sats.size() > maxSats) record.sats.resize(maxSats);
         records.push_back(record);
     }
     return records;
@@ -617,9 +561,7 @@ void settleEpochLengths(epoch_image_t& image) {
     epoch_clock_block_t& block = image.clockBlock;
     std::size_t blockLength = 2;
     for (std::size_t term = 0; term < ((block.blockFlags >> 4) & 7u); ++term) {
-        std::int64_t value = (block.clockValues[term][0] & 0x80) ? -1 : 0;
-        for (std::size_t i = 0; i < 7; ++i) value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | block.clockValues[term][i]);
-        const std::size_t width = signedWidth(value);
+        const std::size_t width = signedWidth(getSigned(block.clockValues[term], 7));
         block.clockTypes[term] = static_cast<std::uint8_t>((block.clockTypes[term] & 0x8F) | width << 4);
         blockLength += 1 + width;
     }

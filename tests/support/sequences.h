@@ -30,8 +30,9 @@ std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
 // Solutions cycle through the optional blocks: block 3 by fix type, block 4 in both
 // lengths, the clock block, and the flag that predicts sigmaU.
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape);
-// Satellites rise and set; `dualShare` of them (0 to 1) carry the second block, and
-// `maxSats` caps the sky so that long records stay within 511 bytes.
+// The sky of the epoch sequences: `dualShare` (0 to 1) of the satellites with a second
+// signal carry the second block, and `maxSats` caps the sky so that long records stay
+// within 511 bytes.
 std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double dualShare = 0.7,
                                            std::size_t maxSats = 14);
 
