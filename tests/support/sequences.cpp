@@ -65,25 +65,10 @@ struct ClockModel {
     std::int64_t value = 0;
 };
 
-// Bands that the wavelength table knows, per system.
-const std::vector<std::uint8_t>& bandsOf(std::uint8_t system) {
-    static const std::vector<std::uint8_t> gps = {0, 1, 2, 0, 1, 2};
-    static const std::vector<std::uint8_t> sbas = {0, 2, 0, 2, 0, 2};
-    static const std::vector<std::uint8_t> glonass = {0, 1, 9, 0, 1, 9};
-    static const std::vector<std::uint8_t> galileo = {0, 2, 4, 3, 5, 10};
-    static const std::vector<std::uint8_t> qzss = {0, 1, 2, 5, 11, 0};
-    static const std::vector<std::uint8_t> beidou = {6, 7, 8, 2, 4, 6};
-    static const std::vector<std::uint8_t> irnss = {2, 11, 2, 11, 2, 11};
-    switch (system) {
-    case 1: return sbas;
-    case 2: return glonass;
-    case 3: return galileo;
-    case 4: return qzss;
-    case 7: return beidou;
-    case 9: return irnss;
-    default: return gps;
-    }
-}
+// Bands that the wavelength table knows, per system from 0 to 9; 5, 6 and 8 as 0.
+constexpr std::uint8_t kBands[10][6] = {{0, 1, 2, 0, 1, 2}, {0, 2, 0, 2, 0, 2},  {0, 1, 9, 0, 1, 9},  {0, 2, 4, 3, 5, 10},
+                                        {0, 1, 2, 5, 11, 0}, {0, 1, 2, 0, 1, 2}, {0, 1, 2, 0, 1, 2},   {6, 7, 8, 2, 4, 6},
+                                        {0, 1, 2, 0, 1, 2}, {2, 11, 2, 11, 2, 11}};
 
 void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
@@ -152,7 +137,7 @@ private:
             sat.slips[0] = static_cast<std::uint8_t>(integer(0, 255));
             sat.slips[1] = static_cast<std::uint8_t>(integer(0, 255));
         }
-        const auto& bands = bandsOf(sat.system);
+        const std::uint8_t* bands = kBands[sat.system];
         const std::size_t count = options_.riseAndSet ? 1 + index % options_.maxSignals : options_.maxSignals;
         for (std::size_t s = 0; s < count; ++s) {
             SignalModel signal;
