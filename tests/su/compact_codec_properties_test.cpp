@@ -57,15 +57,11 @@ struct Positions {
     static constexpr bool kLengthHigh = false;
     static constexpr std::uint8_t nvb_encode_t::*kForce = nullptr;
     static CompactLink link() { return CompactLink(compressRec11Frame, nvbtest::positionStep); }
-    static void configure(nvb_encode_t&) {}
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
         return nvbtest::buildAll(nvbtest::positionSequence(shape));
     }
     static bool isReference(std::uint8_t type) { return type == kTypePositionReference; }
-    template <typename State>
-    static History& history(State& state) {
-        return state.positionHistory;
-    }
+    static constexpr auto history = [](auto& state) -> History& { return state.positionHistory; };
     // Without the verify flag the delta form's checksum is recomputed low byte first.
     static Bytes unverified(Bytes plain, const Bytes& compact) {
         if (compact[2] == kTypePositionDelta) std::swap(plain[plain.size() - 3], plain[plain.size() - 2]);
@@ -124,15 +120,11 @@ struct Solutions {
     static constexpr bool kLengthHigh = true;
     static constexpr std::uint8_t nvb_encode_t::*kForce = &nvb_encode_t::forcePositionReference;
     static CompactLink link() { return CompactLink(compressRec29Frame, nvbtest::solutionStep); }
-    static void configure(nvb_encode_t&) {}
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
         return nvbtest::buildAll(nvbtest::solutionSequence(shape));
     }
     static bool isReference(std::uint8_t type) { return type == kTypeSolutionReference; }
-    template <typename State>
-    static History& history(State& state) {
-        return state.solutionHistory;
-    }
+    static constexpr auto history = [](auto& state) -> History& { return state.solutionHistory; };
     static Bytes unverified(Bytes plain, const Bytes&) { return plain; }
     static void cover(const Bytes&, const Bytes& plain, const Bytes& compact, std::set<std::string>& seen) {
         if (compact[2] != kTypeSolutionDelta) return;
@@ -198,15 +190,11 @@ struct Records17 {
     static constexpr bool kLengthHigh = false;
     static constexpr std::uint8_t nvb_encode_t::*kForce = nullptr;
     static CompactLink link() { return CompactLink(compressRec17Frame, nvbtest::obsStep); }
-    static void configure(nvb_encode_t&) {}
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
         return nvbtest::buildAll(nvbtest::measurementSequence(shape));
     }
     static bool isReference(std::uint8_t type) { return type == 69 || type == 77; }
-    template <typename State>
-    static History& history(State& state) {
-        return state.secondGenHistory;
-    }
+    static constexpr auto history = [](auto& state) -> History& { return state.secondGenHistory; };
     static Bytes unverified(Bytes plain, const Bytes&) { return plain; }
     static void cover(const Bytes&, const Bytes& plain, const Bytes& compact, std::set<std::string>& seen) {
         if (isReference(compact[2])) return;
@@ -269,8 +257,15 @@ struct Epochs {
     static constexpr bool kCapacityOfDelta = true;
     static constexpr bool kLengthHigh = true;
     static constexpr std::uint8_t nvb_encode_t::*kForce = &nvb_encode_t::epochForceReference;
-    static CompactLink link() { return nvbtest::epochLink(); }
-    static void configure(nvb_encode_t& state) { state.epochKeepDoppler = Long ? 1 : 0; }
+    // The long form is the one a writer that keeps the doppler takes.
+    static CompactLink link() {
+        return CompactLink(
+            [](nvb_encode_t& state, const nvb_frame_t& in, nvb_frame_t& out) {
+                state.epochKeepDoppler = Long ? 1 : 0;
+                return compressEpochFrame(state, in, out);
+            },
+            nvbtest::epochStep);
+    }
     // Without the long form, epochs as a level 0 writer makes them, a sky of 116 satellites
     // at two signals; with it, six signals on fewer. A step back is a new week.
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
@@ -281,10 +276,7 @@ struct Epochs {
                                            .doppler = Long, .longFlags = Long});
     }
     static bool isReference(std::uint8_t type) { return type == kReferenceEpochType; }
-    template <typename State>
-    static History& history(State& state) {
-        return state.epochHistory;
-    }
+    static constexpr auto history = [](auto& state) -> History& { return state.epochHistory; };
     static Bytes unverified(Bytes plain, const Bytes&) { return plain; }
     static void cover(const Bytes& before, const Bytes& plain, const Bytes&, std::set<std::string>& seen) {
         auto image = std::make_unique<epoch_image_t>();
@@ -401,8 +393,6 @@ TYPED_TEST(CompactCodec, LongSequenceComesBackByteForByteWithReferencesExactlyWh
     const std::vector<Bytes> plains = Codec::sequence({.count = 1600, .backAt = 900, .backStepMs = 400000});
     CompactLink link = Codec::link();
     CompactLink unverified = Codec::link();
-    Codec::configure(link.encoder());
-    Codec::configure(unverified.encoder());
     std::uint32_t lastReference = 0xFFFFFFFF;
     std::set<std::string> seen;
     std::size_t compactBytes = 0, plainBytes = 0;
@@ -454,7 +444,6 @@ TYPED_TEST(CompactCodec, AfterALostRecordDeltasAreRefusedUntilTheNextReference) 
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence({.count = 700});
     CompactLink writer = Codec::link();
-    Codec::configure(writer.encoder());
     std::vector<Bytes> compacts;
     for (const Bytes& plain : plains) compacts.push_back(writer.compress(plain));
     const std::size_t lost = 300;
@@ -496,7 +485,6 @@ TYPED_TEST(CompactCodec, CorruptRecordsGiveTheirStatusAndLeaveTheHistoryByteIden
     using History = typename Codec::History;
     const auto plains = Codec::pair();
     CompactLink writer = Codec::link();
-    Codec::configure(writer.encoder());
     const Bytes reference = writer.compress(plains[0]);
     const Bytes delta = writer.compress(plains[1]);
     ASSERT_TRUE(Codec::isReference(reference[2]));
