@@ -376,54 +376,6 @@ Bytes datOf(Record& rec) {
 
 }  // namespace
 
-std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
-    std::mt19937 rng(shape.seed);
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<Rec11Wire> records;
-    double latitude = 0.2512 * 2147483648.0;
-    double longitude = 0.0431 * 1073741824.0;
-    double height = 312.5 * 4096.0;
-    double clock = 1500.0 * 512.0;
-    std::vector<std::uint8_t> sats = {2, 5, 7, 9, 12, 15, 18, 21, 24, 27};
-    std::uint8_t fixStatus = 3;
-    for (std::size_t i = 0; i < shape.count; ++i) {
-        const double northRate = 1075.0 + 40.0 * std::sin(i / 37.0);
-        const double eastRate = 520.0 + 25.0 * std::cos(i / 23.0);
-        latitude += northRate + noise(rng) * 3.0;
-        longitude += eastRate + noise(rng) * 3.0;
-        height += (0.2 * std::sin(i / 11.0)) * 4096.0 + noise(rng) * 200.0;
-        clock += 0.6 * 512.0 + noise(rng) * 50.0;
-        if (unit(rng) < 0.04 && sats.size() < 14) {
-            sats.push_back(static_cast<std::uint8_t>(1 + rng() % 32));
-        } else if (unit(rng) < 0.04 && sats.size() > 5) {
-            sats.erase(sats.begin() + static_cast<long>(rng() % sats.size()));
-        }
-        if (unit(rng) < 0.02) fixStatus = static_cast<std::uint8_t>(1 + rng() % 4);
-
-        Rec11Wire record;
-        record.latitude = static_cast<std::int32_t>(std::llround(latitude));
-        record.longitude = static_cast<std::int32_t>(std::llround(longitude));
-        record.height = static_cast<std::int32_t>(std::llround(height));
-        record.clockOffset = static_cast<std::int32_t>(std::llround(clock));
-        record.clockDrift = static_cast<std::int32_t>(std::llround(0.6 * 131072.0 + noise(rng) * 900.0));
-        record.pdop = static_cast<std::uint16_t>(14 + sats.size() % 5);
-        record.velocity[0] = static_cast<std::int32_t>(std::llround(northRate * 1.0e5 + noise(rng) * 2.0e4));
-        record.velocity[1] = static_cast<std::int32_t>(std::llround(eastRate * 4.0e4 + noise(rng) * 1.0e4));
-        record.velocity[2] = static_cast<std::int32_t>(std::llround(0.2 * 2097152.0 * std::sin(i / 11.0)));
-        record.time = timeAt(shape, i);
-        record.fixStatus = fixStatus;
-        record.svIds = sats;
-        for (std::size_t k = 0; k < sats.size(); ++k) record.channels.push_back(static_cast<std::uint8_t>(k));
-        // A stretch of the older form without the residual bytes.
-        const auto latitudeResidual = static_cast<std::uint8_t>(rng() % 128);
-        const auto longitudeResidual = static_cast<std::uint8_t>(rng() % 128);
-        if (i % 300 < 250) record.residuals = {latitudeResidual, longitudeResidual};
-        records.push_back(record);
-    }
-    return records;
-}
-
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
     std::mt19937 rng(shape.seed);
     std::normal_distribution<double> noise(0.0, 1.0);
@@ -493,6 +445,34 @@ std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
             record.clock.push_back({static_cast<std::uint8_t>(k + 2), std::llround(clockTerm[k])});
         }
         record.svs = svs;
+        records.push_back(record);
+    }
+    return records;
+}
+
+// The solutions' fixes as the older record carries them: degrees at 2^40 and 2^39 become
+// semicircles at 2^31 and 2^30, a clock in ms at 2^26 metres at 2^9.
+std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
+    std::vector<Rec11Wire> records;
+    for (const Rec29Wire& fix : solutionSequence(shape)) {
+        Rec11Wire record;
+        record.latitude = static_cast<std::int32_t>(std::llround(std::ldexp(fix.latitude / 180.0, -9)));
+        record.longitude = static_cast<std::int32_t>(std::llround(std::ldexp(fix.longitude / 180.0, -9)));
+        record.height = fix.height;
+        record.clockOffset = static_cast<std::int32_t>(std::llround(std::ldexp(fix.clockOffset * 299792.458, -17)));
+        record.clockDrift = fix.clockDrift;
+        record.pdop = static_cast<std::uint16_t>(14 + fix.svs.size() % 5);
+        for (std::size_t k = 0; k < 3; ++k) record.velocity[k] = fix.velocity[k] * (k == 2 ? 1 : 16);
+        record.time = fix.time;
+        record.fixStatus = static_cast<std::uint8_t>(1 + fix.fixType % 4);
+        for (const Rec29Wire::Sv& sv : fix.svs) {
+            record.channels.push_back(static_cast<std::uint8_t>(record.svIds.size()));
+            record.svIds.push_back(sv.id);
+        }
+        // A stretch of the older form without the residual bytes.
+        if ((records.size() % 300) < 250) {
+            record.residuals = {static_cast<std::uint8_t>(fix.latitude & 0x7F), static_cast<std::uint8_t>(fix.longitude & 0x7F)};
+        }
         records.push_back(record);
     }
     return records;
