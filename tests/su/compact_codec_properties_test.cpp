@@ -41,6 +41,12 @@ Bytes retimed(Bytes plain, std::size_t offset, std::uint32_t time) {
     return plain;
 }
 
+// `record` with the byte at `at` set to `value`.
+Bytes with(Bytes record, std::size_t at, std::uint8_t value) {
+    record[at] = value;
+    return record;
+}
+
 struct Corruption {
     const char* what;
     Bytes record;
@@ -85,8 +91,6 @@ struct Positions {
         return {records[0], records[1]};
     }
     static std::vector<Corruption> corruptions(const Bytes& reference, const Bytes& delta) {
-        Bytes nibble = delta;
-        nibble[3] = 0x90;
         // Unchanged head fields, then a list part: a satellite count of 117, a change index of 116.
         const auto listPart = [](std::uint8_t bits, Bytes tail) {
             Bytes bad = {2, 0, kTypePositionDelta, 0, 0, 0, 0, 0, bits};
@@ -95,18 +99,13 @@ struct Positions {
             bad[1] = static_cast<std::uint8_t>(bad.size());
             return bad;
         };
-        Bytes longer = reference;
-        longer[1] = 255;
-        Bytes noRoom = reference;
-        noRoom[1] = static_cast<std::uint8_t>(reference.size() + 1);
-        Bytes checksum = delta;
-        checksum.back() ^= 1;
-        return {{"nibble code 9", nibble, true, 6},
+        const auto noRoom = static_cast<std::uint8_t>(reference.size() + 1);
+        return {{"nibble code 9", with(delta, 3, 0x90), true, 6},
                 {"117 satellites", listPart(0x40, {117}), false, 7},
                 {"change index 116", listPart(0x02, {116, 1}), false, 7},
-                {"checksum", checksum, true, 4},
-                {"reference promising 255 bytes", longer, false, 8},
-                {"reference that can't grow", noRoom, false, 8}};
+                {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, 4},
+                {"reference promising 255 bytes", with(reference, 1, 255), false, 8},
+                {"reference that can't grow", with(reference, 1, noRoom), false, 8}};
     }
 };
 
@@ -162,22 +161,16 @@ struct Solutions {
         // Blocks in order: 1, 2, 3, 4, 5 (clock), 6 (list), then the checksum.
         std::vector<std::size_t> block;
         for (std::size_t at = 4; block.size() < 6; at += delta[at]) block.push_back(at);
-        const auto with = [&](std::size_t at, std::uint8_t value) {
-            Bytes bad = delta;
-            bad[at] = value;
-            return bad;
-        };
-        Bytes promising = reference;
-        promising[1] = static_cast<std::uint8_t>(reference.size() + 1);
+        const auto promising = static_cast<std::uint8_t>(reference.size() + 1);
         return {
-            {"block 1 shorter than its fields", with(block[0], 1), false, 8},
-            {"block 2 shorter than its fields", with(block[1], 8), false, 8},
-            {"block 3 shorter than its fields", with(block[2], 1), false, 8},
-            {"block 4 shorter than its fields", with(block[3], 1), false, 8},
-            {"clock block of another length", with(block[4], static_cast<std::uint8_t>(delta[block[4]] + 1)), false, 8},
-            {"list longer than the satellites allow", with(block[5], 255), false, 7},
-            {"change index beyond the image", with(block[5] + 1, 116), false, 7},
-            {"reference promising more than it holds", promising, false, 8}};
+            {"block 1 shorter than its fields", with(delta, block[0], 1), false, 8},
+            {"block 2 shorter than its fields", with(delta, block[1], 8), false, 8},
+            {"block 3 shorter than its fields", with(delta, block[2], 1), false, 8},
+            {"block 4 shorter than its fields", with(delta, block[3], 1), false, 8},
+            {"clock block of another length", with(delta, block[4], delta[block[4]] + 1), false, 8},
+            {"list longer than the satellites allow", with(delta, block[5], 255), false, 7},
+            {"change index beyond the image", with(delta, block[5] + 1, 116), false, 7},
+            {"reference promising more than it holds", with(reference, 1, promising), false, 8}};
     }
 };
 
@@ -226,25 +219,18 @@ struct Records17 {
         return {nvbtest::build(a), nvbtest::build(b)};
     }
     static std::vector<Corruption> corruptions(const Bytes& reference, const Bytes& delta) {
-        const auto with = [&](std::size_t at, std::uint8_t value) {
-            Bytes bad = delta;
-            bad[at] = value;
-            return bad;
-        };
         Bytes padded = delta;
         padded.insert(padded.end() - 2, 0);
         padded[1] = static_cast<std::uint8_t>(padded.size());
         Bytes listed = {2, 7, kTypeObsDelta, 0x80, 117, 0, 0};
-        Bytes badReference = reference;
-        badReference[5] ^= 1;
-        return {{"start byte", with(0, 1), true, 1},
-                {"type", with(2, 66), true, 2},
+        return {{"start byte", with(delta, 0, 1), true, 1},
+                {"type", with(delta, 2, 66), true, 2},
                 {"bytes beyond the fields", padded, false, 3},
-                {"checksum", with(delta.size() - 1, delta.back() ^ 1), true, 4},
+                {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, 4},
                 {"list of 117", listed, false, 7},
-                {"range code 5", with(7, 0x50), false, 9},
-                {"carrier code 9", with(7, 0x09), false, 9},
-                {"reference checksum", badReference, true, 4}};
+                {"range code 5", with(delta, 7, 0x50), false, 9},
+                {"carrier code 9", with(delta, 7, 0x09), false, 9},
+                {"reference checksum", with(reference, 5, reference[5] ^ 1), true, 4}};
     }
 };
 
@@ -336,29 +322,27 @@ struct Epochs {
             return out;
         };
         // The unchanged body, all zero, with `count` bytes from `at` replaced.
-        const auto with = [&](std::size_t at, std::size_t count, const Bytes& bytes) {
+        const auto unchangedBut = [&](std::size_t at, std::size_t count, const Bytes& bytes) {
             const std::size_t size = 1 + 2 * (1 + 2 * perSignal);
             Bytes body(at, 0);
             for (const std::uint8_t byte : bytes) body.push_back(byte);
             body.resize(body.size() + size - at - count, 0);
             return record(body);
         };
-        Bytes checksum = delta;
-        checksum.back() ^= 1;
         std::vector<Corruption> cases = {
-            {"range code 5", with(3, 1, {0x50}), true, kStatusBadEpochCode},
-            {"phase code 7", with(3, 1, {0x07}), true, kStatusBadEpochCode},
-            {"range code 3 on a two-byte field", with(3 + perSignal, 1, {0x30, 1, 2, 3}), true, kStatusBadDeltaLength},
-            {"117 satellites", with(0, 1, {0x04, 117}), true, kStatusTooManySatellites},
-            {"7 signals", with(1, 1, {0x01, 5, 0, 1, 7}), true, kStatusBadEpochCode},
+            {"range code 5", unchangedBut(3, 1, {0x50}), true, kStatusBadEpochCode},
+            {"phase code 7", unchangedBut(3, 1, {0x07}), true, kStatusBadEpochCode},
+            {"range code 3 on a two-byte field", unchangedBut(3 + perSignal, 1, {0x30, 1, 2, 3}), true, kStatusBadDeltaLength},
+            {"117 satellites", unchangedBut(0, 1, {0x04, 117}), true, kStatusTooManySatellites},
+            {"7 signals", unchangedBut(1, 1, {0x01, 5, 0, 1, 7}), true, kStatusBadEpochCode},
             {"record ends in a signal", record({0x00, 0x00, 0x00}), true, kStatusBadDeltaLength},
             {"record ends in the header block", record({0x80, 15}), true, kStatusBadDeltaLength},
-            {"checksum", checksum, true, kStatusChecksum},
+            {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, kStatusChecksum},
         };
         if (!Long) {
-            cases.push_back({"svFlags2 in a short record", with(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});
+            cases.push_back({"svFlags2 in a short record", unchangedBut(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});
             cases.push_back(
-                {"measFlags2 in a short record", with(2, 2, {0x80, 0x00, 17, 0, 0, 0x80}), true, kStatusBadEpochCode});
+                {"measFlags2 in a short record", unchangedBut(2, 2, {0x80, 0x00, 17, 0, 0, 0x80}), true, kStatusBadEpochCode});
         }
         return cases;
     }

@@ -169,7 +169,7 @@ TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispat
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        nvbtest::Handle dispatch;
+    nvbtest::Handle dispatch;
     std::set<std::string> seen;
     std::size_t compactBytes = 0, plainBytes = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
@@ -193,7 +193,7 @@ TYPED_TEST(DictionaryCodec, AfterALostRecordNothingWrongIsDeliveredAndAllComesRi
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        nvbtest::Handle reader;
+    nvbtest::Handle reader;
     std::size_t lost = 0, restart = 0, refused = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
         if (!Codec::kRestartsItself && lost != 0 && i == lost + 300) {
@@ -225,7 +225,7 @@ TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWa
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        std::vector<Bytes> compacts;
+    std::vector<Bytes> compacts;
     const std::size_t half = plains.size() / 2;
     for (std::size_t i = 0; i <= half; ++i) compacts.push_back(codec.compress(plains[i]));
     Bytes expanded;
@@ -244,11 +244,7 @@ TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWa
 struct CacheSides {
     std::unique_ptr<subframe_cache_t> writer = std::make_unique<subframe_cache_t>();
     std::unique_ptr<subframe_cache_t> reader = std::make_unique<subframe_cache_t>();
-    CacheSides() {
-        std::memset(writer.get(), 0, sizeof *writer);
-        std::memset(reader.get(), 0, sizeof *reader);
-        writer->first = 1;
-    }
+    CacheSides() { writer->first = 1; }
     // The compact form, empty when the record stays out; the rebuilt record beside it.
     std::pair<Bytes, Bytes> pass(const Bytes& plain) {
         Bytes compact(64, 0), rebuilt(64, 0);
@@ -343,7 +339,7 @@ TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
 }
 
 TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMinutes) {
-    nvbtest::Encoder state(0);
+    nvbtest::CompactLink codec = Subframes::codec();
     struct Step {
         std::uint32_t time;
         std::uint16_t week;
@@ -354,12 +350,9 @@ TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMin
     for (const Step& step : steps) {
         nvbtest::Rec25Wire record = block(4, 1, step.time);
         record.week = step.week;
-        const Bytes plain = nvbtest::build(record);
-        nvb_frame_t in{}, out{};
-        std::memcpy(in.data, plain.data(), plain.size());
-        in.length = static_cast<std::uint16_t>(plain.size());
-        EXPECT_EQ(compressRec25Frame(*state.get(), in, out), out.data[1]);
-        EXPECT_EQ(out.data[2], step.type) << step.time << " week " << step.week;
+        const Bytes compact = codec.compress(nvbtest::build(record));
+        EXPECT_EQ(compact.size(), compact[1]);
+        EXPECT_EQ(compact[2], step.type) << step.time << " week " << step.week;
     }
 }
 
@@ -417,7 +410,7 @@ TEST(ListCodec, CodeByteAndPatchSizes) {
 }
 
 TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
-    nvbtest::Encoder state(0);
+    nvbtest::CompactLink codec = Lists::codec();
     struct Step {
         const char* what;
         nvbtest::Rec40Wire record;
@@ -437,15 +430,13 @@ TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
     };
     for (const Step& step : steps) {
         const Bytes plain = nvbtest::build(step.record);
-        nvb_frame_t in{}, out{};
-        std::memcpy(in.data, plain.data(), plain.size());
-        in.length = static_cast<std::uint16_t>(plain.size());
-        const list_state_t before = state->listState;
-        EXPECT_EQ(compressRec40Frame(*state.get(), in, out), out.data[1]) << step.what;
-        EXPECT_EQ(out.data[2], step.type) << step.what;
+        const list_state_t before = codec.encoder().listState;
+        const Bytes compact = codec.compress(plain);
+        EXPECT_EQ(compact.size(), compact[1]) << step.what;
+        EXPECT_EQ(compact[2], step.type) << step.what;
         if (step.type == 40) {
-            EXPECT_EQ(Bytes(out.data, out.data + out.length), plain) << step.what;
-            EXPECT_EQ(std::memcmp(&before, &state->listState, sizeof before), 0) << step.what;
+            EXPECT_EQ(compact, plain) << step.what;
+            EXPECT_EQ(std::memcmp(&before, &codec.encoder().listState, sizeof before), 0) << step.what;
         }
     }
 }
