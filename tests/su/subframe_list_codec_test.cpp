@@ -257,10 +257,7 @@ struct CacheSides {
 };
 
 nvbtest::Rec25Wire block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600) {
-    nvbtest::Rec25Wire record;
-    record.time = time;
-    record.week = 2301;
-    record.tag = 131;
+    nvbtest::Rec25Wire record{.time = time, .week = 2301, .tag = 131};
     for (std::size_t i = 0; i < record.data.size(); ++i) record.data[i] = static_cast<std::uint8_t>(seed * 31 + i);
     record.data[0] = static_cast<std::uint8_t>(slot << 2);
     return record;
