@@ -256,21 +256,23 @@ struct CacheSides {
     }
 };
 
-nvbtest::Rec25Wire block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600) {
-    nvbtest::Rec25Wire record{.time = time, .week = 2301, .tag = 131};
+// A record 25 of `slot` whose data bytes count up from `seed`.
+Bytes block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600, std::uint16_t week = 2301,
+            std::uint8_t subtype = 0, std::uint8_t flag = 0) {
+    nvbtest::Rec25Wire record{.time = time, .week = week, .tag = 131, .subtype = subtype, .flag = flag};
     for (std::size_t i = 0; i < record.data.size(); ++i) record.data[i] = static_cast<std::uint8_t>(seed * 31 + i);
     record.data[0] = static_cast<std::uint8_t>(slot << 2);
-    return record;
+    return nvbtest::build(record);
 }
 
 TEST(SubframeCache, RingOfTwentyHoldsNineteenBlocksAndTheTwentiethPushesTheTailOn) {
     CacheSides sides;
-    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(nvbtest::build(block(5, i))).first.size(), 41u);
-    EXPECT_EQ(sides.pass(nvbtest::build(block(5, 0))).first.size(), 41u) << "the first fell out";
-    const auto [reference, rebuilt] = sides.pass(nvbtest::build(block(5, 2)));
+    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(block(5, i)).first.size(), 41u);
+    EXPECT_EQ(sides.pass(block(5, 0)).first.size(), 41u) << "the first fell out";
+    const auto [reference, rebuilt] = sides.pass(block(5, 2));
     EXPECT_EQ(reference.size(), 11u);
     EXPECT_EQ(reference[5], 2) << "ring position";
-    EXPECT_EQ(rebuilt, nvbtest::build(block(5, 2)));
+    EXPECT_EQ(rebuilt, block(5, 2));
 }
 
 TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
@@ -284,19 +286,14 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
     for (const Case& c : cases) {
         CacheSides sides;
         const std::uint32_t start = 700000;
-        sides.pass(nvbtest::build(block(9, 1, start)));
-        nvbtest::Rec25Wire again = block(9, 1, static_cast<std::uint32_t>(start + c.difference));
-        again.week = 2302;
-        const auto [compact, rebuilt] = sides.pass(nvbtest::build(again));
+        sides.pass(block(9, 1, start));
+        const auto [compact, rebuilt] = sides.pass(block(9, 1, static_cast<std::uint32_t>(start + c.difference), 2302));
         ASSERT_EQ(compact.size() == 11, c.reference) << c.difference;
         if (!c.reference) continue;
         EXPECT_EQ(readU16BigEndian(&compact[6]), c.delta) << c.difference;
         // The reference carries no week: the rebuilt record counts the same instant from the
         // cache's week, and its carried checksum is the original's.
-        nvbtest::Rec25Wire expected = again;
-        expected.week = 2301;
-        expected.time = start + c.delta;
-        Bytes sameInstant = nvbtest::build(expected);
+        Bytes sameInstant = block(9, 1, start + c.delta);
         std::copy(compact.end() - 2, compact.end(), sameInstant.end() - 3);
         EXPECT_EQ(rebuilt, sameInstant) << c.difference;
     }
@@ -304,33 +301,26 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
 
 TEST(SubframeCache, BlocksThatStayOutOrMissTheRing) {
     CacheSides sides;
-    nvbtest::Rec25Wire odd = block(63, 1);
-    EXPECT_TRUE(sides.pass(nvbtest::build(odd)).first.empty()) << "slot 63 writes nothing";
+    EXPECT_TRUE(sides.pass(block(63, 1)).first.empty()) << "slot 63 writes nothing";
     EXPECT_EQ(sides.writer->first, 1) << "and leaves the cache alone";
 
-    nvbtest::Rec25Wire shortBlock = block(7, 4);
-    shortBlock.subtype = 2;
-    EXPECT_EQ(sides.pass(nvbtest::build(shortBlock)).first.size(), 42u);
-    nvbtest::Rec25Wire longBlock = shortBlock;
-    longBlock.flag = 0x40;
-    EXPECT_EQ(sides.pass(nvbtest::build(longBlock)).first.size(), 46u) << "same bytes, another length";
-    EXPECT_EQ(sides.pass(nvbtest::build(shortBlock)).first.size(), 12u);
+    const Bytes shortBlock = block(7, 4, 345600, 2301, 2);
+    EXPECT_EQ(sides.pass(shortBlock).first.size(), 42u);
+    EXPECT_EQ(sides.pass(block(7, 4, 345600, 2301, 2, 0x40)).first.size(), 46u) << "same bytes, another length";
+    EXPECT_EQ(sides.pass(shortBlock).first.size(), 12u);
 }
 
 TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
     CacheSides sides;
-    nvbtest::Rec25Wire wide = block(2, 1);
-    wide.subtype = 2;
-    Bytes withoutEnd = nvbtest::build(wide);
+    Bytes withoutEnd = block(2, 1, 345600, 2301, 2);
     withoutEnd.pop_back();
     withoutEnd[1] = 42;
     withoutEnd[2] = 86;
     withoutEnd[3] = 0;
-    EXPECT_EQ(sides.pass(nvbtest::build(wide)).first, withoutEnd);
-    const Bytes later = sides.pass(nvbtest::build(block(2, 2))).first;
+    EXPECT_EQ(sides.pass(block(2, 1, 345600, 2301, 2)).first, withoutEnd);
+    const Bytes later = sides.pass(block(2, 2)).first;
     EXPECT_EQ((std::vector<std::uint8_t>{later[1], later[2], later[3]}), (std::vector<std::uint8_t>{41, 84, 0}));
-    wide.data[5] ^= 1;
-    const auto [literal, rebuilt] = sides.pass(nvbtest::build(wide));
+    const auto [literal, rebuilt] = sides.pass(block(2, 3, 345600, 2301, 2));
     EXPECT_EQ(literal[3], 1);
     EXPECT_EQ(rebuilt[3], 2);
 }
@@ -345,9 +335,7 @@ TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMin
     const Step steps[] = {{345600, 2301, 85}, {345601, 2301, 84}, {346199, 2301, 84}, {346200, 2301, 85},
                           {346201, 2301, 84}, {346100, 2301, 85}, {346101, 2302, 85}, {346102, 2302, 84}};
     for (const Step& step : steps) {
-        nvbtest::Rec25Wire record = block(4, 1, step.time);
-        record.week = step.week;
-        const Bytes compact = codec.compress(nvbtest::build(record));
+        const Bytes compact = codec.compress(block(4, 1, step.time, step.week));
         EXPECT_EQ(compact.size(), compact[1]);
         EXPECT_EQ(compact[2], step.type) << step.time << " week " << step.week;
     }
