@@ -25,11 +25,11 @@ struct SequenceShape {
     std::uint32_t seed = 1;
 };
 
-// A moving position whose satellites come and go, with a stretch of the older form.
-std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
-// Solutions cycle through the optional blocks: block 3 by fix type, block 4 in both
-// lengths, the clock block, and the flag that predicts sigmaU.
+// A moving receiver whose satellites come and go. Solutions cycle through the optional
+// blocks: block 3 by fix type, block 4 in both lengths, the clock block, and the flag that
+// predicts sigmaU; positions are the same fixes, with a stretch of the older form.
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape);
+std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
 // The sky of the epoch sequences: `dualShare` (0 to 1) of the satellites with a second
 // signal carry the second block, and `maxSats` caps the sky so that long records stay
 // within 511 bytes.
