@@ -164,15 +164,14 @@ struct Solutions {
         std::vector<std::size_t> block;
         for (std::size_t at = 4; block.size() < 6; at += delta[at]) block.push_back(at);
         const auto promising = static_cast<std::uint8_t>(reference.size() + 1);
-        return {
-            {"block 1 shorter than its fields", with(delta, block[0], 1), false, 8},
-            {"block 2 shorter than its fields", with(delta, block[1], 8), false, 8},
-            {"block 3 shorter than its fields", with(delta, block[2], 1), false, 8},
-            {"block 4 shorter than its fields", with(delta, block[3], 1), false, 8},
-            {"clock block of another length", with(delta, block[4], delta[block[4]] + 1), false, 8},
-            {"list longer than the satellites allow", with(delta, block[5], 255), false, 7},
-            {"change index beyond the image", with(delta, block[5] + 1, 116), false, 7},
-            {"reference promising more than it holds", with(reference, 1, promising), false, 8}};
+        return {{"block 1 shorter than its fields", with(delta, block[0], 1), false, 8},
+                {"block 2 shorter than its fields", with(delta, block[1], 8), false, 8},
+                {"block 3 shorter than its fields", with(delta, block[2], 1), false, 8},
+                {"block 4 shorter than its fields", with(delta, block[3], 1), false, 8},
+                {"clock block of another length", with(delta, block[4], delta[block[4]] + 1), false, 8},
+                {"list longer than the satellites allow", with(delta, block[5], 255), false, 7},
+                {"change index beyond the image", with(delta, block[5] + 1, 116), false, 7},
+                {"reference promising more than it holds", with(reference, 1, promising), false, 8}};
     }
 };
 
@@ -259,9 +258,11 @@ struct Epochs {
     static std::vector<Bytes> sequence(const SequenceShape& shape) {
         const std::uint32_t start =
             shape.backAt >= 0 ? 604800000 - static_cast<std::uint32_t>(shape.backAt) * 1000 : 302400000;
-        return nvbtest::makeEpochSequence({.seed = shape.seed, .epochs = shape.count, .startTimeMs = start,
-                                           .satellites = Long ? 40u : 116u, .maxSignals = Long ? 6u : 2u,
-                                           .doppler = Long, .longFlags = Long});
+        nvbtest::EpochSequenceOptions options{.seed = shape.seed, .epochs = shape.count, .startTimeMs = start};
+        options.satellites = Long ? 40 : 116;
+        options.maxSignals = Long ? 6 : 2;
+        options.doppler = options.longFlags = Long;
+        return nvbtest::makeEpochSequence(options);
     }
     static bool isReference(std::uint8_t type) { return type == kReferenceEpochType; }
     static constexpr auto history = [](auto& state) -> History& { return state.epochHistory; };
@@ -305,9 +306,9 @@ struct Epochs {
     }
     // Two quiet epochs of two satellites with two signals each.
     static std::array<Bytes, 2> pair() {
-        const auto frames = nvbtest::makeEpochSequence({.epochs = 2, .satellites = 2, .maxSignals = 2, .doppler = false,
-                                                        .longFlags = false, .clockBlock = false, .events = false,
-                                                        .riseAndSet = false});
+        nvbtest::EpochSequenceOptions quiet{.epochs = 2, .satellites = 2, .maxSignals = 2};
+        quiet.doppler = quiet.longFlags = quiet.clockBlock = quiet.events = quiet.riseAndSet = false;
+        const auto frames = nvbtest::makeEpochSequence(quiet);
         return {frames[0], frames[1]};
     }
     // Records against that history: code byte, then per satellite a flag byte and per
@@ -334,7 +335,8 @@ struct Epochs {
         std::vector<Corruption> cases = {
             {"range code 5", unchangedBut(3, 1, {0x50}), true, kStatusBadEpochCode},
             {"phase code 7", unchangedBut(3, 1, {0x07}), true, kStatusBadEpochCode},
-            {"range code 3 on a two-byte field", unchangedBut(3 + perSignal, 1, {0x30, 1, 2, 3}), true, kStatusBadDeltaLength},
+            {"range code 3 on a two-byte field", unchangedBut(3 + perSignal, 1, {0x30, 1, 2, 3}), true,
+             kStatusBadDeltaLength},
             {"117 satellites", unchangedBut(0, 1, {0x04, 117}), true, kStatusTooManySatellites},
             {"7 signals", unchangedBut(1, 1, {0x01, 5, 0, 1, 7}), true, kStatusBadEpochCode},
             {"record ends in a signal", record({0x00, 0x00, 0x00}), true, kStatusBadDeltaLength},
@@ -342,9 +344,10 @@ struct Epochs {
             {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, kStatusChecksum},
         };
         if (!Long) {
-            cases.push_back({"svFlags2 in a short record", unchangedBut(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});
             cases.push_back(
-                {"measFlags2 in a short record", unchangedBut(2, 2, {0x80, 0x00, 17, 0, 0, 0x80}), true, kStatusBadEpochCode});
+                {"svFlags2 in a short record", unchangedBut(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});
+            cases.push_back({"measFlags2 in a short record", unchangedBut(2, 2, {0x80, 0x00, 17, 0, 0, 0x80}), true,
+                             kStatusBadEpochCode});
         }
         return cases;
     }

@@ -17,8 +17,9 @@ using nvbtest::Bytes;
 using nvbtest::editedEpoch;
 
 std::vector<Bytes> quietSequence(std::size_t epochs, bool doppler = false, std::size_t satellites = 4) {
-    return nvbtest::makeEpochSequence({.epochs = epochs, .satellites = satellites, .doppler = doppler,
-                                       .longFlags = false, .clockBlock = false, .events = false});
+    nvbtest::EpochSequenceOptions options{.epochs = epochs, .satellites = satellites, .doppler = doppler};
+    options.longFlags = options.clockBlock = options.events = false;
+    return nvbtest::makeEpochSequence(options);
 }
 
 void addToField(std::uint8_t* field, std::size_t width, std::int64_t amount) {
@@ -77,8 +78,10 @@ TEST(EpochDelta, TimeAndSatelliteCountStepsTakeTheirCodeOrTheEscape) {
         Bytes before, frame;
         std::uint8_t mask, code;
     };
-    const Case cases[] = {{advanced(four, 1), advanced(four, 2, 0x10000), 0x60, 0x60}, {withSatellites(5), withSatellites(8), 7, 3},
-                          {withSatellites(5), withSatellites(9), 7, 4}, {withSatellites(5), withSatellites(2), 7, 5},
+    const Case cases[] = {{advanced(four, 1), advanced(four, 2, 0x10000), 0x60, 0x60},
+                          {withSatellites(5), withSatellites(8), 7, 3},
+                          {withSatellites(5), withSatellites(9), 7, 4},
+                          {withSatellites(5), withSatellites(2), 7, 5},
                           {withSatellites(5), withSatellites(0), 7, 4}};
     for (const Case& c : cases) {
         nvbtest::CompactLink link = nvbtest::epochLink();
@@ -89,7 +92,8 @@ TEST(EpochDelta, TimeAndSatelliteCountStepsTakeTheirCodeOrTheEscape) {
         EXPECT_EQ(link.expand(compact, plain), 0);
         EXPECT_EQ(plain, c.frame);
         if (c.mask == 0x60) {
-            EXPECT_EQ(Bytes(compact.begin() + 5, compact.begin() + 9), Bytes(c.frame.begin() + 7, c.frame.begin() + 11));
+            EXPECT_EQ(Bytes(compact.begin() + 5, compact.begin() + 9),
+                      Bytes(c.frame.begin() + 7, c.frame.begin() + 11));
         }
     }
 }
@@ -130,7 +134,8 @@ TEST(EpochDelta, LostDopplerLeavesTheStaleOneInTheImageAndTheHistoriesInStep) {
         const Bytes frame = editedEpoch(advanced(first, static_cast<std::int64_t>(i)), [&](epoch_image_t& image) {
             epoch_sig_row_t& signal = image.sats[0].signals[0];
             if (doppler[i] == 0) signal.measFlags1 &= static_cast<std::uint8_t>(~kMeasHasDoppler);
-            for (std::size_t k = 0; k < 3; ++k) signal.doppler[k] = static_cast<std::uint8_t>(doppler[i] >> (16 - 8 * k));
+            for (std::size_t k = 0; k < 3; ++k)
+                signal.doppler[k] = static_cast<std::uint8_t>(doppler[i] >> (16 - 8 * k));
         });
         Bytes plain;
         EXPECT_EQ(link.expand(link.compress(frame), plain), 0) << i;

@@ -56,8 +56,10 @@ TEST(ObsCodec, ReferenceTypeAndLengthByteFollowTheCompactLength) {
 // A first-generation reference, then two deltas worked out by hand: the second from the
 // stream's deltas against the reference, the third from the linear prediction alone.
 TEST(ObsCodec, HandBuiltFirstGenerationRecordsExpandToThePlainRecordsTheyImply) {
-    const nvbtest::Rec17Sat sat{.svId = 5, .svFlags = 0xD8, .elevation = 30, .azimuth = 60, .snr = 160,
-                                .range = 0x10000000, .phase = 0x000000100000, .doppler = 0x10};
+    nvbtest::Rec17Sat sat{.svId = 5, .svFlags = 0xD8, .elevation = 30, .azimuth = 60, .snr = 160};
+    sat.range = 0x10000000;
+    sat.phase = 0x000000100000;
+    sat.doppler = 0x10;
     const nvbtest::Rec17Wire a{.time = 0x00010000, .clockOffset = 0x000100, .sats = {sat}};
     nvbtest::Rec17Wire b = a;
     b.time += 1000;
@@ -85,7 +87,8 @@ TEST(ObsCodec, HandBuiltFirstGenerationRecordsExpandToThePlainRecordsTheyImply) 
 
     nvbtest::CompactLink codec = link();
     Bytes expanded;
-    for (const auto& [compact, plain] : {std::pair{reference, plainA}, std::pair{second, plainB}, std::pair{third, plainC}}) {
+    for (const auto& [compact, plain] :
+         {std::pair{reference, plainA}, std::pair{second, plainB}, std::pair{third, plainC}}) {
         ASSERT_EQ(codec.expand(compact, expanded), 0);
         EXPECT_EQ(expanded, plain);
     }

@@ -254,7 +254,8 @@ TEST(PredictedEpoch, KeepsPhaseDopplerAndClockAndDerivesTheRangeOverALog) {
                 e.sats[sat].elevation = b.sats[sat].elevation;
                 e.sats[sat].azimuth = b.sats[sat].azimuth;
                 for (std::size_t index = 0; index < e.sats[sat].nMeas; ++index) {
-                    worstRange = std::max(worstRange, std::fabs(absoluteRange(x, sat, index) - absoluteRange(e, sat, index)));
+                    worstRange =
+                        std::max(worstRange, std::fabs(absoluteRange(x, sat, index) - absoluteRange(e, sat, index)));
                     epoch_sig_row_t& signal = e.sats[sat].signals[index];
                     snrLost += std::memcmp(signal.snr, b.sats[sat].signals[index].snr, 2) != 0;
                     std::memcpy(signal.snr, b.sats[sat].signals[index].snr, 2);

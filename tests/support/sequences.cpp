@@ -66,9 +66,9 @@ struct ClockModel {
 };
 
 // Bands that the wavelength table knows, per system from 0 to 9; 5, 6 and 8 as 0.
-constexpr std::uint8_t kBands[10][6] = {{0, 1, 2, 0, 1, 2}, {0, 2, 0, 2, 0, 2},  {0, 1, 9, 0, 1, 9},  {0, 2, 4, 3, 5, 10},
-                                        {0, 1, 2, 5, 11, 0}, {0, 1, 2, 0, 1, 2}, {0, 1, 2, 0, 1, 2},   {6, 7, 8, 2, 4, 6},
-                                        {0, 1, 2, 0, 1, 2}, {2, 11, 2, 11, 2, 11}};
+constexpr std::uint8_t kBands[10][6] = {
+    {0, 1, 2, 0, 1, 2}, {0, 2, 0, 2, 0, 2}, {0, 1, 9, 0, 1, 9}, {0, 2, 4, 3, 5, 10}, {0, 1, 2, 5, 11, 0},
+    {0, 1, 2, 0, 1, 2}, {0, 1, 2, 0, 1, 2}, {6, 7, 8, 2, 4, 6}, {0, 1, 2, 0, 1, 2},  {2, 11, 2, 11, 2, 11}};
 
 void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
@@ -76,10 +76,10 @@ void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
 
 std::int64_t getSigned(const std::uint8_t* field, std::size_t width) {
     std::int64_t value = (field[0] & 0x80) != 0 ? -1 : 0;
-    for (std::size_t i = 0; i < width; ++i) value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
+    for (std::size_t i = 0; i < width; ++i)
+        value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
     return value;
 }
-
 
 class EpochGenerator {
 public:
@@ -471,7 +471,8 @@ std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
         }
         // A stretch of the older form without the residual bytes.
         if ((records.size() % 300) < 250) {
-            record.residuals = {static_cast<std::uint8_t>(fix.latitude & 0x7F), static_cast<std::uint8_t>(fix.longitude & 0x7F)};
+            record.residuals = {static_cast<std::uint8_t>(fix.latitude & 0x7F),
+                                static_cast<std::uint8_t>(fix.longitude & 0x7F)};
         }
         records.push_back(record);
     }
@@ -482,8 +483,9 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
     // The sky of the epoch sequences, as the older record carries it: the first signal of
     // each satellite, and the second on a `dualShare` of those that have one; a slip marks
     // the satellite, an unresolved half cycle sets its flag.
-    const auto frames = makeEpochSequence({.seed = shape.seed, .epochs = shape.count, .maxSignals = 2,
-                                           .doppler = false, .longFlags = false, .clockBlock = false});
+    EpochSequenceOptions options{.seed = shape.seed, .epochs = shape.count, .maxSignals = 2};
+    options.doppler = options.longFlags = options.clockBlock = false;
+    const auto frames = makeEpochSequence(options);
     auto image = std::make_unique<epoch_image_t>();
     std::vector<Rec17Wire> records;
     for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -497,7 +499,8 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
             const bool dual = sv.nMeas > 1 && (sv.svId % 10) < dualShare * 10;
             Rec17Sat sat;
             sat.svId = sv.svId;
-            sat.svFlags = static_cast<std::uint8_t>(0xD8 | (dual ? 0x21 : 0) | ((signal[0].measFlags1 & 0x20) ? 0 : 0x02));
+            sat.svFlags =
+                static_cast<std::uint8_t>(0xD8 | (dual ? 0x21 : 0) | ((signal[0].measFlags1 & 0x20) ? 0 : 0x02));
             sat.svFlags2 = static_cast<std::uint8_t>((dual ? 4 : 0) | ((signal[0].measFlags1 & 0x08) ? 1 : 0));
             sat.elevation = sv.elevation;
             sat.azimuth = sv.azimuth;
@@ -511,7 +514,8 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
             }
             record.sats.push_back(sat);
         }
-        std::sort(record.sats.begin(), record.sats.end(), [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId < b.svId; });
+        std::sort(record.sats.begin(), record.sats.end(),
+                  [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId < b.svId; });
         record.sats.erase(std::unique(record.sats.begin(), record.sats.end(),
                                       [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId == b.svId; }),
                           record.sats.end());
