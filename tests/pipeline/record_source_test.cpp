@@ -152,20 +152,6 @@ TEST(Getters, ByteAndFileGettersDeliverTheSameRecords) {
     for (std::size_t i = 1; i < results.size(); ++i) EXPECT_EQ(results[i], results[0]) << "getter " << i;
 }
 
-TEST(Getters, HuffmanEndSymbolsAreReportedAndDecodingGoesOn) {
-    Bytes first = kLeadIn;
-    Bytes second;
-    for (int i = 0; i < 50; ++i) {
-        first = concat({first, opaque(23, 40 + i, static_cast<std::uint8_t>(i))});
-        second = concat({second, opaque(14, 60 + i, static_cast<std::uint8_t>(i))});
-    }
-    const Bytes coded = nvbtest::huffmanEncodeChunks({first, second});
-    Handle handle;
-    const auto events = readStream(handle.get(), coded, Getter::NvbByByte);
-    EXPECT_EQ(countStatus(events, 6), 2);
-    EXPECT_EQ(nvbtest::deliveredDat(events).size(), 100u);
-}
-
 // Detection runs its ten bytes through the assembler without clearing the status, so the
 // first call of a stream reports what those bytes met, before the first record.
 TEST(StreamDetection, FirstCallReportsWhatTheTenBytesMet) {
