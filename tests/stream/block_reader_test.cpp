@@ -12,20 +12,18 @@ namespace {
 
 using namespace nvbtest::blocks;
 
-Bytes block(std::uint8_t type, const Bytes& body, std::uint32_t length) {
+// A block whose length field says `length` (by default its body's).
+Bytes block(std::uint8_t type, const Bytes& body, std::int64_t length = -1) {
+    const auto told = static_cast<std::uint32_t>(length < 0 ? static_cast<std::int64_t>(body.size()) : length);
     // Sized once and filled in place: g++ 12 at -O3 sees a false bound in the insert
     // that would grow a four-byte vector.
     Bytes bytes(4 + body.size());
     bytes[0] = type;
-    bytes[1] = static_cast<std::uint8_t>(length >> 16);
-    bytes[2] = static_cast<std::uint8_t>(length >> 8);
-    bytes[3] = static_cast<std::uint8_t>(length);
+    bytes[1] = static_cast<std::uint8_t>(told >> 16);
+    bytes[2] = static_cast<std::uint8_t>(told >> 8);
+    bytes[3] = static_cast<std::uint8_t>(told);
     std::copy(body.begin(), body.end(), bytes.begin() + 4);
     return bytes;
-}
-
-Bytes block(std::uint8_t type, const Bytes& body) {
-    return block(type, body, static_cast<std::uint32_t>(body.size()));
 }
 
 Bytes header(std::uint8_t minMajor, std::uint8_t minMinor, std::uint8_t byte12 = 0) {
