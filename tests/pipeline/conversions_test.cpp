@@ -38,8 +38,8 @@ TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnits) {
     EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 86, 0, 11}));
     EXPECT_EQ((Doubles{out.latitude, out.longitude, out.height, out.clockOffset, out.clockDrift, out.pdop,
                        out.velocity2, double(out.time), double(out.nSv)}),
-              (Doubles{0.25, -0.5, 250.5, 0.5 * 299792.458, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487, 1.75,
-                       -1.5, 302400000, 2}));
+              (Doubles{0.25, -0.5, 250.5, 0.5 * 299792.458, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487, 1.75, -1.5,
+                       302400000, 2}));
     EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 86) << "without a header only the length";
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, nullptr, &out), 0);
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), nullptr), 0);

@@ -137,5 +137,4 @@ TEST(EmitBlock, AFailingCompressorWritesNothingAndTheBlockWaits) {
     }
 }
 
-
 }  // namespace
