@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <random>
 #include <tuple>
 
 namespace {
@@ -122,26 +121,6 @@ TEST(Resynchronisation, JunkWithoutStartByteYieldsNothingForever) {
     Handle handle;
     EXPECT_TRUE(readStream(handle.get(), junk(600000, 3), Getter::NvaByByte).empty());
     EXPECT_LE(nvbtest::copyOf(handle->frameAssembly.fill), 1);  // only the last byte waits for the next call
-}
-
-TEST(Getters, ByteAndFileGettersDeliverTheSameRecords) {
-    Bytes stream = kLeadIn;
-    std::mt19937 random(11);
-    for (int i = 0; i < 300; ++i) {
-        const std::uint8_t types[] = {14, 16, 23};
-        stream = concat({stream, opaque(types[random() % 3], 2 + random() % 200, static_cast<std::uint8_t>(random())),
-                         junk(random() % 5, static_cast<std::uint8_t>(i))});
-    }
-    // Plain frames through the NVA getters, their Huffman coding through the NVB getters.
-    const Bytes coded = nvbtest::huffmanEncode(stream);
-    std::vector<std::vector<Bytes>> results;
-    for (const Getter getter : {Getter::NvaFile, Getter::NvaByByte, Getter::NvbFile, Getter::NvbByByte}) {
-        Handle handle;
-        const bool huffman = getter == Getter::NvbFile || getter == Getter::NvbByByte;
-        results.push_back(nvbtest::deliveredDat(readStream(handle.get(), huffman ? coded : stream, getter)));
-    }
-    EXPECT_EQ(results[0].size(), 300u);
-    for (std::size_t i = 1; i < results.size(); ++i) EXPECT_EQ(results[i], results[0]) << "getter " << i;
 }
 
 // Detection runs its ten bytes through the assembler without clearing the status, so the
