@@ -29,18 +29,23 @@ std::unique_ptr<Rec29> position() {
     return rec;
 }
 
-TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnits) {
+TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnitsAndListsTheUsedSatellites) {
     auto in = position();
-    in->numSVsUsed = 2;
+    const Rec29SvEntry entries[] = {{5, 0, 2}, {6, 0, 0}, {7, 2, 2}, {8, 0, 1}, {9, 3, 3}};
+    in->numSVs = 5;
+    for (int k = 0; k < 5; ++k) in->sv[k] = entries[k];
+    in->numSVsUsed = 4;
     Rec11 out{};
     std::uint8_t header[4] = {};
-    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), &out), 2 * (2 + 41));
-    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 86, 0, 11}));
+    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), &out), 2 * (4 + 41));
+    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 90, 0, 11}));
+    // Three used satellites of the four counted; GLONASS numbers 51 on; the rest stays zero.
+    EXPECT_EQ(Bytes(out.lists, out.lists + 8), (Bytes{0, 1, 2, 0, 5, 7 + 51, 9, 0}));
     EXPECT_EQ((Doubles{out.latitude, out.longitude, out.height, out.clockOffset, out.clockDrift, out.pdop,
                        out.velocity2, double(out.time), double(out.nSv)}),
               (Doubles{0.25, -0.5, 250.5, 0.5 * 299792.458, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487, 1.75, -1.5,
-                       302400000, 2}));
-    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 86) << "without a header only the length";
+                       302400000, 4}));
+    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 90) << "without a header only the length";
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, nullptr, &out), 0);
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), nullptr), 0);
 }
@@ -63,18 +68,6 @@ TEST(ConvertRec29ToRec11, FixStatusComesFromModeTypeAndInfo) {
         nvbdll_convertRec29toRec11(nullptr, in.get(), &out);
         EXPECT_EQ(out.fixStatus, c.expected) << "mode " << int(c.fixMode) << " type " << int(c.fixType);
     }
-}
-
-TEST(ConvertRec29ToRec11, UsedSatellitesFillTheListsAndTheRestStaysZero) {
-    auto in = position();
-    const Rec29SvEntry entries[] = {{5, 0, 2}, {6, 0, 0}, {7, 2, 2}, {8, 0, 1}, {9, 3, 3}};
-    in->numSVs = 5;
-    for (int k = 0; k < 5; ++k) in->sv[k] = entries[k];
-    in->numSVsUsed = 4;
-    Rec11 out{};
-    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 2 * (4 + 41));
-    const Bytes lists(out.lists, out.lists + 8);
-    EXPECT_EQ(lists, (Bytes{0, 1, 2, 0, 5, 7 + 51, 9, 0}));
 }
 
 // A GPS satellite with one first-frequency signal of the given flags.
@@ -190,7 +183,7 @@ std::unique_ptr<Rec17> olderEpoch() {
     return in;
 }
 
-TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatellite) {
+TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatelliteAndCountsSlipsOn) {
     auto in = olderEpoch();
     auto out = std::make_unique<Rec27>();
     std::uint8_t header[4] = {};
@@ -211,23 +204,17 @@ TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatellite) {
     EXPECT_EQ((Doubles{gps.meas[0].doppler, gps.meas[1].range, gps.meas[1].doppler}),
               (Doubles{1575.42f, 2.1e7 + 2.5, static_cast<float>(1575.42f * (1227.6 / 1575.42))}));
     EXPECT_EQ(sbas.meas[0].measFlags1, 0x03 | 0x08) << "Doppler marked invalid";
-}
 
-TEST(ConvertRec17ToRec27, SlipCountersBelongToTheProcessAndKeepCounting) {
-    auto in = olderEpoch();
-    auto out = std::make_unique<Rec27>();
-    nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
-    const std::uint8_t first = out->sv[0].meas[0].slipCount;
-    const std::uint8_t second = out->sv[0].meas[1].slipCount;
-    const std::uint8_t sbas = out->sv[1].meas[0].slipCount;
-    EXPECT_EQ(nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get()), 21 + 37 + 27 + 37);
-    EXPECT_EQ(out->sv[0].meas[0].slipCount, static_cast<std::uint8_t>(first + 1));
-    EXPECT_EQ(out->sv[0].meas[1].slipCount, static_cast<std::uint8_t>(second + 1));
-    EXPECT_EQ(out->sv[1].meas[0].slipCount, static_cast<std::uint8_t>(sbas + 1)) << "152 folds to counter 0";
+    // The slip counters belong to the process and count on with each conversion.
+    const int counts[] = {gps.meas[0].slipCount, gps.meas[1].slipCount, sbas.meas[0].slipCount};
+    EXPECT_EQ(nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get()), length);
+    EXPECT_EQ((std::vector<int>{gps.meas[0].slipCount, gps.meas[1].slipCount, sbas.meas[0].slipCount}),
+              (std::vector<int>{(counts[0] + 1) & 0xFF, (counts[1] + 1) & 0xFF, (counts[2] + 1) & 0xFF}))
+        << "152 folds to counter 0";
     in->sv[1].svId = 120;  // folds to 224, beyond the 71 counters
     nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
-    EXPECT_EQ(out->sv[1].meas[0].slipCount, 0);
-    EXPECT_EQ(out->sv[1].meas[0].measFlags1 & 0x08, 0x08);
+    EXPECT_EQ(sbas.meas[0].slipCount, 0);
+    EXPECT_EQ(sbas.meas[0].measFlags1 & 0x08, 0x08);
 }
 
 }  // namespace
