@@ -105,6 +105,32 @@ TEST(Retrieve27, TheCountOfFirstAntennaSatellitesStandsWhereNSvWouldAndAllFollow
     EXPECT_EQ(dat[kDatCount], 2);
 }
 
+// Epochs as a reader leaves them, of the systems whose packed byte is themselves, on the
+// first antenna and without the slip counts that the DAT form leaves out.
+TEST(DatRoundTrip, EpochsOfSystemsThatPackAsThemselvesComeBackByteForByte) {
+    nvbtest::EpochSequenceOptions options;
+    options.epochs = 600;
+    options.maxSignals = 6;
+    const auto frames = nvbtest::makeEpochSequence(options);
+    nvbtest::Handle handle;
+    EncodeState parsed;
+    for (std::size_t round = 0; round < frames.size(); round += 10) {
+        const auto epoch = nvbtest::readEpoch(frames[round]);
+        for (int i = 0; i < epoch->nSv; ++i) {
+            Rec27Sv& sv = epoch->sv[i];
+            sv.rt_sattype = static_cast<std::uint8_t>(4 * (i % 3));
+            sv.antennaNumber = 0;
+            sv.svFlags2 &= 0x7E;
+            sv.svBlockLen = (sv.svFlags & 0x80) != 0 ? 11 : 10;
+            sv.geomSlipCount = sv.ionoSlipCount = sv.spare = 0;
+        }
+        const Bytes dat = retrieve27(handle, *epoch);
+        ASSERT_EQ(parsed.parse(dat), dat.size()) << round;
+        ASSERT_EQ(std::memcmp(parsed.rec27, epoch.get(), sizeof(Rec27)), 0) << "structure, round " << round;
+        ASSERT_EQ(retrieve27(handle, *parsed.rec27), dat) << "round " << round;
+    }
+}
+
 TEST(DatRoundTrip, OtherSystemsComeBackWithTheirLowBitsAsAntenna) {
     auto epoch = nvbtest::newEpoch(1000.0);
     addSignal(addSatellite(*epoch, 5, 10), 0, 0, 2e7, 0.0);
@@ -204,6 +230,17 @@ std::unique_ptr<Rec29> fullPosition() {
     rec->sv[1] = Rec29SvEntry{4, 2, 0};
     rec->svListLen = 7;
     return rec;
+}
+
+TEST(DatRoundTrip, PositionsWithTheirCorrectionFieldsComeBackByteForByte) {
+    auto rec = fullPosition();
+    const std::uint16_t length = 4 + 108 + 7 + 1 + 12 + 4 + 10 + 7;
+    nvbtest::Handle handle;
+    const Bytes dat = retrieve(handle, handle->records.rec29, *rec, 29, length);
+    EncodeState parsed;
+    ASSERT_EQ(parsed.parse(dat), length);
+    EXPECT_EQ(std::memcmp(parsed.rec29, rec.get(), sizeof(Rec29)), 0);
+    EXPECT_EQ(retrieve(handle, handle->records.rec29, *parsed.rec29, 29, length), dat);
 }
 
 TEST(DatRoundTrip, APositionsAuxExtraAndClockBlockDoNotComeBack) {
