@@ -15,11 +15,11 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from collections import Counter
 from typing import NamedTuple
 
 NVB = None
 
-NVE_MAGIC = bytes([0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9])
 SYSTEMS = {"GPS", "GLONASS", "Galileo", "BeiDou"}
 
 
@@ -513,9 +513,6 @@ class Workspace(unittest.TestCase):
             file.write(data)
         return self.path(name)
 
-    def write_dat(self, name, records):
-        return self.write(name, b"".join(records))
-
 
 def info_holds(target, expected):
     """A check: `nvb info --json` of target (of standard output for None) holds these values,
@@ -543,7 +540,6 @@ def lines_of(log, *options):
 # simulate, info and dump
 def simulated_log_is_clean(w, result):
     log = w.path("sim.nvb")
-    w.assertEqual(read(log)[4:10], NVE_MAGIC)
     info = w.info(log)
     w.assertTrue(all(system["satellites"] >= 4 for system in info["satellites"].values()))
     w.assertNotIn("truncated", info)
@@ -568,13 +564,8 @@ def quiet_is_quiet(w, result):
 def dump_decodes_the_fields(w, result):
     records = [json.loads(line) for line in result.stdout.splitlines()]
     w.assertEqual(len(records), 60)
-    epochs = [record for record in records if record["type"] == 27]
-    w.assertEqual([e["time"] for e in epochs], [epochs[0]["time"] + 1000 * k for k in range(30)])
-    for epoch in epochs:
-        w.assertGreater(len(epoch["satellites"]), 10)
-        for satellite_ in epoch["satellites"]:
-            w.assertRegex(satellite_["sv"], r"^[GREC]\d\d$")
-            w.assertTrue(all(s["range"] > 1.5e7 and "phase" in s for s in satellite_["signals"]))
+    # Of the epochs' fields, the observation files check every signal against the dump.
+    w.assertEqual([record["type"] for record in records], [27, 29] * 30)
     for position in (record for record in records if record["type"] == 29):
         w.assertAlmostEqual(position["latitude"], 47.3769, places=3)
         w.assertEqual(position["numSVs"], len(position["satellites"]))
@@ -1061,12 +1052,8 @@ def every_method_gives_every_type_back(w, result):
                  "1 records of type 20 are in the log, but no reader gives them back"):
         w.assertIn(text, stderr)
     w.assertEqual(dat_records(w.dat_of(w.path("every.nvb"))), expected)
-    counts = {}
-    for record in expected:
-        counts[str(record[3])] = counts.get(str(record[3]), 0) + 1
     info = w.info(w.path("every.nvb"))
-    w.assertEqual(info["records"], counts)
-    w.assertEqual(info["statuses"], [])
+    w.assertEqual((info["records"], info["statuses"]), (Counter(str(record[3]) for record in expected), []))
 
 
 def fields_of_every_type(w, result):
