@@ -563,7 +563,6 @@ def quiet_is_quiet(w, result):
 
 def dump_decodes_the_fields(w, result):
     records = [json.loads(line) for line in result.stdout.splitlines()]
-    w.assertEqual(len(records), 60)
     # Of the epochs' fields, the observation files check every signal against the dump.
     w.assertEqual([record["type"] for record in records], [27, 29] * 30)
     for position in (record for record in records if record["type"] == 29):

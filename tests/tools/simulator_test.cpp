@@ -1,3 +1,4 @@
+#include "nvb/log_io.h"
 #include "nvb/simulator.h"
 
 #include "external/su/epoch_image.h"
@@ -225,7 +226,8 @@ TEST(SimulatorRun, RecordsFitTheLimitsAndReadBackFromALogAsSimulated) {
     // A low mask fills the epochs; what the writer keeps of each field is what was simulated.
     const SimulationOptions chosen = options(900.0, 1.0, "GREC", 0.0);
     nvbdll_initNVBLib();
-    std::FILE* log = std::tmpfile();
+    const std::string path = ::testing::TempDir() + "simulated.nve";
+    std::FILE* log = std::fopen(path.c_str(), "wb");
     nvbtool::HostEncoder encoder(7, 0, [log](std::span<const std::uint8_t> bytes) {
         std::fwrite(bytes.data(), 1, bytes.size(), log);
     });
@@ -243,36 +245,31 @@ TEST(SimulatorRun, RecordsFitTheLimitsAndReadBackFromALogAsSimulated) {
         ASSERT_EQ(status, 0);
     }
     encoder.finish();
+    std::fclose(log);
 
-    std::rewind(log);
-    nvb_expand_t* reader = nvbdll_GetNVBStateHandle();
+    const auto input = nvbtool::Input::open(path);
+    nvbtool::LogReader reader(*input, {});
     Walk again(chosen);
     int epochsRead = 0;
-    for (;;) {
-        const std::int32_t got = nvbdll_getNVBRecord(reader, log, &status);
-        if (status == 1) break;
-        if (got <= 0 || (status != 0 && status != 18)) continue;
-        std::uint16_t type = 0;
-        std::uint8_t processStatus = 0;
-        if (nvbdll_processNVBRecord(reader, 0, &type, &processStatus) == 0 || processStatus != 0) continue;
-        if (type == 29) {
-            ASSERT_EQ(std::memcmp(reader->records.rec29, &again.position, sizeof(Rec29)), 0);
-            continue;
+    const nvbtool::ReadSummary summary = reader.run([&](nvbtool::DeliveredRecord& record) {
+        if (record.type == 29) {
+            ASSERT_EQ(std::memcmp(record.state->records.rec29, &again.position, sizeof(Rec29)), 0);
+            return;
         }
-        ASSERT_EQ(type, 27);
+        ASSERT_EQ(record.type, 27);
         ASSERT_TRUE(again.step());
         ++epochsRead;
         // The packed system byte puts the system's low bits into the antenna number.
-        Rec27& read = *reader->records.rec27;
+        Rec27& read = *record.state->records.rec27;
         for (int i = 0; i < read.nSv; ++i) {
             EXPECT_EQ(read.sv[i].antennaNumber, read.sv[i].rt_sattype & 3);
             read.sv[i].antennaNumber = 0;
         }
         ASSERT_EQ(std::memcmp(&read, again.current.get(), sizeof(Rec27)), 0) << "epoch " << epochsRead;
-    }
-    nvbdll_FreeNVBStateHandle(reader);
-    std::fclose(log);
+    });
+    EXPECT_FALSE(summary.damaged());
     EXPECT_EQ(epochsRead, 900);
+    std::remove(path.c_str());
 }
 
 }  // namespace
