@@ -8,7 +8,6 @@ import math
 import os
 import re
 import resource
-import shutil
 import signal
 import struct
 import subprocess
@@ -67,6 +66,7 @@ def series(fmt, count, first, step=1):
     return pack(fmt * count, *(first + step * i for i in range(count)))
 
 
+NOISE = bytes((i * 37 + 11) % 251 for i in range(20000))
 TEXT = b"$GNGGA,120000.00,4722.61,N,00832.55,E,4,24,0.6,512.3,M,47.4,M,1.0,0000*5B\r\n" * 60
 TAG = pack("HI", 2301, 345600200)
 
@@ -890,7 +890,7 @@ CASES += [
                                         (7, "middle", "type"), (5, "middle", "body"))),
     Case("Damage", "an empty file is no log", ("info", lambda w: w.write("empty.nvb", b"")), code=2, says="is empty"),
     Case("Damage", "noise is no log",
-         ("todat", lambda w: w.write("noise.nvb", bytes((i * 37 + 11) % 251 for i in range(5000))), "-o", "@n.dat"),
+         ("todat", lambda w: w.write("noise.nvb", NOISE[:5000]), "-o", "@n.dat"),
          code=2),
     Case("Damage", "a missing file is no log", ("info", "@missing.nvb"), code=2, says="can't open"),
 ]
@@ -1103,28 +1103,19 @@ CASES += [
 
 
 # Output that fails leaves what stood there as it was
-def failing_targets(w):
-    shutil.copy(simulated(20), w.path("sim.nvb"))
-    w.write("noise.bin", bytes((i * 37 + 11) % 251 for i in range(20000)))
-    w.write("empty.nvb", b"")
-    w.write("keep.dat", b"keep")
+def left_as_they_were(files):
+    """The before and check of a case: these files (bytes, or a log to copy) stand there
+    before the command and, as they were, alone after it."""
+    def contents():
+        return {name: read(data()) if callable(data) else data for name, data in files.items()}
 
+    def before(w):
+        for name, data in contents().items():
+            w.write(name, data)
 
-def left_as_it_was(w, result):
-    w.assertEqual(read(w.path("sim.nvb")), read(simulated(20)))
-    w.assertEqual(read(w.path("keep.dat")), b"keep")
-    w.assertEqual(sorted(os.listdir(w.directory)), ["empty.nvb", "keep.dat", "noise.bin", "sim.nvb"])
-
-
-def old_target(w):
-    shutil.copy(simulated(300), w.path("sim.nvb"))
-    w.write("target.nvb", b"old")
-
-
-def no_partial_file(w, result):
-    w.assertEqual(read(w.path("target.nvb")), b"old")
-    w.assertEqual(read(w.path("sim.nvb")), read(simulated(300)))
-    w.assertEqual(sorted(os.listdir(w.directory)), ["sim.nvb", "target.nvb"])
+    def check(w, result):
+        w.assertEqual({name: read(w.path(name)) for name in os.listdir(w.directory)}, contents())
+    return {"before": before, "check": check}
 
 
 def linked_target(w):
@@ -1141,12 +1132,13 @@ def link_kept(w, result):
 
 CASES += [
     *(Case("SafeOutput", f"a failing {args[0]} leaves the target as it was", args, code=2,
-           says="not written; a file there is left as it was", before=failing_targets, check=left_as_it_was)
+           says="not written; a file there is left as it was",
+           **left_as_they_were({"sim.nvb": lambda: simulated(20), "noise.bin": NOISE, "empty.nvb": b"", "keep.dat": b"keep"}))
       for args in (("recompress", "@noise.bin", "-o", "@sim.nvb", "--method", 5),
                    ("thin", "@noise.bin", "-o", "@sim.nvb", "--interval", 5), ("fromdat", "@noise.bin", "-o", "@sim.nvb"),
                    ("todat", "@empty.nvb", "-o", "@keep.dat"))),
     *(Case("SafeOutput", f"a {args[0]} whose write fails halfway leaves no partial file", args, code=2,
-           says="write error", before=old_target, check=no_partial_file, limit=50000)
+           says="write error", limit=50000, **left_as_they_were({"sim.nvb": lambda: simulated(300), "target.nvb": b"old"}))
       for args in (("recompress", "@sim.nvb", "-o", "@target.nvb", "--method", 1),
                    ("todat", "@sim.nvb", "-o", "@target.nvb"), ("simulate", "-o", "@target.nvb", "--duration", 300))),
     Case("SafeOutput", "a link stays a link", ("-q", "todat", LOG(5), "-o", "@link.dat"), before=linked_target,
