@@ -166,11 +166,8 @@ TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
 
 TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMaskAndGlonassOnesKeepTheirChannel) {
     Walk walk(options(6 * 3600.0, 60.0));
-    std::set<std::pair<int, int>> before;
-    std::map<int, int> channelOf;
-    std::map<int, int> rises;
-    std::map<int, int> sets;
-    std::set<std::pair<int, int>> everSeen;
+    std::set<std::pair<int, int>> before, everSeen;
+    std::map<int, int> channelOf, rises, sets;
     std::size_t mostAtOnce = 0;
     while (walk.step()) {
         const Rec27& epoch = *walk.current;
@@ -181,12 +178,8 @@ TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMaskAndGlonassOnesKeepTheirChanne
         for (int i = 0; i < epoch.nSv; ++i) {
             const Rec27Sv& sv = epoch.sv[i];
             EXPECT_GE(truth.satellites[i].elevationDeg, 10.0);
-            const int elevation = sv.elevation;
-            const int azimuth = sv.azimuth;
-            EXPECT_GE(elevation, 10);
-            EXPECT_LE(elevation, 90);
-            EXPECT_EQ(azimuth % 2, 0);
-            EXPECT_LT(azimuth, 360);
+            EXPECT_TRUE(sv.elevation >= 10 && sv.elevation <= 90) << int(sv.elevation);
+            EXPECT_TRUE(sv.azimuth % 2 == 0 && sv.azimuth < 360) << int(sv.azimuth);
             now.insert({sv.rt_sattype, sv.svId});
             ++perSystem[sv.rt_sattype];
             if (sv.rt_sattype != 2) continue;
