@@ -771,11 +771,8 @@ def schema_and_spectra(w, result):
 
 
 def every_record35_kept(w, result):
-    reference = records35(read(dat_of(R35(w))))
     w.assertEqual(w.info(w.path("thin.nvb"))["record35"], EXPECTED35)
-    w.assertEqual(records35(w.dat_of(w.path("thin.nvb"))), reference)
-    w.nvb("-q", "recompress", R35(w), "-o", w.path("m5.nvb"), "-m", 5)
-    w.assertEqual(records35(w.dat_of(w.path("m5.nvb"))), reference)
+    w.assertEqual(records35(w.dat_of(w.path("thin.nvb"))), records35(read(dat_of(R35(w)))))
 
 
 CASES += [
@@ -785,7 +782,8 @@ CASES += [
          prints="subtype 24: 6 (1 schema, 1 reference, 4 delta)"),
     Case("Record35", "dump shows the schema and the decoded spectra", ("dump", "--json", "-t", 35, R35),
          check=schema_and_spectra),
-    Case("Record35", "recompress and thin keep every record 35",
+    # That recompress keeps them byte for byte is the newer receiver's case below.
+    Case("Record35", "thin keeps every record 35",
          ("-q", "thin", R35, "-o", "@thin.nvb", "--interval", 10), check=every_record35_kept),
     Case("Record35", "a method that cannot carry record 35 says so", ("recompress", R35, "-o", "@m0.nvb", "-m", 0),
          code=1, says="10 records of type 35 were left out"),
