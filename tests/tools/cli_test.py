@@ -191,11 +191,8 @@ def satellite(text):
 
 def epoch_key(fields):
     year, month, day, hour, minute = (int(f) for f in fields[:5])
-    year += 2000 if year < 100 else 0
-    ms = round(float(fields[5]) * 1000)
-    delta = datetime.datetime(year, month, day, hour, minute) - GPS_EPOCH
-    total = int(delta.total_seconds()) * 1000 + ms
-    return total // 604800000, total % 604800000
+    since = datetime.datetime(year + (2000 if year < 100 else 0), month, day, hour, minute) - GPS_EPOCH
+    return divmod(int(since.total_seconds()) * 1000 + round(float(fields[5]) * 1000), 604800000)
 
 
 class ObservationFile:
@@ -243,15 +240,12 @@ class ObservationFile:
     def read2(self, lines):
         per_sat = (len(self.types[""]) + 4) // 5
         for line in lines:
-            count = int(line[29:32])
-            sats = [line[32 + 3 * k:35 + 3 * k] for k in range(min(count, 12))]
-            while len(sats) < count:
-                more = next(lines)
-                sats += [more[32 + 3 * k:35 + 3 * k] for k in range(min(count - len(sats), 12))]
+            count, sats = int(line[29:32]), line[32:68]
+            for _ in range((count - 1) // 12):  # twelve satellites a line
+                sats += next(lines)[32:68]
             epoch = self.epochs.setdefault(epoch_key(line[1:26].split()), {})
-            for sat in sats:
-                text = "".join(next(lines).ljust(80) for _ in range(per_sat))
-                epoch[satellite(sat)] = self.cells(sat, text)
+            for sat in (sats[3 * k:3 * k + 3] for k in range(count)):
+                epoch[satellite(sat)] = self.cells(sat, "".join(next(lines).ljust(80) for _ in range(per_sat)))
 
 
 def expand_compact(text):
