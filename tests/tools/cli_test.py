@@ -15,6 +15,8 @@ import sys
 import tempfile
 import unittest
 from collections import Counter
+from functools import reduce
+from operator import xor
 from typing import NamedTuple
 
 NVB = None
@@ -434,11 +436,7 @@ class Case(NamedTuple):
 
 class Workspace(unittest.TestCase):
     def setUp(self):
-        self._directory = tempfile.TemporaryDirectory(prefix="nvb-cli-")
-        self.directory = self._directory.name
-
-    def tearDown(self):
-        self._directory.cleanup()
+        self.directory = self.enterContext(tempfile.TemporaryDirectory(prefix="nvb-cli-"))
 
     def path(self, name):
         return os.path.join(self.directory, name)
@@ -693,8 +691,7 @@ def slips_carried(source):
         pending, carried = {}, 0
         for epoch in epochs:
             own = slip_marks(epoch)
-            for key, slip in own.items():
-                pending[key] = pending.get(key, 0) | slip
+            pending.update({key: pending.get(key, 0) | slip for key, slip in own.items()})
             for key, slip in slip_marks(kept.get(epoch["time"], {"satellites": []})).items():
                 w.assertEqual(slip, pending.pop(key), (epoch["time"], key))
                 carried += slip and not own[key]
@@ -965,15 +962,11 @@ def binex_framed(w, result):
             length, size = (length & 0x7F) << 7 | data[position + 3], 2
         body_end = position + 2 + size + length
         w.assertEqual(data[position + 2 + size], 0x05)
-        if length < 126:
-            xor = 0
-            for byte in data[position + 1:body_end]:
-                xor ^= byte
-            w.assertEqual(data[body_end], xor)
-            position = body_end + 1
-        else:
-            w.assertEqual(int.from_bytes(data[body_end:body_end + 2], "big"), binascii.crc_hqx(data[position + 1:body_end], 0))
-            position = body_end + 2
+        # A byte of exclusive or behind a short record, a CRC-CCITT behind a longer one.
+        checked, width = data[position + 1:body_end], 1 if length < 126 else 2
+        w.assertEqual(int.from_bytes(data[body_end:body_end + width], "big"),
+                      reduce(xor, checked) if width == 1 else binascii.crc_hqx(checked, 0))
+        position = body_end + width
         records += 1
     w.assertEqual(records, HOUR)
 
