@@ -253,19 +253,18 @@ class ObservationFile:
 def expand_compact(text):
     """Compact RINEX back to RINEX: the epoch line and flags by character, values by
     differences of the order the arc has reached."""
-    lines = iter(text.split("\n")[:-1])
-    assert next(lines)[60:] == "CRINEX VERS   / TYPE"
-    assert next(lines)[60:] == "CRINEX PROG / DATE"
-    out, header = [], []
-    for line in lines:
-        header.append(line)
-        if line[60:].strip() == "END OF HEADER":
-            break
-    rinex = ObservationFile("\n".join(header) + "\n")
-    rinex3 = rinex.version >= 3
-    stored, clock, values, flags, previous = "", [], {}, {}, set()
+    crinex = text.split("\n", 2)
+    assert (crinex[0][60:], crinex[1][60:]) == ("CRINEX VERS   / TYPE", "CRINEX PROG / DATE")
+    end = crinex[2].index("\n", crinex[2].index("END OF HEADER")) + 1
+    rinex = ObservationFile(crinex[2][:end])
+    lines, rinex3 = iter(crinex[2][end:].split("\n")[:-1]), rinex.version >= 3
+    out, stored, clock, values, flags, previous = [], "", [], {}, {}, set()
 
     def undifference(history, field):
+        """The value of an arc from its next field: none, a restart, or a difference."""
+        if field == "":
+            history.clear()
+            return None
         if "&" in field:
             history[:] = [int(field.split("&")[1])]
         else:
@@ -298,14 +297,7 @@ def expand_compact(text):
             # The values, then the flags of the row as text differences.
             fields = next(lines).split(" ", len(names)) + [""] * len(names)
             flags[key] = overlay(flags[key] if key in previous else " " * (2 * len(names)), fields[len(names)])
-            cells = []
-            for name, field in zip(names, fields):
-                history = values.setdefault((key, name), [])
-                if field == "":
-                    history.clear()
-                    cells.append(None)
-                else:
-                    cells.append(undifference(history, field))
+            cells = [undifference(values.setdefault((key, name), []), field) for name, field in zip(names, fields)]
             texts = [" " * 16 if v is None else value_text(v) + flags[key][2 * k] + flags[key][2 * k + 1]
                      for k, v in enumerate(cells)]
             if rinex3:
@@ -314,7 +306,7 @@ def expand_compact(text):
                 for k in range(0, len(texts), 5):
                     out.append("".join(texts[k:k + 5]).rstrip())
         previous = {satellite(s) for s in sats}
-    return "\n".join(header + out) + "\n"
+    return "\n".join(rinex.header + out) + "\n"
 
 
 
