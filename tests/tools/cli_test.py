@@ -17,6 +17,7 @@ import unittest
 from collections import Counter
 from functools import reduce
 from operator import xor
+from pathlib import Path
 from typing import NamedTuple
 
 NVB = None
@@ -400,8 +401,7 @@ def dat_of(log):
 
 
 def read(path):
-    with open(path, "rb") as file:
-        return file.read()
+    return Path(path).read_bytes()
 
 
 def LOG(seconds, *options):
@@ -477,8 +477,7 @@ class Workspace(unittest.TestCase):
         return json.loads(self.nvb("info", "--json", log, code=code).stdout)
 
     def write(self, name, data):
-        with open(self.path(name), "wb") as file:
-            file.write(data)
+        Path(self.path(name)).write_bytes(data)
         return self.path(name)
 
 
@@ -720,8 +719,7 @@ def make_record35_log(path):
         records.append(record)
         if k % 12 == 0 and extra:
             records.append(extra.pop(0))
-    with open(path + ".dat", "wb") as file:
-        file.write(b"".join(records))
+    Path(path + ".dat").write_bytes(b"".join(records))
     succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7)
 
 
@@ -982,8 +980,7 @@ def every_type_records():
 
 
 def make_every_type_log(path):
-    with open(path + ".dat", "wb") as file:
-        file.write(b"".join(every_type_records()[0]))
+    Path(path + ".dat").write_bytes(b"".join(every_type_records()[0]))
     succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7, code=1)
 
 
