@@ -290,7 +290,7 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
 // rawCode. A field whose code 0 means raw (rawCode 0) needs its own writer. Always inline:
 // the width is a constant at nearly every call, and with it most of the branches go.
 [[gnu::always_inline]] inline std::uint8_t codeWideDelta(const std::uint8_t* newField, const std::uint8_t* reference,
-                           std::size_t width, std::uint8_t rawCode, ByteWriter& stream) {
+                                                         std::size_t width, std::uint8_t rawCode, ByteWriter& stream) {
     if (width > kMaxDeltaWidth) {
         compactAssert(false);
         writeBytes(stream, newField, width);
