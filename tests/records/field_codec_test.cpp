@@ -50,12 +50,6 @@ TEST(FieldReaders, ReadsPastTheEndSeeZerosAndWidthZeroIsZero) {
     EXPECT_EQ(nvb::getScaled(view, 1, 3, 0, false), 0x340000);
 }
 
-TEST(FieldReaders, FloatsAreBigEndianOnTheWire) {
-    const Bytes bytes = {0x40, 0x49, 0x0F, 0xDB, 0x40, 0x09, 0x21, 0xFB, 0x54, 0x44, 0x2D, 0x18};
-    EXPECT_FLOAT_EQ(nvb::getFloat(ByteView(bytes), 0), 3.14159265f);
-    EXPECT_DOUBLE_EQ(nvb::getDouble(ByteView(bytes), 4), 3.141592653589793);
-}
-
 // Writes through one primitive into a fresh frame and returns the bytes written.
 template <class Write>
 Bytes written(Write write) {

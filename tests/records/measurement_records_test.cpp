@@ -396,23 +396,17 @@ Rec17Sv& add17(Rec17& epoch, std::uint8_t svId, std::uint8_t svFlags, double pha
     return sv;
 }
 
-class Rec17Reader {
-public:
-    Rec17Reader() : frame_(std::make_unique<nvb_frame_t>()) {}
+struct Rec17Reader {
+    nvbtest::Handle handle;
+    std::unique_ptr<nvb_frame_t> frame = std::make_unique<nvb_frame_t>();
 
     std::uint16_t read(const Rec17& epoch) {
-        std::memset(frame_.get(), 0, sizeof(nvb_frame_t));
-        EXPECT_NE(nvb::writeRec17(epoch, *frame_), 0);
-        return nvb::readRec17(*frame_, *handle_.get(), handle_->rec17Work);
+        std::memset(frame.get(), 0, sizeof(nvb_frame_t));
+        EXPECT_NE(nvb::writeRec17(epoch, *frame), 0);
+        return readFrame();
     }
-
-    const Rec17& epoch() const { return *handle_->records.rec17; }
-    nvb_frame_t& frame() { return *frame_; }
-    nvb_expand_t* state() const { return handle_.get(); }
-
-private:
-    nvbtest::Handle handle_;
-    std::unique_ptr<nvb_frame_t> frame_;
+    std::uint16_t readFrame() { return nvb::readRec17(*frame, *handle.get(), handle->rec17Work); }
+    const Rec17& epoch() const { return *handle->records.rec17; }
 };
 
 TEST(Rec17RoundTrip, TheWireAsymmetriesShow) {
@@ -474,10 +468,10 @@ TEST(Rec17Doppler, PhaseUsableOnBothEpochsGivesTheRateAndASlipTheOldPrediction) 
 
 TEST(Rec17BadInput, ALengthThatLiesStopsAt24SatellitesAndAShortBodyReadsZeros) {
     Rec17Reader reader;
-    nvb_frame_t& frame = reader.frame();
+    nvb_frame_t& frame = *reader.frame;
     std::memset(frame.data, 0x11, sizeof frame.data);
     frame.length = NVB_FRAME_CAPACITY;
-    EXPECT_EQ(nvb::readRec17(frame, *reader.state(), reader.state()->rec17Work), 21 + 24 * 72);
+    EXPECT_EQ(reader.readFrame(), 21 + 24 * 72);
     EXPECT_EQ(reader.epoch().nSv, 24);
 
     std::memset(frame.data, 0, sizeof frame.data);
@@ -485,7 +479,7 @@ TEST(Rec17BadInput, ALengthThatLiesStopsAt24SatellitesAndAShortBodyReadsZeros) {
     const nvbtest::Bytes bytes = nvbtest::build(nvbtest::Rec17Wire{5000, 1 << 18, {sat}});
     std::memcpy(frame.data, bytes.data(), 25);
     frame.length = 30;  // the second-frequency block lies beyond what arrived
-    EXPECT_EQ(nvb::readRec17(frame, *reader.state(), reader.state()->rec17Work), 21 + 72);
+    EXPECT_EQ(reader.readFrame(), 21 + 72);
     EXPECT_EQ(+reader.epoch().sv[0].snr2, 0.0);
 }
 
