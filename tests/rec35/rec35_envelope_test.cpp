@@ -135,27 +135,18 @@ Step foreign(std::int32_t result, std::uint8_t getterStatus, std::int32_t expect
     return Step{{}, result, getterStatus, expected, status};
 }
 
+// clang-format off
 const AssemblyCase kAssemblyCases[] = {
     {"whole frame", {{frame(0, 10), 35, 0, 35, 0}}, 0, 10},
     {"first and last", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 5), 35, 0, 35, 0}}, 0, 4005},
-    {"first, two middles, last",
-     {{frame(1, 4000), 35, 0, 0, 0},
-      {frame(2, 4000), 35, 0, 0, 0},
-      {frame(2, 4000), 35, 0, 0, 0},
-      {frame(3, 1), 35, 0, 35, 0}},
-     0,
-     12001},
+    {"first, two middles, last", {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 4000), 35, 0, 0, 0},
+                                  {frame(2, 4000), 35, 0, 0, 0}, {frame(3, 1), 35, 0, 35, 0}}, 0, 12001},
     {"middle without first keeps the record pending", {{frame(2, 5), 35, 0, -1, 18}}, 1, 0},
     {"then a foreign record dumps it", {{frame(2, 5), 35, 0, -1, 18}, foreign(27, 0, 27, 18)}, 0, 0, true},
     {"last without first", {{frame(3, 5), 35, 0, -1, 18}}, 0, 0},
     {"a first frame throws away an unfinished one",
-     {{frame(1, 4000), 35, 0, 0, 0}, {frame(1, 4000), 35, 0, 0, 18}, {frame(3, 1), 35, 0, 35, 0}},
-     0,
-     4001},
-    {"a whole frame throws away an unfinished one",
-     {{frame(1, 4000), 35, 0, 0, 0}, {frame(0, 7), 35, 0, 35, 18}},
-     0,
-     7},
+     {{frame(1, 4000), 35, 0, 0, 0}, {frame(1, 4000), 35, 0, 0, 18}, {frame(3, 1), 35, 0, 35, 0}}, 0, 4001},
+    {"a whole frame throws away an unfinished one", {{frame(1, 4000), 35, 0, 0, 0}, {frame(0, 7), 35, 0, 35, 18}}, 0, 7},
     {"last of another subtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 1, 25), 35, 0, -1, 18}}, 0, 0},
     {"middle of another subsubtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 1, 24, 2), 35, 0, -1, 18}}, 1, 0},
     {"a foreign record between fragments", {{frame(1, 4000), 35, 0, 0, 0}, foreign(27, 0, 27, 18)}, 0, 0, true},
@@ -170,6 +161,7 @@ const AssemblyCase kAssemblyCases[] = {
     {"a record 35 arriving with a resynchronisation status", {{frame(0, 9), 35, 18, 35, 18}}, 0, 9},
     {"no content object", {{frame(0, 10), 35, 0, -1, NVB_STATUS_REC35_CONTENT}}, 0, 0, false, false},
 };
+// clang-format on
 
 TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
     for (const AssemblyCase& c : kAssemblyCases) {

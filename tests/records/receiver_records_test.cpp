@@ -11,7 +11,9 @@ namespace {
 
 using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
+Bytes frame(std::uint8_t type, const Bytes& body) {
+    return plainFrame(type, body);
+}
 
 Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
@@ -40,8 +42,7 @@ TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) 
 TEST(ReceiverRecords, Record5WithAZeroPresenceMarkIsWrittenUpToTheMarkAndReadOnPastIt) {
     // The reader still reads what follows the mark, here the checksum and end byte.
     Handle handle;
-    const Bytes marked =
-        frame(5, concat({{2}, nvbtest::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
+    const Bytes marked = frame(5, concat({{2}, nvbtest::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
     const ReadEvent shortened = processFrame(handle.get(), marked);
     ASSERT_EQ(shortened.datLength, marked.size() - 3);
     EXPECT_EQ(handle->records.rec5->sub2.bytes4[2], 0x03);
@@ -246,31 +247,21 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
         Bytes dat;      // behind the header, zeros to the length
         Bytes written;  // behind the type byte; empty: the frame read
     };
+    // clang-format off
     const Row rows[] = {
         // Two sections counted: A and B only, whatever follows.
-        {"c = 2",
-         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9},
-         15,
-         {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66},
-         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
+        {"c = 2", {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9}, 15, {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66}, {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
         // L = 3 holds two words; the second keeps its place in the structure.
         {"D of 3", {1, 4, 0, 0, 0, 3, 0x11, 0x22, 0x33, 0x44}, 13, {4, 0, 0, 0, 3, 0x22, 0x11, 0x44, 0x33}, {}},
         // A section longer than its fields: B's length is read from inside A, and the DAT
         // form, which carries A whole, ends before B's bytes.
-        {"A of 9",
-         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77},
-         16,
-         {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3},
-         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
-        {"subtype 3",
-         {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4},
-         23,
-         {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0},
-         {}},
+        {"A of 9", {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77}, 16, {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3}, {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
+        {"subtype 3", {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4}, 23, {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0}, {}},
         // Subtype 2 keeps its sections out of the DAT form, so they are not written again.
         {"subtype 2", {2, 5, 3, 1, 2, 3, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 1, 9}, 22, {5}, {2, 5, 0, 0, 0, 0, 0}},
         {"subtype 0", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, {4, 3, 2, 1, 6, 5, 8, 7}, {}},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         const Bytes read = frame(30, row.body);
@@ -329,7 +320,8 @@ TEST(PlainRecords, ShortBodiesAndUncappedCountsReadSafelyAndTheWriterRefusesWhat
         {frame(22, {255, 1, 2, 3}), 255},
     };
     for (const Hostile& hostile : frames) {
-        EXPECT_EQ(processFrame(handle.get(), hostile.frame).datLength, hostile.datLength) << "type " << int(hostile.frame[2]);
+        EXPECT_EQ(processFrame(handle.get(), hostile.frame).datLength, hostile.datLength)
+            << "type " << int(hostile.frame[2]);
     }
     EXPECT_EQ(copyOf(handle->records.rec21->words[1]), 0x0300) << "end byte, then zero";
     Rec5 pairs{};

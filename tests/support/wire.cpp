@@ -296,33 +296,17 @@ Rec29Wire logPosition() {
 Rec17Wire logRecord17(bool later) {
     const std::int64_t step = later ? 1 : 0;
     Rec17Wire record{kLogTime + (later ? 1000u : 0u), static_cast<std::int32_t>(wireUnits(0.25, 19)), {}};
-    Rec17Sat gps{7,
-                 0x11,
-                 0x03,
-                 45,
-                 60,
-                 181,
-                 static_cast<std::uint32_t>(wireUnits(21456789.125, 7)),
-                 wireUnits(112755432.5, 15) + step * wireUnits(1000.5, 15),
-                 static_cast<std::int32_t>(wireUnits(-1234.5, 6)),
-                 0,
-                 156,
-                 wireUnits(87861234.25, 15) + step * wireUnits(777.25, 15),
-                 static_cast<std::int16_t>(wireUnits(2.625, 8))};
+    const auto cycles = [&](double first, double perSecond) {
+        return wireUnits(first, 15) + step * wireUnits(perSecond, 15);
+    };
+    // clang-format off
+    Rec17Sat gps{7, 0x11, 0x03, 45, 60, 181, static_cast<std::uint32_t>(wireUnits(21456789.125, 7)),
+                 cycles(112755432.5, 1000.5), static_cast<std::int32_t>(wireUnits(-1234.5, 6)), 0, 156,
+                 cycles(87861234.25, 777.25), static_cast<std::int16_t>(wireUnits(2.625, 8))};
     // The wire holds half the range of an SBAS satellite.
-    Rec17Sat sbas{131,
-                  0x10,
-                  0x00,
-                  30,
-                  100,
-                  160,
-                  static_cast<std::uint32_t>(wireUnits(19000000.0, 7)),
-                  wireUnits(99000000.0, 15) + step * wireUnits(5.25, 15),
-                  0,
-                  0,
-                  0,
-                  0,
-                  0};
+    Rec17Sat sbas{131, 0x10, 0x00, 30, 100, 160, static_cast<std::uint32_t>(wireUnits(19000000.0, 7)),
+                  cycles(99000000.0, 5.25), 0, 0, 0, 0, 0};
+    // clang-format on
     record.sats = {gps, sbas};
     return record;
 }
