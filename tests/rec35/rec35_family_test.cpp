@@ -173,16 +173,11 @@ TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
     put(2, nvbtest::fftPayload(fft));
     put(2, nvbtest::fftPayload(fft));
     put(1, nvbtest::fftPayload(fft));
-    const Bytes zeroResiduals = nvbtest::AvroBytes()
-                                    .longValue(0)
-                                    .doubleValue(fft.center_freq)
-                                    .floatValue(fft.bin_size)
-                                    .doubleValue(fft.peak_freq)
-                                    .floatValue(fft.peak_snr)
-                                    .longValue(0)
-                                    .longArray({})
-                                    .longValue(0)
-                                    .bytes;
+    nvbtest::Fft zero = fft;  // residuals of the linear and hold fields all 0
+    zero.gps_msecs = zero.antenna_num = 0;
+    zero.mean_val = 0;
+    zero.bins.clear();
+    const Bytes zeroResiduals = nvbtest::fftPayload(zero);
     put(2, zeroResiduals);
     put(5, zeroResiduals);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);

@@ -12,9 +12,7 @@ namespace {
 using nvb::ByteView;
 using Bytes = std::vector<std::uint8_t>;
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 struct ScaledCase {
     Bytes bytes;

@@ -22,9 +22,7 @@ using nvbtest::EpochReader;
 using nvbtest::kPlainOptions;
 using nvbtest::newEpoch;
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 // An epoch of `count` GPS satellites with one signal each.
 std::unique_ptr<Rec27> epochOf(int count) {
@@ -384,15 +382,7 @@ std::unique_ptr<Rec17> epoch17(double time) {
 
 Rec17Sv& add17(Rec17& epoch, std::uint8_t svId, std::uint8_t svFlags, double phase) {
     Rec17Sv& sv = epoch.sv[epoch.nSv++];
-    sv = Rec17Sv{};
-    sv.svId = svId;
-    sv.svFlags = svFlags;
-    sv.svFlags2 = 0x03;
-    sv.elevation = 40;
-    sv.azimuth = 250;
-    sv.snr = 44.25;
-    sv.range = 21000000.5;
-    sv.phase = phase;
+    sv = Rec17Sv{svId, svFlags, 0x03, 0, 40, 250, 44.25, 21000000.5, phase, 0, 0, 0, 0, 0, 0};
     return sv;
 }
 

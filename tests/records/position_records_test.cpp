@@ -11,9 +11,7 @@ namespace {
 
 using nvbtest::Bytes;
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 // Writes a record with the library's writer and reads the frame back, or reads a frame
 // built by hand.

@@ -15,9 +15,7 @@
 
 namespace {
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 template <typename T>
 struct Field {
