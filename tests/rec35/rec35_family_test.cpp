@@ -123,17 +123,13 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
         std::copy(values.begin(), values.end(), static_cast<std::uint32_t*>(msecs.elements));
         ASSERT_EQ(writer.native(306, native.get()), 0);
     }
-    const auto reads = nvbtest::readRec35Log(writer.finish(), true);
-    const auto dats = nvbtest::deliveredDats(reads);
+    // The reader's side is the every-subtype suite's, whose arrays grow and shrink.
+    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish(), true));
     ASSERT_EQ(dats.size(), wire.size());
     for (std::size_t i = 0; i < wire.size(); ++i) {
         EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 ? 1u : 2u);
         EXPECT_EQ(longsOf(nvbtest::datPayload(dats[i])), wire[i]) << i;
     }
-    const auto values = nvbtest::deliveredValues(reads);
-    ASSERT_EQ(values.size(), records.size());
-    EXPECT_EQ(values[2],
-              (std::vector<std::string>{"version=1", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33", ".msecs#3"}));
 }
 
 // The wire numbers of a delta record are the residuals: the first long of the payload is

@@ -222,17 +222,14 @@ TEST(Rec33Reader, Subtype19TakesItsTailFromL95Up) {
 
 TEST(Rec33BadInput, CountsADamagedBodyPushesPastTheStructureAreCut) {
     JunkFrame junk;
-    const auto read = [&](std::uint8_t length, std::uint8_t subtype, std::uint8_t first) {
-        return junk.read(length, subtype, first);
-    };
-    EXPECT_EQ(read(3, 3, 0).sub3.count, 0) << "a length below a subtype 3's own bytes";
-    EXPECT_EQ(read(1, 3, 0).sub3.count, 82) << "L wraps";
-    EXPECT_EQ(read(255, 12, 0).sub5to12.count, 31);
-    EXPECT_EQ(read(1, 5, 0).sub5to12.count, 31);
-    EXPECT_EQ(read(255, 13, 200).sub13.count, 28);
-    EXPECT_EQ(read(255, 17, 0).sub17.count, 25);
-    EXPECT_EQ(read(255, 18, 0).sub18.count, 32);
-    EXPECT_EQ(read(255, 16, 0).sub16.count, 30);
+    EXPECT_EQ(junk.read(3, 3, 0).sub3.count, 0) << "a length below a subtype 3's own bytes";
+    EXPECT_EQ(junk.read(1, 3, 0).sub3.count, 82) << "L wraps";
+    EXPECT_EQ(junk.read(255, 12, 0).sub5to12.count, 31);
+    EXPECT_EQ(junk.read(1, 5, 0).sub5to12.count, 31);
+    EXPECT_EQ(junk.read(255, 13, 200).sub13.count, 28);
+    EXPECT_EQ(junk.read(255, 17, 0).sub17.count, 25);
+    EXPECT_EQ(junk.read(255, 18, 0).sub18.count, 32);
+    EXPECT_EQ(junk.read(255, 16, 0).sub16.count, 30);
     // A DAT form whose counts pass the arrays is refused whole.
     nvbtest::Encoder encoder(1);
     std::uint8_t status = 0;
