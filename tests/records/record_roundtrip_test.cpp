@@ -216,19 +216,7 @@ void roundTripPositions() {
 void roundTripOlderRecords() {
     nvbtest::Handle handle;
     auto frame = std::make_unique<nvb_frame_t>();
-    Rec11 rec11{};
-    rec11.latitude = 0.2;
-    rec11.longitude = -0.7;
-    rec11.height = 123.25;
-    rec11.clockOffset = -1234.567;
-    rec11.clockDrift = 0.0123;
-    rec11.pdop = 2.3;
-    rec11.velocity1 = 1.1e-5;
-    rec11.velocity2 = -3.3e-3;
-    rec11.velocity3 = 77.7;
-    rec11.time = 302400000;
-    rec11.fixStatus = 0x40;
-    rec11.nSv = 32;
+    Rec11 rec11{0.2, -0.7, 123.25, -1234.567, 0.0123, 2.3, 1.1e-5, -3.3e-3, 77.7, 302400000, 0x40, 32, {}};
     for (std::uint8_t i = 0; i < 64; ++i) rec11.lists[i] = static_cast<std::uint8_t>(i < 32 ? i : 68 + i);
     ASSERT_GT(nvb::writeRec11(rec11, *frame), 0);
     ASSERT_EQ(nvb::readRec11(*frame, *handle.get()), 2 * 32 + 82);
