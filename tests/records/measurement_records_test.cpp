@@ -31,14 +31,9 @@ std::unique_ptr<Rec27> epochOf(int count) {
 }
 
 TEST(Rec27Limits, ASatelliteCountAbove116ReadsNothing) {
-    EpochReader reader;
-    EXPECT_GT(reader.read(*epochOf(NVB_MAX_SV), kPlainOptions), 0);
-    EXPECT_EQ(reader.epoch().nSv, NVB_MAX_SV);
-    EXPECT_EQ(reader.epoch().sv[115].svId, 116);
-
-    auto tooMany = epochOf(NVB_MAX_SV);
-    tooMany->nSv = 117;  // the writer sends the count as it stands
-    EXPECT_EQ(reader.read(*tooMany, kPlainOptions), 0);
+    auto tooMany = epochOf(NVB_MAX_SV);  // the round-trip table reads 116 whole
+    tooMany->nSv = 117;                  // the writer sends the count as it stands
+    EXPECT_EQ(EpochReader().read(*tooMany, kPlainOptions), 0);
 }
 
 TEST(Rec27Limits, SevenSignalsOnTheLastSatelliteReadNothingAfterTheOthersAreFilled) {
