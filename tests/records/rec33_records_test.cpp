@@ -238,18 +238,35 @@ TEST(Rec33BadInput, CountsADamagedBodyPushesPastTheStructureAreCut) {
 }
 
 // A record 33 of subtype 3 says which systems the receiver tracks: the encoder closes the
-// block before it (the epochs and positions behind it start over with references, which
-// the tool's suite counts).
-TEST(Rec33Writer, ASystemListClosesTheBlockBeforeIt) {
+// block and starts the epoch and position histories over.
+TEST(Rec33Writer, ASystemListClosesTheBlockAndTheNextEpochAndPositionAreReferences) {
+    const auto log =
+        nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 6, .olderRecords = false, .opaqueRecords = false});
     nvbtest::Encoder encoder(3);
-    for (const Bytes& dat :
-         nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 6, .olderRecords = false, .opaqueRecords = false})) {
-        encoder.put(dat);
-    }
+    for (std::size_t i = 0; i + 2 < log.size(); ++i) encoder.put(log[i]);
     const int callbacks = encoder.callbacks();
     nvbtest::Handle reader;
-    EXPECT_GT(encoder.put(nvbtest::processFrame(reader.get(), realisticRecords()[3].frame).dat), 0u);
+    const Bytes list = nvbtest::processFrame(reader.get(), realisticRecords()[3].frame).dat;
+    EXPECT_GT(encoder.put(list), 0u) << "the block before it goes out";
     EXPECT_EQ(encoder.callbacks(), callbacks + 1);
+    encoder.put(log[log.size() - 2]);
+    encoder.put(log.back());
+    const Bytes& written = encoder.finish();
+
+    // The carried types, as a reader meets them.
+    nvbtest::Handle handle;
+    const auto events = nvbtest::readStream(handle.get(), written, nvbtest::Getter::NvbByByte);
+    std::vector<std::int32_t> carried;
+    for (const nvbtest::ReadEvent& event : events) {
+        if (event.result > 0 && event.status == 0) carried.push_back(event.result);
+    }
+    ASSERT_EQ(carried.size(), log.size() + 1);
+    EXPECT_EQ(carried[carried.size() - 3], 33);
+    EXPECT_EQ(carried[carried.size() - 2], 38) << "a reference epoch";
+    EXPECT_EQ(carried.back(), 57) << "a reference position";
+    EXPECT_EQ(carried[carried.size() - 4], 56) << "the position before it was a delta";
+    const auto read = nvbtest::deliveredDat(events);
+    EXPECT_EQ(read[read.size() - 3], list);
 }
 
 }  // namespace
