@@ -121,7 +121,7 @@ int huffmanEncodeSymbol(nvb_huffman_encoder_t& encoder, std::uint16_t symbol, st
     if (flush) {
         if (encoder.bitCount == 0) return 0;
         const auto padded = static_cast<std::uint8_t>(encoder.partial << (8 - encoder.bitCount));
-        if (out != nullptr) out[0] = padded;
+        out[0] = padded;
         encoder.partial = 0;
         encoder.bitCount = 0;
         return 1;
@@ -141,7 +141,7 @@ int huffmanEncodeSymbol(nvb_huffman_encoder_t& encoder, std::uint16_t symbol, st
         }
         const unsigned rest = remaining - room;
         const auto byte = static_cast<std::uint8_t>((encoder.partial << room) | (code >> rest));
-        if (out != nullptr) out[written] = byte;
+        out[written] = byte;
         ++written;
         encoder.partial = 0;
         encoder.bitCount = 0;

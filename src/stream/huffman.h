@@ -31,8 +31,8 @@ void huffmanFree();
 // The code of a symbol (0..256); only valid after huffmanBuild.
 [[nodiscard]] const HuffmanCode& huffmanCodeOf(std::uint16_t symbol);
 
-// With flush 0 appends the code of `symbol` and writes each finished byte to `out` (may be
-// null: then only counted). With flush 1 pads pending bits with zeros and writes them.
+// With flush 0 appends the code of `symbol` and writes each finished byte to `out`. With
+// flush 1 pads pending bits with zeros and writes them.
 // Returns the bytes written.
 int huffmanEncodeSymbol(nvb_huffman_encoder_t& encoder, std::uint16_t symbol, std::uint8_t* out,
                         bool flush);

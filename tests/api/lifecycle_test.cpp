@@ -8,16 +8,9 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <string>
 #include <vector>
 
 namespace {
-
-TEST(Lifecycle, VersionTextIsFiveCharactersEndingInABlank) {
-    char text[16] = {};
-    EXPECT_EQ(nvbdll_getNVBLibVersion(text), 5);
-    EXPECT_EQ(std::string(text), "8.97 ");
-}
 
 TEST(Lifecycle, FreeingANullHandleDoesNothing) {
     EXPECT_EQ(nvbdll_FreeNVBStateHandle(nullptr), nullptr);

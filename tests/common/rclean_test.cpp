@@ -28,30 +28,12 @@ protected:
     std::unique_ptr<rcleanState> state = std::make_unique<rcleanState>();
 };
 
-class RcleanKeepEpoch : public RcleanFixture {};
+class RcleanPositions : public RcleanFixture {};
 class RcleanEpoch27 : public RcleanFixture {};
 class RcleanEpoch17 : public RcleanFixture {};
 class RcleanSlipTable35 : public RcleanFixture {};
 
-TEST_F(RcleanKeepEpoch, KeepsWithinFiveMillisecondsOfTheGridLowerEdgeOpen) {
-    struct Case {
-        double time;
-        int32_t interval;
-        bool keep;
-    };
-    const Case cases[] = {
-        {1000000.0, 1000, true},   {1000004.999, 1000, true}, {1000005.0, 1000, false},
-        {1000994.999, 1000, false}, {1000995.0, 1000, true},  {1234567.0, 0, true},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(nvb::rcleanKeepEpoch(*state, c.time, c.interval), c.keep) << c.time << " / " << c.interval;
-        EXPECT_EQ(state->keep, c.keep ? 1 : 0);
-        EXPECT_EQ(value(state->time), c.time);
-        EXPECT_EQ(value(state->interval), c.interval);
-    }
-}
-
-TEST_F(RcleanKeepEpoch, PositionTimesAreReadWithTheirOwnSignedness) {
+TEST_F(RcleanPositions, TimesAreReadWithTheirOwnSignedness) {
     // 2^31 + 500 ms: 148 past a second as unsigned, 148 before one as signed.
     Rec29 rec29{};
     rec29.time = 2147484148u;
@@ -87,38 +69,34 @@ int epoch27(rcleanState& state, double time, Signal27 signal, uint8_t slipCount,
     return rec->sv[0].meas[0].measFlags1 & 0x08;
 }
 
-TEST_F(RcleanEpoch27, SlipOfADroppedEpochIsMarkedOnceOnTheNextKeptEpoch) {
-    const Signal27 gps{0, 7, 2, 3};
-    EXPECT_EQ(epoch27(*state, 1000, gps, 3, 0x03), 0);
-    EXPECT_EQ(epoch27(*state, 1500, gps, 3, 0x0B), -1);
-    EXPECT_EQ(epoch27(*state, 2000, gps, 3, 0x03), 0x08);
-    EXPECT_EQ(epoch27(*state, 3000, gps, 3, 0x03), 0);
-}
-
-TEST_F(RcleanEpoch27, CounterChangeBetweenKeptEpochsSetsTheMark) {
-    const Signal27 glonass{2, 29, 5, 17};
-    EXPECT_EQ(epoch27(*state, 1000, glonass, 3, 0), 0);
-    EXPECT_EQ(epoch27(*state, 2000, glonass, 4, 0), 0x08);
-    EXPECT_EQ(epoch27(*state, 3000, glonass, 4, 0), 0);
-}
-
-TEST_F(RcleanEpoch27, FirstSightingMarksOnlyWhenItsSlipBitIsSet) {
-    const Signal27 quiet{3, 59, 1, 1};
-    const Signal27 slipping{3, 58, 1, 1};
-    EXPECT_EQ(epoch27(*state, 1500, quiet, 200, 0), -1);
-    EXPECT_EQ(epoch27(*state, 1500, slipping, 200, 0x08), -1);
-    EXPECT_EQ(epoch27(*state, 2000, quiet, 200, 0), 0);
-    EXPECT_EQ(epoch27(*state, 2000, slipping, 200, 0), 0x08);
-}
-
-TEST_F(RcleanEpoch27, SignalThatDisappearsKeepsItsPendingMark) {
-    const Signal27 gps{0, 1, 0, 0};
-    const Signal27 other{0, 2, 0, 0};
-    EXPECT_EQ(epoch27(*state, 1000, gps, 1, 0), 0);
-    EXPECT_EQ(epoch27(*state, 1500, gps, 2, 0), -1);
-    EXPECT_EQ(epoch27(*state, 2000, other, 1, 0), 0);
-    EXPECT_EQ(epoch27(*state, 3000, other, 1, 0), 0);
-    EXPECT_EQ(epoch27(*state, 4000, gps, 2, 0), 0x08);
+// Each case from a fresh state: the slip mark each epoch's signal carries after thinning.
+TEST(RcleanEpoch27Marks, CounterChangesFirstSightingsAndDisappearedSignalsMarkWhenTheyShould) {
+    struct Step {
+        double time;
+        Signal27 signal;
+        uint8_t slipCount, measFlags1;
+        int mark;
+    };
+    const Signal27 glonass{2, 29, 5, 17}, quiet{3, 59, 1, 1}, slipping{3, 58, 1, 1}, one{0, 1, 0, 0}, two{0, 2, 0, 0};
+    const std::pair<const char*, std::vector<Step>> cases[] = {
+        {"a counter change between kept epochs",
+         {{1000, glonass, 3, 0, 0}, {2000, glonass, 4, 0, 0x08}, {3000, glonass, 4, 0, 0}}},
+        {"a first sighting marks only with its slip bit",
+         {{1500, quiet, 200, 0, -1}, {1500, slipping, 200, 0x08, -1}, {2000, quiet, 200, 0, 0},
+          {2000, slipping, 200, 0, 0x08}}},
+        {"a signal that disappears keeps its pending mark",
+         {{1000, one, 1, 0, 0}, {1500, one, 2, 0, -1}, {2000, two, 1, 0, 0}, {3000, two, 1, 0, 0},
+          {4000, one, 2, 0, 0x08}}},
+    };
+    for (const auto& [what, steps] : cases) {
+        auto state = std::make_unique<rcleanState>();
+        ASSERT_TRUE(nvb::rcleanInit(*state));
+        for (const Step& step : steps) {
+            EXPECT_EQ(epoch27(*state, step.time, step.signal, step.slipCount, step.measFlags1), step.mark)
+                << what << " at " << step.time;
+        }
+        nvb::rcleanFree(*state);
+    }
 }
 
 TEST_F(RcleanEpoch27, SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {

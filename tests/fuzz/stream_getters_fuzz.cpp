@@ -9,7 +9,9 @@
 #include "stream/block_reader.h"
 #include "stream/framing.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -24,23 +26,19 @@ void check(bool holds, const char* what) {
     std::abort();
 }
 
-bool isInterfaceStatus(std::uint8_t status) {
-    switch (status) {
-        case NVB_STATUS_OK: case NVB_STATUS_END_OF_FILE: case NVB_STATUS_CHECKSUM: case NVB_STATUS_FRAME_LENGTH:
-        case NVB_STATUS_HUFFMAN_END: case NVB_STATUS_EXPANSION: case NVB_STATUS_BZIP2: case NVB_STATUS_READER_TOO_OLD:
-        case NVB_STATUS_ZLIB: case NVB_STATUS_SCRAMBLED: case NVB_STATUS_RESYNCHRONISED: case NVB_STATUS_BROTLI:
-        case NVB_STATUS_ZSTD:
-            return true;
-        default:
-            return false;
-    }
-}
+// The statuses that a getter or the dispatch may report.
+constexpr std::uint8_t kReadingStatuses[] = {
+    NVB_STATUS_OK,          NVB_STATUS_END_OF_FILE, NVB_STATUS_CHECKSUM,       NVB_STATUS_FRAME_LENGTH,
+    NVB_STATUS_HUFFMAN_END, NVB_STATUS_EXPANSION,   NVB_STATUS_BZIP2,          NVB_STATUS_READER_TOO_OLD,
+    NVB_STATUS_ZLIB,        NVB_STATUS_SCRAMBLED,   NVB_STATUS_RESYNCHRONISED, NVB_STATUS_BROTLI,
+    NVB_STATUS_ZSTD};
 
 void handle(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
     check(state->inputFill <= nvb::kBlockCapacity && state->blockBytes <= nvb::kBlockCapacity, "block buffers overrun");
     check(state->blockBytes == 0 || state->blockReadPos < state->blockBytes, "read position past the block");
     check(state->frame.length <= nvb::kMaxFrameLength, "frame longer than its buffer");
-    check(isInterfaceStatus(status), "a status the interface does not know");
+    check(std::find(std::begin(kReadingStatuses), std::end(kReadingStatuses), status) != std::end(kReadingStatuses),
+          "a status the interface does not know");
     check(result >= -1 && result <= 255 && (result != -1 || status != 0), "a result outside the interface");
     if (result <= 0 || (status != 0 && status != NVB_STATUS_RESYNCHRONISED)) return;
     std::uint16_t type = 0;

@@ -12,6 +12,7 @@ namespace {
 using nvbtest::addSatellite;
 using nvbtest::addSignal;
 using Bytes = std::vector<std::uint8_t>;
+using Doubles = std::vector<double>;
 
 std::unique_ptr<Rec29> position() {
     auto rec = std::make_unique<Rec29>();
@@ -28,23 +29,23 @@ std::unique_ptr<Rec29> position() {
     return rec;
 }
 
-TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnits) {
+TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnitsAndListsTheUsedSatellites) {
     auto in = position();
-    in->numSVsUsed = 2;
+    const Rec29SvEntry entries[] = {{5, 0, 2}, {6, 0, 0}, {7, 2, 2}, {8, 0, 1}, {9, 3, 3}};
+    in->numSVs = 5;
+    for (int k = 0; k < 5; ++k) in->sv[k] = entries[k];
+    in->numSVsUsed = 4;
     Rec11 out{};
     std::uint8_t header[4] = {};
-    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), &out), 2 * (2 + 41));
-    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 86, 0, 11}));
-    EXPECT_EQ(+out.latitude, 0.25);
-    EXPECT_EQ(+out.longitude, -0.5);
-    EXPECT_EQ(+out.height, 250.5);
-    EXPECT_EQ(+out.clockOffset, 0.5 * 299792.458);
-    EXPECT_EQ(+out.clockDrift, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487);
-    EXPECT_EQ(+out.pdop, 1.75);
-    EXPECT_EQ(+out.velocity2, -1.5);
-    EXPECT_EQ(+out.time, 302400000u);
-    EXPECT_EQ(out.nSv, 2);
-    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 86) << "without a header only the length";
+    EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), &out), 2 * (4 + 41));
+    EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 90, 0, 11}));
+    // Three used satellites of the four counted; GLONASS numbers 51 on; the rest stays zero.
+    EXPECT_EQ(Bytes(out.lists, out.lists + 8), (Bytes{0, 1, 2, 0, 5, 7 + 51, 9, 0}));
+    EXPECT_EQ((Doubles{out.latitude, out.longitude, out.height, out.clockOffset, out.clockDrift, out.pdop,
+                       out.velocity2, double(out.time), double(out.nSv)}),
+              (Doubles{0.25, -0.5, 250.5, 0.5 * 299792.458, 2.0 / 1e6 * 299792458.0 / 0.19029367279836487, 1.75, -1.5,
+                       302400000, 4}));
+    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 90) << "without a header only the length";
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, nullptr, &out), 0);
     EXPECT_EQ(nvbdll_convertRec29toRec11(header, in.get(), nullptr), 0);
 }
@@ -67,18 +68,6 @@ TEST(ConvertRec29ToRec11, FixStatusComesFromModeTypeAndInfo) {
         nvbdll_convertRec29toRec11(nullptr, in.get(), &out);
         EXPECT_EQ(out.fixStatus, c.expected) << "mode " << int(c.fixMode) << " type " << int(c.fixType);
     }
-}
-
-TEST(ConvertRec29ToRec11, UsedSatellitesFillTheListsAndTheRestStaysZero) {
-    auto in = position();
-    const Rec29SvEntry entries[] = {{5, 0, 2}, {6, 0, 0}, {7, 2, 2}, {8, 0, 1}, {9, 3, 3}};
-    in->numSVs = 5;
-    for (int k = 0; k < 5; ++k) in->sv[k] = entries[k];
-    in->numSVsUsed = 4;
-    Rec11 out{};
-    EXPECT_EQ(nvbdll_convertRec29toRec11(nullptr, in.get(), &out), 2 * (4 + 41));
-    const Bytes lists(out.lists, out.lists + 8);
-    EXPECT_EQ(lists, (Bytes{0, 1, 2, 0, 5, 7 + 51, 9, 0}));
 }
 
 // A GPS satellite with one first-frequency signal of the given flags.
@@ -105,18 +94,13 @@ TEST(ConvertRec27ToRec17, TakesOnlyGpsAndMapsTheFirstFrequencyFlags) {
     gpsSatellite(*epoch, 9, 0, 0x07);
     EXPECT_EQ(nvbdll_convertRec27toRec17(header, epoch.get(), &out, 0), 21 + 2 * 48);
     EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, 117, 0, 17}));
-    EXPECT_EQ(+out.receiveTime, 1000.0);
-    EXPECT_EQ(+out.clkOffset, 0.25);
     ASSERT_EQ(out.nSv, 2);
     const Rec17Sv& slipped = out.sv[0];
-    EXPECT_EQ(slipped.svId, 7);
-    EXPECT_EQ(+slipped.elevation, 30);
-    EXPECT_EQ(+slipped.azimuth, 200);
-    EXPECT_EQ(+slipped.snr, 45.5);
+    EXPECT_EQ((Doubles{out.receiveTime, out.clkOffset, double(slipped.svId), double(slipped.elevation),
+                       double(slipped.azimuth), slipped.snr, slipped.doppler, double(slipped.svFlags3)}),
+              (Doubles{1000.0, 0.25, 7, 30, 200, 45.5, 0.0, 3}));
     EXPECT_EQ(slipped.svFlags, 0xC0 | 0x02 | 0x08 | 0x10);
     EXPECT_EQ(slipped.svFlags2, 0x08 | 0x01 | 0x80) << "block flag, track 1, no Doppler";
-    EXPECT_EQ(+slipped.doppler, 0.0);
-    EXPECT_EQ(slipped.svFlags3, 3);
     EXPECT_EQ(out.sv[1].svFlags2, 0x00);
     EXPECT_EQ(+out.sv[1].doppler, -500.5);
 }
@@ -144,13 +128,10 @@ TEST(ConvertRec27ToRec17, TheModePicksTheSecondFrequencySignal) {
     }
     Rec17 out{};
     nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 0);
-    EXPECT_EQ(out.sv[0].svFlags, 0xC0 | 0x21 | 0x04);
-    EXPECT_EQ(out.sv[0].svFlags2, 0x04 | 0x80) << "track 2 sets 0x04";
-    EXPECT_EQ(+out.sv[0].snr2, 30.0);
-    EXPECT_EQ(+out.sv[0].phase2, 11.0);
+    EXPECT_EQ(out.sv[0].svFlags, 0xC0 | 0x21 | 0x04) << "the slip mark of the second signal";
+    EXPECT_EQ((Doubles{out.sv[0].snr2, out.sv[0].phase2}), (Doubles{30.0, 11.0}));
     nvbdll_convertRec27toRec17(nullptr, epoch.get(), &out, 1);
     EXPECT_EQ(out.sv[0].svFlags, 0xC0 | 0x21);
-    EXPECT_EQ(out.sv[0].svFlags2, 0x06 | 0x80) << "track 9 sets 0x06";
 }
 
 TEST(ConvertRec27ToRec17, TheSecondFrequencyTrackSetsItsFlagBits) {
@@ -202,53 +183,38 @@ std::unique_ptr<Rec17> olderEpoch() {
     return in;
 }
 
-TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatellite) {
+TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatelliteAndCountsSlipsOn) {
     auto in = olderEpoch();
     auto out = std::make_unique<Rec27>();
     std::uint8_t header[4] = {};
     const std::uint16_t length = nvbdll_convertRec17toRec27(2345, header, in.get(), out.get());
     EXPECT_EQ(length, 21 + 37 + 27 + 37);
     EXPECT_EQ(Bytes(header, header + 4), (Bytes{0x74, static_cast<std::uint8_t>(length), 0, 27}));
-    EXPECT_EQ(+out->weekNum, 2345);
-    EXPECT_EQ(out->epochHeaderLen, 17);
-    EXPECT_EQ(+out->clkOffset, 0.125f);
+    EXPECT_EQ((Doubles{double(out->weekNum), double(out->epochHeaderLen), out->clkOffset}), (Doubles{2345, 17, 0.125}));
     ASSERT_EQ(out->nSv, 2);
     const Rec27Sv& gps = out->sv[0];
-    EXPECT_EQ(gps.rt_sattype, 0);
-    EXPECT_EQ(gps.svFlags, 0x06);
-    EXPECT_EQ(+gps.elevation, 33);
-    ASSERT_EQ(gps.nMeas, 2);
-    EXPECT_EQ(+gps.meas[0].snr, 440) << "whole dB-Hz, in tenths";
-    EXPECT_EQ(gps.meas[0].measFlags1, 0x07 | 0x08 | 0x20);
-    EXPECT_EQ(+gps.meas[0].doppler, 1575.42f);
-    EXPECT_EQ(gps.meas[1].blockType, 1);
-    EXPECT_EQ(gps.meas[1].trackType, 2);
-    EXPECT_EQ(+gps.meas[1].snr, 380);
-    EXPECT_EQ(+gps.meas[1].range, 2.1e7 + 2.5);
-    EXPECT_EQ(gps.meas[1].measFlags1, 0x07 | 0x08 | 0x20);
-    EXPECT_EQ(+gps.meas[1].doppler, static_cast<float>(1575.42f * (1227.6 / 1575.42)));
     const Rec27Sv& sbas = out->sv[1];
-    EXPECT_EQ(sbas.rt_sattype, 1);
-    EXPECT_EQ(sbas.svFlags, 0x02);
-    EXPECT_EQ(sbas.nMeas, 1);
+    ASSERT_EQ(gps.nMeas, 2);
+    EXPECT_EQ((std::vector<int>{gps.rt_sattype, gps.svFlags, gps.elevation, sbas.rt_sattype, sbas.svFlags, sbas.nMeas}),
+              (std::vector<int>{0, 0x06, 33, 1, 0x02, 1}));
+    // Strength in whole dB-Hz, in tenths; the second signal's Doppler scaled to its band.
+    EXPECT_EQ((std::vector<int>{gps.meas[0].snr, gps.meas[0].measFlags1, gps.meas[1].blockType, gps.meas[1].trackType,
+                                gps.meas[1].snr, gps.meas[1].measFlags1}),
+              (std::vector<int>{440, 0x07 | 0x08 | 0x20, 1, 2, 380, 0x07 | 0x08 | 0x20}));
+    EXPECT_EQ((Doubles{gps.meas[0].doppler, gps.meas[1].range, gps.meas[1].doppler}),
+              (Doubles{1575.42f, 2.1e7 + 2.5, static_cast<float>(1575.42f * (1227.6 / 1575.42))}));
     EXPECT_EQ(sbas.meas[0].measFlags1, 0x03 | 0x08) << "Doppler marked invalid";
-}
 
-TEST(ConvertRec17ToRec27, SlipCountersBelongToTheProcessAndKeepCounting) {
-    auto in = olderEpoch();
-    auto out = std::make_unique<Rec27>();
-    nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
-    const std::uint8_t first = out->sv[0].meas[0].slipCount;
-    const std::uint8_t second = out->sv[0].meas[1].slipCount;
-    const std::uint8_t sbas = out->sv[1].meas[0].slipCount;
-    EXPECT_EQ(nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get()), 21 + 37 + 27 + 37);
-    EXPECT_EQ(out->sv[0].meas[0].slipCount, static_cast<std::uint8_t>(first + 1));
-    EXPECT_EQ(out->sv[0].meas[1].slipCount, static_cast<std::uint8_t>(second + 1));
-    EXPECT_EQ(out->sv[1].meas[0].slipCount, static_cast<std::uint8_t>(sbas + 1)) << "152 folds to counter 0";
+    // The slip counters belong to the process and count on with each conversion.
+    const int counts[] = {gps.meas[0].slipCount, gps.meas[1].slipCount, sbas.meas[0].slipCount};
+    EXPECT_EQ(nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get()), length);
+    EXPECT_EQ((std::vector<int>{gps.meas[0].slipCount, gps.meas[1].slipCount, sbas.meas[0].slipCount}),
+              (std::vector<int>{(counts[0] + 1) & 0xFF, (counts[1] + 1) & 0xFF, (counts[2] + 1) & 0xFF}))
+        << "152 folds to counter 0";
     in->sv[1].svId = 120;  // folds to 224, beyond the 71 counters
     nvbdll_convertRec17toRec27(2345, nullptr, in.get(), out.get());
-    EXPECT_EQ(out->sv[1].meas[0].slipCount, 0);
-    EXPECT_EQ(out->sv[1].meas[0].measFlags1 & 0x08, 0x08);
+    EXPECT_EQ(sbas.meas[0].slipCount, 0);
+    EXPECT_EQ(sbas.meas[0].measFlags1 & 0x08, 0x08);
 }
 
 }  // namespace

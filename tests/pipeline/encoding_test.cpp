@@ -1,5 +1,6 @@
 #include "host/dat_form.h"
 #include "pipeline/serialisation.h"
+#include "support/epochs.h"
 #include "support/host.h"
 
 #include <gtest/gtest.h>
@@ -54,19 +55,10 @@ Bytes record17(int count, int dual) {
 }
 
 Bytes hugeClockTerm() {
-    auto epoch = std::make_unique<Rec27>();
-    epoch->epochHeaderLen = 17;
-    epoch->receiveTime = 345600000;
+    auto epoch = nvbtest::newEpoch(345600000);
     epoch->epochFlags = 0x20;
-    epoch->clock.blockLength = 12;
-    epoch->clock.count = 1;
-    epoch->clock.systemClockOffset[0] = 1e300;
-    epoch->nSv = 1;
-    epoch->sv[0].svBlockLen = 10;
-    epoch->sv[0].svId = 5;
-    epoch->sv[0].nMeas = 1;
-    epoch->sv[0].meas[0].measBlockLen = 27;
-    epoch->sv[0].meas[0].range = 2.1e7;
+    epoch->clock = ClockSystemBlock{12, 0, 1, {0}, {1e300}};
+    nvbtest::addSignal(nvbtest::addSatellite(*epoch, 5, 0), 0, 0, 2.1e7, 0.0);
     Bytes dat(1 << 16);
     dat.resize(nvb::writeDatForm(*epoch, dat.data(), dat.size()));
     return dat;

@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::concat;
 using nvbtest::Handle;
 using nvbtest::plainFrame;
 using nvbtest::process;
+using nvbtest::shortDat;
 using nvbtest::standFrame;
 
 Bytes withByte(Bytes frame, std::size_t fromEnd, std::uint8_t flip) {
@@ -51,45 +54,28 @@ TEST(Dispatch, EndByteChecksumAndTypeDecideWhatIsDelivered) {
     }
 }
 
-TEST(OpaqueRecords, GenericBodyComesBackAsItsDatForm) {
-    for (const std::uint8_t type : {std::uint8_t{14}, std::uint8_t{23}}) {
+// Generic types are written whole but not told as their own form; record 16 keeps its
+// subtype in the DAT header and is.
+TEST(Retrieve, OpaqueBodiesComeBackAsTheirDatFormAndAWrongTypeWritesNothing) {
+    Bytes body(40);
+    for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * 7);
+    const Bytes head(body.begin(), body.begin() + 30);
+    const std::tuple<Bytes, Bytes, bool> cases[] = {
+        {plainFrame(14, body), shortDat(14, 0, body), false},
+        {plainFrame(23, body), shortDat(23, 0, body), false},
+        {plainFrame(16, concat({{0x07}, head})), shortDat(16, 0x07, head), true}};
+    for (const auto& [frame, dat, told] : cases) {
         Handle handle;
-        Bytes body(40);
-        for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * 7);
-        standFrame(handle.get(), plainFrame(type, body));
-        const nvbtest::Processed result = process(handle.get());
-        ASSERT_EQ(result.length, body.size() + 4);
-        Bytes dat(result.length);
-        EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), type, dat.data()));  // generic: written, but false
-        EXPECT_EQ(dat[0], 0x74);
-        EXPECT_EQ(dat[1], result.length);
-        EXPECT_EQ(dat[2], 0);
-        EXPECT_EQ(dat[3], type);
-        EXPECT_EQ(Bytes(dat.begin() + 4, dat.end()), body);
+        standFrame(handle.get(), frame);
+        ASSERT_EQ(process(handle.get()).length, dat.size());
+        Bytes out(dat.size());
+        EXPECT_EQ(nvbdll_retrieveDATRecord(handle.get(), dat[3], out.data()), told);
+        EXPECT_EQ(out, dat);
+        EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), dat[3], nullptr));
+        out.assign(64, 0xAA);
+        EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), 27, out.data()));
+        EXPECT_EQ(out, Bytes(64, 0xAA));
     }
-}
-
-TEST(OpaqueRecords, Record16KeepsItsSubtypeInTheDatHeader) {
-    Handle handle;
-    Bytes body = {0x07};  // subtype
-    for (int i = 0; i < 30; ++i) body.push_back(static_cast<std::uint8_t>(100 + i));
-    standFrame(handle.get(), plainFrame(16, body));
-    const nvbtest::Processed result = process(handle.get());
-    ASSERT_EQ(result.length, body.size() + 6 - 3);
-    Bytes dat(result.length);
-    EXPECT_TRUE(nvbdll_retrieveDATRecord(handle.get(), 16, dat.data()));
-    EXPECT_EQ(dat[2], 0x07);
-    EXPECT_EQ(Bytes(dat.begin() + 4, dat.end()), Bytes(body.begin() + 1, body.end()));
-}
-
-TEST(Retrieve, WrongTypeOrNullOutWritesNothing) {
-    Handle handle;
-    standFrame(handle.get(), plainFrame(14, Bytes(10, 0x20)));
-    process(handle.get());
-    Bytes out(64, 0xAA);
-    EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), 23, out.data()));
-    EXPECT_EQ(out[0], 0xAA);
-    EXPECT_FALSE(nvbdll_retrieveDATRecord(handle.get(), 14, nullptr));
 }
 
 TEST(ConvertAliases, EveryNameBehavesAsTheDispatch) {

@@ -66,16 +66,6 @@ TEST(PlainDispatch, RecordsElevenAndSeventeenTakeWholeSecondsWhere27And29RoundTo
     EXPECT_EQ(+handle->measurementCount, 1u);
 }
 
-TEST(PlainDispatch, WithoutIntervalsNothingIsDroppedAndTheCountersRun) {
-    Handle handle;
-    for (std::uint32_t time = 1000; time < 1600; time += 100) {
-        EXPECT_GT(process(handle.get(), epochAt(time)).length, 0u);
-        EXPECT_GT(process(handle.get(), positionAt(time)).length, 0u);
-    }
-    EXPECT_EQ(+handle->measurementCount, 6u);
-    EXPECT_EQ(+handle->positionCount, 6u);
-}
-
 TEST(PlainDispatch, TheStatesMapOptionsReachTheReaders) {
     Handle handle;
     process(handle.get(), epochAt(1000, 7));

@@ -12,20 +12,18 @@ namespace {
 
 using namespace nvbtest::blocks;
 
-Bytes block(std::uint8_t type, const Bytes& body, std::uint32_t length) {
+// A block whose length field says `length` (by default its body's).
+Bytes block(std::uint8_t type, const Bytes& body, std::int64_t length = -1) {
+    const auto told = static_cast<std::uint32_t>(length < 0 ? static_cast<std::int64_t>(body.size()) : length);
     // Sized once and filled in place: g++ 12 at -O3 sees a false bound in the insert
     // that would grow a four-byte vector.
     Bytes bytes(4 + body.size());
     bytes[0] = type;
-    bytes[1] = static_cast<std::uint8_t>(length >> 16);
-    bytes[2] = static_cast<std::uint8_t>(length >> 8);
-    bytes[3] = static_cast<std::uint8_t>(length);
+    bytes[1] = static_cast<std::uint8_t>(told >> 16);
+    bytes[2] = static_cast<std::uint8_t>(told >> 8);
+    bytes[3] = static_cast<std::uint8_t>(told);
     std::copy(body.begin(), body.end(), bytes.begin() + 4);
     return bytes;
-}
-
-Bytes block(std::uint8_t type, const Bytes& body) {
-    return block(type, body, static_cast<std::uint32_t>(body.size()));
 }
 
 Bytes header(std::uint8_t minMajor, std::uint8_t minMinor, std::uint8_t byte12 = 0) {
@@ -283,7 +281,7 @@ TEST(BlockSearch, BlocksBehindARefusedHeaderAreRefusedAndDropped) {
     EXPECT_EQ(copyOf(handle->inputFill), 0u);
 }
 
-TEST(BlockSearch, NeitherGarbageNorABlockThatStaysGrowsTheInputBuffer) {
+TEST(BlockSearch, GarbageDoesNotGrowTheInputBuffer) {
     const WrittenBlocks written = writeBlocks(5, 120, 11);
     const Bytes garbage = nvbtest::junk(200000, 3);
     nvbtest::Handle searching;
@@ -294,12 +292,6 @@ TEST(BlockSearch, NeitherGarbageNorABlockThatStaysGrowsTheInputBuffer) {
     }
     EXPECT_LE(largest, std::max<std::size_t>(4106, damaged(written.blocks[0]).size()));
     EXPECT_EQ(frameDifference(nvbtest::framesOf(readByByte(searching.get(), written.blocks[1])), written.expected[1]), "");
-
-    nvbtest::Handle stuck;
-    const auto events = readByByte(stuck.get(), concatAll({header(8, 11), block(9, {}), nvbtest::junk(600000, 4)}));
-    EXPECT_EQ(events.size(), 600000u) << "status 7 from the first byte behind the block";
-    EXPECT_EQ(events.back().status, 7);
-    EXPECT_EQ(copyOf(stuck->inputFill), nvb::kBlockCapacity);
 }
 
 // nextBlockRecord on an output buffer filled by hand.

@@ -22,16 +22,16 @@ TEST_P(BlockRoundTrip, MixedFramesComeBackInOrderThroughBothGetters) {
     const auto frames = mixedFrames(700, 11u + static_cast<unsigned>(method));
     EncodeHarness writer(static_cast<std::uint8_t>(method));
     writer.writeAll(frames);
-    if (method != 0) {
-        ASSERT_GT(writer.units().size(), 8u) << "the frames span many blocks";
-    }
+    ASSERT_TRUE(method == 0 ? writer.units().size() == frames.size() + 1 : writer.units().size() > 8u)
+        << "the byte stream hands over each record as it is coded and its close; blocks span many units";
     for (const bool byByte : {true, false}) {
         nvbtest::Handle handle;
         const auto events =
             byByte ? readByByte(handle.get(), writer.stream()) : readFile(handle.get(), writer.stream());
         EXPECT_EQ(frameDifference(nvbtest::framesOf(events), expectedFrames(frames, method, 0, frames.size())), "");
         // A Huffman byte stream meets its end symbols: at its opening (reported by the
-        // first call), at 600 records and at the close.
+        // first call), at 600 records and at the close. The close at 600 falls on a byte
+        // boundary, or the decoder, which drops the rest of the byte, would lose the next frame.
         EXPECT_EQ(events.size() - frames.size(), method == 0 ? 3u : 0u);
     }
 }
@@ -43,8 +43,13 @@ class BlockRestart : public ::testing::TestWithParam<int> {};
 TEST_P(BlockRestart, RestartsCutTheStreamIntoPiecesEachReadableAlone) {
     const int method = GetParam();
     const auto frames = mixedFrames(400, 101u + static_cast<unsigned>(method));
-    EncodeHarness writer(EncodeOptions{static_cast<std::uint8_t>(method), 0, {37, 150, 151, 290}});
-    writer.writeAll(frames);
+    EncodeHarness writer(static_cast<std::uint8_t>(method));
+    std::uint8_t status = 0;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        if (i == 37 || i == 150 || i == 151 || i == 290) writer.state().restartHeader = 1;
+        writer.write(frames[i], status);
+    }
+    writer.finish();
     // A piece runs from a unit that opens with a header block to the next such unit.
     std::vector<WrittenUnit> pieces;
     for (const WrittenUnit& unit : writer.units()) {
@@ -64,22 +69,6 @@ TEST_P(BlockRestart, RestartsCutTheStreamIntoPiecesEachReadableAlone) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryBlockMethod, BlockRestart, ::testing::Range(1, 8), methodName);
-
-TEST(BlockLevels, EveryLevelOfEveryCompressorReadsBack) {
-    const auto frames = mixedFrames(150, 5);
-    for (std::uint8_t method = 3; method <= 7; ++method) {
-        for (std::uint8_t level = 0; level <= 3; ++level) {
-            EncodeHarness writer(method, level);
-            writer.state().explicitLevel = method == 3 ? 9 : 5;
-            writer.writeAll(frames);
-            nvbtest::Handle handle;
-            EXPECT_EQ(frameDifference(nvbtest::framesOf(readByByte(handle.get(), writer.stream())),
-                                      expectedFrames(frames, method, 0, frames.size())),
-                      "")
-                << "method " << int(method) << " level " << int(level);
-        }
-    }
-}
 
 // The standard tool of each format decodes the bodies the writer produces.
 class StandardTools : public ::testing::TestWithParam<int> {};

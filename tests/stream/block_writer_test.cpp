@@ -137,21 +137,4 @@ TEST(EmitBlock, AFailingCompressorWritesNothingAndTheBlockWaits) {
     }
 }
 
-TEST(HuffmanStream, OpensWithAnEndSymbolAndClosesOneEvery600Records) {
-    EncodeHarness writer(0);
-    const auto frames = mixedFrames(1200, 8);
-    writer.writeAll(frames);
-    ASSERT_EQ(writer.units().size(), 1201u) << "one unit per record, one from the close";
-    int endSymbols = 0;
-    EXPECT_EQ(huffmanDecoded(writer.stream(), endSymbols), concatAll(frames));
-    EXPECT_EQ(endSymbols, 4);
-    // The units up to record 600 decode alone and whole: it closes on a byte boundary.
-    Bytes head;
-    for (std::size_t i = 0; i < 600; ++i)
-        head.insert(head.end(), writer.units()[i].bytes.begin(), writer.units()[i].bytes.end());
-    endSymbols = 0;
-    EXPECT_EQ(huffmanDecoded(head, endSymbols), concatAll({frames.begin(), frames.begin() + 600}));
-    EXPECT_EQ(endSymbols, 2);
-}
-
 }  // namespace

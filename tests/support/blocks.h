@@ -94,28 +94,19 @@ struct WrittenUnit {
     std::size_t frameCount = 0;
 };
 
-struct EncodeOptions {
-    std::uint8_t method = 1;
-    std::uint8_t level = 0;
-    std::vector<std::size_t> restartBefore;  // frames that a restart comes before
-};
-
 // An encode state as its initialisation leaves it, writing into memory, and the steps of
 // the encode pipeline around the block writer.
 class EncodeHarness {
 public:
-    explicit EncodeHarness(std::uint8_t method, std::uint8_t level = 0)
-        : EncodeHarness(EncodeOptions{method, level, {}}) {}
-    explicit EncodeHarness(EncodeOptions options)
-        : state_(std::make_unique<nvb_encode_t>()), options_(std::move(options)) {
+    explicit EncodeHarness(std::uint8_t method, std::uint8_t level = 0) : state_(std::make_unique<nvb_encode_t>()) {
         // A tree already built is kept, so that no reader's decoder is left on freed nodes.
         if (nvb::huffmanRoot() == nullptr) nvbdll_initNVBLib();
         state_->headerPending = 1;
         state_->headerTag = 255;
         state_->writeCallback = &EncodeHarness::capture;
         state_->writeContext = this;
-        state_->compressionMethod = options_.method;
-        state_->compressionLevel = options_.level;
+        state_->compressionMethod = method;
+        state_->compressionLevel = level;
     }
 
     nvb_encode_t& state() { return *state_; }
@@ -130,7 +121,6 @@ public:
         nvb_encode_t& state = *state_;
         status = 0;
         state.flushBlock = 0;
-        for (const std::size_t index : options_.restartBefore) state.restartHeader |= index == given_ ? 1 : 0;
         if (state.restartHeader != 0) state.flushBlock = 1;
         std::memset(&state.frame, 0, sizeof state.frame);
         std::memcpy(state.frame.data, frame.data(), frame.size());
@@ -173,7 +163,6 @@ private:
     }
 
     std::unique_ptr<nvb_encode_t> state_;
-    EncodeOptions options_;
     std::vector<WrittenUnit> units_;
     std::size_t given_ = 0;
     std::size_t blockFirst_ = 0;

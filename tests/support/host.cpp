@@ -235,20 +235,11 @@ std::uint8_t solutionStep(nvb_expand_t* state, std::uint8_t type, bool, std::uin
     return type == 56 ? nvbdll_processType56(state, status) : nvbdll_processType57(state, status);
 }
 
+// Types 66-69 and 74-77 share a step each, by the low two bits of their offset from 66.
 std::uint8_t obsStep(nvb_expand_t* state, std::uint8_t type, bool framed, std::uint8_t* status) {
-    switch (type) {
-        case 66:
-        case 74:
-            return nvbdll_processType66_74(state, status, framed);
-        case 67:
-        case 75:
-            return nvbdll_processType67_75(state, status, framed);
-        case 68:
-        case 76:
-            return nvbdll_processType68_76(state, status, framed);
-        default:
-            return nvbdll_processType69_77(state, status, framed);
-    }
+    static constexpr std::uint8_t (*kSteps[])(nvb_expand_t*, std::uint8_t*, std::uint8_t) = {
+        nvbdll_processType66_74, nvbdll_processType67_75, nvbdll_processType68_76, nvbdll_processType69_77};
+    return kSteps[(type - 66) & 3](state, status, framed);
 }
 
 // Type 39 has no export of its own; a host reaches it through the dispatch.

@@ -1,29 +1,28 @@
 #!/usr/bin/env python3
 """Drives the nvb binary as a user does: python3 cli_test.py NVB [TestCase ...]."""
 
+import binascii
 import datetime
 import json
 import math
 import os
 import re
 import resource
-import shutil
 import signal
 import struct
 import subprocess
 import sys
 import tempfile
 import unittest
+from collections import Counter
+from functools import reduce
+from operator import xor
+from pathlib import Path
 from typing import NamedTuple
 
 NVB = None
 
-NVE_MAGIC = bytes([0xD1, 0x60, 0x42, 0x2E, 0xF8, 0xF9])
 SYSTEMS = {"GPS", "GLONASS", "Galileo", "BeiDou"}
-
-
-def run(*args, stdin=None, timeout=900):
-    return subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=timeout)
 
 
 # DAT records stand back to back, each as long as its header says; a record 35 of 65535
@@ -49,66 +48,9 @@ def dat_records(data):
     return records
 
 
-class Epoch:
-    """A record 27 in DAT form, cut into its blocks so that flag bytes can be added."""
-
-    def __init__(self, record):
-        flags = record[20]
-        position = 21 + (4 if flags & 0x02 else 0) + (1 if flags & 0x10 else 0)
-        if flags & 0x20:
-            position += 3 + 9 * record[position + 2]
-        self.head = bytearray(record[:position])
-        self.satellites = []
-        while position + 10 <= len(record):
-            block = bytearray(record[position:position + record[position]])
-            position += len(block)
-            signals = []
-            for _ in range(block[4]):
-                signals.append(bytearray(record[position:position + record[position]]))
-                position += signals[-1][0]
-            self.satellites.append([block, signals])
-
-    def time(self):
-        return struct.unpack_from("<d", self.head, 7)[0]
-
-    def find(self, packed_system, sv_id):
-        for block, signals in self.satellites:
-            if block[2] == packed_system and block[1] == sv_id:
-                return block, signals
-        return None
-
-    def bytes(self):
-        body = bytearray(self.head)
-        for block, signals in self.satellites:
-            body += block
-            for signal in signals:
-                body += signal
-        body[1:3] = struct.pack("<H", len(body))
-        return bytes(body)
-
-
-def signal_range(signal):
-    return struct.unpack_from("<d", signal, 5)[0]
-
-
-def set_signal_range(signal, value):
-    struct.pack_into("<d", signal, 5, value)
-
-
-def add_signal_flags(signal, flags2, flags3=None):
-    """Sets measFlags2 (and measFlags3) behind measFlags1, as a reader would deliver them."""
-    assert not signal[26] & 0x80
-    signal[26] |= 0x80
-    extra = bytes([flags2]) if flags3 is None else bytes([flags2 | 0x80, flags3])
-    signal[27:27] = extra
-    signal[0] += len(extra)
-
-
-def add_sv_flags2(block, value):
-    assert not block[9] & 0x80
-    block[9] |= 0x80
-    block[10:10] = bytes([value])
-    block[0] += 1
+def epoch_time(record):
+    """The receive time of a record 27 in DAT form, in milliseconds."""
+    return struct.unpack_from("<d", record, 7)[0]
 
 
 def dat(record_type, body, byte2=None):
@@ -127,6 +69,7 @@ def series(fmt, count, first, step=1):
     return pack(fmt * count, *(first + step * i for i in range(count)))
 
 
+NOISE = bytes((i * 37 + 11) % 251 for i in range(20000))
 TEXT = b"$GNGGA,120000.00,4722.61,N,00832.55,E,4,24,0.6,512.3,M,47.4,M,1.0,0000*5B\r\n" * 60
 TAG = pack("HI", 2301, 345600200)
 
@@ -185,30 +128,18 @@ WRITE_ONLY = [dat(20, pack("d4HI", 123456.0, 3, 4, 5, 6, 7), byte2=0), dat(101, 
               dat(102, pack("ddB", 1.0, 2.0, 1) + bytes([1, 2]) + series("d", 4, 1.0))]
 
 
-def dopplers(dat):
-    """Each signal's Doppler bytes and Doppler-present bit, by epoch time, satellite and signal."""
-    found = {}
-    for record in dat_records(dat):
-        if record[3] != 27:
-            continue
-        epoch = Epoch(record)
-        for block, signals in epoch.satellites:
-            for signal in signals:
-                found[(epoch.time(), block[2], block[1], signal[1], signal[2])] = (signal[21:25], signal[26] & 0x04)
-    return found
+def dopplers(log):
+    """Each signal's Doppler (None where it has none), by epoch time, satellite and signal."""
+    return {(e["time"], s["sv"], g["band"], g["track"]): g.get("doppler")
+            for e in lines_of(log, "-t", 27) for s in e["satellites"] for g in s["signals"]}
 
 
-
-def varint(value):
-    out = bytearray()
+def avro_long(value):
+    value, out = (value << 1) ^ (value >> 63), bytearray()
     while value >= 0x80:
         out.append(value & 0x7F | 0x80)
         value >>= 7
     return bytes(out + bytes([value]))
-
-
-def avro_long(value):
-    return varint((value << 1) ^ (value >> 63) if value >= 0 else ((-value) << 1) - 1)
 
 
 def rec35_dat(subtype, subsubtype, payload):
@@ -244,13 +175,7 @@ def milli(value):
 
 
 def thousandths(field):
-    text = field.strip()
-    if not text:
-        return None
-    negative = text.startswith("-")
-    whole, _, fraction = text.lstrip("-").partition(".")
-    value = int(whole or "0") * 1000 + int(fraction)
-    return -value if negative else value
+    return round(float(field) * 1000) if field.strip() else None
 
 
 def value_text(value):
@@ -269,11 +194,8 @@ def satellite(text):
 
 def epoch_key(fields):
     year, month, day, hour, minute = (int(f) for f in fields[:5])
-    year += 2000 if year < 100 else 0
-    ms = round(float(fields[5]) * 1000)
-    delta = datetime.datetime(year, month, day, hour, minute) - GPS_EPOCH
-    total = int(delta.total_seconds()) * 1000 + ms
-    return total // 604800000, total % 604800000
+    since = datetime.datetime(year + (2000 if year < 100 else 0), month, day, hour, minute) - GPS_EPOCH
+    return divmod(int(since.total_seconds()) * 1000 + round(float(fields[5]) * 1000), 604800000)
 
 
 class ObservationFile:
@@ -281,10 +203,7 @@ class ObservationFile:
         lines = text.split("\n")
         assert lines[-1] == "", "the file ends in a whole line"
         self.header, self.types, self.channels = [], {}, {}
-        index = 0
-        while True:
-            line = lines[index]
-            index += 1
+        for line in lines:
             self.header.append(line)
             label = line[60:].strip()
             if label == "RINEX VERSION / TYPE":
@@ -300,10 +219,9 @@ class ObservationFile:
                         self.channels[satellite(line[k:k + 3])] = int(line[k + 3:k + 7])
             elif label == "END OF HEADER":
                 break
-        self.body = lines[index:-1]
         self.epochs = {}
         reader = self.read3 if self.version >= 3 else self.read2
-        reader(iter(self.body))
+        reader(iter(lines[len(self.header):-1]))
 
     def types_of(self, sat):
         return self.types.get(sat[0], []) if self.version >= 3 else self.types[""]
@@ -325,33 +243,29 @@ class ObservationFile:
     def read2(self, lines):
         per_sat = (len(self.types[""]) + 4) // 5
         for line in lines:
-            count = int(line[29:32])
-            sats = [line[32 + 3 * k:35 + 3 * k] for k in range(min(count, 12))]
-            while len(sats) < count:
-                more = next(lines)
-                sats += [more[32 + 3 * k:35 + 3 * k] for k in range(min(count - len(sats), 12))]
+            count, sats = int(line[29:32]), line[32:68]
+            for _ in range((count - 1) // 12):  # twelve satellites a line
+                sats += next(lines)[32:68]
             epoch = self.epochs.setdefault(epoch_key(line[1:26].split()), {})
-            for sat in sats:
-                text = "".join(next(lines).ljust(80) for _ in range(per_sat))
-                epoch[satellite(sat)] = self.cells(sat, text)
+            for sat in (sats[3 * k:3 * k + 3] for k in range(count)):
+                epoch[satellite(sat)] = self.cells(sat, "".join(next(lines).ljust(80) for _ in range(per_sat)))
 
 
 def expand_compact(text):
     """Compact RINEX back to RINEX: the epoch line and flags by character, values by
     differences of the order the arc has reached."""
-    lines = iter(text.split("\n")[:-1])
-    assert next(lines)[60:] == "CRINEX VERS   / TYPE"
-    assert next(lines)[60:] == "CRINEX PROG / DATE"
-    out, header = [], []
-    for line in lines:
-        header.append(line)
-        if line[60:].strip() == "END OF HEADER":
-            break
-    rinex = ObservationFile("\n".join(header) + "\n")
-    rinex3 = rinex.version >= 3
-    stored, clock, values, flags, previous = "", [], {}, {}, set()
+    crinex = text.split("\n", 2)
+    assert (crinex[0][60:], crinex[1][60:]) == ("CRINEX VERS   / TYPE", "CRINEX PROG / DATE")
+    end = crinex[2].index("\n", crinex[2].index("END OF HEADER")) + 1
+    rinex = ObservationFile(crinex[2][:end])
+    lines, rinex3 = iter(crinex[2][end:].split("\n")[:-1]), rinex.version >= 3
+    out, stored, clock, values, flags, previous = [], "", [], {}, {}, set()
 
     def undifference(history, field):
+        """The value of an arc from its next field: none, a restart, or a difference."""
+        if field == "":
+            history.clear()
+            return None
         if "&" in field:
             history[:] = [int(field.split("&")[1])]
         else:
@@ -361,14 +275,13 @@ def expand_compact(text):
             history[:] = levels
         return history[0]
 
+    def overlay(old, new):
+        """Text differences: a blank keeps the character below, '&' blanks it."""
+        old = old.ljust(len(new))
+        return "".join(o if c == " " else (" " if c == "&" else c) for o, c in zip(old, new)) + old[len(new):]
+
     for line in lines:
-        if line[:1] in ("&", ">"):
-            stored = line
-        else:
-            merged = list(stored.ljust(len(line)))
-            for i, c in enumerate(line):
-                merged[i] = merged[i] if c == " " else (" " if c == "&" else c)
-            stored = "".join(merged).rstrip()
+        stored = line if line[:1] in ("&", ">") else overlay(stored, line).rstrip()
         nanoseconds = undifference(clock, next(lines)) // (1000 if rinex3 else 1)
         count = int(stored[32:35] if rinex3 else stored[29:32])
         start = 41 if rinex3 else 32
@@ -376,32 +289,16 @@ def expand_compact(text):
         if rinex3:
             out.append((stored[:35] + "      " + clock_text(nanoseconds) + "000").rstrip())
         else:
-            head = " " + stored[1:32]
             for k in range(0, count, 12):
-                chunk = "".join(sats[k:k + 12])
-                out.append(((head if k == 0 else " " * 32) + chunk).ljust(68 if k == 0 else 0) +
-                           (clock_text(nanoseconds) if k == 0 else "").rstrip() if k else
-                           (head + chunk).ljust(68) + clock_text(nanoseconds))
-                out[-1] = out[-1].rstrip()
+                line = (" " + stored[1:32] if k == 0 else " " * 32) + "".join(sats[k:k + 12])
+                out.append((line.ljust(68) + clock_text(nanoseconds) if k == 0 else line).rstrip())
         for sat in sats:
             key = satellite(sat)
             names = rinex.types_of(sat)
-            row, position = next(lines), 0
-            if key not in previous:
-                flags[key] = [" "] * (2 * len(names))
-            cells = []
-            for name in names:
-                end = row.find(" ", position)
-                field = row[position:] if end < 0 else row[position:end]
-                position = len(row) if end < 0 else end + 1
-                history = values.setdefault((key, name), [])
-                if field == "":
-                    history.clear()
-                    cells.append(None)
-                else:
-                    cells.append(undifference(history, field))
-            for i, c in enumerate(row[position:]):
-                flags[key][i] = flags[key][i] if c == " " else (" " if c == "&" else c)
+            # The values, then the flags of the row as text differences.
+            fields = next(lines).split(" ", len(names)) + [""] * len(names)
+            flags[key] = overlay(flags[key] if key in previous else " " * (2 * len(names)), fields[len(names)])
+            cells = [undifference(values.setdefault((key, name), []), field) for name, field in zip(names, fields)]
             texts = [" " * 16 if v is None else value_text(v) + flags[key][2 * k] + flags[key][2 * k + 1]
                      for k, v in enumerate(cells)]
             if rinex3:
@@ -410,7 +307,7 @@ def expand_compact(text):
                 for k in range(0, len(texts), 5):
                     out.append("".join(texts[k:k + 5]).rstrip())
         previous = {satellite(s) for s in sats}
-    return "\n".join(header + out) + "\n"
+    return "\n".join(rinex.header + out) + "\n"
 
 
 
@@ -466,56 +363,6 @@ def navigation_and_receiver_dats():
     ]
 
 
-def repeating_subframes(seconds):
-    """Navigation data blocks of three satellites, a block each a second, cycling through
-    eight messages of which two change every two minutes; the last one's blocks are 32 bytes
-    long with preamble and check. Crosses a week change."""
-    sats = ((120, 3, 0), (124, 17, 0), (126, 40, 0x40))
-    records, time, week = [], 604800 - seconds // 2, 2345
-    for second in range(seconds):
-        for tag, slot, flag in sats:
-            index = (second + tag) % 8
-            issue = second // 120 if index < 2 else 0
-            data = bytearray((tag * 7 + index * 31 + issue * 13 + i * 5) & 0xFF for i in range(28))
-            data[0] = slot << 2 | index & 3
-            data[27] &= 0xC0  # the writer sends the top two bits of the last byte alone
-            if flag:
-                body = struct.pack("<IHBB", time, week, tag, flag) + bytes(data) + bytes([0x53, index, issue, 9])
-                records.append(dat(25, body, byte2=2))
-            else:
-                records.append(dat(25, struct.pack("<IHB", time, week, tag) + bytes(data)))
-        time += 1
-        if time == 604800:
-            time, week = 0, week + 1
-    return records
-
-
-def drifting_lists(count):
-    """Sensor lists a second apart whose values drift; an identifier comes in the middle of
-    the list, one goes for a while and comes back, and some lists have another subtype."""
-    raw = {1: 2345, 2: 1800, 3: 100, 6: 0xFFF0, 7: 65000, 9: 250}
-    records = []
-    for i in range(count):
-        for ident in raw:
-            if (i * ident) % 7 < 3:
-                raw[ident] = (raw[ident] + (i * 13 + ident) % 9 - 4) & 0xFFFF
-        if i == count // 4:
-            raw[4] = 512
-        idents = [k for k in sorted(raw) if not (count // 2 <= i < count // 2 + 30 and k == 3)]
-        entries = b""
-        for ident in idents:
-            value = raw[ident]
-            if ident == 6:
-                value = value - 0x10000 if value >= 0x8000 else value
-            elif ident not in (7, 8):
-                value = (value - 0x10000 if value >= 0x8000 else value) / 100
-            entries += pack("Bd", ident, value)
-        body = pack("HIB", 2345, 345600000 + 1000 * i, len(idents)) + entries
-        records.append(dat(40, body, byte2=2 if i % 100 == 99 else 1))
-    return records
-
-
-
 def frames_of(data):
     """The blocks of a block stream behind its header block, as (start, end)."""
     spans, position = [], 17
@@ -524,15 +371,6 @@ def frames_of(data):
         spans.append((position, end))
         position = end
     return spans
-
-
-def crc16(data):
-    crc = 0
-    for byte in data:
-        crc ^= byte << 8
-        for _ in range(8):
-            crc = ((crc << 1) ^ 0x1021 if crc & 0x8000 else crc << 1) & 0xFFFF
-    return crc
 
 
 # Logs and DAT files the cases of one run share: made once, read by many, written by none.
@@ -547,8 +385,8 @@ def shared(key, make):
     return SHARED[key]
 
 
-def succeed(*args, code=0, **options):
-    result = run(*args, timeout=900, **options)
+def succeed(*args, code=0, stdin=None):
+    result = subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=900)
     assert result.returncode == code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}"
     return result
 
@@ -563,8 +401,7 @@ def dat_of(log):
 
 
 def read(path):
-    with open(path, "rb") as file:
-        return file.read()
+    return Path(path).read_bytes()
 
 
 def LOG(seconds, *options):
@@ -591,11 +428,7 @@ class Case(NamedTuple):
 
 class Workspace(unittest.TestCase):
     def setUp(self):
-        self._directory = tempfile.TemporaryDirectory(prefix="nvb-cli-")
-        self.directory = self._directory.name
-
-    def tearDown(self):
-        self._directory.cleanup()
+        self.directory = self.enterContext(tempfile.TemporaryDirectory(prefix="nvb-cli-"))
 
     def path(self, name):
         return os.path.join(self.directory, name)
@@ -606,9 +439,7 @@ class Workspace(unittest.TestCase):
         return self.path(value[1:]) if isinstance(value, str) and value.startswith("@") else value
 
     def nvb(self, *args, code=0, stdin=None):
-        result = run(*args, stdin=stdin, timeout=900)
-        self.assertEqual(result.returncode, code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}")
-        return result
+        return succeed(*args, code=code, stdin=stdin)
 
     def run_case(self, case):
         if case.before:
@@ -646,12 +477,8 @@ class Workspace(unittest.TestCase):
         return json.loads(self.nvb("info", "--json", log, code=code).stdout)
 
     def write(self, name, data):
-        with open(self.path(name), "wb") as file:
-            file.write(data)
+        Path(self.path(name)).write_bytes(data)
         return self.path(name)
-
-    def write_dat(self, name, records):
-        return self.write(name, b"".join(records))
 
 
 def info_holds(target, expected):
@@ -671,23 +498,17 @@ def both(*checks):
     return lambda w, result: [check(w, result) for check in checks]
 
 
-def dump(w, log, *options):
-    return [json.loads(line) for line in w.nvb("dump", "--json", log, *options).stdout.splitlines()]
+def lines_of(log, *options):
+    """The records of `nvb dump --json`, without the offsets and lengths that differ between logs."""
+    lines = succeed("dump", "--json", *options, log).stdout.splitlines()
+    return [{k: v for k, v in json.loads(line).items() if "ffset" not in k and k != "length"} for line in lines]
 
 
 # simulate, info and dump
 def simulated_log_is_clean(w, result):
     log = w.path("sim.nvb")
-    w.assertEqual(read(log)[4:10], NVE_MAGIC)
     info = w.info(log)
-    w.assertEqual(info["records"], {"27": 180, "29": 180})
-    w.assertEqual((info["epochs"]["count"], info["epochs"]["spanSeconds"], info["epochs"]["rateHz"]), (180, 179, 1))
-    w.assertEqual(info["blockLevel"], 7)
-    w.assertEqual((info["header"]["writerMajor"], info["header"]["writerMinor"]), (8, 97))
-    w.assertEqual((info["header"]["minReaderMajor"], info["header"]["minReaderMinor"]), (8, 90))
-    w.assertEqual(set(info["satellites"]), SYSTEMS)
     w.assertTrue(all(system["satellites"] >= 4 for system in info["satellites"].values()))
-    w.assertEqual(info["statuses"], [])
     w.assertNotIn("truncated", info)
     w.assertAlmostEqual(info["bytesPerEpoch"], os.path.getsize(log) / 180)
     text = w.nvb("info", log).stdout.decode()
@@ -709,14 +530,8 @@ def quiet_is_quiet(w, result):
 
 def dump_decodes_the_fields(w, result):
     records = [json.loads(line) for line in result.stdout.splitlines()]
-    w.assertEqual(len(records), 60)
-    epochs = [record for record in records if record["type"] == 27]
-    w.assertEqual([e["time"] for e in epochs], [epochs[0]["time"] + 1000 * k for k in range(30)])
-    for epoch in epochs:
-        w.assertGreater(len(epoch["satellites"]), 10)
-        for satellite_ in epoch["satellites"]:
-            w.assertRegex(satellite_["sv"], r"^[GREC]\d\d$")
-            w.assertTrue(all(s["range"] > 1.5e7 and "phase" in s for s in satellite_["signals"]))
+    # Of the epochs' fields, the observation files check every signal against the dump.
+    w.assertEqual([record["type"] for record in records], [27, 29] * 30)
     for position in (record for record in records if record["type"] == 29):
         w.assertAlmostEqual(position["latitude"], 47.3769, places=3)
         w.assertEqual(position["numSVs"], len(position["satellites"]))
@@ -724,14 +539,16 @@ def dump_decodes_the_fields(w, result):
 
 CASES = [
     Case("Simulate", "a simulated log reads back clean with its span rate and systems",
-         ("-q", "simulate", "-o", "@sim.nvb", "--duration", 180), check=simulated_log_is_clean),
+         ("-q", "simulate", "-o", "@sim.nvb", "--duration", 180),
+         check=both(info_holds("@sim.nvb", {"records": {"27": 180, "29": 180}, "epochs.count": 180, "epochs.rateHz": 1,
+                                            "epochs.spanSeconds": 179, "blockLevel": 7, "header.writerMajor": 8,
+                                            "header.writerMinor": 97, "header.minReaderMajor": 8,
+                                            "header.minReaderMinor": 90, "satellites": SYSTEMS, "statuses": []}),
+                    simulated_log_is_clean)),
     Case("Simulate", "interval systems and method shape the log",
          ("-q", "simulate", "-o", "@fast.nvb", "--duration", 10, "--interval", 0.2, "--systems", "GE", "--method", 0),
          check=info_holds("@fast.nvb", {"epochs.count": 50, "epochs.rateHz": 5, "satellites": {"GPS", "Galileo"},
                                         "stream": "byte stream, Huffman coded (NVB)"})),
-    Case("Simulate", "drop doppler carries every epoch behind the first without its doppler",
-         ("-q", "simulate", "-o", "@d.nvb", "--duration", 40, "--drop-doppler"),
-         check=info_holds("@d.nvb", {"carriedAs.37": 39})),
     Case("Simulate", "a seed gives the same log and another seed another",
          ("-q", "simulate", "-o", "@a.nvb", "--duration", 30, "--seed", 7), check=seeds_decide_the_log),
     Case("Simulate", "standard output and input carry a log", ("info", "--json", "-"),
@@ -752,10 +569,10 @@ CASES = [
 def same_records_and_observations(w, result):
     w.assertEqual(w.dat_of(w.path("back.nvb")), read(dat_of(simulated(60))))
     # Every system keeps antenna 0 through the DAT form, so the observation file is whole.
-    rinex = [b"\n".join(line for line in w.nvb("rinex", path, "-o", "-", "--marker", "SITE").stdout.split(b"\n")
-                        if not line.endswith(b"PGM / RUN BY / DATE ")) for path in (simulated(60), w.path("back.nvb"))]
+    rinex = [without_program_line(w.nvb("rinex", path, "-o", "-", "--marker", "SITE").stdout.decode())
+             for path in (simulated(60), w.path("back.nvb"))]
     w.assertEqual(rinex[1], rinex[0])
-    w.assertTrue(all(f"\n{system}".encode() in rinex[0] for system in "GREC"))
+    w.assertTrue(all(f"\n{system}" in rinex[0] for system in "GREC"))
 
 
 def pipes_both_ways(w, result):
@@ -770,39 +587,6 @@ def plain_frames(w):
     return w.write("plain.nva", b"".join(data[start + 10:end] for start, end in frames_of(data)))
 
 
-def long_epochs(w):
-    """Epochs edited into what only the long form carries: a range past its rollover, a
-    three-byte difference between signals, a second satellite flag byte, a third signal one."""
-    records = dat_records(read(dat_of(simulated(20))))
-    epochs = [Epoch(r) for r in records if r[3] == 27]
-    always = [(b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and len(s) >= 2
-              and all(e.find(b[2], b[1]) for e in epochs)]
-    w.assertGreaterEqual(len(always), 4)
-    rollover, wide, flagged, third = always[:4]
-    lift = round(36.0e6 - min(signal_range(e.find(*rollover)[1][0]) for e in epochs))  # whole metres: on the grid
-    for k, epoch in enumerate(epochs):
-        block, signals = epoch.find(*rollover)
-        for signal_ in signals:
-            set_signal_range(signal_, signal_range(signal_) + lift)
-        add_signal_flags(signals[0], 0x02)
-        block, signals = epoch.find(*wide)
-        set_signal_range(signals[1], signal_range(signals[0]) + 150.25)
-        add_signal_flags(signals[1], 0x01)
-        if k % 2 == 1:
-            add_sv_flags2(epoch.find(*flagged)[0], 0x02)
-        else:
-            add_signal_flags(epoch.find(*third)[1][1], 0x20, 0x01)
-    edited = iter(epochs)
-    return w.write_dat("long.dat", [next(edited).bytes() if r[3] == 27 else r for r in records])
-
-
-def long_epochs_come_back(w, result):
-    carriers = w.info(w.path("long.nvb"))["carriedAs"]
-    w.assertNotIn("37", carriers)
-    w.assertEqual(carriers["36"] + carriers["38"], 20)
-    w.assertEqual(dat_records(w.dat_of(w.path("long.nvb"))), dat_records(read(w.path("long.dat"))))
-
-
 def cut_dat(w):
     return w.write("cut.dat", read(dat_of(simulated(10)))[:len(dat_records(read(dat_of(simulated(10))))[0]) + 100])
 
@@ -812,16 +596,6 @@ def cut_dat_writes_what_came_before(w, result):
     w.assertIn(f"nvb: {w.path('cut.dat')}: byte {len(first)}: the input ends inside a record of type",
                result.stderr.decode())
     w.assertEqual(dat_records(w.dat_of(w.path("cut.nvb"))), [first])
-
-
-REFUSED = [dat(26, struct.pack("<IHBB", 345618, 2345, 11, 4) + bytes(70), byte2=14),
-           dat(25, bytes(40), byte2=1), dat(28, bytes([12]) + bytes(60))]
-
-
-def refused_are_named(w, result):
-    for record_type in (25, 26, 28):
-        w.assertIn(f"1 records of type {record_type} were left out", result.stderr.decode())
-    w.assertEqual(dat_records(w.dat_of(w.path("refused.nvb"))), navigation_and_receiver_dats()[:3])
 
 
 CASES += [
@@ -834,13 +608,8 @@ CASES += [
          check=both(info_holds(None, {"stream": "byte stream of plain frames (NVA)"}),
                     lambda w, r: w.assertEqual(w.dat_of(w.path("plain.nva")),
                                                read(dat_of(simulated(30, "--method", 1)))))),
-    Case("DatForm", "epochs only the long form carries come back as they went in",
-         ("-q", "fromdat", long_epochs, "-o", "@long.nvb"), check=long_epochs_come_back),
     Case("DatForm", "a dat file cut inside a record writes what came before", ("fromdat", cut_dat, "-o", "@cut.nvb"),
          code=1, check=cut_dat_writes_what_came_before),
-    Case("DatForm", "records the writer cannot take are named and the rest is written",
-         ("fromdat", lambda w: w.write_dat("refused.dat", navigation_and_receiver_dats()[:3] + REFUSED),
-          "-o", "@refused.nvb"), code=1, check=refused_are_named),
 ]
 
 
@@ -851,15 +620,17 @@ def changed(w, before, after):
 
 
 def doppler_in_every_method(w, result):
-    source = dopplers(read(dat_of(simulated(40))))
-    w.assertTrue(all(present for _, present in source.values()))
+    source, reference, sizes = dopplers(simulated(40)), read(dat_of(simulated(40))), set()
+    w.assertNotIn(None, source.values())
     for method in range(8):
         kept, dropped = w.path(f"keep{method}.nvb"), w.path(f"drop{method}.nvb")
         w.nvb("-q", "fromdat", dat_of(simulated(40)), "-o", kept, "--method", method)
         w.nvb("-q", "fromdat", dat_of(simulated(40)), "-o", dropped, "--method", method, "--drop-doppler")
-        w.assertEqual(changed(w, source, dopplers(w.dat_of(kept))), 0, f"method {method}")
-        w.assertGreater(changed(w, source, dopplers(w.dat_of(dropped))), len(source) * 9 // 10, f"method {method}")
+        w.assertEqual(w.dat_of(kept), reference, f"method {method}")
+        w.assertGreater(changed(w, source, dopplers(dropped)), len(source) * 9 // 10, f"method {method}")
         w.assertLess(os.path.getsize(dropped), os.path.getsize(kept))
+        sizes.add(os.path.getsize(kept))
+    w.assertEqual(len(sizes), 8)
     w.assertNotIn("37", w.info(w.path("keep7.nvb"))["carriedAs"])
     w.assertNotIn("36", w.info(w.path("drop7.nvb"))["carriedAs"])
 
@@ -872,24 +643,13 @@ def doppler_as_carried(w, result):
         w.assertEqual(w.dat_of(w.path("again.nvb")), read(dat_of(log)) if log == kept else read(dropped + ".dat"))
         w.assertEqual(w.info(w.path("again.nvb"))["carriedAs"].keys(), w.info(log)["carriedAs"].keys(), log)
     w.nvb("-q", "thin", kept, "-o", w.path("thin.nvb"), "--interval", 10)
-    thinned, source = dopplers(w.dat_of(w.path("thin.nvb"))), dopplers(read(dat_of(kept)))
+    thinned, source = dopplers(w.path("thin.nvb")), dopplers(kept)
     w.assertEqual({key: source[key] for key in thinned}, thinned)
 
 
 def without_doppler(w):
     w.nvb("-q", "fromdat", dat_of(simulated(40)), "-o", w.path("dropped.nvb"), "--drop-doppler")
     w.dat_of(w.path("dropped.nvb"))
-
-
-def method_after_method(w, result):
-    reference, sizes, previous = read(dat_of(simulated(40))), set(), w.path("m0.nvb")
-    for method in (*range(1, 8), 0):
-        written = w.path(f"after{method}.nvb")
-        w.nvb("-q", "recompress", previous, "-o", written, "-m", method)
-        w.assertEqual(w.dat_of(written), reference, f"method {method}")
-        sizes.add(os.path.getsize(written))
-        previous = written
-    w.assertEqual(len(sizes), 8)
 
 
 def best_and_explicit(w, result):
@@ -903,51 +663,42 @@ def best_and_explicit(w, result):
         w.assertEqual(w.dat_of(written), reference, f"method {method}")
 
 
-def slipped_log(w):
-    """Marks a slip on a steady signal in an epoch that thinning to 30 s drops."""
-    records = dat_records(read(dat_of(simulated(120, "--systems", "GR"))))
-    epochs = [Epoch(r) for r in records if r[3] == 27]
-
-    def steady(key):
-        signals = [e.find(*key) for e in epochs]
-        return all(s and s[1][0][25] == signals[0][1][0][25] for s in signals) and not any(
-            s[1][0][26] & 0x08 for s in signals[1:])
-
-    w.key = next((b[2], b[1]) for b, s in epochs[0].satellites if b[2] == 0 and steady((b[2], b[1])))
-    w.times = [int(e.time()) for e in epochs]
-    w.marked = next(k for k, t in enumerate(w.times) if t % 30000 == 15000)
-    epochs[w.marked].find(*w.key)[1][0][26] |= 0x08
-    edited = iter(epochs)
-    source = w.write_dat("slip.dat", [next(edited).bytes() if r[3] == 27 else r for r in records])
-    w.nvb("-q", "fromdat", source, "-o", w.path("slip.nvb"))
-    return w.path("slip.nvb")
+def slip_marks(epoch):
+    return {(s["sv"], g["band"]): g["measFlags1"] & 0x08 for s in epoch["satellites"] for g in s["signals"]}
 
 
-def slip_lands_on_the_next_kept_epoch(w, result):
-    kept = dump(w, w.path("thin.nvb"))
-    kept_epochs = [r for r in kept if r["type"] == 27]
-    expected = [t for t in w.times if t % 30000 == 0]
-    w.assertEqual([int(e["time"]) for e in kept_epochs], expected)
-    w.assertEqual([r["time"] for r in kept if r["type"] == 29], expected)
-    carried = w.times[w.marked] - w.times[w.marked] % 30000 + 30000
-    for epoch in kept_epochs[1:]:
-        signal_ = next(s for s in epoch["satellites"] if s["sv"] == "G%02d" % w.key[1])["signals"][0]
-        w.assertEqual(bool(signal_["measFlags1"] & 0x08), int(epoch["time"]) == carried, epoch["time"])
-    w.assertEqual(w.info(w.path("thin.nvb"))["blockLevel"], 7)
+def slips_carried(source):
+    """A check: thinning `source` to 30 s kept the epochs and positions of the half minutes,
+    each kept signal marked slipped if it slipped since the kept epoch before, and at least
+    one such slip came from a dropped epoch."""
+    def check(w, result):
+        thinned = w.path("thin.nvb")
+        epochs, kept = lines_of(source(w), "-t", 27), {e["time"]: e for e in lines_of(thinned, "-t", 27)}
+        w.assertEqual(list(kept), [e["time"] for e in epochs if e["time"] % 30000 == 0])
+        w.assertEqual([p["time"] for p in lines_of(thinned, "-t", 29)], list(kept))
+        pending, carried = {}, 0
+        for epoch in epochs:
+            own = slip_marks(epoch)
+            pending.update({key: pending.get(key, 0) | slip for key, slip in own.items()})
+            for key, slip in slip_marks(kept.get(epoch["time"], {"satellites": []})).items():
+                w.assertEqual(slip, pending.pop(key), (epoch["time"], key))
+                carried += slip and not own[key]
+        w.assertGreater(carried, 0)
+    return check
 
 
 CASES += [
-    Case("Doppler", "every method gives every doppler back and drop doppler rebuilds them",
+    Case("Doppler", "every method gives the records back and drop doppler rebuilds their dopplers",
          ("-q", "fromdat", DAT(40), "-o", "@drop.nvb", "--drop-doppler"), check=doppler_in_every_method),
     Case("Doppler", "recompress and thin write doppler as their input carried it",
          ("-q", "recompress", LOG(40), "-o", "@kept.drop", "-m", 7, "--drop-doppler"), before=without_doppler,
          check=doppler_as_carried),
-    Case("Recompress", "every method reads what the one before it wrote",
-         ("-q", "recompress", LOG(40), "-o", "@m0.nvb", "--method", 0), check=method_after_method),
     Case("Recompress", "best and explicit levels read back the same records",
          ("-q", "fromdat", DAT(300), "-o", "@best.nvb", "--best"), check=best_and_explicit),
+    # The slip tables of plain epochs hold GPS, SBAS, GLONASS and Galileo signals.
     Case("Thin", "a slip in a dropped epoch lands on the next kept one",
-         ("-q", "thin", slipped_log, "-o", "@thin.nvb", "--interval", 30), check=slip_lands_on_the_next_kept_epoch),
+         ("-q", "thin", LOG(600, "--systems", "GRE"), "-o", "@thin.nvb", "--interval", 30),
+         check=both(info_holds("@thin.nvb", {"blockLevel": 7}), slips_carried(LOG(600, "--systems", "GRE")))),
 ]
 
 
@@ -968,8 +719,7 @@ def make_record35_log(path):
         records.append(record)
         if k % 12 == 0 and extra:
             records.append(extra.pop(0))
-    with open(path + ".dat", "wb") as file:
-        file.write(b"".join(records))
+    Path(path + ".dat").write_bytes(b"".join(records))
     succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7)
 
 
@@ -993,11 +743,8 @@ def schema_and_spectra(w, result):
 
 
 def every_record35_kept(w, result):
-    reference = records35(read(dat_of(R35(w))))
     w.assertEqual(w.info(w.path("thin.nvb"))["record35"], EXPECTED35)
-    w.assertEqual(records35(w.dat_of(w.path("thin.nvb"))), reference)
-    w.nvb("-q", "recompress", R35(w), "-o", w.path("m5.nvb"), "-m", 5)
-    w.assertEqual(records35(w.dat_of(w.path("m5.nvb"))), reference)
+    w.assertEqual(records35(w.dat_of(w.path("thin.nvb"))), records35(read(dat_of(R35(w)))))
 
 
 CASES += [
@@ -1007,7 +754,8 @@ CASES += [
          prints="subtype 24: 6 (1 schema, 1 reference, 4 delta)"),
     Case("Record35", "dump shows the schema and the decoded spectra", ("dump", "--json", "-t", 35, R35),
          check=schema_and_spectra),
-    Case("Record35", "recompress and thin keep every record 35",
+    # That recompress keeps them byte for byte is the newer receiver's case below.
+    Case("Record35", "thin keeps every record 35",
          ("-q", "thin", R35, "-o", "@thin.nvb", "--interval", 10), check=every_record35_kept),
     Case("Record35", "a method that cannot carry record 35 says so", ("recompress", R35, "-o", "@m0.nvb", "-m", 0),
          code=1, says="10 records of type 35 were left out"),
@@ -1064,13 +812,13 @@ def damaged_block(method, where, hit):
         got = dat_records(read(w.path("damaged.dat")))
         before = len(dat_records(w.dat_of(w.write("before.nvb", data[:start]))))
         up_to = len(dat_records(w.dat_of(w.write("up_to.nvb", data[:end]))))
-        first_time = Epoch(whole[0]).time()
+        first_time = epoch_time(whole[0])
         resumed = next(i for i in range(up_to, len(whole)) if whole[i][3] == 27
-                       and (Epoch(whole[i]).time() - first_time) % 600000 == 0)
+                       and (epoch_time(whole[i]) - first_time) % 600000 == 0)
         w.assertEqual(got[:before], whole[:before])
         w.assertEqual(got[before + 1:], whole[resumed + 1:])
         # The first epoch behind the gap has no predecessor to rebuild its Doppler from.
-        w.assertEqual(Epoch(got[before]).time(), Epoch(whole[resumed]).time())
+        w.assertEqual(epoch_time(got[before]), epoch_time(whole[resumed]))
         if resumed > up_to:
             w.assertIn(f"{resumed - up_to} delta records behind the damage were left out", result.stderr.decode())
 
@@ -1091,7 +839,7 @@ CASES += [
                                         (7, "middle", "type"), (5, "middle", "body"))),
     Case("Damage", "an empty file is no log", ("info", lambda w: w.write("empty.nvb", b"")), code=2, says="is empty"),
     Case("Damage", "noise is no log",
-         ("todat", lambda w: w.write("noise.nvb", bytes((i * 37 + 11) % 251 for i in range(5000))), "-o", "@n.dat"),
+         ("todat", lambda w: w.write("noise.nvb", NOISE[:5000]), "-o", "@n.dat"),
          code=2),
     Case("Damage", "a missing file is no log", ("info", "@missing.nvb"), code=2, says="can't open"),
 ]
@@ -1107,7 +855,7 @@ HOUR = 3600
 
 def hour_epochs(w):
     if "epochs" not in SHARED:
-        SHARED["epochs"] = dump(w, simulated(HOUR), "--type", 27)
+        SHARED["epochs"] = lines_of(simulated(HOUR), "--type", 27)
     return SHARED["epochs"]
 
 
@@ -1119,40 +867,53 @@ def observation_type(version, letter, signal_):
     return "1I" if version == 3.02 and suffix == "2I" else suffix
 
 
-def observations_of(version):
+def observations_of(version, interval=1):
+    """A case: each observation of the hour's epochs on the interval reads back as the dump
+    shows it, and a signal's phase is marked slipped when it slipped since the last epoch
+    written."""
     def check(w, result):
         rinex, records = ObservationFile(read(w.path("obs.rnx")).decode()), hour_epochs(w)
-        w.assertEqual(len(rinex.epochs), len(records))
-        checked, slips, last_counts = 0, 0, {}
+        w.assertEqual(len(rinex.epochs), len(records) // interval)
+        w.assertIn(f"{interval:10.3f}", "".join(rinex.header))
+        checked, slips, last_counts, pending = 0, 0, {}, set()
         for record in records:
-            epoch, counts = rinex.epochs[(record["week"], round(record["time"]))], {}
+            counts, epoch = {}, rinex.epochs.get((record["week"], round(record["time"])))
+            w.assertEqual(epoch is None, round(record["time"]) % (1000 * interval) != 0)
             for sat in record["satellites"]:
                 if sat["sv"][0] == "C" and version < 2.12:
-                    w.assertNotIn(sat["sv"], epoch)
+                    w.assertNotIn(sat["sv"], epoch or {})
                     continue
                 for signal_ in sat["signals"]:
                     suffix = observation_type(version, sat["sv"][0], signal_)
                     if not suffix:
                         continue
-                    key, cells = (sat["sv"], suffix), epoch[sat["sv"]]
+                    key = (sat["sv"], suffix)
                     counts[key] = signal_["slipCount"]
+                    if signal_["measFlags1"] & 8 or last_counts.get(key, signal_["slipCount"]) != signal_["slipCount"]:
+                        pending.add(key)
+                    if epoch is None:
+                        continue
+                    cells = epoch[sat["sv"]]
                     code, phase, strength = cells["C" + suffix], cells["L" + suffix], cells["S" + suffix]
                     w.assertEqual((code[0], phase[0], strength[0]),
                                   (milli(signal_["range"]), milli(-signal_["phase"]), milli(signal_["snr"])))
                     w.assertIn(code[2], "123456789")
-                    slipped = signal_["measFlags1"] & 8 or last_counts.get(key, signal_["slipCount"]) != signal_["slipCount"]
-                    w.assertEqual(phase[1] in ("1", "3", "5", "7"), bool(slipped), (record["time"], key))
-                    slips += bool(slipped)
+                    # Decimation tracks slips by row, so a satellite that moved may carry its row's mark.
+                    if interval == 1 or key in pending:
+                        w.assertEqual(phase[1] in ("1", "3", "5", "7"), key in pending, (record["time"], key))
+                    slips += key in pending
                     checked += 1
+                    pending.discard(key)
             last_counts = counts
-        w.assertGreater(checked, 150000)
-        w.assertGreater(slips, 100)
+        w.assertGreater(checked, 150000 // interval)
+        w.assertGreater(slips, 100 // interval)
         if version >= 3.02:
             w.assertEqual(rinex.channels, {s["sv"]: s["channel"] - 256 * (s["channel"] > 127)
                                            for r in records for s in r["satellites"] if s["sv"][0] == "R"})
 
-    return Case("RinexOutput", f"every observation of version {version} reads back as the dump shows it",
-                ("-q", "rinex", LOG(HOUR), "-o", "@obs.rnx", "--version", version), check=check)
+    return Case("RinexOutput", f"every observation of version {version} each {interval} s reads back as the dump shows it",
+                ("-q", "rinex", LOG(HOUR), "-o", "@obs.rnx", "--version", version,
+                 *(("--interval", interval) if interval > 1 else ())), check=check)
 
 
 def without_program_line(text):
@@ -1169,26 +930,6 @@ def compact_of(version):
     return Case("RinexOutput", f"compact rinex {version} expands to the rinex text",
                 ("-q", "rinex", LOG(HOUR), "-o", "@obs.crx", "--version", version, "--interval", 5, "--crx"),
                 check=check)
-
-
-def whole_intervals_with_their_slips(w, result):
-    rinex, records = ObservationFile(read(w.path("thin.rnx")).decode()), hour_epochs(w)
-    w.assertEqual(len(rinex.epochs), len(records) // 30)
-    w.assertTrue(all(tow % 30000 == 0 for _, tow in rinex.epochs))
-    w.assertIn("    30.000", "".join(rinex.header))
-    slipped_since = set()
-    for record in records:
-        slipped_since.update((sat["sv"], s["band"], s["track"]) for sat in record["satellites"]
-                             for s in sat["signals"] if s["measFlags1"] & 8)
-        if round(record["time"]) % 30000:
-            continue
-        epoch = rinex.epochs[(record["week"], round(record["time"]))]
-        for sat in record["satellites"]:
-            for signal_ in sat["signals"]:
-                if (sat["sv"], signal_["band"], signal_["track"]) in slipped_since:
-                    cell = epoch[sat["sv"]]["L" + observation_type(3.03, sat["sv"][0], signal_)]
-                    w.assertEqual(cell[1], "1", (record["time"], sat["sv"]))
-        slipped_since.clear()
 
 
 def epochs_before_the_cut(w, result):
@@ -1208,24 +949,19 @@ def binex_framed(w, result):
             length, size = (length & 0x7F) << 7 | data[position + 3], 2
         body_end = position + 2 + size + length
         w.assertEqual(data[position + 2 + size], 0x05)
-        if length < 126:
-            xor = 0
-            for byte in data[position + 1:body_end]:
-                xor ^= byte
-            w.assertEqual(data[body_end], xor)
-            position = body_end + 1
-        else:
-            w.assertEqual(int.from_bytes(data[body_end:body_end + 2], "big"), crc16(data[position + 1:body_end]))
-            position = body_end + 2
+        # A byte of exclusive or behind a short record, a CRC-CCITT behind a longer one.
+        checked, width = data[position + 1:body_end], 1 if length < 126 else 2
+        w.assertEqual(int.from_bytes(data[body_end:body_end + width], "big"),
+                      reduce(xor, checked) if width == 1 else binascii.crc_hqx(checked, 0))
+        position = body_end + width
         records += 1
     w.assertEqual(records, HOUR)
 
 
 CASES += [
     *(observations_of(version) for version in (2.11, 2.12, 3.02, 3.03)),
+    observations_of(3.03, 30),
     *(compact_of(version) for version in ("2.11", "3.03")),
-    Case("RinexOutput", "decimation keeps whole intervals and marks the slips it drops",
-         ("-q", "rinex", LOG(HOUR), "-o", "@thin.rnx", "--interval", 30), check=whole_intervals_with_their_slips),
     Case("RinexOutput", "a cut log gives the epochs before the cut",
          ("rinex", lambda w: w.write("cut.nvb", read(simulated(HOUR))[:os.path.getsize(simulated(HOUR)) // 3]),
           "-o", "@cut.rnx"), code=1, says="the log ends inside a block", check=epochs_before_the_cut),
@@ -1244,8 +980,7 @@ def every_type_records():
 
 
 def make_every_type_log(path):
-    with open(path + ".dat", "wb") as file:
-        file.write(b"".join(every_type_records()[0]))
+    Path(path + ".dat").write_bytes(b"".join(every_type_records()[0]))
     succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7, code=1)
 
 
@@ -1253,19 +988,14 @@ def EVERY(w):
     return shared(("every",), make_every_type_log)
 
 
-def every_method_gives_every_type_back(w, result):
+def every_type_back(w, result):
     expected = every_type_records()[1]
-    stderr = w.nvb("fromdat", EVERY(w) + ".dat", "-o", w.path("every.nvb"), "--method", 3, code=1).stderr.decode()
     for text in ("1 records of type 101 were left out", "1 records of type 102 were left out",
                  "1 records of type 20 are in the log, but no reader gives them back"):
-        w.assertIn(text, stderr)
+        w.assertIn(text, result.stderr.decode())
     w.assertEqual(dat_records(w.dat_of(w.path("every.nvb"))), expected)
-    counts = {}
-    for record in expected:
-        counts[str(record[3])] = counts.get(str(record[3]), 0) + 1
     info = w.info(w.path("every.nvb"))
-    w.assertEqual(info["records"], counts)
-    w.assertEqual(info["statuses"], [])
+    w.assertEqual((info["records"], info["statuses"]), (Counter(str(record[3]) for record in expected), []))
 
 
 def fields_of_every_type(w, result):
@@ -1303,64 +1033,29 @@ def fields_of_every_type(w, result):
     w.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
 
 
-def repeating_records(w):
-    epochs = dat_records(read(dat_of(simulated(20))))
-    subframes, lists = repeating_subframes(700), drifting_lists(700)
-    carried = [record for group in zip(subframes[::3], subframes[1::3], subframes[2::3], lists) for record in group]
-    w.repeating = epochs[:10] + navigation_and_receiver_dats()[:5] + carried + epochs[10:]
-    return w.write_dat("repeating.dat", w.repeating)
-
-
-def repeating_read_back(w, result):
-    w.nvb("-q", "fromdat", w.path("repeating.dat"), "-o", w.path("r7.nvb"), "--method", 7)
-    for method in (0, 7):
-        w.assertEqual(dat_records(w.dat_of(w.path(f"r{method}.nvb"))), w.repeating, f"method {method}")
-    carriers = w.info(w.path("r0.nvb"))["carriedAs"]
-    # One restart at the start and one at the week change; most blocks are references.
-    w.assertEqual(carriers["85"], 2)
-    w.assertGreater(carriers["84"], 1000)
-    w.assertGreater(carriers["86"], 500)
-    w.assertGreater(carriers["41"], 600)
-    w.assertEqual(carriers["41"] + carriers.get("40", 0), 700)
-
-
 CASES += [
     Case("AllTypes", "every type comes back as it went and what no log keeps is named",
-         ("info", EVERY), check=every_method_gives_every_type_back),
-    # The first epoch, and the first behind record 33 subtype 3, start over with references.
-    Case("AllTypes", "a system list starts the epochs and positions over with references", ("info", "--json", EVERY),
-         check=info_holds(None, {"carriedAs.38": 2, "carriedAs.57": 2})),
+         ("fromdat", lambda w: EVERY(w) + ".dat", "-o", "@every.nvb", "--method", 3), code=1, check=every_type_back),
     Case("AllTypes", "dump names the fields of every type", ("dump", "--json", EVERY), check=fields_of_every_type),
     Case("AllTypes", "dump text names the entries of a list", ("dump", EVERY, "--type", 40),
          prints="entries=[{id=1 value=23.45} {id=6 value=-3} {id=7 value=65000}]"),
-    Case("AllTypes", "repeating navigation blocks and lists read back the same",
-         ("-q", "fromdat", repeating_records, "-o", "@r0.nvb", "--method", 0), check=repeating_read_back),
 ]
 
 
 # Output that fails leaves what stood there as it was
-def failing_targets(w):
-    shutil.copy(simulated(20), w.path("sim.nvb"))
-    w.write("noise.bin", bytes((i * 37 + 11) % 251 for i in range(20000)))
-    w.write("empty.nvb", b"")
-    w.write("keep.dat", b"keep")
+def left_as_they_were(files):
+    """The before and check of a case: these files (bytes, or a log to copy) stand there
+    before the command and, as they were, alone after it."""
+    def contents():
+        return {name: read(data()) if callable(data) else data for name, data in files.items()}
 
+    def before(w):
+        for name, data in contents().items():
+            w.write(name, data)
 
-def left_as_it_was(w, result):
-    w.assertEqual(read(w.path("sim.nvb")), read(simulated(20)))
-    w.assertEqual(read(w.path("keep.dat")), b"keep")
-    w.assertEqual(sorted(os.listdir(w.directory)), ["empty.nvb", "keep.dat", "noise.bin", "sim.nvb"])
-
-
-def old_target(w):
-    shutil.copy(simulated(300), w.path("sim.nvb"))
-    w.write("target.nvb", b"old")
-
-
-def no_partial_file(w, result):
-    w.assertEqual(read(w.path("target.nvb")), b"old")
-    w.assertEqual(read(w.path("sim.nvb")), read(simulated(300)))
-    w.assertEqual(sorted(os.listdir(w.directory)), ["sim.nvb", "target.nvb"])
+    def check(w, result):
+        w.assertEqual({name: read(w.path(name)) for name in os.listdir(w.directory)}, contents())
+    return {"before": before, "check": check}
 
 
 def linked_target(w):
@@ -1377,12 +1072,13 @@ def link_kept(w, result):
 
 CASES += [
     *(Case("SafeOutput", f"a failing {args[0]} leaves the target as it was", args, code=2,
-           says="not written; a file there is left as it was", before=failing_targets, check=left_as_it_was)
+           says="not written; a file there is left as it was",
+           **left_as_they_were({"sim.nvb": lambda: simulated(20), "noise.bin": NOISE, "empty.nvb": b"", "keep.dat": b"keep"}))
       for args in (("recompress", "@noise.bin", "-o", "@sim.nvb", "--method", 5),
                    ("thin", "@noise.bin", "-o", "@sim.nvb", "--interval", 5), ("fromdat", "@noise.bin", "-o", "@sim.nvb"),
                    ("todat", "@empty.nvb", "-o", "@keep.dat"))),
     *(Case("SafeOutput", f"a {args[0]} whose write fails halfway leaves no partial file", args, code=2,
-           says="write error", before=old_target, check=no_partial_file, limit=50000)
+           says="write error", limit=50000, **left_as_they_were({"sim.nvb": lambda: simulated(300), "target.nvb": b"old"}))
       for args in (("recompress", "@sim.nvb", "-o", "@target.nvb", "--method", 1),
                    ("todat", "@sim.nvb", "-o", "@target.nvb"), ("simulate", "-o", "@target.nvb", "--duration", 300))),
     Case("SafeOutput", "a link stays a link", ("-q", "todat", LOG(5), "-o", "@link.dat"), before=linked_target,
@@ -1397,11 +1093,6 @@ CASES += [
 # The simulated receiver logging as a newer one does: records 35 that read as 27 and 29
 def NEWER(w):
     return simulated(600, "--seed", 3, "--receiver", "new")
-
-
-def lines_of(log, *options):
-    lines = succeed("dump", "--json", *options, log).stdout.splitlines()
-    return [{k: v for k, v in json.loads(line).items() if "ffset" not in k and k != "length"} for line in lines]
 
 
 def reads_as_plain(w, result):
@@ -1428,27 +1119,6 @@ def reads_as_plain(w, result):
         w.assertEqual(newer, plain)
 
 
-def slip_marks(epoch):
-    return {(s["sv"], g["band"]): g["measFlags1"] & 0x08 for s in epoch["satellites"] for g in s["signals"]}
-
-
-def newer_slips_carried(w, result):
-    thinned = w.path("thin.nvb")
-    w.assertEqual(set(w.info(thinned)["carriedAs"]), {"35"})
-    epochs, kept = lines_of(NEWER(w), "-t", 27), {e["time"]: e for e in lines_of(thinned, "-t", 27)}
-    w.assertEqual(list(kept), [e["time"] for e in epochs if e["time"] % 30000 == 0])
-    w.assertEqual([p["time"] for p in lines_of(thinned, "-t", 29)], list(kept))
-    pending, carried = {}, 0
-    for epoch in epochs:
-        own = slip_marks(epoch)
-        for key, slip in own.items():
-            pending[key] = pending.get(key, 0) | slip
-        for key, slip in slip_marks(kept.get(epoch["time"], {"satellites": []})).items():
-            w.assertEqual(slip, pending.pop(key), (epoch["time"], key))
-            carried += slip and not own[key]
-    w.assertGreater(carried, 0)
-
-
 def records35_as_they_came(w, result):
     native = read(shared(("native", NEWER(w)), lambda path: succeed("-q", "todat", "--native-rec35", NEWER(w),
                                                                      "-o", path)))
@@ -1472,7 +1142,8 @@ CASES += [
          ("info", NEWER), prints="1200: 600 x 27, 600 x 29",
          check=both(info_holds(NEWER, {"schemasForConversion": 2, "recordsUndecoded": 0}), reads_as_plain)),
     Case("Record35", "thinning a newer receiver's log carries the slips of dropped epochs to the next kept one",
-         ("-q", "thin", NEWER, "-o", "@thin.nvb", "--interval", 30), check=newer_slips_carried),
+         ("-q", "thin", NEWER, "-o", "@thin.nvb", "--interval", 30),
+         check=both(info_holds("@thin.nvb", {"carriedAs": {"35"}}), slips_carried(NEWER))),
     Case("Record35", "recompress keeps a newer receiver's records 35 byte for byte",
          ("-q", "recompress", NEWER, "-o", "@m5.nvb", "-m", 5), check=records35_as_they_came),
     Case("Record35", "rinex gives a newer receiver's epochs as the plain ones",
