@@ -15,40 +15,21 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
-using nvbtest::EpochSequenceOptions;
-
-// The compressor's side of a log: its history, last reference time and out record.
-struct Writer {
-    std::unique_ptr<epoch_history_t> history = std::make_unique<epoch_history_t>();
-    std::uint32_t lastReference = 0xFFFFFFFF;
-    std::array<std::uint8_t, kEpochOutCapacity> out{};
-
-    std::uint8_t put(const Bytes& frame, std::uint32_t timeMs, std::uint8_t keepDoppler = 0,
-                     std::uint8_t usePredicted = 0, std::uint8_t forceLong = 0, std::uint8_t forceReference = 0) {
-        const std::uint16_t length = compressEpoch(frame.data(), frame.size(), out.data(), *history, lastReference,
-                                                   timeMs, keepDoppler, usePredicted, forceLong, forceReference);
-        EXPECT_EQ(length, epochFrameLength(out.data()));
-        return out[2];
-    }
-};
 
 std::vector<Bytes> quietSequence(std::size_t epochs, std::uint32_t intervalMs) {
-    EpochSequenceOptions options;
-    options.epochs = epochs;
-    options.intervalMs = intervalMs;
-    options.satellites = 4;
-    options.events = false;
-    return nvbtest::makeEpochSequence(options);
+    return nvbtest::makeEpochSequence({.epochs = epochs, .intervalMs = intervalMs, .satellites = 4, .events = false});
 }
 
 TEST(EpochForm, AnyOptionSelectsTheLongForm) {
-    const auto frames = quietSequence(3, 1000);
-    const std::array<std::array<std::uint8_t, 3>, 4> options = {{{0, 0, 0}, {1, 0, 0}, {0, 0, 7}, {0, 1, 0}}};
-    for (const auto& option : options) {
-        Writer writer;
-        writer.put(frames[0], 10000);
-        const bool longForm = option[0] != 0 || option[1] != 0 || option[2] != 0;
-        EXPECT_EQ(writer.put(frames[1], 11000, option[0], option[1], option[2]), longForm ? 36 : 37);
+    const auto frames = quietSequence(2, 1000);
+    for (const auto& [keepDoppler, usePredicted, forceLong] :
+         {std::array<std::uint8_t, 3>{0, 0, 0}, {1, 0, 0}, {0, 0, 7}, {0, 1, 0}}) {
+        nvbtest::CompactLink link = nvbtest::epochLink();
+        link.encoder().epochKeepDoppler = keepDoppler;
+        link.encoder().epochUsePredicted = usePredicted;
+        link.encoder().epochForceLong = forceLong;
+        link.compress(frames[0]);
+        EXPECT_EQ(link.compress(frames[1])[2], keepDoppler + usePredicted + forceLong != 0 ? 36 : 37);
     }
 }
 

@@ -1,19 +1,16 @@
 #include "common/byte_sum.h"
-#include "common/diagnostics.h"
 #include "external/su/compact_compressors.h"
 #include "external/su/obs_codec.h"
 #include "support/host.h"
+#include "support/rec35_records.h"
 #include "support/sequences.h"
 
 #include <nvbdll/nvbdll.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <cstdio>
-#include <cstring>
-#include <functional>
-#include <string>
 #include <memory>
 #include <tuple>
 
@@ -59,19 +56,11 @@ TEST(ObsCodec, ReferenceTypeAndLengthByteFollowTheCompactLength) {
 // A first-generation reference, then two deltas worked out by hand: the second from the
 // stream's deltas against the reference, the third from the linear prediction alone.
 TEST(ObsCodec, HandBuiltFirstGenerationRecordsExpandToThePlainRecordsTheyImply) {
-    nvbtest::Rec17Wire a;
-    a.time = 0x00010000;
-    a.clockOffset = 0x000100;
-    nvbtest::Rec17Sat sat;
-    sat.svId = 5;
-    sat.svFlags = 0xD8;
-    sat.elevation = 30;
-    sat.azimuth = 60;
-    sat.snr = 160;
+    nvbtest::Rec17Sat sat{.svId = 5, .svFlags = 0xD8, .elevation = 30, .azimuth = 60, .snr = 160};
     sat.range = 0x10000000;
     sat.phase = 0x000000100000;
     sat.doppler = 0x10;
-    a.sats = {sat};
+    const nvbtest::Rec17Wire a{.time = 0x00010000, .clockOffset = 0x000100, .sats = {sat}};
     nvbtest::Rec17Wire b = a;
     b.time += 1000;
     b.sats[0].elevation = 31;
@@ -98,12 +87,11 @@ TEST(ObsCodec, HandBuiltFirstGenerationRecordsExpandToThePlainRecordsTheyImply) 
 
     nvbtest::CompactLink codec = link();
     Bytes expanded;
-    ASSERT_EQ(codec.expand(reference, expanded), 0);
-    EXPECT_EQ(expanded, plainA);
-    ASSERT_EQ(codec.expand(second, expanded), 0);
-    EXPECT_EQ(expanded, plainB);
-    ASSERT_EQ(codec.expand(third, expanded), 0);
-    EXPECT_EQ(expanded, plainC);
+    for (const auto& [compact, plain] :
+         {std::pair{reference, plainA}, std::pair{second, plainB}, std::pair{third, plainC}}) {
+        ASSERT_EQ(codec.expand(compact, expanded), 0);
+        EXPECT_EQ(expanded, plain);
+    }
 
     // The end byte counts under the verify flag only.
     Bytes badEnd = third;
@@ -186,19 +174,16 @@ TEST(ObsCodec, ARefusedRecordWrittenOverItsOwnInputLeavesTheInputAsItWas) {
     const nvbtest::Rec17Wire a = nvbtest::measurementSequence({}, 0.5, 6)[0];
     nvbtest::Rec17Wire b = a;
     b.time += 1000;
-    const Bytes first = nvbtest::build(a);
-    const Bytes second = nvbtest::build(b);
-    obs_history_t history{};
+    nvbtest::CompactLink codec = link();
+    Bytes bad;
+    ASSERT_EQ(codec.expand(codec.compress(nvbtest::build(a)), bad), 0);
+    bad = codec.compress(nvbtest::build(b));
+    bad.back() ^= 1;
     std::array<std::uint8_t, 600> buffer{};
-    ASSERT_TRUE(compressObsReference(history, first.data(), first.size(), buffer.data(), buffer.size()));
-    ASSERT_TRUE(compressObsDelta(history, second.data(), second.size(), buffer.data(), buffer.size()));
-    history = obs_history_t{};
-    std::array<std::uint8_t, 600> out{};
+    std::copy(bad.begin(), bad.end(), buffer.begin());
     std::uint8_t status = 0;
-    ASSERT_TRUE(compressObsReference(history, first.data(), first.size(), out.data(), out.size()));
-    buffer[buffer[1] - 1] ^= 1;
-    const Bytes bad(buffer.begin(), buffer.begin() + buffer[1]);
-    EXPECT_FALSE(expandObsDelta(history, buffer.data(), bad.size(), buffer.data(), buffer.size(), status, true));
+    EXPECT_FALSE(expandObsDelta(codec.expander().secondGenHistory, buffer.data(), bad.size(), buffer.data(),
+                                buffer.size(), status, true));
     EXPECT_EQ(status, 4);
     EXPECT_TRUE(std::equal(bad.begin(), bad.end(), buffer.begin()));
 }
@@ -216,28 +201,13 @@ TEST(ObsCodec, SecondRecord30OfSubtypeZeroResetsTheFirstGeneration) {
     EXPECT_EQ(state->firstGenHistory.previous.rowCount, 0);
 }
 
-// What `run` writes to the log stream, with none set afterwards.
-std::string logged(const std::function<void()>& run) {
-    std::FILE* log = std::tmpfile();
-    logStream = log;
-    run();
-    logStream = nullptr;
-    std::rewind(log);
-    std::array<char, 64> text{};
-    const std::size_t read = std::fread(text.data(), 1, text.size() - 1, log);
-    std::fclose(log);
-    return std::string(text.data(), read);
-}
-
 TEST(ObsCodec, WriterReportsAFrameItCannotCode) {
     nvbtest::CompactLink codec = link();
-    Bytes plain = nvbtest::build(nvbtest::measurementSequence({}, 0.5, 6)[0]);
-    auto in = std::make_unique<nvb_frame_t>();
-    auto out = std::make_unique<nvb_frame_t>();
-    std::memcpy(in->data, plain.data(), plain.size());
-    in->length = static_cast<std::uint16_t>(plain.size() - 10); // the record claims more than the frame holds
-    EXPECT_EQ(logged([&] { EXPECT_EQ(compressRec17Frame(codec.encoder(), *in, *out), 0); }),
-              "Unknown compressed format: 0\n");
+    const Bytes plain = nvbtest::build(nvbtest::measurementSequence({}, 0.5, 6)[0]);
+    nvbtest::MessageLog log;
+    // The record claims more than the frame holds.
+    EXPECT_TRUE(codec.compress(Bytes(plain.begin(), plain.end() - 10)).empty());
+    EXPECT_EQ(log.text(), "Unknown compressed format: 0\n");
 }
 
 // The first generation's reader reports a stream that ends inside its header through the
@@ -251,7 +221,11 @@ TEST(ObsCodec, FirstGenerationTellsAShortHeaderOnTheLogStreamOnly) {
         EXPECT_FALSE(expandFirstGenerationDelta(history, shortDelta.data(), shortDelta.size(), out.data(), out.size(),
                                                 status, false));
     };
-    EXPECT_EQ(logged(expand), "Assertion failed: cond, file su_compr_common, line 1319\n");
+    {
+        nvbtest::MessageLog log;
+        expand();
+        EXPECT_EQ(log.text(), "Assertion failed: cond, file su_compr_common, line 1319\n");
+    }
     testing::internal::CaptureStderr();
     expand();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

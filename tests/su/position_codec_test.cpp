@@ -13,21 +13,27 @@ namespace {
 
 using nvbtest::Bytes;
 
+// The delta of `next` against a history that holds `base` as its reference.
+std::array<std::uint8_t, 512> deltaAfter(const nvbtest::Rec11Wire& base, const nvbtest::Rec11Wire& next) {
+    const Bytes first = nvbtest::build(base);
+    const Bytes second = nvbtest::build(next);
+    position_history_t history{};
+    std::array<std::uint8_t, 512> out{};
+    EXPECT_TRUE(compressPositionReference(history, first.data(), first.size(), out.data(), out.size()));
+    EXPECT_EQ(out[1], first.size() - 1);
+    EXPECT_TRUE(compressPositionDelta(history, second.data(), second.size(), out.data(), out.size()));
+    return out;
+}
+
 TEST(PositionCodec, NibbleCodesTrimWithoutSignAndGoRawOnlyFromFourBytes) {
     nvbtest::Rec11Wire base = nvbtest::positionSequence({})[0];
     nvbtest::Rec11Wire next = base;
     next.latitude = base.latitude + 0x01000000;  // four magnitude bytes: raw, code 8
     next.longitude = base.longitude - 0x00FFFFFF; // three bytes, below: code 3 + 4
     next.pdop = static_cast<std::uint16_t>(base.pdop + 0xFF00); // a 2-byte field never goes raw
-    const Bytes first = nvbtest::build(base);
-    const Bytes second = nvbtest::build(next);
-    position_history_t history{};
-    std::array<std::uint8_t, 512> out{};
-    ASSERT_TRUE(compressPositionReference(history, first.data(), first.size(), out.data(), out.size()));
-    EXPECT_EQ(out[1], first.size() - 1);
-    ASSERT_TRUE(compressPositionDelta(history, second.data(), second.size(), out.data(), out.size()));
+    const auto out = deltaAfter(base, next);
     EXPECT_EQ(out[3], 0x87);
-    EXPECT_EQ(0, std::memcmp(&out[4], &second[3], 4));
+    EXPECT_EQ(0, std::memcmp(&out[4], &nvbtest::build(next)[3], 4));
     EXPECT_EQ(out[8], 0xFF);
     EXPECT_EQ(out[9], 0xFF);
     EXPECT_EQ(out[10], 0xFF);
@@ -43,12 +49,7 @@ TEST(PositionCodec, ListCodeCarriesCountChangesAndResidualFlag) {
     grown.channels.push_back(4);
     grown.svIds[1] = 7;
     grown.fixStatus = static_cast<std::uint8_t>(base.fixStatus + 1);
-    const Bytes first = nvbtest::build(base);
-    const Bytes second = nvbtest::build(grown);
-    position_history_t history{};
-    std::array<std::uint8_t, 512> out{};
-    ASSERT_TRUE(compressPositionReference(history, first.data(), first.size(), out.data(), out.size()));
-    ASSERT_TRUE(compressPositionDelta(history, second.data(), second.size(), out.data(), out.size()));
+    const auto out = deltaAfter(base, grown);
     // Five code bytes precede the list code; nothing else moved in the head.
     const std::size_t list = 3 + 5 + 0;
     ASSERT_EQ(out[1], list + 1 + 2 + 4 + 2 + 2);
@@ -69,17 +70,13 @@ TEST(PositionCodec, ThirtyTwoChangesWrapTheCountSoTheWriterSendsAReference) {
     }
     nvbtest::Rec11Wire next = base;
     for (std::uint8_t& id : next.svIds) id = static_cast<std::uint8_t>(id + 40);
-    position_history_t history{};
-    std::array<std::uint8_t, 512> out{};
-    const Bytes first = nvbtest::build(base);
-    const Bytes second = nvbtest::build(next);
-    ASSERT_TRUE(compressPositionReference(history, first.data(), first.size(), out.data(), out.size()));
-    ASSERT_TRUE(compressPositionDelta(history, second.data(), second.size(), out.data(), out.size()));
+    const auto out = deltaAfter(base, next);
     EXPECT_EQ(out[8] & 0x3E, 0);
     EXPECT_EQ(out[1], 9 + 64 + 2 + 2);
 
     nvbtest::CompactLink codec(compressRec11Frame, nvbtest::positionStep);
-    const Bytes compactFirst = codec.compress(first);
+    const Bytes second = nvbtest::build(next);
+    const Bytes compactFirst = codec.compress(nvbtest::build(base));
     const Bytes compactSecond = codec.compress(second);
     EXPECT_EQ(compactFirst[2], kTypePositionReference);
     EXPECT_EQ(compactSecond[2], kTypePositionReference);

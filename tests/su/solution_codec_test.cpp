@@ -23,7 +23,8 @@ nvbtest::Rec29Wire baseSolution() {
 }
 
 // The compact record of `next` against a history that holds `first` as its reference.
-Bytes deltaAfter(const Bytes& first, const Bytes& next, solution_history_t& history) {
+Bytes deltaAfter(const Bytes& first, const Bytes& next) {
+    solution_history_t history{};
     std::array<std::uint8_t, 1024> out{};
     EXPECT_TRUE(compressSolutionReference(history, first.data(), first.size(), out.data(), out.size()));
     EXPECT_TRUE(compressSolutionDelta(history, next.data(), next.size(), out.data(), out.size()));
@@ -42,15 +43,6 @@ solution_history_t readerAfter(const Bytes& first) {
     return reader;
 }
 
-Bytes expandDirect(solution_history_t& history, const Bytes& delta, std::uint8_t& status) {
-    solution_image_t image;
-    auto input = nvbtest::exactCopy(delta);
-    expandSolutionDelta(history, input.get(), delta.size(), image, status);
-    std::array<std::uint8_t, 1024> out{};
-    const std::size_t written = writeSolutionImage(image, out.data(), out.size());
-    return Bytes(out.begin(), out.begin() + written);
-}
-
 TEST(SolutionCodec, SatelliteCountMovesByThreeInTheCodeAndByFourInARawByte) {
     const nvbtest::Rec29Wire base = baseSolution();
     struct Case {
@@ -61,9 +53,8 @@ TEST(SolutionCodec, SatelliteCountMovesByThreeInTheCodeAndByFourInARawByte) {
     for (const Case& c : {Case{13, 3, false}, Case{14, 4, true}, Case{7, 5, false}, Case{6, 4, true}}) {
         nvbtest::Rec29Wire next = base;
         next.svs.resize(c.count, {40, 0, 2});
-        solution_history_t history{};
         const Bytes plain = nvbtest::build(next);
-        const Bytes delta = deltaAfter(nvbtest::build(base), plain, history);
+        const Bytes delta = deltaAfter(nvbtest::build(base), plain);
         EXPECT_EQ((delta[5] >> 4) & 7, c.field) << c.count;
         EXPECT_EQ(delta[4], c.raw ? 3 : 2) << c.count;
         if (c.raw) {
@@ -71,8 +62,12 @@ TEST(SolutionCodec, SatelliteCountMovesByThreeInTheCodeAndByFourInARawByte) {
         }
         solution_history_t reader = readerAfter(nvbtest::build(base));
         std::uint8_t status = 0;
-        EXPECT_EQ(expandDirect(reader, delta, status), plain);
+        solution_image_t image;
+        const auto input = nvbtest::exactCopy(delta);
+        expandSolutionDelta(reader, input.get(), delta.size(), image, status);
         EXPECT_EQ(status, 0);
+        std::array<std::uint8_t, 1024> out{};
+        EXPECT_EQ(Bytes(out.begin(), out.begin() + writeSolutionImage(image, out.data(), out.size())), plain);
     }
 }
 
@@ -81,8 +76,7 @@ TEST(SolutionCodec, ListPatchesAreFourBytesEachAndALengthOfOneMeansNone) {
     nvbtest::Rec29Wire patched = base;
     patched.svs[4].flags ^= 2;
     for (const auto& [next, length] : {std::pair{base, 1}, std::pair{patched, 5}}) {
-        solution_history_t history{};
-        const Bytes delta = deltaAfter(nvbtest::build(base), nvbtest::build(next), history);
+        const Bytes delta = deltaAfter(nvbtest::build(base), nvbtest::build(next));
         const std::size_t block6 = delta.size() - 2 - static_cast<std::size_t>(length);
         EXPECT_EQ(delta[block6], length);
         if (length == 5) {
@@ -91,21 +85,24 @@ TEST(SolutionCodec, ListPatchesAreFourBytesEachAndALengthOfOneMeansNone) {
     }
 }
 
+// A reference is the plain record less its end byte, its length lowered as one number.
 TEST(SolutionCodec, FormsTheDeltaCannotCarryGoOutAsReferences) {
     // A record of 256 bytes or more: the expanded length wraps and keeps the delta's high
     // byte. Correction bytes behind block 3: the delta form has no room for them.
+    nvbtest::Rec29Wire exact = baseSolution();
+    while (nvbtest::build(exact).size() < 256) exact.svs.push_back({1, 0, 0});
     nvbtest::Rec29Wire big = baseSolution();
     while (big.svs.size() < 70) big.svs.push_back({static_cast<std::uint8_t>(big.svs.size()), 3, 2});
     nvbtest::Rec29Wire corrected = baseSolution();
     corrected.fixType = 4;
     corrected.corrFlags = 3;
-    for (const nvbtest::Rec29Wire& record : {big, corrected}) {
+    ASSERT_EQ(nvbtest::build(exact).size(), 256u);
+    for (const nvbtest::Rec29Wire& record : {exact, big, corrected}) {
         nvbtest::Rec29Wire next = record;
         next.time += 1000;
         const Bytes first = nvbtest::build(record);
         const Bytes second = nvbtest::build(next);
-        solution_history_t history{};
-        const Bytes delta = deltaAfter(first, second, history);
+        const Bytes delta = deltaAfter(first, second);
         solution_history_t reader = readerAfter(first);
         std::uint8_t status = 0;
         solution_image_t image;
@@ -123,28 +120,12 @@ TEST(SolutionCodec, FormsTheDeltaCannotCarryGoOutAsReferences) {
         for (const Bytes& plain : {first, second}) {
             const Bytes compact = codec.compress(plain);
             EXPECT_EQ(compact[2], kTypeSolutionReference);
+            EXPECT_EQ(compact.size(), plain.size() - 1);
+            EXPECT_EQ(compact[1] + 256u * compact[3], compact.size());
             ASSERT_EQ(codec.expand(compact, expanded), 0);
             EXPECT_EQ(expanded, plain);
         }
     }
-}
-
-TEST(SolutionCodec, ReferenceOfA256ByteRecordLowersTheLengthAsOneNumber) {
-    nvbtest::Rec29Wire record = baseSolution();
-    Bytes plain = nvbtest::build(record);
-    while (plain.size() < 256) {
-        record.svs.push_back({1, 0, 0});
-        plain = nvbtest::build(record);
-    }
-    ASSERT_EQ(plain.size(), 256u);
-    nvbtest::CompactLink codec = link();
-    const Bytes compact = codec.compress(plain);
-    EXPECT_EQ(compact.size(), 255u);
-    EXPECT_EQ(compact[1], 255);
-    EXPECT_EQ(compact[3], 0);
-    Bytes expanded;
-    ASSERT_EQ(codec.expand(compact, expanded), 0);
-    EXPECT_EQ(expanded, plain);
 }
 
 TEST(SolutionCodec, FrontEndOfAnEmptyFrameIsStatus8AndWritesNothing) {

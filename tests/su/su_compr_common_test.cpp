@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -17,9 +16,7 @@ using nvbtest::exactCopy;
 
 Bytes bigEndian(std::uint64_t value, std::size_t width) {
     Bytes bytes;
-    bytes.reserve(width);
-    for (std::size_t i = 0; i < width; ++i, value >>= 8) bytes.push_back(static_cast<std::uint8_t>(value));
-    std::reverse(bytes.begin(), bytes.end());
+    nvbtest::putBigEndian(bytes, value, static_cast<unsigned>(width));
     return bytes;
 }
 

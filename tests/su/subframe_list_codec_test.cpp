@@ -169,7 +169,7 @@ TYPED_TEST(DictionaryCodec, LongSequenceComesBackByteForByteThroughStepAndDispat
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        nvbtest::Handle dispatch;
+    nvbtest::Handle dispatch;
     std::set<std::string> seen;
     std::size_t compactBytes = 0, plainBytes = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
@@ -193,7 +193,7 @@ TYPED_TEST(DictionaryCodec, AfterALostRecordNothingWrongIsDeliveredAndAllComesRi
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        nvbtest::Handle reader;
+    nvbtest::Handle reader;
     std::size_t lost = 0, restart = 0, refused = 0;
     for (std::size_t i = 0; i < plains.size(); ++i) {
         if (!Codec::kRestartsItself && lost != 0 && i == lost + 300) {
@@ -225,7 +225,7 @@ TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWa
     using Codec = TypeParam;
     const std::vector<Bytes> plains = Codec::sequence();
     nvbtest::CompactLink codec = Codec::codec();
-        std::vector<Bytes> compacts;
+    std::vector<Bytes> compacts;
     const std::size_t half = plains.size() / 2;
     for (std::size_t i = 0; i <= half; ++i) compacts.push_back(codec.compress(plains[i]));
     Bytes expanded;
@@ -244,11 +244,7 @@ TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWa
 struct CacheSides {
     std::unique_ptr<subframe_cache_t> writer = std::make_unique<subframe_cache_t>();
     std::unique_ptr<subframe_cache_t> reader = std::make_unique<subframe_cache_t>();
-    CacheSides() {
-        std::memset(writer.get(), 0, sizeof *writer);
-        std::memset(reader.get(), 0, sizeof *reader);
-        writer->first = 1;
-    }
+    CacheSides() { writer->first = 1; }
     // The compact form, empty when the record stays out; the rebuilt record beside it.
     std::pair<Bytes, Bytes> pass(const Bytes& plain) {
         Bytes compact(64, 0), rebuilt(64, 0);
@@ -260,24 +256,23 @@ struct CacheSides {
     }
 };
 
-nvbtest::Rec25Wire block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600) {
-    nvbtest::Rec25Wire record;
-    record.time = time;
-    record.week = 2301;
-    record.tag = 131;
+// A record 25 of `slot` whose data bytes count up from `seed`.
+Bytes block(std::uint8_t slot, std::uint8_t seed, std::uint32_t time = 345600, std::uint16_t week = 2301,
+            std::uint8_t subtype = 0, std::uint8_t flag = 0) {
+    nvbtest::Rec25Wire record{.time = time, .week = week, .tag = 131, .subtype = subtype, .flag = flag};
     for (std::size_t i = 0; i < record.data.size(); ++i) record.data[i] = static_cast<std::uint8_t>(seed * 31 + i);
     record.data[0] = static_cast<std::uint8_t>(slot << 2);
-    return record;
+    return nvbtest::build(record);
 }
 
 TEST(SubframeCache, RingOfTwentyHoldsNineteenBlocksAndTheTwentiethPushesTheTailOn) {
     CacheSides sides;
-    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, i))).first.size(), 41u);
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(block(5, 0))).first.size(), 41u) << "the first fell out";
-    const auto [reference, rebuilt] = sides.pass(nvbtest::buildRec25(block(5, 2)));
+    for (std::uint8_t i = 0; i < 20; ++i) EXPECT_EQ(sides.pass(block(5, i)).first.size(), 41u);
+    EXPECT_EQ(sides.pass(block(5, 0)).first.size(), 41u) << "the first fell out";
+    const auto [reference, rebuilt] = sides.pass(block(5, 2));
     EXPECT_EQ(reference.size(), 11u);
     EXPECT_EQ(reference[5], 2) << "ring position";
-    EXPECT_EQ(rebuilt, nvbtest::buildRec25(block(5, 2)));
+    EXPECT_EQ(rebuilt, block(5, 2));
 }
 
 TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
@@ -291,19 +286,14 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
     for (const Case& c : cases) {
         CacheSides sides;
         const std::uint32_t start = 700000;
-        sides.pass(nvbtest::buildRec25(block(9, 1, start)));
-        nvbtest::Rec25Wire again = block(9, 1, static_cast<std::uint32_t>(start + c.difference));
-        again.week = 2302;
-        const auto [compact, rebuilt] = sides.pass(nvbtest::buildRec25(again));
+        sides.pass(block(9, 1, start));
+        const auto [compact, rebuilt] = sides.pass(block(9, 1, static_cast<std::uint32_t>(start + c.difference), 2302));
         ASSERT_EQ(compact.size() == 11, c.reference) << c.difference;
         if (!c.reference) continue;
         EXPECT_EQ(readU16BigEndian(&compact[6]), c.delta) << c.difference;
         // The reference carries no week: the rebuilt record counts the same instant from the
         // cache's week, and its carried checksum is the original's.
-        nvbtest::Rec25Wire expected = again;
-        expected.week = 2301;
-        expected.time = start + c.delta;
-        Bytes sameInstant = nvbtest::buildRec25(expected);
+        Bytes sameInstant = block(9, 1, start + c.delta);
         std::copy(compact.end() - 2, compact.end(), sameInstant.end() - 3);
         EXPECT_EQ(rebuilt, sameInstant) << c.difference;
     }
@@ -311,39 +301,32 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
 
 TEST(SubframeCache, BlocksThatStayOutOrMissTheRing) {
     CacheSides sides;
-    nvbtest::Rec25Wire odd = block(63, 1);
-    EXPECT_TRUE(sides.pass(nvbtest::buildRec25(odd)).first.empty()) << "slot 63 writes nothing";
+    EXPECT_TRUE(sides.pass(block(63, 1)).first.empty()) << "slot 63 writes nothing";
     EXPECT_EQ(sides.writer->first, 1) << "and leaves the cache alone";
 
-    nvbtest::Rec25Wire shortBlock = block(7, 4);
-    shortBlock.subtype = 2;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 42u);
-    nvbtest::Rec25Wire longBlock = shortBlock;
-    longBlock.flag = 0x40;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(longBlock)).first.size(), 46u) << "same bytes, another length";
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(shortBlock)).first.size(), 12u);
+    const Bytes shortBlock = block(7, 4, 345600, 2301, 2);
+    EXPECT_EQ(sides.pass(shortBlock).first.size(), 42u);
+    EXPECT_EQ(sides.pass(block(7, 4, 345600, 2301, 2, 0x40)).first.size(), 46u) << "same bytes, another length";
+    EXPECT_EQ(sides.pass(shortBlock).first.size(), 12u);
 }
 
 TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
     CacheSides sides;
-    nvbtest::Rec25Wire wide = block(2, 1);
-    wide.subtype = 2;
-    Bytes withoutEnd = nvbtest::buildRec25(wide);
+    Bytes withoutEnd = block(2, 1, 345600, 2301, 2);
     withoutEnd.pop_back();
     withoutEnd[1] = 42;
     withoutEnd[2] = 86;
     withoutEnd[3] = 0;
-    EXPECT_EQ(sides.pass(nvbtest::buildRec25(wide)).first, withoutEnd);
-    const Bytes later = sides.pass(nvbtest::buildRec25(block(2, 2))).first;
+    EXPECT_EQ(sides.pass(block(2, 1, 345600, 2301, 2)).first, withoutEnd);
+    const Bytes later = sides.pass(block(2, 2)).first;
     EXPECT_EQ((std::vector<std::uint8_t>{later[1], later[2], later[3]}), (std::vector<std::uint8_t>{41, 84, 0}));
-    wide.data[5] ^= 1;
-    const auto [literal, rebuilt] = sides.pass(nvbtest::buildRec25(wide));
+    const auto [literal, rebuilt] = sides.pass(block(2, 3, 345600, 2301, 2));
     EXPECT_EQ(literal[3], 1);
     EXPECT_EQ(rebuilt[3], 2);
 }
 
 TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMinutes) {
-    nvbtest::Encoder state(0);
+    nvbtest::CompactLink codec = Subframes::codec();
     struct Step {
         std::uint32_t time;
         std::uint16_t week;
@@ -352,14 +335,9 @@ TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMin
     const Step steps[] = {{345600, 2301, 85}, {345601, 2301, 84}, {346199, 2301, 84}, {346200, 2301, 85},
                           {346201, 2301, 84}, {346100, 2301, 85}, {346101, 2302, 85}, {346102, 2302, 84}};
     for (const Step& step : steps) {
-        nvbtest::Rec25Wire record = block(4, 1, step.time);
-        record.week = step.week;
-        const Bytes plain = nvbtest::buildRec25(record);
-        nvb_frame_t in{}, out{};
-        std::memcpy(in.data, plain.data(), plain.size());
-        in.length = static_cast<std::uint16_t>(plain.size());
-        EXPECT_EQ(compressRec25Frame(*state.get(), in, out), out.data[1]);
-        EXPECT_EQ(out.data[2], step.type) << step.time << " week " << step.week;
+        const Bytes compact = codec.compress(block(4, 1, step.time, step.week));
+        EXPECT_EQ(compact.size(), compact[1]);
+        EXPECT_EQ(compact[2], step.type) << step.time << " week " << step.week;
     }
 }
 
@@ -404,9 +382,9 @@ TEST(ListCodec, CodeByteAndPatchSizes) {
     };
     for (const Case& c : cases) {
         ListSides sides;
-        sides.pass(nvbtest::buildRec40(list(1000, base)));
-        sides.pass(nvbtest::buildRec40(list(2000, base)));
-        const Bytes plain = nvbtest::buildRec40(c.next);
+        sides.pass(nvbtest::build(list(1000, base)));
+        sides.pass(nvbtest::build(list(2000, base)));
+        const Bytes plain = nvbtest::build(c.next);
         const auto [compact, rebuilt] = sides.pass(plain);
         EXPECT_EQ(compact[4], c.code) << c.what;
         EXPECT_EQ(compact.size(), c.length) << c.what;
@@ -417,7 +395,7 @@ TEST(ListCodec, CodeByteAndPatchSizes) {
 }
 
 TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
-    nvbtest::Encoder state(0);
+    nvbtest::CompactLink codec = Lists::codec();
     struct Step {
         const char* what;
         nvbtest::Rec40Wire record;
@@ -436,16 +414,14 @@ TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
         {"the same list again", list(8000, {{1, 10}, {2, 21}, {3, 30}}), 41},
     };
     for (const Step& step : steps) {
-        const Bytes plain = nvbtest::buildRec40(step.record);
-        nvb_frame_t in{}, out{};
-        std::memcpy(in.data, plain.data(), plain.size());
-        in.length = static_cast<std::uint16_t>(plain.size());
-        const list_state_t before = state->listState;
-        EXPECT_EQ(compressRec40Frame(*state.get(), in, out), out.data[1]) << step.what;
-        EXPECT_EQ(out.data[2], step.type) << step.what;
+        const Bytes plain = nvbtest::build(step.record);
+        const list_state_t before = codec.encoder().listState;
+        const Bytes compact = codec.compress(plain);
+        EXPECT_EQ(compact.size(), compact[1]) << step.what;
+        EXPECT_EQ(compact[2], step.type) << step.what;
         if (step.type == 40) {
-            EXPECT_EQ(Bytes(out.data, out.data + out.length), plain) << step.what;
-            EXPECT_EQ(std::memcmp(&before, &state->listState, sizeof before), 0) << step.what;
+            EXPECT_EQ(compact, plain) << step.what;
+            EXPECT_EQ(std::memcmp(&before, &codec.encoder().listState, sizeof before), 0) << step.what;
         }
     }
 }

@@ -3,6 +3,7 @@
 #include "common/byte_sum.h"
 #include "external/su/epoch_image.h"
 #include "pipeline/serialisation.h"
+#include "support/host.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,62 +17,14 @@ namespace nvbtest {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr double kSpeedOfLight = 299792458.0;
-constexpr double kWavelengthL1 = 0.19029367279836487;
-constexpr double kWavelengthL2 = 0.24421021342456825;
 constexpr double kRollover = 33554431.0;
 constexpr std::uint32_t kWeekMs = 604800000;
 
 std::uint32_t timeAt(const SequenceShape& shape, std::size_t index) {
-    std::uint32_t time = shape.startMs + static_cast<std::uint32_t>(index) * shape.stepMs;
+    std::uint32_t time = 345600000 + static_cast<std::uint32_t>(index) * 1000;
     if (shape.backAt >= 0 && static_cast<long>(index) >= shape.backAt) time -= shape.backStepMs;
     return time;
-}
-
-// A satellite's pass over the sky: range, phase and angles as smooth functions of time.
-struct Pass {
-    std::uint8_t svId;
-    double riseS;
-    double setS;
-    double range0;
-    double rate;
-    double accel;
-    double bias1;
-    double bias2;
-    double iono;
-    double azimuth0;
-    bool dual;
-
-    [[nodiscard]] bool visible(double t) const { return t >= riseS && t < setS; }
-    [[nodiscard]] double fraction(double t) const { return (t - riseS) / (setS - riseS); }
-    [[nodiscard]] double elevation(double t) const { return 5.0 + 80.0 * std::sin(kPi * fraction(t)); }
-    [[nodiscard]] double range(double t) const {
-        const double tau = t - riseS;
-        return range0 + rate * tau + 0.5 * accel * tau * tau;
-    }
-};
-
-std::vector<Pass> makeSky(std::mt19937& rng, double spanS, std::size_t passes, double dualShare) {
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<Pass> sky;
-    for (std::size_t k = 0; k < passes; ++k) {
-        Pass pass{};
-        pass.svId = static_cast<std::uint8_t>(1 + k % 32);
-        // Some satellites are up from the start, the rest rise and set during the span.
-        pass.riseS = k < passes / 2 ? -unit(rng) * spanS : unit(rng) * spanS * 0.8;
-        pass.setS = pass.riseS + spanS * (0.3 + unit(rng));
-        pass.range0 = 21.0e6 + 4.0e6 * unit(rng);
-        pass.rate = -800.0 + 1600.0 * unit(rng);
-        pass.accel = -0.15 + 0.3 * unit(rng);
-        pass.bias1 = std::floor(unit(rng) * 1.0e6);
-        pass.bias2 = std::floor(unit(rng) * 1.0e6);
-        pass.iono = 2.0 + 8.0 * unit(rng);
-        pass.azimuth0 = 360.0 * unit(rng);
-        pass.dual = unit(rng) < dualShare;
-        sky.push_back(pass);
-    }
-    return sky;
 }
 
 struct SignalModel {
@@ -112,30 +65,21 @@ struct ClockModel {
     std::int64_t value = 0;
 };
 
-// Bands that the wavelength table knows, per system.
-const std::vector<std::uint8_t>& bandsOf(std::uint8_t system) {
-    static const std::vector<std::uint8_t> gps = {0, 1, 2, 0, 1, 2};
-    static const std::vector<std::uint8_t> sbas = {0, 2, 0, 2, 0, 2};
-    static const std::vector<std::uint8_t> glonass = {0, 1, 9, 0, 1, 9};
-    static const std::vector<std::uint8_t> galileo = {0, 2, 4, 3, 5, 10};
-    static const std::vector<std::uint8_t> qzss = {0, 1, 2, 5, 11, 0};
-    static const std::vector<std::uint8_t> beidou = {6, 7, 8, 2, 4, 6};
-    static const std::vector<std::uint8_t> irnss = {2, 11, 2, 11, 2, 11};
-    switch (system) {
-    case 1: return sbas;
-    case 2: return glonass;
-    case 3: return galileo;
-    case 4: return qzss;
-    case 7: return beidou;
-    case 9: return irnss;
-    default: return gps;
-    }
-}
+// Bands that the wavelength table knows, per system from 0 to 9; 5, 6 and 8 as 0.
+constexpr std::uint8_t kBands[10][6] = {
+    {0, 1, 2, 0, 1, 2}, {0, 2, 0, 2, 0, 2}, {0, 1, 9, 0, 1, 9}, {0, 2, 4, 3, 5, 10}, {0, 1, 2, 5, 11, 0},
+    {0, 1, 2, 0, 1, 2}, {0, 1, 2, 0, 1, 2}, {6, 7, 8, 2, 4, 6}, {0, 1, 2, 0, 1, 2},  {2, 11, 2, 11, 2, 11}};
 
 void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
 }
 
+std::int64_t getSigned(const std::uint8_t* field, std::size_t width) {
+    std::int64_t value = (field[0] & 0x80) != 0 ? -1 : 0;
+    for (std::size_t i = 0; i < width; ++i)
+        value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
+    return value;
+}
 
 class EpochGenerator {
 public:
@@ -193,7 +137,7 @@ private:
             sat.slips[0] = static_cast<std::uint8_t>(integer(0, 255));
             sat.slips[1] = static_cast<std::uint8_t>(integer(0, 255));
         }
-        const auto& bands = bandsOf(sat.system);
+        const std::uint8_t* bands = kBands[sat.system];
         const std::size_t count = options_.riseAndSet ? 1 + index % options_.maxSignals : options_.maxSignals;
         for (std::size_t s = 0; s < count; ++s) {
             SignalModel signal;
@@ -309,7 +253,7 @@ private:
         image.stx = 0x02;
         image.recordType = 27;
         std::uint64_t ms = options_.startTimeMs + static_cast<std::uint64_t>(epoch) * options_.intervalMs;
-        const std::uint16_t week = static_cast<std::uint16_t>(options_.week + ms / kWeekMs);
+        const std::uint16_t week = static_cast<std::uint16_t>(2210 + ms / kWeekMs);
         ms %= kWeekMs;
         image.weekNum[0] = static_cast<std::uint8_t>(week >> 8);
         image.weekNum[1] = static_cast<std::uint8_t>(week);
@@ -430,66 +374,7 @@ Bytes datOf(Record& rec) {
     return dat;
 }
 
-Bytes structureDat(std::uint8_t type, const void* structure, std::size_t size) {
-    Bytes dat(size + 4);
-    dat[0] = 0x74;
-    dat[1] = static_cast<std::uint8_t>(dat.size());
-    dat[2] = 0;
-    dat[3] = type;
-    std::memcpy(dat.data() + 4, structure, size);
-    return dat;
-}
-
 }  // namespace
-
-std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
-    std::mt19937 rng(shape.seed);
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<Rec11Wire> records;
-    double latitude = 0.2512 * 2147483648.0;
-    double longitude = 0.0431 * 1073741824.0;
-    double height = 312.5 * 4096.0;
-    double clock = 1500.0 * 512.0;
-    std::vector<std::uint8_t> sats = {2, 5, 7, 9, 12, 15, 18, 21, 24, 27};
-    std::uint8_t fixStatus = 3;
-    for (std::size_t i = 0; i < shape.count; ++i) {
-        const double dt = shape.stepMs / 1000.0;
-        const double northRate = 1075.0 + 40.0 * std::sin(i / 37.0);
-        const double eastRate = 520.0 + 25.0 * std::cos(i / 23.0);
-        latitude += northRate * dt + noise(rng) * 3.0;
-        longitude += eastRate * dt + noise(rng) * 3.0;
-        height += (0.2 * std::sin(i / 11.0)) * 4096.0 * dt + noise(rng) * 200.0;
-        clock += 0.6 * 512.0 * dt + noise(rng) * 50.0;
-        if (unit(rng) < 0.04 && sats.size() < 14) {
-            sats.push_back(static_cast<std::uint8_t>(1 + rng() % 32));
-        } else if (unit(rng) < 0.04 && sats.size() > 5) {
-            sats.erase(sats.begin() + static_cast<long>(rng() % sats.size()));
-        }
-        if (unit(rng) < 0.02) fixStatus = static_cast<std::uint8_t>(1 + rng() % 4);
-
-        Rec11Wire record;
-        record.latitude = static_cast<std::int32_t>(std::llround(latitude));
-        record.longitude = static_cast<std::int32_t>(std::llround(longitude));
-        record.height = static_cast<std::int32_t>(std::llround(height));
-        record.clockOffset = static_cast<std::int32_t>(std::llround(clock));
-        record.clockDrift = static_cast<std::int32_t>(std::llround(0.6 * 131072.0 + noise(rng) * 900.0));
-        record.pdop = static_cast<std::uint16_t>(14 + sats.size() % 5);
-        record.velocity[0] = static_cast<std::int32_t>(std::llround(northRate * 1.0e5 + noise(rng) * 2.0e4));
-        record.velocity[1] = static_cast<std::int32_t>(std::llround(eastRate * 4.0e4 + noise(rng) * 1.0e4));
-        record.velocity[2] = static_cast<std::int32_t>(std::llround(0.2 * 2097152.0 * std::sin(i / 11.0)));
-        record.time = timeAt(shape, i);
-        record.fixStatus = fixStatus;
-        record.svIds = sats;
-        for (std::size_t k = 0; k < sats.size(); ++k) record.channels.push_back(static_cast<std::uint8_t>(k));
-        // A stretch of the older form without the residual bytes.
-        const auto latitudeResidual = static_cast<std::uint8_t>(rng() % 128);
-        const auto longitudeResidual = static_cast<std::uint8_t>(rng() % 128);
-        if (i % 300 < 250) record.residuals = {latitudeResidual, longitudeResidual};
-        records.push_back(record);
-    }
-    return records;
-}
 
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
     std::mt19937 rng(shape.seed);
@@ -505,13 +390,12 @@ std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
     for (std::uint8_t id : {3, 8, 14, 19}) svs.push_back({id, 2, 2});
     double clockTerm[3] = {1.2e5, -4.0e7, 6.5e3};
     for (std::size_t i = 0; i < shape.count; ++i) {
-        const double dt = shape.stepMs / 1000.0;
         const double north = 12.0 + 2.0 * std::sin(i / 29.0);
         const double east = -4.0 + 1.5 * std::cos(i / 17.0);
-        latitude += north * dt * 172.8e3 + noise(rng) * 900.0;
-        longitude += east * dt * 121.4e3 + noise(rng) * 900.0;
-        height += 0.1 * std::sin(i / 13.0) * 4096.0 * dt + noise(rng) * 90.0;
-        clockOffset += 2.0e-5 * 67108864.0 * dt + noise(rng) * 30.0;
+        latitude += north * 172.8e3 + noise(rng) * 900.0;
+        longitude += east * 121.4e3 + noise(rng) * 900.0;
+        height += 0.1 * std::sin(i / 13.0) * 4096.0 + noise(rng) * 90.0;
+        clockOffset += 2.0e-5 * 67108864.0 + noise(rng) * 30.0;
         for (double& term : clockTerm) term += noise(rng) * 40.0 + 3.0;
         if (unit(rng) < 0.05 && svs.size() < 24) {
             svs.push_back({static_cast<std::uint8_t>(1 + rng() % 36), static_cast<std::uint8_t>(rng() % 4 == 0 ? 2 : 0),
@@ -566,58 +450,76 @@ std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
     return records;
 }
 
+// The solutions' fixes as the older record carries them: degrees at 2^40 and 2^39 become
+// semicircles at 2^31 and 2^30, a clock in ms at 2^26 metres at 2^9.
+std::vector<Rec11Wire> positionSequence(const SequenceShape& shape) {
+    std::vector<Rec11Wire> records;
+    for (const Rec29Wire& fix : solutionSequence(shape)) {
+        Rec11Wire record;
+        record.latitude = static_cast<std::int32_t>(std::llround(std::ldexp(fix.latitude / 180.0, -9)));
+        record.longitude = static_cast<std::int32_t>(std::llround(std::ldexp(fix.longitude / 180.0, -9)));
+        record.height = fix.height;
+        record.clockOffset = static_cast<std::int32_t>(std::llround(std::ldexp(fix.clockOffset * 299792.458, -17)));
+        record.clockDrift = fix.clockDrift;
+        record.pdop = static_cast<std::uint16_t>(14 + fix.svs.size() % 5);
+        for (std::size_t k = 0; k < 3; ++k) record.velocity[k] = fix.velocity[k] * (k == 2 ? 1 : 16);
+        record.time = fix.time;
+        record.fixStatus = static_cast<std::uint8_t>(1 + fix.fixType % 4);
+        for (const Rec29Wire::Sv& sv : fix.svs) {
+            record.channels.push_back(static_cast<std::uint8_t>(record.svIds.size()));
+            record.svIds.push_back(sv.id);
+        }
+        // A stretch of the older form without the residual bytes.
+        if ((records.size() % 300) < 250) {
+            record.residuals = {static_cast<std::uint8_t>(fix.latitude & 0x7F),
+                                static_cast<std::uint8_t>(fix.longitude & 0x7F)};
+        }
+        records.push_back(record);
+    }
+    return records;
+}
+
 std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double dualShare, std::size_t maxSats) {
-    std::mt19937 rng(shape.seed);
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const double spanS = shape.count * shape.stepMs / 1000.0;
-    const std::vector<Pass> sky = makeSky(rng, spanS, 26, dualShare);
+    // The sky of the epoch sequences, as the older record carries it: the first signal of
+    // each satellite, and the second on a `dualShare` of those that have one; a slip marks
+    // the satellite, an unresolved half cycle sets its flag.
+    EpochSequenceOptions options{.seed = shape.seed, .epochs = shape.count, .maxSignals = 2};
+    options.doppler = options.longFlags = options.clockBlock = false;
+    const auto frames = makeEpochSequence(options);
+    auto image = std::make_unique<epoch_image_t>();
     std::vector<Rec17Wire> records;
-    double clockMs = 0.35;
-    for (std::size_t i = 0; i < shape.count; ++i) {
-        const double t = i * shape.stepMs / 1000.0;
-        // The receiver clock drifts and is stepped back by 1 ms now and then.
-        clockMs += 2.0e-5 * shape.stepMs / 1000.0;
-        if (clockMs > 0.9) clockMs -= 1.0;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        readPlainEpoch(frames[i], *image);
         Rec17Wire record;
         record.time = timeAt(shape, i);
-        record.clockOffset = static_cast<std::int32_t>(std::llround(clockMs * 524288.0));
-        std::vector<const Pass*> up;
-        for (const Pass& pass : sky) {
-            if (pass.visible(t)) up.push_back(&pass);
-        }
-        std::sort(up.begin(), up.end(), [](const Pass* a, const Pass* b) { return a->svId < b->svId; });
-        up.erase(std::unique(up.begin(), up.end(), [](const Pass* a, const Pass* b) { return a->svId == b->svId; }),
-                 up.end());
-        if (up.size() > maxSats) up.resize(maxSats);
-        for (const Pass* pass : up) {
+        record.clockOffset = static_cast<std::int32_t>(getSigned(image->clkOffset, 3));
+        for (std::size_t row = 0; row < image->nSv; ++row) {
+            const epoch_sat_row_t& sv = image->sats[row];
+            const epoch_sig_row_t* signal = sv.signals;
+            const bool dual = sv.nMeas > 1 && (sv.svId % 10) < dualShare * 10;
             Rec17Sat sat;
-            const double elevation = pass->elevation(t);
-            const double clockRange = clockMs * 1.0e-3 * kSpeedOfLight;
-            const double range = pass->range(t) + clockRange + noise(rng) * 0.3;
-            sat.svId = pass->svId;
-            sat.svFlags = static_cast<std::uint8_t>(0xD8 | (pass->dual ? 0x21 : 0x00));
-            sat.svFlags2 = pass->dual ? 4 : 0;
-            // Rarely a half-cycle mark, and rarely flags that only the two-byte form carries.
-            if (unit(rng) < 0.01) sat.svFlags |= 0x02;
-            if (unit(rng) < 0.003) sat.svFlags2 |= 0x01;
-            sat.elevation = static_cast<std::uint8_t>(std::lround(elevation));
-            sat.azimuth = static_cast<std::uint8_t>(std::lround(std::fmod(pass->azimuth0 + 40.0 * pass->fraction(t), 360.0) / 2.0));
-            const double snr = 32.0 + 18.0 * std::sin(elevation * kPi / 180.0) + noise(rng) * 0.4;
-            sat.snr = static_cast<std::uint8_t>(std::lround(snr * 4.0));
-            if (unit(rng) < 0.002) sat.snr = 0;
-            sat.range = static_cast<std::uint32_t>(std::llround(range * 128.0));
-            const double carrier = -(pass->range(t) + clockRange - pass->iono) / kWavelengthL1 + pass->bias1;
-            sat.phase = std::llround((carrier + noise(rng) * 0.01) * 32768.0);
-            if ((sat.svFlags & 1) != 0) {
-                const double iono2 = pass->iono * 1.6469;
-                sat.snr2 = static_cast<std::uint8_t>(std::lround((snr - 8.0) * 4.0));
-                const double carrier2 = -(pass->range(t) + clockRange - iono2) / kWavelengthL2 + pass->bias2;
-                sat.phase2 = std::llround((carrier2 + noise(rng) * 0.01) * 32768.0);
-                sat.rangeDiff2 = static_cast<std::int16_t>(std::lround((iono2 - pass->iono + noise(rng) * 0.3) * 256.0));
+            sat.svId = sv.svId;
+            sat.svFlags =
+                static_cast<std::uint8_t>(0xD8 | (dual ? 0x21 : 0) | ((signal[0].measFlags1 & 0x20) ? 0 : 0x02));
+            sat.svFlags2 = static_cast<std::uint8_t>((dual ? 4 : 0) | ((signal[0].measFlags1 & 0x08) ? 1 : 0));
+            sat.elevation = sv.elevation;
+            sat.azimuth = sv.azimuth;
+            sat.snr = static_cast<std::uint8_t>((signal[0].snr[0] << 8 | signal[0].snr[1]) * 4 / 10);
+            sat.range = nvb::readBigEndian32(signal[0].range);
+            sat.phase = getSigned(signal[0].phase, 6);
+            if (dual) {
+                sat.snr2 = static_cast<std::uint8_t>((signal[1].snr[0] << 8 | signal[1].snr[1]) * 4 / 10);
+                sat.phase2 = getSigned(signal[1].phase, 6);
+                sat.rangeDiff2 = static_cast<std::int16_t>(getSigned(signal[1].range, 2));
             }
             record.sats.push_back(sat);
         }
+        std::sort(record.sats.begin(), record.sats.end(),
+                  [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId < b.svId; });
+        record.sats.erase(std::unique(record.sats.begin(), record.sats.end(),
+                                      [](const Rec17Sat& a, const Rec17Sat& b) { return a.svId == b.svId; }),
+                          record.sats.end());
+        if (record.sats.size() > maxSats) record.sats.resize(maxSats);
         records.push_back(record);
     }
     return records;
@@ -628,9 +530,7 @@ void settleEpochLengths(epoch_image_t& image) {
     epoch_clock_block_t& block = image.clockBlock;
     std::size_t blockLength = 2;
     for (std::size_t term = 0; term < ((block.blockFlags >> 4) & 7u); ++term) {
-        std::int64_t value = (block.clockValues[term][0] & 0x80) ? -1 : 0;
-        for (std::size_t i = 0; i < 7; ++i) value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | block.clockValues[term][i]);
-        const std::size_t width = signedWidth(value);
+        const std::size_t width = signedWidth(getSigned(block.clockValues[term], 7));
         block.clockTypes[term] = static_cast<std::uint8_t>((block.clockTypes[term] & 0x8F) | width << 4);
         blockLength += 1 + width;
     }
@@ -674,6 +574,14 @@ Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit) {
 void readPlainEpoch(const Bytes& frame, epoch_image_t& image) {
     const nvb::EpochParse parse = nvb::parseEpochImage(image, frame.data(), frame.size());
     if (parse.status != 0 || parse.length != frame.size()) throw std::runtime_error("not an epoch record");
+}
+
+Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>& edit) {
+    auto image = std::make_unique<epoch_image_t>();
+    readPlainEpoch(frame, *image);
+    edit(*image);
+    settleEpochLengths(*image);
+    return writePlainEpoch(*image);
 }
 
 std::vector<Bytes> makeEpochSequence(const EpochSequenceOptions& options) { return EpochGenerator(options).run(); }
@@ -771,10 +679,7 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
                 old.lists[i] = static_cast<std::uint8_t>(i);
                 old.lists[old.nSv + i] = static_cast<std::uint8_t>(3 + i);
             }
-            Bytes dat = structureDat(11, &old, sizeof old);
-            dat.resize(4 + 2u * old.nSv + 78);
-            dat[1] = static_cast<std::uint8_t>(dat.size());
-            log.push_back(dat);
+            log.push_back(structDat(11, 0, &old, 4 + 2u * old.nSv + 78));
 
             auto rec17 = std::make_unique<Rec17>();
             rec17->receiveTime = time;
@@ -797,12 +702,7 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
         if (shape.opaqueRecords && k % 7 == 3) {
             Bytes body(20 + k % 60);
             for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * k);
-            Bytes dat(body.size() + 4);
-            dat[0] = 0x74;
-            dat[1] = static_cast<std::uint8_t>(dat.size());
-            dat[3] = k % 2 == 0 ? 14 : 23;
-            std::copy(body.begin(), body.end(), dat.begin() + 4);
-            log.push_back(dat);
+            log.push_back(shortDat(k % 2 == 0 ? 14 : 23, 0, body));
         }
     }
     return log;

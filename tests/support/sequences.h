@@ -11,28 +11,28 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace nvbtest {
 
-// `stepMs` apart, with the time set back by `backStepMs` at record `backAt` (none when
+// A second apart, with the time set back by `backStepMs` at record `backAt` (none when
 // negative).
 struct SequenceShape {
     std::size_t count = 200;
-    std::uint32_t startMs = 345600000;
-    std::uint32_t stepMs = 1000;
     long backAt = -1;
     std::uint32_t backStepMs = 0;
     std::uint32_t seed = 1;
 };
 
-// A moving position whose satellites come and go, with a stretch of the older form.
-std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
-// Solutions cycle through the optional blocks: block 3 by fix type, block 4 in both
-// lengths, the clock block, and the flag that predicts sigmaU.
+// A moving receiver whose satellites come and go. Solutions cycle through the optional
+// blocks: block 3 by fix type, block 4 in both lengths, the clock block, and the flag that
+// predicts sigmaU; positions are the same fixes, with a stretch of the older form.
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape);
-// Satellites rise and set; `dualShare` of them (0 to 1) carry the second block, and
-// `maxSats` caps the sky so that long records stay within 511 bytes.
+std::vector<Rec11Wire> positionSequence(const SequenceShape& shape);
+// The sky of the epoch sequences: `dualShare` (0 to 1) of the satellites with a second
+// signal carry the second block, and `maxSats` caps the sky so that long records stay
+// within 511 bytes.
 std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double dualShare = 0.7,
                                            std::size_t maxSats = 14);
 
@@ -51,8 +51,7 @@ struct EpochSequenceOptions {
     std::uint32_t seed = 1;
     std::size_t epochs = 3000;
     std::uint32_t intervalMs = 1000;
-    std::uint16_t week = 2210;
-    std::uint32_t startTimeMs = 302400000;  // time of week of the first epoch
+    std::uint32_t startTimeMs = 302400000;  // time of week of the first epoch, in week 2210
     std::size_t satellites = 30;            // in view at a time
     std::size_t maxSignals = 3;             // per satellite, 1 to 6
     // Signals carry doppler (measFlags1 bit 2), as a writer with epochKeepDoppler makes them.
@@ -80,6 +79,8 @@ void settleEpochLengths(epoch_image_t& image);
 Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit = 5120);
 // Reads a plain record back into an image; throws when it does not parse.
 void readPlainEpoch(const Bytes& frame, epoch_image_t& image);
+// The plain record 27 `frame` with `edit` applied to its image and the lengths settled.
+Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>& edit);
 
 struct LogShape {
     int epochs = 300;

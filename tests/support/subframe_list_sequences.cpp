@@ -9,18 +9,6 @@ namespace {
 
 constexpr std::uint32_t kWeekSeconds = 604800;
 
-void putBigEndian(Bytes& bytes, std::uint64_t value, unsigned width) {
-    for (unsigned i = width; i-- > 0;) bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-}
-
-void closeRecord(Bytes& bytes) {
-    bytes[1] = static_cast<std::uint8_t>(bytes.size() + 3);
-    std::uint16_t sum = 0;
-    for (std::uint8_t byte : bytes) sum = static_cast<std::uint16_t>(sum + byte);
-    putBigEndian(bytes, sum, 2);
-    bytes.push_back(3);
-}
-
 struct Satellite {
     std::uint8_t tag;
     std::uint8_t slot;
@@ -30,8 +18,8 @@ struct Satellite {
 
 // The content of one message of a satellite's cycle; three of the twelve change with
 // `issue`, the rest stay for the whole sequence.
-std::array<std::uint8_t, 32> message(const Satellite& sat, unsigned index, unsigned issue, std::uint32_t seed) {
-    std::mt19937 random(seed * 7919u + sat.tag * 131u + index * 17u + (index < 3 ? issue * 1009u : 0u));
+std::array<std::uint8_t, 32> message(const Satellite& sat, unsigned index, unsigned issue) {
+    std::mt19937 random(7919u + sat.tag * 131u + index * 17u + (index < 3 ? issue * 1009u : 0u));
     std::array<std::uint8_t, 32> data{};
     for (std::uint8_t& byte : data) byte = static_cast<std::uint8_t>(random());
     data[0] = static_cast<std::uint8_t>((sat.slot << 2) | (index & 3));
@@ -40,51 +28,33 @@ std::array<std::uint8_t, 32> message(const Satellite& sat, unsigned index, unsig
 
 }  // namespace
 
-Bytes buildRec25(const Rec25Wire& record) {
-    Bytes bytes = {2, 0, 25, record.subtype};
-    putBigEndian(bytes, record.time, 4);
-    putBigEndian(bytes, record.week, 2);
-    bytes.push_back(record.tag);
-    std::size_t block = 28;
-    if (record.subtype == 2) {
-        bytes.push_back(record.flag);
-        if ((record.flag & 0x40) != 0) block = 32;
-    }
-    bytes.insert(bytes.end(), record.data.begin(), record.data.begin() + static_cast<long>(block));
-    closeRecord(bytes);
-    return bytes;
+Bytes build(const Rec25Wire& record) {
+    Body body;
+    body.u8(record.subtype).u32(record.time).u16(record.week).u8(record.tag);
+    if (record.subtype == 2) body.u8(record.flag);
+    const long block = record.subtype == 2 && (record.flag & 0x40) != 0 ? 32 : 28;
+    return plainFrame(25, body.raw(Bytes(record.data.begin(), record.data.begin() + block)).bytes);
 }
 
-Bytes buildRec40(const Rec40Wire& record) {
-    Bytes bytes = {2, 0, 40, record.subtype};
-    putBigEndian(bytes, record.week, 2);
-    putBigEndian(bytes, record.time, 4);
-    for (const auto& [id, value] : record.entries) {
-        bytes.push_back(id);
-        putBigEndian(bytes, value, 2);
-    }
-    closeRecord(bytes);
-    return bytes;
+Bytes build(const Rec40Wire& record) {
+    Body body;
+    body.u8(record.subtype).u16(record.week).u32(record.time);
+    for (const auto& [id, value] : record.entries) body.u8(id).u16(value);
+    return plainFrame(40, body.bytes);
 }
 
 std::vector<Rec25Wire> subframeSequence(const SubframeShape& shape) {
     const Satellite sats[] = {{120, 3, 0, 0}, {124, 17, 0, 0}, {126, 40, 2, 0x40}, {136, 62, 2, 0}};
     std::vector<Rec25Wire> records;
-    std::uint32_t time = kWeekSeconds - shape.secondsBeforeWeekEnd;
-    std::uint16_t week = shape.week;
+    std::uint32_t time = kWeekSeconds - 502;
+    std::uint16_t week = 2301;
     for (unsigned second = 0; records.size() < shape.count; ++second) {
         // The receiver lists the satellites of a second in no fixed order.
         for (std::size_t k = 0; k < std::size(sats) && records.size() < shape.count; ++k) {
             const std::size_t s = (k + second) % std::size(sats);
             const Satellite& sat = sats[s];
-            Rec25Wire record;
-            record.time = time;
-            record.week = week;
-            record.tag = sat.tag;
-            record.subtype = sat.subtype;
-            record.flag = sat.flag;
-            record.data = message(sat, (second + static_cast<unsigned>(s)) % 12, second / 120, shape.seed);
-            records.push_back(record);
+            records.push_back({time, week, sat.tag, sat.subtype, sat.flag,
+                               message(sat, (second + static_cast<unsigned>(s)) % 12, second / 120)});
         }
         if (second % 97 == 50 && records.size() < shape.count) {
             Rec25Wire odd = records.back();
@@ -100,12 +70,12 @@ std::vector<Rec25Wire> subframeSequence(const SubframeShape& shape) {
 }
 
 std::vector<Rec40Wire> listSequence(const ListShape& shape) {
-    std::mt19937 random(shape.seed);
+    std::mt19937 random(1);
     std::vector<std::pair<std::uint8_t, std::uint16_t>> values = {
         {1, 2345}, {2, 60000}, {3, 100}, {5, 7}, {6, 0xFFF0}, {7, 65000}, {8, 4}, {12, 1800}};
     std::vector<Rec40Wire> records;
-    std::uint32_t time = (kWeekSeconds - shape.secondsBeforeWeekEnd) * 1000u;
-    std::uint16_t week = shape.week;
+    std::uint32_t time = (kWeekSeconds - 700) * 1000u;
+    std::uint16_t week = 2301;
     for (std::size_t i = 0; i < shape.count; ++i) {
         for (auto& [id, value] : values) {
             const unsigned draw = random() % 100;
@@ -114,11 +84,7 @@ std::vector<Rec40Wire> listSequence(const ListShape& shape) {
             value = static_cast<std::uint16_t>(value + step);
         }
         if (i == shape.count / 5) values.insert(values.begin() + 3, {4, 512});
-        Rec40Wire record;
-        record.week = week;
-        record.time = time;
-        record.subtype = i % 50 == 49 ? 2 : 1;
-        record.entries = values;
+        Rec40Wire record{static_cast<std::uint8_t>(i % 50 == 49 ? 2 : 1), week, time, values};
         const std::size_t third = shape.count / 3;
         if (i >= third && i < third + 40) record.entries.erase(record.entries.begin() + 5);
         records.push_back(record);
@@ -129,18 +95,6 @@ std::vector<Rec40Wire> listSequence(const ListShape& shape) {
         }
     }
     return records;
-}
-
-std::vector<Bytes> buildAll(const std::vector<Rec25Wire>& records) {
-    std::vector<Bytes> out;
-    for (const Rec25Wire& record : records) out.push_back(buildRec25(record));
-    return out;
-}
-
-std::vector<Bytes> buildAll(const std::vector<Rec40Wire>& records) {
-    std::vector<Bytes> out;
-    for (const Rec40Wire& record : records) out.push_back(buildRec40(record));
-    return out;
 }
 
 }  // namespace nvbtest
