@@ -13,28 +13,13 @@
 #include <cmath>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 using nvbtest::Bytes;
 using nvbtest::Rec35Writer;
-
-// Every zig-zag long of an Avro payload made of longs only, block counts and ends included.
-std::vector<std::int64_t> longsOf(const Bytes& payload) {
-    std::vector<std::int64_t> out;
-    std::uint64_t value = 0;
-    int shift = 0;
-    for (const std::uint8_t byte : payload) {
-        value |= std::uint64_t{byte & 0x7Fu} << shift;
-        shift += 7;
-        if ((byte & 0x80) != 0) continue;
-        out.push_back(static_cast<std::int64_t>(value >> 1) ^ -static_cast<std::int64_t>(value & 1));
-        value = 0;
-        shift = 0;
-    }
-    return out;
-}
 
 TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
     const struct {
@@ -102,18 +87,18 @@ TEST(Rec35Prediction, FixedPointRoundsHalfAwayFromZeroUpTo2To60) {
     }
 }
 
-// Subtype 306 carries one linear array; its payload is all longs, the residuals visible.
+// Subtype 306 carries one linear array: its payload is the array of residuals.
 TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
     const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(nvb::rec35SlotOf(306).value());
     const std::vector<std::vector<std::uint32_t>> records = {
         {10, 20, 30}, {11, 21}, {12, 22, 33}, {13, 23, 36, 7}, {},
     };
     const std::vector<std::vector<std::int64_t>> wire = {
-        {3, 10, 20, 30, 0},
-        {2, 1, 1, 0},
-        {3, 0, 0, 33, 0},      // the third element came back: its history starts from 0
-        {4, 0, 0, -30, 7, 0},  // and its previous value is 0 as well: 36 - (2 x 33 - 0)
-        {0},
+        {10, 20, 30},
+        {1, 1},
+        {0, 0, 33},      // the third element came back: its history starts from 0
+        {0, 0, -30, 7},  // and its previous value is 0 as well: 36 - (2 x 33 - 0)
+        {},
     };
     Rec35Writer writer(3);
     for (const auto& values : records) {
@@ -123,42 +108,31 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
         std::copy(values.begin(), values.end(), static_cast<std::uint32_t*>(msecs.elements));
         ASSERT_EQ(writer.native(306, native.get()), 0);
     }
-    const auto reads = nvbtest::readRec35Log(writer.finish(), true);
-    const auto dats = nvbtest::deliveredDats(reads);
+    // The reader's side is the every-subtype suite's, whose arrays grow and shrink.
+    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish(), true));
     ASSERT_EQ(dats.size(), wire.size());
     for (std::size_t i = 0; i < wire.size(); ++i) {
         EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 ? 1u : 2u);
-        EXPECT_EQ(longsOf(nvbtest::datPayload(dats[i])), wire[i]) << i;
+        EXPECT_EQ(nvbtest::datPayload(dats[i]), nvbtest::AvroBytes().longArray(wire[i]).bytes) << i;
     }
-    const auto values = nvbtest::deliveredValues(reads);
-    ASSERT_EQ(values.size(), records.size());
-    EXPECT_EQ(values[2],
-              (std::vector<std::string>{"version=1", ".msecs[0]=12", ".msecs[1]=22", ".msecs[2]=33", ".msecs#3"}));
 }
 
-// The wire numbers of a delta record are the residuals: the first long of the payload is
-// gps_msecs (linear), the long behind the two doubles and floats mean_val (hold).
+// A spectrum's residuals: gps_msecs linear, mean_val and antenna_num hold, the doubles and
+// floats as they are.
 TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
     Rec35Writer writer(6);
-    for (const std::int32_t value : {10, 20, 40}) {
-        nvbtest::Fft fft;
-        fft.gps_msecs = static_cast<std::uint32_t>(value);
-        fft.mean_val = value;
-        writer.fft(fft);
+    const auto fft = [](std::uint32_t time, std::int32_t mean, std::uint32_t antenna) {
+        return nvbtest::Fft{time, 1575.42e6, 2.5f, 1.5, 30.0f, mean, {}, antenna};
+    };
+    for (const auto& [time, mean, antenna] : {std::tuple{10u, 10, 1u}, {20u, 20, 1u}, {40u, 40, 3u}}) {
+        ASSERT_EQ(writer.fft(fft(time, mean, antenna)), 0);
     }
     const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
     ASSERT_EQ(dats.size(), 4u);
-    const std::size_t meanAt = 1 + 8 + 4 + 8 + 4;
-    const struct {
-        std::uint64_t subsubtype;
-        std::int64_t gps;
-        std::int64_t mean;
-    } expected[] = {{1, 10, 10}, {2, 10, 10}, {2, 10, 20}};
+    const nvbtest::Fft residuals[] = {fft(10, 10, 1), fft(10, 10, 0), fft(10, 20, 2)};
     for (std::size_t i = 0; i < 3; ++i) {
-        const Bytes payload = nvbtest::datPayload(dats[i + 1]);
-        EXPECT_EQ(nvbtest::datSubsubtype(dats[i + 1]), expected[i].subsubtype);
-        EXPECT_EQ(payload[0], expected[i].gps * 2) << "zig-zag of the residual";
-        EXPECT_EQ(payload[meanAt], expected[i].mean * 2);
+        EXPECT_EQ(nvbtest::datSubsubtype(dats[i + 1]), i == 0 ? 1u : 2u);
+        EXPECT_EQ(nvbtest::datPayload(dats[i + 1]), nvbtest::fftPayload(residuals[i])) << i;
     }
 }
 
@@ -173,16 +147,11 @@ TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
     put(2, nvbtest::fftPayload(fft));
     put(2, nvbtest::fftPayload(fft));
     put(1, nvbtest::fftPayload(fft));
-    const Bytes zeroResiduals = nvbtest::AvroBytes()
-                                    .longValue(0)
-                                    .doubleValue(fft.center_freq)
-                                    .floatValue(fft.bin_size)
-                                    .doubleValue(fft.peak_freq)
-                                    .floatValue(fft.peak_snr)
-                                    .longValue(0)
-                                    .longArray({})
-                                    .longValue(0)
-                                    .bytes;
+    nvbtest::Fft zero = fft;  // residuals of the linear and hold fields all 0
+    zero.gps_msecs = zero.antenna_num = 0;
+    zero.mean_val = 0;
+    zero.bins.clear();
+    const Bytes zeroResiduals = nvbtest::fftPayload(zero);
     put(2, zeroResiduals);
     put(5, zeroResiduals);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
@@ -253,21 +222,15 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
     }
 }
 
-TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextParsesAsAvro) {
+// The text parses as Avro where the run above reads it, and in another Avro reader in the
+// interop check.
+TEST_P(Rec35EverySubtype, ItsRowSitsInItsSlotAndItsSchemaTextNamesIt) {
     const nvb::Rec35Codec& c = codec();
     EXPECT_EQ(c.subtype, nvb::kRec35AvroSubtypes[GetParam()]);
     EXPECT_EQ(c.name, "rec35_sub" + std::to_string(c.subtype));
     ASSERT_EQ(c.schema.back(), '\0');
     const std::string text(c.schema.data(), c.schema.size() - 1);
-    avro_schema_t schema = nullptr;
-    ASSERT_EQ(avro_schema_from_json_length(text.data(), text.size(), &schema), 0) << avro_strerror() << text;
-    EXPECT_STREQ(avro_schema_name(schema), c.name);
-    avro_schema_decref(schema);
-    std::int64_t version = 0;
-    std::uint8_t status = 0;
-    nvb::getAvroSchemaVersion(Bytes(c.schema.begin(), c.schema.end()), version, status);
-    EXPECT_EQ(status, 0);
-    EXPECT_GE(version, 1);
+    EXPECT_NE(text.find("\"name\": \"" + std::string(c.name) + "\","), std::string::npos);
     EXPECT_NE(text.find("\"namespace\": \"com.halvane.nve.avro\",\r\n  \"version\""), std::string::npos);
 }
 

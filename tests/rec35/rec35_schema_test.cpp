@@ -17,7 +17,9 @@ using nvbtest::Bytes;
 using nvbtest::Fft;
 using nvbtest::Rec35Writer;
 
-Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes text(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
 
 TEST(Rec35SchemaVersion, TheFirstQuotedVersionKeyFollowedByACommaCounts) {
     const struct {
@@ -145,8 +147,9 @@ TEST(Rec35Versions, ADataRecordBeforeItsSchemaIsNotDecoded) {
     ASSERT_EQ(reads.size(), 1u);
     EXPECT_EQ(reads[0].processStatus, NVB_STATUS_AVRO);
     EXPECT_EQ(reads[0].type, NVB_NO_RECORD_TYPE);
-    EXPECT_EQ(messages.text(), "Writer schema is not loaded. Cannot decode record.\n"
-                               "readRec35BufferContent error: 19 subtype=24 subsubtype=1\n");
+    EXPECT_EQ(messages.text(),
+              "Writer schema is not loaded. Cannot decode record.\n"
+              "readRec35BufferContent error: 19 subtype=24 subsubtype=1\n");
 }
 
 TEST(Rec35Versions, APassthroughSchemaNewerThanTheLibrarysIsRefusedWithEveryRecordBehindIt) {
@@ -166,8 +169,9 @@ TEST(Rec35Versions, TheWriterRefusesASecondVersionOnceItHasAResolver) {
     EXPECT_EQ(writer.fft(fft), 0);
     EXPECT_EQ(writer.dat(nvbtest::rec35Dat(24, 0, nvbtest::fftSchema(2))), 0);
     EXPECT_EQ(writer.fft(fft), NVB_STATUS_AVRO);
-    EXPECT_EQ(messages.text(), "Writing to multiple schema versions with the same cached writer.This mode of "
-                               "operation has not been tested.\n");
+    EXPECT_EQ(messages.text(),
+              "Writing to multiple schema versions with the same cached writer.This mode of "
+              "operation has not been tested.\n");
 }
 
 // What the writer refuses, by mode; the method must be a bare one for record 35 at all.
@@ -257,45 +261,34 @@ TEST(Rec35BadInput, BadSchemaTextsAndPayloadsGiveStatus19) {
 std::int64_t failAt = -1;
 std::int64_t allocations = 0;
 
-bool shouldFail(bool growing) {
-    if (!growing) return false;
-    return allocations++ == failAt;
+void* failingReallocate(void* block, std::size_t size) {
+    return allocations++ == failAt ? nullptr : std::realloc(block, size);
 }
 
-void* failingReallocate(void* block, std::size_t size) { return shouldFail(true) ? nullptr : std::realloc(block, size); }
-
-struct FailureRun {
-    Bytes log;
-    std::vector<Fft> read;
-};
-
-FailureRun runWithFailureAt(std::int64_t at, const std::vector<Fft>& ffts) {
+// The spectra a log written and read with allocation `at` failing delivers.
+std::vector<Fft> readWithFailureAt(std::int64_t at, const std::vector<Fft>& ffts) {
     failAt = at;
     allocations = 0;
     nvb::setIoReallocate(failingReallocate);
-    FailureRun run;
-    {
-        Rec35Writer writer(3);
-        for (const Fft& fft : ffts) writer.fft(fft);
-        writer.dat(nvbtest::rec35Dat(0, 0, Bytes(9000, 4)));
-        run.log = writer.finish();
-    }
-    run.read = nvbtest::deliveredFfts(nvbtest::readRec35Log(run.log));
+    Rec35Writer writer(3);
+    for (const Fft& fft : ffts) writer.fft(fft);
+    writer.dat(nvbtest::rec35Dat(0, 0, Bytes(9000, 4)));
+    const std::vector<Fft> read = nvbtest::deliveredFfts(nvbtest::readRec35Log(writer.finish()));
     nvb::setIoReallocate(nullptr);
-    return run;
+    return read;
 }
 
 TEST(Rec35BadInput, EveryAllocationFailingInTurnCostsRecordsNeverTheProcess) {
     const std::vector<Fft> ffts = nvbtest::fftSequence(3, 6);
-    const FailureRun clean = runWithFailureAt(-1, ffts);
-    ASSERT_EQ(clean.read, ffts);
+    ASSERT_EQ(readWithFailureAt(-1, ffts), ffts);
     const std::int64_t total = allocations;
     ASSERT_GT(total, 10);
     for (std::int64_t at = 0; at < total; ++at) {
         nvbtest::MessageLog quiet;
-        const FailureRun run = runWithFailureAt(at, ffts);
         // What is delivered is right; what is lost is lost whole.
-        for (const Fft& fft : run.read) EXPECT_NE(std::find(ffts.begin(), ffts.end(), fft), ffts.end()) << at;
+        for (const Fft& fft : readWithFailureAt(at, ffts)) {
+            EXPECT_NE(std::find(ffts.begin(), ffts.end(), fft), ffts.end()) << at;
+        }
     }
 }
 

@@ -12,8 +12,8 @@
 
 namespace {
 
-using nvbtest::Bytes;
 using nvbtest::Body;
+using nvbtest::Bytes;
 using nvbtest::plainFrame;
 
 Bytes text(std::size_t size) {
@@ -119,7 +119,8 @@ TEST(Rec40Values, IdsSixToEightStandAsTheyAreEveryOtherIdInHundredths) {
     const Entry entries[] = {
         {6, 0xFFFF, -1}, {7, 0xFFFF, 65535}, {8, 0x8000, 32768}, {1, 0xFFFF, -0.01}, {20, 0x0102, 2.58}};
     for (const Entry& c : entries) {
-        nvbtest::processFrame(handle.get(), plainFrame(40, Body().u8(0).u16(1).u32(2).u8(c.id).u16(c.wire).bytes, false));
+        nvbtest::processFrame(handle.get(),
+                              plainFrame(40, Body().u8(0).u16(1).u32(2).u8(c.id).u16(c.wire).bytes, false));
         EXPECT_EQ(nvbtest::copyOf(handle->records.rec40->entries[0].value), c.value) << int(c.id);
     }
     // The wire holds hundredths: a finer value comes back rounded to them.

@@ -11,8 +11,6 @@ namespace {
 
 using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
-
 const Runs kGalileoHead = {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {1, 1}};
 
 TEST(NavigationRecords, Record28Subtype10PutsWireDoubleTwoIntoStructureDoubleFour) {
@@ -22,7 +20,7 @@ TEST(NavigationRecords, Record28Subtype10PutsWireDoubleTwoIntoStructureDoubleFou
     Body body;
     body.u8(10).u8(14).u8(1).u8(0).u8(3).u8(0).u16(745);
     for (int i = 0; i < 11; ++i) body.f64(100.0 + i);
-    const Bytes wire = frame(28, body.bytes);
+    const Bytes wire = plainFrame(28, body.bytes);
     Handle handle;
     const ReadEvent got = processFrame(handle.get(), wire);
     ASSERT_EQ(got.datLength, 100u);
@@ -38,7 +36,7 @@ TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLen
     const auto head = nvbtest::fields(kGalileoHead, 5);
     Body tail;  // 216 bytes: u32, 4 doubles, u32, 4 doubles behind the head
     tail.u32(604000).f64(1.5).f64(-2.5).f64(3.5).f64(-4.5).u32(604001).f64(5.5).f64(-6.5).f64(7.5).f64(-8.5);
-    const Bytes shortForm = frame(28, concat({{3}, head.wire.bytes, tail.bytes}));
+    const Bytes shortForm = plainFrame(28, concat({{3}, head.wire.bytes, tail.bytes}));
     ASSERT_EQ(shortForm.size(), 216u);
     const ReadEvent fromShort = processFrame(handle.get(), shortForm);
     ASSERT_EQ(fromShort.datLength, 218u);
@@ -51,7 +49,8 @@ TEST(NavigationRecords, GalileoShortFormReadsItsTailWordsAsAllOnesAndAnyOtherLen
     ASSERT_EQ(longForm.size(), 220u);
     EXPECT_EQ(processFrame(handle.get(), longForm).dat, fromShort.dat);
     const Rec28 before = rec;
-    ASSERT_EQ(processFrame(handle.get(), frame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).datLength, 218u);
+    ASSERT_EQ(processFrame(handle.get(), plainFrame(28, Bytes(longForm.begin() + 3, longForm.end() - 5))).datLength,
+              218u);
     constexpr std::size_t kTail = offsetof(Rec28, sub3.tailWord1);
     EXPECT_EQ(Bytes(nvb::bytesOf(rec) + kTail, nvb::bytesOf(rec) + sizeof(Rec28)),
               Bytes(nvb::bytesOf(before) + kTail, nvb::bytesOf(before) + sizeof(Rec28)));
@@ -75,7 +74,7 @@ Bytes rebuiltFrame(const Bytes& written) {
 }
 
 Bytes sbasFrame(std::uint8_t subtype, std::uint32_t time, const Bytes& afterHead) {
-    return frame(25, concat({{subtype}, Body().u32(time).u16(2345).u8(131).bytes, afterHead}));
+    return plainFrame(25, concat({{subtype}, Body().u32(time).u16(2345).u8(131).bytes, afterHead}));
 }
 
 TEST(SbasCheck, AMessageWithoutItsCheckGetsThePreambleOfItsTimeAndACheckThatLeavesNoRemainder) {
@@ -103,10 +102,8 @@ TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBit
         Bytes ahead, behind;
         std::uint32_t datLength;
     };
-    const Row rows[] = {{0, {}, {}, 39},
-                        {2, {0x01}, {}, 40},
-                        {2, {0x41}, {0x9A, 0x12, 0x34, 0x56}, 44},
-                        {1, {}, {}, 0}};
+    const Row rows[] = {
+        {0, {}, {}, 39}, {2, {0x01}, {}, 40}, {2, {0x41}, {0x9A, 0x12, 0x34, 0x56}, 44}, {1, {}, {}, 0}};
     Handle handle;
     for (const Row& row : rows) {
         const ReadEvent got =
@@ -152,7 +149,7 @@ const RawRow kRawForms[] = {
 };
 
 Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
-    return frame(26, concat({{subtype}, Body().u32(345618).u16(2345).u8(12).bytes, between, data}));
+    return plainFrame(26, concat({{subtype}, Body().u32(345618).u16(2345).u8(12).bytes, between, data}));
 }
 
 TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {

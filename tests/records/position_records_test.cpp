@@ -11,37 +11,30 @@ namespace {
 
 using nvbtest::Bytes;
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
-class PositionReader {
-public:
-    PositionReader() : frame_(std::make_unique<nvb_frame_t>()) {}
+// Writes a record with the library's writer and reads the frame back, or reads a frame
+// built by hand.
+struct PositionReader {
+    nvbtest::Handle handle;
+    std::unique_ptr<nvb_frame_t> frame = std::make_unique<nvb_frame_t>();
 
     std::uint16_t read29(const Rec29& rec, bool map5To7 = false, bool map7To10 = false) {
-        EXPECT_NE(nvb::writeRec29(rec, *frame_), 0);
-        return nvb::readRec29(*frame_, *handle_.get(), map5To7, map7To10);
+        EXPECT_NE(nvb::writeRec29(rec, *frame), 0);
+        return nvb::readRec29(*frame, *handle.get(), map5To7, map7To10);
     }
     std::uint16_t read11(const Rec11& rec) {
-        EXPECT_NE(nvb::writeRec11(rec, *frame_), 0);
-        return nvb::readRec11(*frame_, *handle_.get());
+        EXPECT_NE(nvb::writeRec11(rec, *frame), 0);
+        return nvb::readRec11(*frame, *handle.get());
     }
     std::uint16_t read11(const Bytes& bytes) {
-        std::memset(frame_.get(), 0, sizeof(nvb_frame_t));
-        std::memcpy(frame_->data, bytes.data(), bytes.size());
-        frame_->length = static_cast<std::uint16_t>(bytes.size());
-        return nvb::readRec11(*frame_, *handle_.get());
+        std::memset(frame.get(), 0, sizeof(nvb_frame_t));
+        std::memcpy(frame->data, bytes.data(), bytes.size());
+        frame->length = static_cast<std::uint16_t>(bytes.size());
+        return nvb::readRec11(*frame, *handle.get());
     }
-
-    const Rec29& rec29() const { return *handle_->records.rec29; }
-    const Rec11& rec11() const { return *handle_->records.rec11; }
-    nvb_frame_t& frame() { return *frame_; }
-    nvb_expand_t* state() const { return handle_.get(); }
-
-private:
-    nvbtest::Handle handle_;
-    std::unique_ptr<nvb_frame_t> frame_;
+    const Rec29& rec29() const { return *handle->records.rec29; }
+    const Rec11& rec11() const { return *handle->records.rec11; }
 };
 
 std::unique_ptr<Rec29> basicPosition() {
@@ -86,11 +79,11 @@ TEST(Rec29Blocks, TheOlderFourthBlockHasNoStatusByteAndTheListStillFollows) {
     addListEntry(*rec, 21, 0, 2);
     PositionReader reader;
     ASSERT_GT(reader.read29(*rec), 0);
-    nvb_frame_t& frame = reader.frame();
+    nvb_frame_t& frame = *reader.frame;
     // Drop the status byte at 72 + 9 and mark the block as the older nine bytes.
     std::memmove(frame.data + 81, frame.data + 82, frame.length - 82u);
     frame.data[72] = 9;
-    EXPECT_EQ(nvb::readRec29(frame, *reader.state(), false, false), 15 + 93 + 10 + 4 + 4);
+    EXPECT_EQ(nvb::readRec29(frame, *reader.handle.get(), false, false), 15 + 93 + 10 + 4 + 4);
     EXPECT_EQ(reader.rec29().auxStatus, 0);
     EXPECT_EQ(+reader.rec29().auxValueA, 1.5f);
     EXPECT_EQ(reader.rec29().sv[0].svId, 21);
@@ -155,25 +148,10 @@ TEST(Rec29Systems, ListEntriesPassThroughBothMaps) {
     EXPECT_EQ(reader.rec29().sv[1].rt_sattype, 7);
 }
 
-std::unique_ptr<Rec11> basicRec11(std::uint8_t count) {
-    auto rec = std::make_unique<Rec11>();
-    rec->latitude = 0.2;
-    rec->longitude = -0.7;
-    rec->height = 123.25;
-    rec->time = 302400000;
-    rec->fixStatus = 0x40;
-    rec->nSv = count;
-    std::uint8_t* lists = nvb::rec11Lists(*rec);
-    for (std::uint8_t i = 0; i < count; ++i) {
-        lists[i] = i;
-        lists[count + i] = static_cast<std::uint8_t>(100 + i);
-    }
-    return rec;
-}
-
 TEST(Rec11RoundTrip, TheResidualCarriesEightMoreBitsUpTo127Of256) {
     const double unit = pow2(-31);
-    auto rec = basicRec11(2);
+    auto rec = std::make_unique<Rec11>();
+    rec->nSv = 2;
     rec->latitude = (12345 + 100.0 / 256) * unit;
     rec->longitude = -(777 + 64.0 / 256) * 2 * unit;
     PositionReader reader;
@@ -183,7 +161,7 @@ TEST(Rec11RoundTrip, TheResidualCarriesEightMoreBitsUpTo127Of256) {
     rec->latitude = (12345 + 200.0 / 256) * unit;
     ASSERT_GT(reader.read11(*rec), 0);
     EXPECT_EQ(+reader.rec11().latitude, (12345 + 127.0 / 256) * unit);
-    EXPECT_EQ(reader.frame().data[43 + 4], 127);
+    EXPECT_EQ(reader.frame->data[43 + 4], 127);
 }
 
 TEST(Rec11Forms, OnlyTheLengthTellsTheOlderFormWithoutResiduals) {

@@ -9,8 +9,8 @@
 
 namespace {
 
-using nvbtest::Bytes;
 using nvbtest::Body;
+using nvbtest::Bytes;
 
 // Record 33 frames written from the field tables by hand, with values a receiver sends.
 struct Fields {
@@ -222,17 +222,14 @@ TEST(Rec33Reader, Subtype19TakesItsTailFromL95Up) {
 
 TEST(Rec33BadInput, CountsADamagedBodyPushesPastTheStructureAreCut) {
     JunkFrame junk;
-    const auto read = [&](std::uint8_t length, std::uint8_t subtype, std::uint8_t first) {
-        return junk.read(length, subtype, first);
-    };
-    EXPECT_EQ(read(3, 3, 0).sub3.count, 0) << "a length below a subtype 3's own bytes";
-    EXPECT_EQ(read(1, 3, 0).sub3.count, 82) << "L wraps";
-    EXPECT_EQ(read(255, 12, 0).sub5to12.count, 31);
-    EXPECT_EQ(read(1, 5, 0).sub5to12.count, 31);
-    EXPECT_EQ(read(255, 13, 200).sub13.count, 28);
-    EXPECT_EQ(read(255, 17, 0).sub17.count, 25);
-    EXPECT_EQ(read(255, 18, 0).sub18.count, 32);
-    EXPECT_EQ(read(255, 16, 0).sub16.count, 30);
+    EXPECT_EQ(junk.read(3, 3, 0).sub3.count, 0) << "a length below a subtype 3's own bytes";
+    EXPECT_EQ(junk.read(1, 3, 0).sub3.count, 82) << "L wraps";
+    EXPECT_EQ(junk.read(255, 12, 0).sub5to12.count, 31);
+    EXPECT_EQ(junk.read(1, 5, 0).sub5to12.count, 31);
+    EXPECT_EQ(junk.read(255, 13, 200).sub13.count, 28);
+    EXPECT_EQ(junk.read(255, 17, 0).sub17.count, 25);
+    EXPECT_EQ(junk.read(255, 18, 0).sub18.count, 32);
+    EXPECT_EQ(junk.read(255, 16, 0).sub16.count, 30);
     // A DAT form whose counts pass the arrays is refused whole.
     nvbtest::Encoder encoder(1);
     std::uint8_t status = 0;
@@ -258,23 +255,17 @@ TEST(Rec33Writer, ASystemListClosesTheBlockAndTheNextEpochAndPositionAreReferenc
 
     // The carried types, as a reader meets them.
     nvbtest::Handle handle;
-    std::vector<std::uint16_t> carried;
-    for (const std::uint8_t byte : written) {
-        std::uint8_t status = 0;
-        std::uint8_t more = 1;
-        std::int32_t result = nvbdll_getNVBRecordByByte(handle.get(), byte, &status, 1, &more);
-        while (true) {
-            if (result > 0 && status == 0) carried.push_back(handle->currentType);
-            if (more != 1) break;
-            result = nvbdll_getNVBRecordByByte(handle.get(), 0, &status, 0, &more);
-        }
+    const auto events = nvbtest::readStream(handle.get(), written, nvbtest::Getter::NvbByByte);
+    std::vector<std::int32_t> carried;
+    for (const nvbtest::ReadEvent& event : events) {
+        if (event.result > 0 && event.status == 0) carried.push_back(event.result);
     }
     ASSERT_EQ(carried.size(), log.size() + 1);
     EXPECT_EQ(carried[carried.size() - 3], 33);
     EXPECT_EQ(carried[carried.size() - 2], 38) << "a reference epoch";
     EXPECT_EQ(carried.back(), 57) << "a reference position";
     EXPECT_EQ(carried[carried.size() - 4], 56) << "the position before it was a delta";
-    const auto read = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), written, nvbtest::Getter::NvbFile));
+    const auto read = nvbtest::deliveredDat(events);
     EXPECT_EQ(read[read.size() - 3], list);
 }
 

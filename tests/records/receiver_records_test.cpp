@@ -11,8 +11,6 @@ namespace {
 
 using namespace nvbtest;
 
-Bytes frame(std::uint8_t type, const Bytes& body) { return plainFrame(type, body); }
-
 Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
@@ -21,7 +19,7 @@ TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) 
     // Seven pairs: the reader walks i = 0, 3, 6 and takes frame byte i into pair byte 2i
     // and byte i + 1 into pair byte 2i + 3, counted from the pairs' start.
     const Bytes pairs = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8, 0xA9, 0xAA, 0xAB, 0xAC, 0xAD};
-    const Bytes wire = frame(5, concat({{7}, Body().u16(0x0102).f64(1.5).u16(7).bytes, pairs}));
+    const Bytes wire = plainFrame(5, concat({{7}, Body().u16(0x0102).f64(1.5).u16(7).bytes, pairs}));
     Handle handle;
     const ReadEvent got = processFrame(handle.get(), wire);
     ASSERT_EQ(got.datLength, wire.size() - 3);
@@ -41,7 +39,7 @@ TEST(ReceiverRecords, Record5WithAZeroPresenceMarkIsWrittenUpToTheMarkAndReadOnP
     // The reader still reads what follows the mark, here the checksum and end byte.
     Handle handle;
     const Bytes marked =
-        frame(5, concat({{2}, nvbtest::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
+        plainFrame(5, concat({{2}, nvbtest::fields({{2, 6}, {1, 12}, {1, 12}, {1, 4}}).wire.bytes, {0}}));
     const ReadEvent shortened = processFrame(handle.get(), marked);
     ASSERT_EQ(shortened.datLength, marked.size() - 3);
     EXPECT_EQ(handle->records.rec5->sub2.bytes4[2], 0x03);
@@ -56,7 +54,7 @@ TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
         body.u8(n).raw(head.wire.bytes).u32(4000000000u).raw(middle.wire.bytes).u16(word5).raw(Bytes(14, 0x5E));
         body.scaled(-0.123456, 4, 22);
         for (std::size_t j = 0; j < pairs; ++j) body.scaled(0.5 + j / 64.0, 2, 11).scaled(-0.001 * j, 2, 21);
-        return frame(12, body.bytes);
+        return plainFrame(12, body.bytes);
     };
     Handle handle;
     for (const std::uint8_t n : {0, 5}) {
@@ -85,14 +83,14 @@ TEST(ReceiverRecords, Record12ReportsItsCountsLengthWhateverTheStructureHolds) {
 }
 
 TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
-    const Bytes wire = frame(15, Body()
-                                     .raw(nvbtest::fields({{8, 11}}).wire.bytes)
-                                     .u16(0xFFFE)
-                                     .u16(300)
-                                     .u32(4000000000u)
-                                     .raw(text("setting"))
-                                     .u8(9)
-                                     .bytes);
+    const Bytes wire = plainFrame(15, Body()
+                                          .raw(nvbtest::fields({{8, 11}}).wire.bytes)
+                                          .u16(0xFFFE)
+                                          .u16(300)
+                                          .u32(4000000000u)
+                                          .raw(text("setting"))
+                                          .u8(9)
+                                          .bytes);
     Handle handle;
     const ReadEvent got = processFrame(handle.get(), wire);
     ASSERT_EQ(got.datLength, 124u);
@@ -127,7 +125,7 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
     Handle handle;
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype));
-        const Bytes wire = frame(19, concat({{row.subtype}, row.body}));
+        const Bytes wire = plainFrame(19, concat({{row.subtype}, row.body}));
         const ReadEvent got = processFrame(handle.get(), wire);
         EXPECT_EQ(got.datLength, row.datLength);
         EXPECT_EQ(got.dat[2], row.reportedAs);
@@ -139,9 +137,9 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
         if (row.value != 0) {
             EXPECT_EQ(value, row.value);
         }
-        EXPECT_EQ(writtenFrame(got.dat), row.written.empty() ? wire : frame(19, row.written));
+        EXPECT_EQ(writtenFrame(got.dat), row.written.empty() ? wire : plainFrame(19, row.written));
     }
-    processFrame(handle.get(), frame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
+    processFrame(handle.get(), plainFrame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
     EXPECT_EQ(copyOf(handle->records.rec19->sub8.word), 0x1234) << "the slot byte is the word's high part";
     EXPECT_EQ(std::string(handle->records.rec19->sub8.text), "FW 5.45 BUILD 0017");
 }
@@ -165,7 +163,7 @@ TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
     };
     Handle handle;
     for (const Step& step : steps) {
-        ASSERT_EQ(processFrame(handle.get(), frame(19, concat({{step.subtype}, step.body}))).datLength, 15u);
+        ASSERT_EQ(processFrame(handle.get(), plainFrame(19, concat({{step.subtype}, step.body}))).datLength, 15u);
         const Rec19Sub7& rec = handle->records.rec19->sub7;
         EXPECT_EQ(rec.slot, step.slot) << int(step.subtype);
         EXPECT_EQ(copyOf(rec.word), step.word) << int(step.subtype);
@@ -175,7 +173,7 @@ TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
 
 TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirStructure) {
     Handle handle;
-    const Bytes wire24 = frame(24, nvbtest::fields({{8, 12}, {4, 2}}).wire.bytes);
+    const Bytes wire24 = plainFrame(24, nvbtest::fields({{8, 12}, {4, 2}}).wire.bytes);
     const ReadEvent got24 = processFrame(handle.get(), wire24);
     ASSERT_EQ(got24.datLength, 108u);
     EXPECT_EQ(copyOf(handle->records.rec24->values[0]), nvbtest::kOrbit[1]);
@@ -191,7 +189,7 @@ TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirSt
         body.raw(Bytes(6, 0x06)).raw(Bytes(entries, 0x22)).u16(1).u16(2).u16(3).u16(4);
         for (std::size_t t = 0; t < 4 * entries; ++t) body.u32(1000 * (t / entries) + t % entries);
         body.u16(5).u32(6).u32(7).u16(8).u16(9);
-        const Bytes wire = frame(22, body.bytes);
+        const Bytes wire = plainFrame(22, body.bytes);
         const ReadEvent got = processFrame(handle.get(), wire);
         ASSERT_EQ(got.datLength, wire.size() - 2) << int(n);
         const Rec22& rec = *handle->records.rec22;
@@ -222,7 +220,7 @@ Bytes description() {
     body.u8(4).u8(1).u8(2).u8(3).u8(4);
     body.u8(2).u8(5).u8(6);
     body.u8(1).u8(8);
-    return frame(30, body.bytes);
+    return plainFrame(30, body.bytes);
 }
 
 TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
@@ -246,40 +244,30 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
         Bytes dat;      // behind the header, zeros to the length
         Bytes written;  // behind the type byte; empty: the frame read
     };
+    // clang-format off
     const Row rows[] = {
         // Two sections counted: A and B only, whatever follows.
-        {"c = 2",
-         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9},
-         15,
-         {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66},
-         {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
+        {"c = 2", {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9}, 15, {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66}, {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
         // L = 3 holds two words; the second keeps its place in the structure.
         {"D of 3", {1, 4, 0, 0, 0, 3, 0x11, 0x22, 0x33, 0x44}, 13, {4, 0, 0, 0, 3, 0x22, 0x11, 0x44, 0x33}, {}},
         // A section longer than its fields: B's length is read from inside A, and the DAT
         // form, which carries A whole, ends before B's bytes.
-        {"A of 9",
-         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77},
-         16,
-         {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3},
-         {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
-        {"subtype 3",
-         {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4},
-         23,
-         {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0},
-         {}},
+        {"A of 9", {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77}, 16, {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3}, {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
+        {"subtype 3", {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4}, 23, {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0}, {}},
         // Subtype 2 keeps its sections out of the DAT form, so they are not written again.
         {"subtype 2", {2, 5, 3, 1, 2, 3, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 1, 9}, 22, {5}, {2, 5, 0, 0, 0, 0, 0}},
         {"subtype 0", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, {4, 3, 2, 1, 6, 5, 8, 7}, {}},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        const Bytes read = frame(30, row.body);
+        const Bytes read = plainFrame(30, row.body);
         const ReadEvent section = processFrame(handle.get(), read);
         ASSERT_EQ(section.datLength, row.datLength);
         Bytes expected = row.dat;
         expected.resize(row.datLength - 4, 0);
         EXPECT_EQ(Bytes(section.dat.begin() + 4, section.dat.end()), expected);
-        EXPECT_EQ(writtenFrame(section.dat), row.written.empty() ? read : frame(30, row.written));
+        EXPECT_EQ(writtenFrame(section.dat), row.written.empty() ? read : plainFrame(30, row.written));
     }
 }
 
@@ -306,7 +294,7 @@ TEST(ReceiverRecords, Record30SectionsHAndIRetrieveTheirFurtherBytesFromSectionG
 TEST(ReceiverRecords, OnlyTheFirstDescriptionOfSubtypeZeroLeavesTheFirstGenerationHistory) {
     Handle handle;
     handle->firstGenHistory.previous.rowCount = 4;
-    const Bytes reference = frame(30, {0, 1, 2, 3, 4, 5, 6, 7, 8});
+    const Bytes reference = plainFrame(30, {0, 1, 2, 3, 4, 5, 6, 7, 8});
     EXPECT_EQ(processFrame(handle.get(), description()).type, 30);
     EXPECT_EQ(handle->firstRec30, 1) << "subtype 1 is no reference";
     EXPECT_EQ(processFrame(handle.get(), reference).type, 30);
@@ -323,13 +311,14 @@ TEST(PlainRecords, ShortBodiesAndUncappedCountsReadSafelyAndTheWriterRefusesWhat
         std::uint32_t datLength;
     };
     const Hostile frames[] = {
-        {frame(21, {17}), 190},  // svId alone: the rest reads the trailer and zeros
-        {frame(12, {255, 1, 2}), 68 + 16 * 254},
-        {frame(19, {3}), 4},
-        {frame(22, {255, 1, 2, 3}), 255},
+        {plainFrame(21, {17}), 190},  // svId alone: the rest reads the trailer and zeros
+        {plainFrame(12, {255, 1, 2}), 68 + 16 * 254},
+        {plainFrame(19, {3}), 4},
+        {plainFrame(22, {255, 1, 2, 3}), 255},
     };
     for (const Hostile& hostile : frames) {
-        EXPECT_EQ(processFrame(handle.get(), hostile.frame).datLength, hostile.datLength) << "type " << int(hostile.frame[2]);
+        EXPECT_EQ(processFrame(handle.get(), hostile.frame).datLength, hostile.datLength)
+            << "type " << int(hostile.frame[2]);
     }
     EXPECT_EQ(copyOf(handle->records.rec21->words[1]), 0x0300) << "end byte, then zero";
     Rec5 pairs{};

@@ -15,9 +15,7 @@
 
 namespace {
 
-double pow2(int e) {
-    return std::ldexp(1.0, e);
-}
+const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 template <typename T>
 struct Field {
@@ -193,30 +191,18 @@ void roundTripPositions() {
         const Rec29& g = *handle->records.rec29;
         ASSERT_EQ(std::memcmp(&g, &w, 15), 0) << "block 1, round " << round;
         ASSERT_EQ(std::memcmp(g.sv, w.sv, 3u * w.numSVs), 0) << "list, round " << round;
-        expectWithin<Rec29>(w, g,
-                            {FIELD(latPos, pow2(-41)),
-                             FIELD(lonPos, pow2(-40)),
-                             FIELD(hgtPos, pow2(-13)),
-                             FIELD(latVel, pow2(-22)),
-                             FIELD(lonVel, pow2(-22)),
-                             FIELD(hgtVel, pow2(-22)),
-                             FIELD(clkOffset, pow2(-27) + 2e-6),
-                             FIELD(clkDrift, pow2(-18) + 6e-5),
-                             FIELD(hdop, pow2(-5) + 1e-5),
-                             FIELD(tdop, pow2(-5) + 1e-5),
-                             FIELD(sigmaU, pow2(-12) + 1e-6),
-                             FIELD(rms, pow2(-15) + 1e-7),
-                             FIELD(block3Len, 0),
-                             FIELD(corrInfo, 0),
-                             FIELD(corrAge, pow2(-7) + 1e-4),
-                             FIELD(block4Len, 0),
-                             FIELD(auxValueA, pow2(-17) + 2e-3),
-                             FIELD(auxValueB, pow2(-17) + 2e-3),
-                             FIELD(auxStatus, 0),
-                             FIELD(clock.blockLength, 0),
-                             FIELD(clock.count, 0),
-                             FIELD(svListLen, 0)},
+        // clang-format off
+        expectWithin<Rec29>(w, g, {FIELD(latPos, pow2(-41)), FIELD(lonPos, pow2(-40)), FIELD(hgtPos, pow2(-13)),
+                                   FIELD(latVel, pow2(-22)), FIELD(lonVel, pow2(-22)), FIELD(hgtVel, pow2(-22)),
+                                   FIELD(clkOffset, pow2(-27) + 2e-6), FIELD(clkDrift, pow2(-18) + 6e-5),
+                                   FIELD(hdop, pow2(-5) + 1e-5), FIELD(tdop, pow2(-5) + 1e-5),
+                                   FIELD(sigmaU, pow2(-12) + 1e-6), FIELD(rms, pow2(-15) + 1e-7),
+                                   FIELD(block3Len, 0), FIELD(corrInfo, 0), FIELD(corrAge, pow2(-7) + 1e-4),
+                                   FIELD(block4Len, 0), FIELD(auxValueA, pow2(-17) + 2e-3),
+                                   FIELD(auxValueB, pow2(-17) + 2e-3), FIELD(auxStatus, 0),
+                                   FIELD(clock.blockLength, 0), FIELD(clock.count, 0), FIELD(svListLen, 0)},
                             "round " + std::to_string(round));
+        // clang-format on
         ASSERT_FLOAT_EQ(g.pdop, std::sqrt(g.hdop * g.hdop + g.vdop * g.vdop)) << "pdop is derived";
         ASSERT_NEAR(std::sqrt(g.unitVariance), deviation, pow2(-12) + 1e-5) << "the wire holds the deviation";
         for (int k = 0; k < w.clock.count; ++k) {
@@ -230,19 +216,7 @@ void roundTripPositions() {
 void roundTripOlderRecords() {
     nvbtest::Handle handle;
     auto frame = std::make_unique<nvb_frame_t>();
-    Rec11 rec11{};
-    rec11.latitude = 0.2;
-    rec11.longitude = -0.7;
-    rec11.height = 123.25;
-    rec11.clockOffset = -1234.567;
-    rec11.clockDrift = 0.0123;
-    rec11.pdop = 2.3;
-    rec11.velocity1 = 1.1e-5;
-    rec11.velocity2 = -3.3e-3;
-    rec11.velocity3 = 77.7;
-    rec11.time = 302400000;
-    rec11.fixStatus = 0x40;
-    rec11.nSv = 32;
+    Rec11 rec11{0.2, -0.7, 123.25, -1234.567, 0.0123, 2.3, 1.1e-5, -3.3e-3, 77.7, 302400000, 0x40, 32, {}};
     for (std::uint8_t i = 0; i < 64; ++i) rec11.lists[i] = static_cast<std::uint8_t>(i < 32 ? i : 68 + i);
     ASSERT_GT(nvb::writeRec11(rec11, *frame), 0);
     ASSERT_EQ(nvb::readRec11(*frame, *handle.get()), 2 * 32 + 82);
@@ -288,18 +262,13 @@ struct LayoutRow {
 
 const nvbtest::Runs kCommonBody = {{1, 1}, {1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}};
 
+// clang-format off
 const LayoutRow kLayouts[] = {
     {21, 0, {{1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}, {1, 9}, {1, 1}}, 190},
     {28, 1, {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}}, 102},
     {28, 2, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}}, 139},
-    {28,
-     3,
-     {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1}, {8, 4}},
-     218},
-    {28,
-     4,
-     {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}},
-     188},
+    {28, 3, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1}, {8, 4}}, 218},
+    {28, 4, {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}}, 188},
     {28, 5, kCommonBody, 181},
     {28, 8, {{1, 1}, {2, 1}, {4, 2}, {1, 2}, {8, 3}, {1, 1}, {4, 1}, {1, 1}, {2, 4}, {4, 2}, {4, 1}}, 68},
     {28, 13, kCommonBody, 181},
@@ -312,6 +281,7 @@ const LayoutRow kLayouts[] = {
     {5, 9, {{1, 5}}},
     {30, 0, {{4, 1}, {2, 2}}},
 };
+// clang-format on
 
 void roundTripLayouts() {
     nvbtest::Handle handle;

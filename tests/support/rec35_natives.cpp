@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 namespace nvbtest {
 
@@ -17,21 +18,17 @@ namespace {
 using nvb::Rec35Field;
 using Kind = nvb::Rec35FieldKind;
 
-template <class T>
-T& at(void* base, std::size_t offset) {
-    return *reinterpret_cast<T*>(static_cast<std::uint8_t*>(base) + offset);
+// The field at `offset` in a record or element, const where the record is.
+template <class T, class Base>
+auto& at(Base* base, std::size_t offset) {
+    using Byte = std::conditional_t<std::is_const_v<Base>, const std::uint8_t, std::uint8_t>;
+    using Field = std::conditional_t<std::is_const_v<Base>, const T, T>;
+    return *reinterpret_cast<Field*>(reinterpret_cast<Byte*>(base) + offset);
 }
 
-template <class T>
-const T& at(const void* base, std::size_t offset) {
-    return *reinterpret_cast<const T*>(static_cast<const std::uint8_t*>(base) + offset);
-}
-
-void* shifted(void* base, std::size_t offset) {
-    return static_cast<std::uint8_t*>(base) + offset;
-}
-const void* shifted(const void* base, std::size_t offset) {
-    return static_cast<const std::uint8_t*>(base) + offset;
+template <class Base>
+Base* shifted(Base* base, std::size_t offset) {
+    return &at<std::uint8_t>(base, offset);
 }
 
 std::size_t elementSizeOf(const Rec35Field& field) {
@@ -266,12 +263,14 @@ void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std:
     rec35_array_t& perSatellite = rec35Column(codec, native, sub19 ? "_Nb_Na" : "_Na_Na");
     const std::int64_t svs = sub19 ? rec35Column(codec, native, "sv__svId").count : perSatellite.count;
     const std::int64_t clocks = sub19 ? rec35Column(codec, native, "clock__system__rt_clktype").count : 0;
-    const std::int64_t signals = svs == 0 ? 0 : rec35Column(codec, native, sub19 ? "sv__meas__range" : "sv__meas__flags").count;
+    const std::int64_t signals =
+        svs == 0 ? 0 : rec35Column(codec, native, sub19 ? "sv__meas__range" : "sv__meas__flags").count;
     for (const Rec35Field& field : codec.fields) {
         const std::string_view name = field.name;
         if (field.kind != Kind::Array) continue;
-        at<rec35_array_t>(native, field.offset).count =
-            name.starts_with("sv__meas__") ? signals : name.starts_with("clock__") ? clocks : svs;
+        at<rec35_array_t>(native, field.offset).count = name.starts_with("sv__meas__") ? signals
+                                                        : name.starts_with("clock__")  ? clocks
+                                                                                       : svs;
     }
     for (std::int64_t i = 0; i < svs; ++i) static_cast<std::uint32_t*>(perSatellite.elements)[i] = i == 0 ? signals : 0;
 }

@@ -102,15 +102,15 @@ std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs) 
 }
 
 Bytes fftSchema(int version, const std::string& typeOfMean) {
-    std::string text = "{\"type\": \"record\", \"name\": \"rec35_sub24\", \"namespace\": \"com.halvane.nve.avro\", "
-                       "\"version\": " +
-                       std::to_string(version) +
-                       ", \"description\": \"FFT Data\", \"fields\": ["
-                       "{\"name\": \"gps_msecs\", \"type\": \"long\"}, {\"name\": \"center_freq\", \"type\": \"double\"}, "
-                       "{\"name\": \"bin_size\", \"type\": \"float\"}, {\"name\": \"peak_freq\", \"type\": \"double\"}, "
-                       "{\"name\": \"peak_snr\", \"type\": \"float\"}, {\"name\": \"mean_val\", \"type\": \"" +
-                       typeOfMean +
-                       "\"}, {\"name\": \"FreqData\", \"type\": {\"type\": \"array\", \"items\": \"long\"}}";
+    std::string text =
+        "{\"type\": \"record\", \"name\": \"rec35_sub24\", \"namespace\": \"com.halvane.nve.avro\", "
+        "\"version\": " +
+        std::to_string(version) +
+        ", \"description\": \"FFT Data\", \"fields\": ["
+        "{\"name\": \"gps_msecs\", \"type\": \"long\"}, {\"name\": \"center_freq\", \"type\": \"double\"}, "
+        "{\"name\": \"bin_size\", \"type\": \"float\"}, {\"name\": \"peak_freq\", \"type\": \"double\"}, "
+        "{\"name\": \"peak_snr\", \"type\": \"float\"}, {\"name\": \"mean_val\", \"type\": \"" +
+        typeOfMean + "\"}, {\"name\": \"FreqData\", \"type\": {\"type\": \"array\", \"items\": \"long\"}}";
     if (version >= 2) text += ", {\"name\": \"antenna_num\", \"type\": \"long\"}";
     if (version >= 3) text += ", {\"name\": \"gain\", \"type\": \"double\"}";
     text += "]}";
@@ -129,44 +129,39 @@ Bytes fftPayload(const Fft& fft, int version) {
     return out.bytes;
 }
 
-NativeFft::NativeFft(const Fft& fft) : record_(static_cast<rec35_sub24_t*>(std::calloc(1, sizeof(rec35_sub24_t)))) {
-    record_->gps_msecs = fft.gps_msecs;
-    record_->center_freq = fft.center_freq;
-    record_->bin_size = fft.bin_size;
-    record_->peak_freq = fft.peak_freq;
-    record_->peak_snr = fft.peak_snr;
-    record_->mean_val = fft.mean_val;
-    record_->FreqData.capacity = static_cast<std::int64_t>(fft.bins.size());
-    record_->FreqData.count = static_cast<std::int64_t>(fft.bins.size());
-    record_->FreqData.elements = std::calloc(fft.bins.size() + 1, sizeof(std::int32_t));
-    if (!fft.bins.empty()) std::memcpy(record_->FreqData.elements, fft.bins.data(), fft.bins.size() * 4);
-    record_->antenna_num = fft.antenna_num;
-}
-
-NativeFft::~NativeFft() {
-    std::free(record_->FreqData.elements);
-    std::free(record_);
-}
+namespace {
 
 Fft fftOf(const rec35_sub24_t& record) {
-    Fft fft;
-    fft.gps_msecs = record.gps_msecs;
-    fft.center_freq = record.center_freq;
-    fft.bin_size = record.bin_size;
-    fft.peak_freq = record.peak_freq;
-    fft.peak_snr = record.peak_snr;
-    fft.mean_val = record.mean_val;
     const auto* bins = static_cast<const std::int32_t*>(record.FreqData.elements);
-    fft.bins.assign(bins, bins + record.FreqData.count);
-    fft.antenna_num = record.antenna_num;
-    return fft;
+    return Fft{record.gps_msecs,
+               record.center_freq,
+               record.bin_size,
+               record.peak_freq,
+               record.peak_snr,
+               record.mean_val,
+               std::vector<std::int32_t>(bins, bins + record.FreqData.count),
+               record.antenna_num};
 }
 
-Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) { encoder->rec35Mode = mode; }
+}  // namespace
+
+Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) {
+    encoder->rec35Mode = mode;
+}
 
 std::uint8_t Rec35Writer::fft(const Fft& fft) {
-    NativeFft record(fft);
-    return native(24, record.get());
+    const Rec35Native native24(*nvb::rec35CodecAt(kFftSlot), static_cast<std::int64_t>(fft.bins.size()));
+    auto& r = *static_cast<rec35_sub24_t*>(native24.get());
+    r.gps_msecs = fft.gps_msecs;
+    r.center_freq = fft.center_freq;
+    r.bin_size = fft.bin_size;
+    r.peak_freq = fft.peak_freq;
+    r.peak_snr = fft.peak_snr;
+    r.mean_val = fft.mean_val;
+    r.FreqData.count = static_cast<std::int64_t>(fft.bins.size());
+    std::copy(fft.bins.begin(), fft.bins.end(), static_cast<std::int32_t*>(r.FreqData.elements));
+    r.antenna_num = fft.antenna_num;
+    return native(24, &r);
 }
 
 std::uint8_t Rec35Writer::native(std::uint32_t subtype, void* record) {
@@ -266,11 +261,19 @@ std::vector<std::vector<std::string>> deliveredValues(const std::vector<Rec35Rea
     return out;
 }
 
-std::uint64_t datSubtype(const Bytes& dat) { return littleEndianAt(dat, 4, 8); }
-std::uint64_t datSubsubtype(const Bytes& dat) { return littleEndianAt(dat, 12, 8); }
-Bytes datPayload(const Bytes& dat) { return Bytes(dat.begin() + 24, dat.end()); }
+std::uint64_t datSubtype(const Bytes& dat) {
+    return littleEndianAt(dat, 4, 8);
+}
+std::uint64_t datSubsubtype(const Bytes& dat) {
+    return littleEndianAt(dat, 12, 8);
+}
+Bytes datPayload(const Bytes& dat) {
+    return Bytes(dat.begin() + 24, dat.end());
+}
 
-MessageLog::MessageLog() : file_(std::tmpfile()), saved_(nvb::logStream) { nvb::logStream = file_; }
+MessageLog::MessageLog() : file_(std::tmpfile()), saved_(nvb::logStream) {
+    nvb::logStream = file_;
+}
 
 MessageLog::~MessageLog() {
     nvb::logStream = saved_;

@@ -54,23 +54,6 @@ Bytes fftSchema(int version, const std::string& typeOfMean = "long");
 // A subtype 24 record whole (a reference record) in the schema of `version`.
 Bytes fftPayload(const Fft& fft, int version = 2);
 
-// A native record of subtype 24 made with malloc, as a host fills one for the encoder,
-// and freed with it.
-class NativeFft {
-public:
-    explicit NativeFft(const Fft& fft);
-    ~NativeFft();
-    NativeFft(const NativeFft&) = delete;
-    NativeFft& operator=(const NativeFft&) = delete;
-    rec35_sub24_t* get() const { return record_; }
-
-private:
-    rec35_sub24_t* record_;
-};
-
-// The spectrum a reader left in its content, if any.
-Fft fftOf(const rec35_sub24_t& record);
-
 // Writes records 35 through an encoder: spectra from native records, as the library's
 // own records, and anything else from its DAT form. Each call returns the status.
 class Rec35Writer {
@@ -90,8 +73,8 @@ struct Rec35Read {
     std::uint8_t status = 0;
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
-    Bytes dat;               // DAT form when delivered
-    std::optional<Fft> fft;  // the native record of a delivered subtype 24 data record
+    Bytes dat;                        // DAT form when delivered
+    std::optional<Fft> fft;           // the native record of a delivered subtype 24 data record
     std::vector<std::string> values;  // that of any delivered Avro data record, by rec35Values
     std::shared_ptr<Rec27> epoch;     // a delivered record 27 as it stood before its DAT form was retrieved
     bool delivered() const { return !dat.empty(); }

@@ -266,85 +266,50 @@ Epoch27 logEpoch(bool later) {
     return Epoch27{2345, kLogTime + (later ? 1000u : 0u), 0.25, 0.125, {gps, glonass, galileo}};
 }
 
-Rec29Wire logPosition() {
-    Rec29Wire p;
-    p.week = 2345;
-    p.time = kLogTime;
-    p.numSVsUsed = 2;
-    p.fixMode = 3;
-    p.fixType = 1;
-    p.latitude = wireUnits(37.7749, 40);
-    p.longitude = wireUnits(-122.4194, 39);
-    p.height = static_cast<std::int32_t>(wireUnits(15.25, 12));
-    p.velocity[0] = static_cast<std::int32_t>(wireUnits(0.5, 21));
-    p.velocity[1] = static_cast<std::int32_t>(wireUnits(-0.25, 21));
-    p.velocity[2] = static_cast<std::int32_t>(wireUnits(0.125, 21));
-    p.clockOffset = static_cast<std::int32_t>(wireUnits(0.0625, 26));
-    p.clockDrift = static_cast<std::int32_t>(wireUnits(1.5, 17));
-    p.dops[0] = 20;  // 1.25, 2.0, 1.0
-    p.dops[1] = 32;
-    p.dops[2] = 16;
-    p.sigmas[0] = 3072;  // 1.5, 1.25, 3.0
-    p.sigmas[1] = 2560;
-    p.sigmas[2] = 6144;
-    p.rms = 8192;     // 0.5
-    p.unitSd = 2048;  // 1.0
-    p.svs = {{7, 0, 2}, {12, 2, 2}, {11, 3, 0}};
-    return p;
+std::int32_t units32(double value, int fractionBits) {
+    return static_cast<std::int32_t>(wireUnits(value, fractionBits));
 }
+
+// Dops 1.25, 2.0, 1.0; sigmas 1.5, 1.25, 3.0; rms 0.5; unit deviation 1.0.
+// clang-format off
+Rec29Wire logPosition() {
+    return Rec29Wire{.week = 2345, .time = kLogTime, .numSVsUsed = 2, .fixMode = 3, .fixType = 1,
+                     .latitude = wireUnits(37.7749, 40), .longitude = wireUnits(-122.4194, 39),
+                     .height = units32(15.25, 12), .velocity = {units32(0.5, 21), units32(-0.25, 21), units32(0.125, 21)},
+                     .clockOffset = units32(0.0625, 26), .clockDrift = units32(1.5, 17), .dops = {20, 32, 16},
+                     .sigmas = {3072, 2560, 6144}, .rms = 8192, .unitSd = 2048,
+                     .clock = {}, .svs = {{7, 0, 2}, {12, 2, 2}, {11, 3, 0}}};
+}
+// clang-format on
 
 Rec17Wire logRecord17(bool later) {
     const std::int64_t step = later ? 1 : 0;
     Rec17Wire record{kLogTime + (later ? 1000u : 0u), static_cast<std::int32_t>(wireUnits(0.25, 19)), {}};
-    Rec17Sat gps{7,
-                 0x11,
-                 0x03,
-                 45,
-                 60,
-                 181,
-                 static_cast<std::uint32_t>(wireUnits(21456789.125, 7)),
-                 wireUnits(112755432.5, 15) + step * wireUnits(1000.5, 15),
-                 static_cast<std::int32_t>(wireUnits(-1234.5, 6)),
-                 0,
-                 156,
-                 wireUnits(87861234.25, 15) + step * wireUnits(777.25, 15),
-                 static_cast<std::int16_t>(wireUnits(2.625, 8))};
+    const auto cycles = [&](double first, double perSecond) {
+        return wireUnits(first, 15) + step * wireUnits(perSecond, 15);
+    };
+    // clang-format off
+    Rec17Sat gps{7, 0x11, 0x03, 45, 60, 181, static_cast<std::uint32_t>(wireUnits(21456789.125, 7)),
+                 cycles(112755432.5, 1000.5), static_cast<std::int32_t>(wireUnits(-1234.5, 6)), 0, 156,
+                 cycles(87861234.25, 777.25), static_cast<std::int16_t>(wireUnits(2.625, 8))};
     // The wire holds half the range of an SBAS satellite.
-    Rec17Sat sbas{131,
-                  0x10,
-                  0x00,
-                  30,
-                  100,
-                  160,
-                  static_cast<std::uint32_t>(wireUnits(19000000.0, 7)),
-                  wireUnits(99000000.0, 15) + step * wireUnits(5.25, 15),
-                  0,
-                  0,
-                  0,
-                  0,
-                  0};
+    Rec17Sat sbas{131, 0x10, 0x00, 30, 100, 160, static_cast<std::uint32_t>(wireUnits(19000000.0, 7)),
+                  cycles(99000000.0, 5.25), 0, 0, 0, 0, 0};
+    // clang-format on
     record.sats = {gps, sbas};
     return record;
 }
 
+// Pdop 2.5, velocities 2^-20, -0.75 x 2^-10, 0.5.
+// clang-format off
 Rec11Wire logRecord11() {
-    Rec11Wire p;
-    p.latitude = static_cast<std::int32_t>(wireUnits(0.2098, 31));
-    p.longitude = static_cast<std::int32_t>(wireUnits(-0.6801, 30));
-    p.height = static_cast<std::int32_t>(wireUnits(15.25, 12));
-    p.clockOffset = static_cast<std::int32_t>(wireUnits(1234.5, 9));
-    p.clockDrift = static_cast<std::int32_t>(wireUnits(0.75, 17));
-    p.pdop = 20;              // 2.5
-    p.velocity[0] = 1 << 24;  // 2^-20
-    p.velocity[1] = static_cast<std::int32_t>(wireUnits(-0.75 * std::ldexp(1.0, -10), 32));
-    p.velocity[2] = static_cast<std::int32_t>(wireUnits(0.5, 21));
-    p.time = kLogTime;
-    p.fixStatus = 0x40;
-    p.channels = {1, 2, 3};
-    p.svIds = {7, 63, 11};
-    p.residuals = {5, static_cast<std::uint8_t>(-3)};
-    return p;
+    return Rec11Wire{.latitude = units32(0.2098, 31), .longitude = units32(-0.6801, 30), .height = units32(15.25, 12),
+                     .clockOffset = units32(1234.5, 9), .clockDrift = units32(0.75, 17), .pdop = 20,
+                     .velocity = {1 << 24, units32(-0.75 * std::ldexp(1.0, -10), 32), units32(0.5, 21)},
+                     .time = kLogTime, .fixStatus = 0x40, .channels = {1, 2, 3}, .svIds = {7, 63, 11},
+                     .residuals = {5, static_cast<std::uint8_t>(-3)}};
 }
+// clang-format on
 
 }  // namespace
 
