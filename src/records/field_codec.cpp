@@ -14,19 +14,9 @@ namespace nvb {
 std::uint8_t hostSwapStream = 1;
 std::uint8_t hostSwapDAT = 0;
 
-namespace {
-
-void putBigEndian(WriteBuffer& out, std::uint64_t value, unsigned width) {
-    if (out.frame.length + std::size_t{width} <= sizeof out.frame.data) {
-        std::uint8_t* at = out.frame.data + out.frame.length;
-        for (unsigned i = width; i > 0; --i) *at++ = static_cast<std::uint8_t>(value >> (8 * (i - 1)));
-        out.frame.length = static_cast<std::uint16_t>(out.frame.length + width);
-        return;
-    }
+void putBigEndianCut(WriteBuffer& out, std::uint64_t value, unsigned width) {
     for (unsigned i = width; i > 0; --i) putByte(out, static_cast<std::uint8_t>(value >> (8 * (i - 1))));
 }
-
-}  // namespace
 
 float getFloat(ByteView bytes, std::size_t offset) {
     std::uint8_t raw[4];
@@ -58,55 +48,11 @@ void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count) {
     if (fits < count) out.overflow = true;
 }
 
-void putU16(WriteBuffer& out, std::uint16_t value) {
-    putBigEndian(out, value, 2);
-}
-
-void putU32(WriteBuffer& out, std::uint32_t value) {
-    putBigEndian(out, value, 4);
-}
-
-void putF32(WriteBuffer& out, float value) {
-    putU32(out, std::bit_cast<std::uint32_t>(value));
-}
-
-void putF64(WriteBuffer& out, double value) {
-    putBigEndian(out, std::bit_cast<std::uint64_t>(value), 8);
-}
-
-std::int64_t roundScaled(double x, int power) {
-    const double v = x * powerOfTwo(power);
-    const double rounded = v >= 0.0 ? v + 0.5 : v - 0.5;
-    constexpr double kLimit = 9223372036854775808.0;
-    if (!(rounded > -kLimit && rounded < kLimit)) return std::numeric_limits<std::int64_t>::min();
-    return static_cast<std::int64_t>(rounded);
-}
-
-void putScaled1(WriteBuffer& out, double x, int power) {
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(x, power)), 1);
-}
-
-void putScaled2(WriteBuffer& out, double x, int power) {
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(x, power)), 2);
-}
-
-void putScaled3(WriteBuffer& out, double x, int power) {
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(x, power)), 3);
-}
-
-void putScaled4(WriteBuffer& out, double x, int power) {
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(x, power)), 4);
-}
-
-void putScaled6(WriteBuffer& out, double x, int power) {
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(x, power)), 6);
-}
-
 std::uint8_t putScaled4Split(WriteBuffer& out, double x, int power) {
     const double total = x * powerOfTwo(power);
     const double head = std::trunc(total);
     // The head goes out in four bytes whichever its sign: as unsigned it may pass 2^31.
-    putBigEndian(out, static_cast<std::uint64_t>(roundScaled(head, 0)), 4);
+    putBigEndian<4>(out, static_cast<std::uint64_t>(roundScaled(head, 0)));
     double residual = (total - head) * 256.0;
     if (residual > 127.0) residual = 127.0;
     return static_cast<std::uint8_t>(roundScaled(residual, 0));

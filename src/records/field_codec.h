@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <span>
 
 namespace nvb {
@@ -108,16 +109,78 @@ inline void putByte(WriteBuffer& out, std::uint8_t value) {
     out.frame.data[out.frame.length++] = value;
 }
 void putBytes(WriteBuffer& out, const std::uint8_t* bytes, std::size_t count);
-void putU16(WriteBuffer& out, std::uint16_t value);
-void putU32(WriteBuffer& out, std::uint32_t value);
-void putF32(WriteBuffer& out, float value);
-void putF64(WriteBuffer& out, double value);
+
+// The field that crosses the end of the buffer: its bytes that still fit, then overflow.
+void putBigEndianCut(WriteBuffer& out, std::uint64_t value, unsigned width);
+
+// The low `Width` bytes of value, big-endian. One bound check and one store per field:
+// byte stores through the frame would make the compiler reload its length after each.
+template <unsigned Width>
+[[gnu::always_inline]] inline void putBigEndian(WriteBuffer& out, std::uint64_t value) {
+    static_assert(Width >= 1 && Width <= 8);
+    const std::size_t at = out.frame.length;
+    if (at + Width > sizeof out.frame.data) {
+        putBigEndianCut(out, value, Width);
+        return;
+    }
+    std::uint64_t word = value << (64 - 8 * Width);
+    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+    std::memcpy(out.frame.data + at, &word, Width);
+    out.frame.length = static_cast<std::uint16_t>(at + Width);
+}
+
+// Bytes in written order as one big-endian value, for putBigEndian.
+template <std::size_t Count>
+[[nodiscard]] constexpr std::uint64_t packBigEndian(const std::uint8_t (&bytes)[Count]) {
+    static_assert(Count <= 8);
+    std::uint64_t value = 0;
+    for (const std::uint8_t byte : bytes) value = (value << 8) | byte;
+    return value;
+}
+
+inline void putU16(WriteBuffer& out, std::uint16_t value) {
+    putBigEndian<2>(out, value);
+}
+inline void putU32(WriteBuffer& out, std::uint32_t value) {
+    putBigEndian<4>(out, value);
+}
+inline void putF32(WriteBuffer& out, float value) {
+    putBigEndian<4>(out, std::bit_cast<std::uint32_t>(value));
+}
+inline void putF64(WriteBuffer& out, double value) {
+    putBigEndian<8>(out, std::bit_cast<std::uint64_t>(value));
+}
+
+// The rounding of every scaled writer: half away from zero, then toward zero. A value
+// beyond 64 bits (or not a number) gives the pattern 0x8000000000000000.
+[[nodiscard]] inline std::int64_t roundScaled(double x, int power) {
+    const double v = x * powerOfTwo(power);
+    const double rounded = v >= 0.0 ? v + 0.5 : v - 0.5;
+    constexpr double kLimit = 9223372036854775808.0;
+    if (!(rounded > -kLimit && rounded < kLimit)) return std::numeric_limits<std::int64_t>::min();
+    return static_cast<std::int64_t>(rounded);
+}
+
 // Scaled writers: x times 2^power, rounded half away from zero, low bytes kept.
-void putScaled1(WriteBuffer& out, double x, int power);
-void putScaled2(WriteBuffer& out, double x, int power);
-void putScaled3(WriteBuffer& out, double x, int power);
-void putScaled4(WriteBuffer& out, double x, int power);
-void putScaled6(WriteBuffer& out, double x, int power);
+template <unsigned Width>
+inline void putScaled(WriteBuffer& out, double x, int power) {
+    putBigEndian<Width>(out, static_cast<std::uint64_t>(roundScaled(x, power)));
+}
+inline void putScaled1(WriteBuffer& out, double x, int power) {
+    putScaled<1>(out, x, power);
+}
+inline void putScaled2(WriteBuffer& out, double x, int power) {
+    putScaled<2>(out, x, power);
+}
+inline void putScaled3(WriteBuffer& out, double x, int power) {
+    putScaled<3>(out, x, power);
+}
+inline void putScaled4(WriteBuffer& out, double x, int power) {
+    putScaled<4>(out, x, power);
+}
+inline void putScaled6(WriteBuffer& out, double x, int power) {
+    putScaled<6>(out, x, power);
+}
 // Writes the truncated head of x times 2^power in four bytes and returns the rounded
 // residual in 1/256 of the head's unit, at most 127; the caller places it.
 [[nodiscard]] std::uint8_t putScaled4Split(WriteBuffer& out, double x, int power);
@@ -126,10 +189,6 @@ void putScaled6(WriteBuffer& out, double x, int power);
 unsigned putScaledVar(WriteBuffer& out, double x, int power, unsigned minBytes, unsigned maxBytes);
 // Overwrites a byte already written (a length placeholder).
 void patchByte(WriteBuffer& out, std::size_t at, std::uint8_t value);
-
-// The rounding of every scaled writer: half away from zero, then toward zero. A value
-// beyond 64 bits (or not a number) gives the pattern 0x8000000000000000.
-[[nodiscard]] std::int64_t roundScaled(double x, int power);
 
 // Closes a frame written from offset 0: total length (position + 3) into offset 1 and,
 // for types with a high length byte, offset 3; then checksum and end byte. Returns the
@@ -162,6 +221,39 @@ template <class T>
     }
     datCopy(in, &value, 1, sizeof value);
     return value;
+}
+
+// Two ways of taking the fixed fields of a block in native order: checked field by field
+// through the reader, or, once one check has shown the block lies whole in the record and
+// needs no swap, straight from its bytes.
+struct DatChecked {
+    DatReader& in;
+    template <class T>
+    [[nodiscard]] T read() {
+        return datRead<T>(in);
+    }
+};
+
+struct DatUnchecked {
+    const std::uint8_t* at;
+    template <class T>
+    [[nodiscard]] T read() {
+        T value;
+        std::memcpy(&value, at, sizeof value);
+        at += sizeof value;
+        return value;
+    }
+};
+
+// Runs `take` on the next `size` bytes of the record, read as one of the two above.
+template <class Take>
+[[gnu::always_inline]] inline void datFixed(DatReader& in, std::size_t size, Take take) {
+    if (hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= size) {
+        take(DatUnchecked{in.data + in.position});
+        in.position += size;
+    } else {
+        take(DatChecked{in});
+    }
 }
 
 // The same walk on the output side, for the field-by-field DAT forms: a write past

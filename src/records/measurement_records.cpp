@@ -466,14 +466,16 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
     for (int i = 0; i < svCount && !out.overflow; ++i) {
         const Rec27Sv& sv = rec.sv[i];
         const std::size_t svStart = out.frame.length;
-        putByte(out, 0);
-        putByte(out, sv.svId);
-        putByte(out, static_cast<std::uint8_t>(sv.antennaNumber * 64 + sv.rt_sattype));
-        putByte(out, sv.channel);
-        putByte(out, sv.nMeas);
-        putByte(out, static_cast<std::uint8_t>(sv.elevation));
-        putByte(out, static_cast<std::uint8_t>(sv.azimuth / 2));
-        putByte(out, sv.svFlags);
+        // The eight fixed bytes of the block, its length byte (patched below) first.
+        const std::uint8_t svHead[8] = {0,
+                                       sv.svId,
+                                       static_cast<std::uint8_t>(sv.antennaNumber * 64 + sv.rt_sattype),
+                                       sv.channel,
+                                       sv.nMeas,
+                                       static_cast<std::uint8_t>(sv.elevation),
+                                       static_cast<std::uint8_t>(sv.azimuth / 2),
+                                       sv.svFlags};
+        putBigEndian<8>(out, packBigEndian(svHead));
         if ((sv.svFlags & 0x80) != 0) {
             putByte(out, sv.svFlags2 % 128);
             if ((sv.svFlags2 & 0x01) != 0) {
@@ -497,10 +499,9 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
                 flags3 = 0;
             }
             const std::size_t measStart = out.frame.length;
-            putByte(out, 0);
-            putByte(out, meas.blockType);
-            putByte(out, meas.trackType);
-            putU16(out, meas.snr);
+            const std::uint8_t measHead[5] = {0, meas.blockType, meas.trackType, static_cast<std::uint8_t>(meas.snr >> 8),
+                                           static_cast<std::uint8_t>(meas.snr)};
+            putBigEndian<5>(out, packBigEndian(measHead));
             std::uint8_t topByte = 0;
             if (j == 0) {
                 const int exponent = firstRangeExponent(sv.rt_sattype);
@@ -530,9 +531,8 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
                 }
             }
             putScaled6(out, meas.phase, 15);
-            putByte(out, meas.slipCount);
             if (!epochKeepDoppler) flags1 &= static_cast<std::uint8_t>(~kDopplerPresent);
-            putByte(out, flags1);
+            putU16(out, static_cast<std::uint16_t>(meas.slipCount << 8 | flags1));
             if ((flags1 & kFlags2Follows) != 0) {
                 putByte(out, flags2);
                 if ((flags2 & 0x80) != 0) putByte(out, flags3);
@@ -581,15 +581,22 @@ std::uint16_t writeRec17(const Rec17& rec, nvb_frame_t& frame) {
     return closeFrame(out, false);
 }
 
+// Bytes of the fixed part of the DAT epoch header, satellite block and measurement block.
+constexpr std::size_t kDatEpochFixed = 17;
+constexpr std::size_t kDatSvFixed = 10;
+constexpr std::size_t kDatMeasFixed = 27;
+
 int parseRec27Dat(DatReader& in, Rec27* rec, std::uint8_t dropMask, std::uint8_t* datHeader) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
-    rec->epochHeaderLen = datRead<std::uint8_t>(in);
-    rec->weekNum = datRead<std::uint16_t>(in);
-    rec->receiveTime = datRead<double>(in);
-    rec->clkOffset = datRead<float>(in);
-    rec->nSv = datRead<std::uint8_t>(in);
-    rec->epochFlags = datRead<std::uint8_t>(in);
+    datFixed(in, kDatEpochFixed, [rec](auto fields) {
+        rec->epochHeaderLen = fields.template read<std::uint8_t>();
+        rec->weekNum = fields.template read<std::uint16_t>();
+        rec->receiveTime = fields.template read<double>();
+        rec->clkOffset = fields.template read<float>();
+        rec->nSv = fields.template read<std::uint8_t>();
+        rec->epochFlags = fields.template read<std::uint8_t>();
+    });
     if (rec->nSv > NVB_MAX_SV) return -2;
     if ((rec->epochFlags & 0x02) != 0) rec->clkDrift = datRead<float>(in);
     if ((rec->epochFlags & 0x10) != 0) rec->raimFault = datRead<std::uint8_t>(in);
@@ -605,16 +612,18 @@ int parseRec27Dat(DatReader& in, Rec27* rec, std::uint8_t dropMask, std::uint8_t
     for (int i = 0; i < rec->nSv; ++i) {
         Rec27Sv& sv = rec->sv[i];
         const std::size_t start = in.position;
-        sv.svBlockLen = datRead<std::uint8_t>(in);
-        sv.svId = datRead<std::uint8_t>(in);
-        const auto system = datRead<std::uint8_t>(in);
-        sv.rt_sattype = system & 0x3F;
-        sv.antennaNumber = system >> 6;
-        sv.channel = datRead<std::uint8_t>(in);
-        sv.nMeas = datRead<std::uint8_t>(in);
-        sv.elevation = datRead<std::int16_t>(in);
-        sv.azimuth = datRead<std::uint16_t>(in);
-        sv.svFlags = datRead<std::uint8_t>(in);
+        datFixed(in, kDatSvFixed, [&sv](auto fields) {
+            sv.svBlockLen = fields.template read<std::uint8_t>();
+            sv.svId = fields.template read<std::uint8_t>();
+            const auto system = fields.template read<std::uint8_t>();
+            sv.rt_sattype = system & 0x3F;
+            sv.antennaNumber = system >> 6;
+            sv.channel = fields.template read<std::uint8_t>();
+            sv.nMeas = fields.template read<std::uint8_t>();
+            sv.elevation = fields.template read<std::int16_t>();
+            sv.azimuth = fields.template read<std::uint16_t>();
+            sv.svFlags = fields.template read<std::uint8_t>();
+        });
         if (sv.nMeas > NVB_MAX_MEAS) return -2;
         if ((sv.svFlags & 0x80) != 0) {
             // The satellite block's own length bounds what follows svFlags2, so blocks
@@ -636,15 +645,17 @@ int parseRec27Dat(DatReader& in, Rec27* rec, std::uint8_t dropMask, std::uint8_t
         }
         for (int j = 0; j < sv.nMeas; ++j) {
             Rec27Meas& meas = sv.meas[j];
-            meas.measBlockLen = datRead<std::uint8_t>(in);
-            meas.blockType = datRead<std::uint8_t>(in);
-            meas.trackType = datRead<std::uint8_t>(in);
-            meas.snr = datRead<std::uint16_t>(in);
-            meas.range = datRead<double>(in);
-            meas.phase = datRead<double>(in);
-            meas.doppler = datRead<float>(in);
-            meas.slipCount = datRead<std::uint8_t>(in);
-            meas.measFlags1 = datRead<std::uint8_t>(in);
+            datFixed(in, kDatMeasFixed, [&meas](auto fields) {
+                meas.measBlockLen = fields.template read<std::uint8_t>();
+                meas.blockType = fields.template read<std::uint8_t>();
+                meas.trackType = fields.template read<std::uint8_t>();
+                meas.snr = fields.template read<std::uint16_t>();
+                meas.range = fields.template read<double>();
+                meas.phase = fields.template read<double>();
+                meas.doppler = fields.template read<float>();
+                meas.slipCount = fields.template read<std::uint8_t>();
+                meas.measFlags1 = fields.template read<std::uint8_t>();
+            });
             if ((meas.measFlags1 & kFlags2Follows) != 0) {
                 meas.measFlags2 = datRead<std::uint8_t>(in);
                 if ((meas.measFlags2 & 0x80) != 0) meas.measFlags3 = datRead<std::uint8_t>(in);
