@@ -130,11 +130,11 @@ template <unsigned Width>
 }
 
 // Bytes in written order as one big-endian value, for putBigEndian.
-template <std::size_t Count>
-[[nodiscard]] constexpr std::uint64_t packBigEndian(const std::uint8_t (&bytes)[Count]) {
-    static_assert(Count <= 8);
+template <class... Bytes>
+[[nodiscard]] constexpr std::uint64_t packBigEndian(Bytes... bytes) {
+    static_assert(sizeof...(Bytes) <= 8);
     std::uint64_t value = 0;
-    for (const std::uint8_t byte : bytes) value = (value << 8) | byte;
+    ((value = (value << 8) | static_cast<std::uint8_t>(bytes)), ...);
     return value;
 }
 

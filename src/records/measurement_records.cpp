@@ -467,15 +467,8 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
         const Rec27Sv& sv = rec.sv[i];
         const std::size_t svStart = out.frame.length;
         // The eight fixed bytes of the block, its length byte (patched below) first.
-        const std::uint8_t svHead[8] = {0,
-                                       sv.svId,
-                                       static_cast<std::uint8_t>(sv.antennaNumber * 64 + sv.rt_sattype),
-                                       sv.channel,
-                                       sv.nMeas,
-                                       static_cast<std::uint8_t>(sv.elevation),
-                                       static_cast<std::uint8_t>(sv.azimuth / 2),
-                                       sv.svFlags};
-        putBigEndian<8>(out, packBigEndian(svHead));
+        putBigEndian<8>(out, packBigEndian(0, sv.svId, sv.antennaNumber * 64 + sv.rt_sattype, sv.channel, sv.nMeas,
+                                           sv.elevation, sv.azimuth / 2, sv.svFlags));
         if ((sv.svFlags & 0x80) != 0) {
             putByte(out, sv.svFlags2 % 128);
             if ((sv.svFlags2 & 0x01) != 0) {
@@ -499,9 +492,7 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
                 flags3 = 0;
             }
             const std::size_t measStart = out.frame.length;
-            const std::uint8_t measHead[5] = {0, meas.blockType, meas.trackType, static_cast<std::uint8_t>(meas.snr >> 8),
-                                           static_cast<std::uint8_t>(meas.snr)};
-            putBigEndian<5>(out, packBigEndian(measHead));
+            putBigEndian<5>(out, packBigEndian(0, meas.blockType, meas.trackType, meas.snr >> 8, meas.snr));
             std::uint8_t topByte = 0;
             if (j == 0) {
                 const int exponent = firstRangeExponent(sv.rt_sattype);
