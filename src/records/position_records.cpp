@@ -231,11 +231,7 @@ std::uint16_t writeRec29(const Rec29& rec, nvb_frame_t& frame) {
     const std::size_t list = out.frame.length;
     putByte(out, 0);
     const int count = std::min<int>(rec.numSVs, NVB_MAX_SV);
-    for (int k = 0; k < count; ++k) {
-        putByte(out, rec.sv[k].svId);
-        putByte(out, rec.sv[k].rt_sattype);
-        putByte(out, rec.sv[k].flags);
-    }
+    for (int k = 0; k < count; ++k) putBigEndian<3>(out, packBigEndian(rec.sv[k].svId, rec.sv[k].rt_sattype, rec.sv[k].flags));
     patchByte(out, list, static_cast<std::uint8_t>(out.frame.length - list));
     return closeFrame(out, true);
 }
