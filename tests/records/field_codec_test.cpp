@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -126,15 +127,41 @@ TEST(FieldWriters, SplitHeadTruncatesAndHandsBackAClampedResidual) {
     EXPECT_EQ(bytes, (Bytes{0xC0, 0, 0, 0}));
 }
 
-TEST(FieldWriters, AWritePastTheBufferIsDroppedAndFlagged) {
+// Every field writer, started at each place near the end of the buffer: the bytes that fit
+// are those the field writes anywhere else, and a field that does not fit whole flags the
+// frame, which then does not close.
+TEST(FieldWriters, AWritePastTheBufferKeepsWhatFitsAndIsFlagged) {
+    using Writer = void (*)(nvb::WriteBuffer&);
+    const std::vector<Writer> writers = {
+        [](nvb::WriteBuffer& out) { nvb::putU16(out, 0x0102); },
+        [](nvb::WriteBuffer& out) { nvb::putU32(out, 0x01020304); },
+        [](nvb::WriteBuffer& out) { nvb::putF32(out, -1.5f); },
+        [](nvb::WriteBuffer& out) { nvb::putF64(out, 1e300); },
+        [](nvb::WriteBuffer& out) { nvb::putScaled1(out, -0.5, 2); },
+        [](nvb::WriteBuffer& out) { nvb::putScaled2(out, -1234.5, 3); },
+        [](nvb::WriteBuffer& out) { nvb::putScaled3(out, 1e30, 0); },
+        [](nvb::WriteBuffer& out) { nvb::putScaled4(out, -0.0, 7); },
+        [](nvb::WriteBuffer& out) { nvb::putScaled6(out, 123456789.125, 8); },
+        [](nvb::WriteBuffer& out) { (void)nvb::putScaled4Split(out, -5.25, 0); },
+    };
     auto frame = std::make_unique<nvb_frame_t>();
-    frame->length = NVB_FRAME_CAPACITY - 3;
-    nvb::WriteBuffer out{*frame};
-    nvb::putU32(out, 0x01020304);
-    EXPECT_TRUE(out.overflow);
-    EXPECT_EQ(+frame->length, NVB_FRAME_CAPACITY);
-    EXPECT_EQ(frame->data[NVB_FRAME_CAPACITY - 1], 0x03);
-    EXPECT_EQ(nvb::closeFrame(out, true), 0);
+    for (const Writer write : writers) {
+        const Bytes whole = written(write);
+        for (std::size_t start = NVB_FRAME_CAPACITY - 9; start <= NVB_FRAME_CAPACITY; ++start) {
+            SCOPED_TRACE(testing::Message() << whole.size() << " bytes at " << start);
+            *frame = {};
+            frame->length = static_cast<std::uint16_t>(start);
+            nvb::WriteBuffer out{*frame};
+            write(out);
+            const std::size_t fits = std::min(whole.size(), NVB_FRAME_CAPACITY - start);
+            EXPECT_EQ(out.overflow, fits < whole.size());
+            EXPECT_EQ(frame->length, start + fits);
+            EXPECT_EQ(Bytes(frame->data + start, frame->data + start + fits), Bytes(whole.begin(), whole.begin() + fits));
+            if (out.overflow) {
+                EXPECT_EQ(nvb::closeFrame(out, true), 0);
+            }
+        }
+    }
 }
 
 TEST(FieldWriters, ClosingAFrameStoresItsLengthChecksumAndEndByte) {
