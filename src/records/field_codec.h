@@ -1,6 +1,8 @@
 #ifndef NVB_RECORDS_FIELD_CODEC_H
 #define NVB_RECORDS_FIELD_CODEC_H
 
+#include "common/big_endian.h"
+
 #include <nvbdll/state.h>
 
 #include <algorithm>
@@ -123,9 +125,7 @@ template <unsigned Width>
         putBigEndianCut(out, value, Width);
         return;
     }
-    std::uint64_t word = value << (64 - 8 * Width);
-    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
-    std::memcpy(out.frame.data + at, &word, Width);
+    storeBigField(out.frame.data + at, value, Width);
     out.frame.length = static_cast<std::uint16_t>(at + Width);
 }
 
@@ -210,11 +210,16 @@ struct DatReader {
 // reversed in place.
 void datCopy(DatReader& in, void* destination, std::size_t count, std::size_t size);
 
+// Whether the next `size` bytes lie whole in the record and need no swap: then they are a
+// plain copy.
+[[nodiscard]] inline bool datLiesWhole(const DatReader& in, std::size_t size) {
+    return hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= size;
+}
+
 template <class T>
 [[nodiscard]] T datRead(DatReader& in) {
     T value{};
-    // A field that lies whole in the record and needs no swap is a plain copy.
-    if (hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= sizeof value) {
+    if (datLiesWhole(in, sizeof value)) {
         std::memcpy(&value, in.data + in.position, sizeof value);
         in.position += sizeof value;
         return value;
@@ -248,7 +253,7 @@ struct DatUnchecked {
 // Runs `take` on the next `size` bytes of the record, read as one of the two above.
 template <class Take>
 [[gnu::always_inline]] inline void datFixed(DatReader& in, std::size_t size, Take take) {
-    if (hostSwapDAT == 0 && in.position < in.length && in.length - in.position >= size) {
+    if (datLiesWhole(in, size)) {
         take(DatUnchecked{in.data + in.position});
         in.position += size;
     } else {
