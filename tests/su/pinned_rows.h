@@ -1,0 +1,59 @@
+#ifndef NVB_TESTS_SU_PINNED_ROWS_H
+#define NVB_TESTS_SU_PINNED_ROWS_H
+
+// Pinned values of the compact forms as rows of a text file under tests/data/su/: a group
+// name, then fields separated by blanks; `#` starts a comment. A byte string is hex, most
+// significant byte first, `-` when empty; a number is decimal or 0x hex.
+
+#include "support/wire.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace nvbtest {
+
+struct PinnedRow {
+    std::string where;  // file:line, for the failure message
+    std::vector<std::string> fields;
+
+    template <typename T = long long>
+    T number(std::size_t at) const {
+        const std::string& text = fields.at(at);
+        return static_cast<T>(text[0] == '-' ? std::stoll(text, nullptr, 0) : std::stoull(text, nullptr, 0));
+    }
+    Bytes bytes(std::size_t at) const {
+        const std::string& text = fields.at(at);
+        Bytes out;
+        if (text != "-" && text.size() % 2 != 0) ADD_FAILURE() << where << ": odd hex " << text;
+        for (std::size_t i = 0; text != "-" && i + 1 < text.size(); i += 2)
+            out.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+        return out;
+    }
+    friend std::ostream& operator<<(std::ostream& out, const PinnedRow& row) { return out << row.where; }
+};
+
+// The rows of `group` in `file`; a group without rows is a test failure, never a pass.
+inline std::vector<PinnedRow> pinnedRows(const std::string& file, const std::string& group) {
+    std::ifstream in(std::string(NVBDLL_TEST_DATA_DIR) + "/su/" + file);
+    std::vector<PinnedRow> rows;
+    std::string line;
+    for (int number = 1; std::getline(in, line); ++number) {
+        std::istringstream words(line.substr(0, line.find('#')));
+        std::string name;
+        if (!(words >> name) || name != group) continue;
+        PinnedRow row{file + ":" + std::to_string(number), {}};
+        for (std::string word; words >> word;) row.fields.push_back(word);
+        rows.push_back(std::move(row));
+    }
+    EXPECT_FALSE(rows.empty()) << "no rows of " << group << " in " << file;
+    return rows;
+}
+
+}  // namespace nvbtest
+
+#endif
