@@ -26,6 +26,7 @@ struct PinnedRow {
         const std::string& text = fields.at(at);
         return static_cast<T>(text[0] == '-' ? std::stoll(text, nullptr, 0) : std::stoull(text, nullptr, 0));
     }
+    double real(std::size_t at) const { return std::stod(fields.at(at)); }
     Bytes bytes(std::size_t at) const {
         const std::string& text = fields.at(at);
         Bytes out;
