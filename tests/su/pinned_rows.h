@@ -3,7 +3,7 @@
 
 // Pinned values of the compact forms as rows of a text file under tests/data/su/: a group
 // name, then fields separated by blanks; `#` starts a comment. A byte string is hex, most
-// significant byte first, `-` when empty; a number is decimal or 0x hex.
+// significant byte first, `-` when empty, dots grouping the digits at will; a number is decimal or 0x hex.
 
 #include "support/wire.h"
 
@@ -28,7 +28,8 @@ struct PinnedRow {
     }
     double real(std::size_t at) const { return std::stod(fields.at(at)); }
     Bytes bytes(std::size_t at) const {
-        const std::string& text = fields.at(at);
+        std::string text = fields.at(at);
+        std::erase(text, '.');
         Bytes out;
         if (text != "-" && text.size() % 2 != 0) ADD_FAILURE() << where << ": odd hex " << text;
         for (std::size_t i = 0; text != "-" && i + 1 < text.size(); i += 2)
