@@ -22,7 +22,6 @@
 #include <cstring>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 
 namespace nvb {
@@ -259,30 +258,6 @@ struct Epochs {
     }
 };
 
-// A row's record (the pair's reference or delta, or one in hex) with the row's edits made.
-Bytes corrupted(const nvbtest::PinnedRow& row, const Bytes& reference, const Bytes& delta) {
-    Bytes record = row.fields.at(0) == "reference" ? reference : row.fields[0] == "delta" ? delta : row.bytes(0);
-    std::istringstream edits(row.fields.at(1) == "-" ? "" : row.fields[1]);
-    for (std::string edit; std::getline(edits, edit, ',');) {
-        const std::size_t op = edit.find_first_of("=^+<", 1);
-        const long at = edit[0] == '@' ? 0 : std::stol(edit.substr(0, op));
-        auto where = static_cast<std::size_t>(at < 0 ? static_cast<long>(record.size()) + at : at);
-        if (edit[0] == '@') {
-            where = 4;
-            for (int block = std::stoi(edit.substr(1)); block > 1; --block) where += record.at(where);
-            if (const std::size_t colon = edit.find(':'); colon < op) where += std::stoul(edit.substr(colon + 1));
-        }
-        const auto value = static_cast<std::uint8_t>(std::stoul(edit.substr(op + 1), nullptr, 16));
-        switch (edit[op]) {
-            case '=': record.at(where) = value; break;
-            case '^': record.at(where) ^= value; break;
-            case '+': record.at(where) = static_cast<std::uint8_t>(record.at(where) + value); break;
-            default: record.insert(record.begin() + static_cast<long>(where), value);
-        }
-    }
-    return record;
-}
-
 template <typename Codec>
 class CompactCodec : public ::testing::Test {};
 
@@ -420,7 +395,7 @@ TYPED_TEST(CompactCodec, CorruptRecordsGiveTheirStatusAndLeaveTheHistoryByteIden
         return status;
     };
     for (const nvbtest::PinnedRow& row : nvbtest::pinnedRows("compact_corruptions.txt", Codec::kName)) {
-        const Bytes record = corrupted(row, reference, delta);
+        const Bytes record = nvbtest::edited(row, {{"reference", reference}, {"delta", delta}});
         const bool isRef = record.size() > 2 && Codec::isReference(record[2]);
         EXPECT_EQ(refused(record, out.size(), row.number(2) != 0, isRef ? *empty : *good), row.number(3)) << row;
     }

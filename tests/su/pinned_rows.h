@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -54,6 +55,39 @@ inline std::vector<PinnedRow> pinnedRows(const std::string& file, const std::str
     }
     EXPECT_FALSE(rows.empty()) << "no rows of " << group << " in " << file;
     return rows;
+}
+
+// The record a row names in its first field (one of `named`, else hex), with the edits of its
+// second: `-` or comma-separated AT=HEX (set the byte), AT^HEX (flip its bits), AT+HEX and
+// AT-HEX (add, subtract), AT<HEX (insert a byte before it). AT counts from the end when
+// negative; @K is the first byte of the K-th block, blocks carrying their length first from
+// byte 4, and @K:N the N-th byte on from there; `size` is the record's length.
+inline Bytes edited(const PinnedRow& row, const std::map<std::string, Bytes>& named) {
+    const auto found = named.find(row.fields.at(0));
+    Bytes record = found != named.end() ? found->second : row.bytes(0);
+    std::istringstream edits(row.fields.at(1) == "-" ? "" : row.fields[1]);
+    for (std::string edit; std::getline(edits, edit, ',');) {
+        const std::size_t op = edit.find_first_of("=^+-<", 1);
+        const auto value = static_cast<std::uint8_t>(std::stoul(edit.substr(op + 1), nullptr, 16));
+        if (edit.starts_with("size")) {
+            record.resize(edit[op] == '=' ? value : record.size() - value);
+            continue;
+        }
+        long at = edit[0] == '@' ? 4 : std::stol(edit.substr(0, op));
+        if (edit[0] == '@') {
+            for (int block = std::stoi(edit.substr(1)); block > 1; --block) at += record.at(static_cast<std::size_t>(at));
+            if (const std::size_t colon = edit.find(':'); colon < op) at += std::stol(edit.substr(colon + 1));
+        }
+        const auto where = static_cast<std::size_t>(at < 0 ? static_cast<long>(record.size()) + at : at);
+        switch (edit[op]) {
+            case '=': record.at(where) = value; break;
+            case '^': record.at(where) ^= value; break;
+            case '+': record.at(where) = static_cast<std::uint8_t>(record.at(where) + value); break;
+            case '-': record.at(where) = static_cast<std::uint8_t>(record.at(where) - value); break;
+            default: record.insert(record.begin() + static_cast<long>(where), value);
+        }
+    }
+    return record;
 }
 
 }  // namespace nvbtest
