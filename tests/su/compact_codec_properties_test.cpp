@@ -2,7 +2,8 @@
 // realistic sequence comes back byte for byte with references exactly where due; after a
 // lost record no delta is delivered until the next reference; a corrupt record gives its
 // status and leaves the history byte-identical. A codec joins with its traits (see
-// tests/README.md); what only one codec does stays in that codec's own test.
+// tests/README.md) and its rows of refused records in tests/data/su/compact_corruptions.txt;
+// what only one codec does stays in that codec's own test.
 #include "external/su/compact_compressors.h"
 #include "external/su/delta_epoch.h"
 #include "external/su/epoch_compressor.h"
