@@ -13,8 +13,8 @@
 namespace nvb {
 namespace {
 
-using nvbtest::Bytes;
 using nvbtest::addToField;
+using nvbtest::Bytes;
 using nvbtest::editedEpoch;
 
 std::vector<Bytes> quietSequence(std::size_t epochs, bool doppler = false, std::size_t satellites = 4) {

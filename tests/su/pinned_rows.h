@@ -3,7 +3,8 @@
 
 // Pinned values of the compact forms as rows of a text file under tests/data/su/: a group
 // name, then fields separated by blanks; `#` starts a comment. A byte string is hex, most
-// significant byte first, `-` when empty, dots grouping the digits at will; a number is decimal or 0x hex.
+// significant byte first, `-` when empty, dots grouping the digits at will; a number is
+// decimal or 0x hex.
 
 #include "support/wire.h"
 
@@ -75,17 +76,21 @@ inline Bytes edited(const PinnedRow& row, const std::map<std::string, Bytes>& na
         }
         long at = edit[0] == '@' ? 4 : std::stol(edit.substr(0, op));
         if (edit[0] == '@') {
-            for (int block = std::stoi(edit.substr(1)); block > 1; --block) at += record.at(static_cast<std::size_t>(at));
+            for (int block = std::stoi(edit.substr(1)); block > 1; --block)
+                at += record.at(static_cast<std::size_t>(at));
             if (const std::size_t colon = edit.find(':'); colon < op) at += std::stol(edit.substr(colon + 1));
         }
         const auto where = static_cast<std::size_t>(at < 0 ? static_cast<long>(record.size()) + at : at);
-        switch (edit[op]) {
-            case '=': record.at(where) = value; break;
-            case '^': record.at(where) ^= value; break;
-            case '+': record.at(where) = static_cast<std::uint8_t>(record.at(where) + value); break;
-            case '-': record.at(where) = static_cast<std::uint8_t>(record.at(where) - value); break;
-            default: record.insert(record.begin() + static_cast<long>(where), value);
+        if (edit[op] == '<') {
+            record.insert(record.begin() + static_cast<long>(where), value);
+            continue;
         }
+        std::uint8_t& byte = record.at(where);
+        const char how = edit[op];
+        byte = static_cast<std::uint8_t>(how == '='   ? value
+                                         : how == '^' ? byte ^ value
+                                         : how == '+' ? byte + value
+                                                      : byte - value);
     }
     return record;
 }

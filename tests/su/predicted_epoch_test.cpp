@@ -83,7 +83,8 @@ TEST_F(Predicting, EachChangeItCannotCarryDeclinesWithItsReasonAndLeavesTheHisto
          [](epoch_image_t& image) {
              const double wavelength = bandWavelength(image.sats[0].rt_sattype, image.sats[0].signals[0].blockType,
                                                       static_cast<std::int8_t>(image.sats[0].channel));
-             nvbtest::addToField(image.sats[0].signals[0].phase, 6, static_cast<std::int64_t>(2000.0 / wavelength * 32768.0));
+             nvbtest::addToField(image.sats[0].signals[0].phase, 6,
+                                 static_cast<std::int64_t>(2000.0 / wavelength * 32768.0));
          },
          kPredictedRollover},
     };

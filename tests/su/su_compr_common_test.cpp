@@ -229,7 +229,8 @@ TEST(NibbleDelta, BadCodeShortStreamAndFullDestinationChangeNothing) {
         ByteReader reader = makeByteReader(stream.get(), 1);
         Bytes destination(row.number<std::size_t>(1), 0xEE);
         ByteWriter out = makeByteWriter(destination.data(), destination.size());
-        EXPECT_EQ(expandNibbleDelta(row.number<std::uint8_t>(0), 2, reference.data(), reader, out), row.number(2)) << row;
+        EXPECT_EQ(expandNibbleDelta(row.number<std::uint8_t>(0), 2, reference.data(), reader, out), row.number(2))
+            << row;
         EXPECT_EQ(reference, original);
         EXPECT_EQ(reader.pos, stream.get());
         EXPECT_EQ(out.pos, destination.data());

@@ -269,7 +269,8 @@ TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
         CacheSides sides;
         const std::uint32_t start = 700000;
         sides.pass(block(9, 1, start));
-        const auto [compact, rebuilt] = sides.pass(block(9, 1, static_cast<std::uint32_t>(start + row.number(0)), 2302));
+        const auto [compact, rebuilt] =
+            sides.pass(block(9, 1, static_cast<std::uint32_t>(start + row.number(0)), 2302));
         ASSERT_EQ(compact.size() == 11, row.number(1) != 0) << row;
         if (compact.size() != 11) continue;
         EXPECT_EQ(readU16BigEndian(&compact[6]), row.number(2)) << row;

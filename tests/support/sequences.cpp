@@ -74,7 +74,6 @@ void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
 }
 
-
 class EpochGenerator {
 public:
     explicit EpochGenerator(const EpochSequenceOptions& options) : options_(options), random_(options.seed) {
