@@ -61,71 +61,23 @@ def dat(record_type, body, byte2=None):
     return bytes([0x74, length & 0xFF, byte2, record_type]) + body
 
 
-def pack(fmt, *values):
-    return struct.pack("<" + fmt, *values)
+# One record of each navigation, receiver and auxiliary type and of each record 33 subtype,
+# with what the dump shows of it; the three of readBack false no log gives back.
+EVERY_TYPE = json.loads((Path(__file__).resolve().parents[1] / "data/cli/every_type.json").read_text())
+KEPT_TYPES = [row for row in EVERY_TYPE["records"] if row.get("readBack", True)]
 
 
-def series(fmt, count, first, step=1):
-    return pack(fmt * count, *(first + step * i for i in range(count)))
+def dat_of_row(row):
+    """A DAT record from its body's struct formats and values; ["text", n] is the first n
+    bytes of the sentence repeated."""
+    text = EVERY_TYPE["sentence"].encode() * 60
+    return dat(row["type"], b"".join(
+        text[:part[1]] if part[0] == "text" else bytes.fromhex(part[1]) if part[0] == "hex" else
+        struct.pack(part[0], *(v.encode() if isinstance(v, str) else v for v in part[1:])) for part in row["body"]),
+        row.get("byte2"))
 
 
 NOISE = bytes((i * 37 + 11) % 251 for i in range(20000))
-TEXT = b"$GNGGA,120000.00,4722.61,N,00832.55,E,4,24,0.6,512.3,M,47.4,M,1.0,0000*5B\r\n" * 60
-TAG = pack("HI", 2301, 345600200)
-
-# Record 33 bodies behind the subtype byte, in wire order: what a reader delivers.
-REC33 = {
-    1: pack("6BHdffH", 3, 1, 0x0C, 1, 2, 3, 2301, 345600.2, 0.35, -1.25, 17),
-    2: pack("dddBHH", 6378137.0, -0.0033528, 12.5, 4, 1, 2),
-    3: bytes([0, 12, 1, 2, 7, 1, 3, 11, 0, 10, 30, 1]),
-    4: pack("I5BfH", 345600000, 1, 2, 3, 4, 5, 0.125, 2301) + series("f", 3, 9.5) + series("I", 6, 7) + pack("Bd", 9, 1.5e-9),
-    **{k: series("d", 2, 4084735.25 * k) for k in range(5, 12)},
-    12: series("d", 31, -0.002, 0.5),
-    13: pack("BH", 2, 7) + pack("I6H", 11, *range(40, 46)) + pack("I6H", 12, *range(80, 86)),
-    14: pack("dddd", 345600.2, 0.8268, 0.15, 512.25) + series("f", 12, 0.5) + pack("BBffBB", 1, 4, 1.5, 0.0, 0, 2),
-    15: pack("ddfdf", 1.25, 1.5, 2.5, -3.75, 0.5) + series("d", 6, 0.001) + series("f", 6, 0.25) + bytes([5]),
-    16: bytes([2, 8, 4]) + series("d", 4, 0.5),
-    17: TAG + bytes([0x81, 3, 2]) + pack("H4f", 5, 1, 2, 3, 4) + pack("H4f", 9, -1, -2, -3, -4) + bytes([1, 2, 3, 4]),
-    18: TAG + bytes([2]) + pack("H3f", 21, 0.25, 0.5, 0.75) + pack("H3f", 22, 1, 2, 3),
-    19: TAG + bytes([1, 2, 3, 4]) + series("d", 3, 4084735.2) + series("f", 15, 0.01) + bytes([6, 7]) + series("d", 3, -0.5),
-    20: TAG + bytes([1, 2]) + series("f", 5, 0.4),
-    21: pack("IHIdddfHHHBB", 2, 2301, 345600200, 0.8268, 0.15, 512.25, 0.5, 1, 2, 3, 4, 7)
-        + bytes([1, 0]) + series("f", 16, 0.25) + bytes([2, 0]) + series("f", 4, 1.0)
-        + bytes([3, 0, 0]) + series("f", 21, 2.0),
-    22: TAG + bytes([1, 2]) + pack("f", 1.5) + series("d", 3, 4084735.2) + series("d", 6, 0.04),
-    23: TAG + pack("H", 3) + series("f", 10, 0.2) + series("d", 3, 4084735.2) + series("d", 6, 0.04) + bytes([1, 2]),
-    25: TAG + bytes([1, 2]) + series("f", 17, 0.6) + pack("HH", 100, 103) + bytes([5, 6, 7]) + pack("H", 4),
-    26: TAG + series("H", 30, 500, 3) + bytes([1, 2]),
-    27: TAG + pack("BBH", 1, 2, 3) + series("d", 3, 1.5) + bytes([4, 5, 6]) + pack("IHI", 5, 6, 7) + series("d", 3, -2.5)
-        + pack("HI", 8, 9) + series("d", 3, 3.25),
-    28: TAG + pack("BH", 1, 2) + series("f", 3, 0.5) + series("d", 3, 0.8268) + series("f", 3, -0.5),
-    29: bytes([3, 1, 2, 3, 4, 5, 6]),
-    30: bytes(range(1, 11)) + pack("III", 100, 1100, 300),
-}
-
-
-def auxiliary_records():
-    """One record of each auxiliary type and of each record 33 subtype, as a reader delivers them."""
-    records = [dat(33, bytes([subtype]) + body) for subtype, body in REC33.items()]
-    records += [
-        dat(31, pack("HBB", 0x5354, 2, 12) + TEXT[:12]),
-        dat(32, bytes([5]) + series("d", 11, 0.001) + series("H", 5, 1)),
-        dat(34, bytes([1]) + pack("HB", 7, 30) + b"".join(pack("df", 345600.2 + i, 20.5 + i) for i in range(30))),
-        dat(34, bytes([2]) + pack("HB", 9, 1) + pack("d4fB", 345600.2, 1, 2, 3, 4, 5)),
-        dat(34, bytes([7]) + TEXT[:20]),
-        dat(40, TAG + bytes([3]) + pack("Bd", 1, 23.45) + pack("Bd", 6, -3) + pack("Bd", 7, 65000), byte2=2),
-        dat(98, pack("BHI", 0x80, 2301, 345600200) + bytes([9]) + TEXT[:600]),
-        dat(98, pack("BHI", 0x01, 3, 4) + TEXT[:20]),
-        dat(99, pack("BHI", 1, 3, 4) + TEXT[:3000]),
-        dat(99, pack("BHI", 0, 3, 4) + TEXT[:50]),
-    ]
-    return records
-
-
-# Records a log can't give back: 20 is written but no reader takes it, 101 and 102 exist
-# as DAT records only.
-WRITE_ONLY = [dat(20, pack("d4HI", 123456.0, 3, 4, 5, 6, 7), byte2=0), dat(101, series("d", 5, 0.5) + bytes([6, 7])),
-              dat(102, pack("ddB", 1.0, 2.0, 1) + bytes([1, 2]) + series("d", 4, 1.0))]
 
 
 def dopplers(log):
@@ -309,58 +261,6 @@ def expand_compact(text):
         previous = {satellite(s) for s in sats}
     return "\n".join(rinex.header + out) + "\n"
 
-
-
-ORBIT = (5153.6372, 0.01234, 0.9634, -2.0941, 0.6712, 1.2034, 4.61e-9, -8.21e-9, 1.12e-10, 2.31e-6,
-         -1.41e-6, 254.3125, 180.1875, 3.21e-8, -1.13e-8, 1.207e-4, -3.41e-12, 0.0, 302400.0)
-SBAS = bytes.fromhex("246c03d21b008f113ae007559 02c41fe0019b3660d7218c4005e2a80".replace(" ", ""))
-
-
-def navigation_and_receiver_dats():
-    """One or more real-looking DAT records of each navigation and receiver type."""
-    ephemeris = struct.pack("<BB2H2B3I19dI9sB", 12, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7,
-                            bytes(9), 0)
-    common = struct.pack("<BB2H2B3I19dI", 3, 0, 2345, 61, 1, 0, 345600, 345600, 64, *ORBIT, 7)
-    galileo = struct.pack("<BHIHI15dBHBHI4dHI4d", 11, 2345, 345600, 81, 345600, *ORBIT[:15], 1, 517, 0,
-                          0xFFFF, 345600, *ORBIT[15:19], 0xFFFF, 345600, *ORBIT[:4])
-    beidou = struct.pack("<B4sH11d", 23, bytes([1, 0, 3, 0]), 745, *ORBIT[3:14])
-    sbas_eph = struct.pack("<BHI2s11d", 131, 2345, 345600, bytes([2, 0]), *ORBIT[:11])
-    page = struct.pack("<IHBBBBBBB31s", 345618, 2345, 11, 4, 0x05, 0, 5, 0, 31, bytes(range(31)))
-    description = bytes([9, 6]) + struct.pack("<IH", 0xA1B2C3, 0x0545) + bytes([12]) + b"TR-9 GNSS RX" + \
-        bytes([9]) + b"5.45.0017" + bytes([6]) + struct.pack("<3H", 1, 16, 0x0203) + bytes([1, 7, 6]) + \
-        struct.pack("<I", 0x12345678) + bytes([0x9A, 0xBC, 4, 1, 2, 3, 4, 2, 5, 6, 1, 8])
-    pairs = struct.pack("<dd", 1.5, -0.0078125) + struct.pack("<dd", -2.0, 0.001953125)
-    table12 = struct.pack("<BBHHBBH4sHd8sIIH14sd", 3, 1, 2, 3, 4, 5, 6, bytes(4), 7, 86400.0, bytes(8), 8, 9,
-                          10, bytes(14), 0.25) + pairs
-    wire22 = struct.pack(">B4d8s3s6s3s4H", 2, *ORBIT[:4], bytes(8), b"abc", bytes(6), b"def", 1, 2, 3, 4) + \
-        struct.pack(">12I", *range(100, 112)) + struct.pack(">HIIHH", 5, 6, 7, 8, 9)
-    return [
-        dat(21, ephemeris),
-        dat(28, bytes([5]) + common),
-        dat(28, bytes([3]) + galileo),
-        dat(28, bytes([10]) + beidou),
-        dat(28, bytes([1]) + sbas_eph),
-        dat(25, struct.pack("<IHB", 345600, 2345, 131) + SBAS),
-        dat(25, struct.pack("<IHBB", 345601, 2345, 131, 0x00) + SBAS, byte2=2),
-        dat(25, struct.pack("<IHBB", 345602, 2345, 131, 0x40) + SBAS + bytes([0xC6, 0x3F, 0xB1, 0x0A]), byte2=2),
-        dat(26, struct.pack("<IHBBIB", 345618, 2345, 12, 1, 0x8B, 38) + bytes(range(38)), byte2=6),
-        dat(26, page, byte2=2),
-        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 4, 6, 2, 9, 11) + bytes(range(11)), byte2=7),
-        dat(26, struct.pack("<IHBBIBB", 345618, 2345, 195, 1, 2, 3, 125) + bytes(range(125)), byte2=12),
-        dat(5, struct.pack("<H5sB4d2sB", 1, b"ANT-3", 2, 0.0512, 0.0, 0.0, 0.1, bytes(2), 16) +
-            b"ANT-3 CHOKE RING"),
-        dat(5, struct.pack("<H12d2I", 3, *ORBIT[:12], 4, 5), byte2=3),
-        bytes([0x74, 100, 0, 12]) + table12,
-        dat(15, struct.pack("<11dddd7sB", *ORBIT[:11], -2.0, 300.0, 4000000000.0, b"setting", 9)),
-        dat(19, struct.pack("<Hd", 77, 654321.0), byte2=5),
-        dat(19, struct.pack("<Hd", 78, -3.25e-7), byte2=6),
-        dat(19, struct.pack("<BHd", 1, 79, 42.125), byte2=7),
-        dat(22, wire22),
-        dat(24, struct.pack(">12d2I", *ORBIT[:12], 302400, 302407)),
-        dat(30, struct.pack("<IHH", 12345, 2, 1)),
-        dat(30, description, byte2=1),
-        dat(30, bytes([3, 8]) + struct.pack("<II", 1, 2) + bytes([3, 7, 8, 9, 4]) + struct.pack("<I", 4), byte2=3),
-    ]
 
 
 def frames_of(data):
@@ -975,8 +875,8 @@ CASES += [
 def every_type_records():
     """The records in, and those a log gives back."""
     epochs = dat_records(read(dat_of(simulated(30))))
-    extra = navigation_and_receiver_dats() + auxiliary_records()
-    return epochs[:10] + extra + WRITE_ONLY + epochs[10:], epochs[:10] + extra + epochs[10:]
+    return (epochs[:10] + [dat_of_row(row) for row in EVERY_TYPE["records"]] + epochs[10:],
+            epochs[:10] + [dat_of_row(row) for row in KEPT_TYPES] + epochs[10:])
 
 
 def make_every_type_log(path):
@@ -998,39 +898,24 @@ def every_type_back(w, result):
     w.assertEqual((info["records"], info["statuses"]), (Counter(str(record[3]) for record in expected), []))
 
 
+def pick(value, path):
+    """The value at a dotted path of a dump line: * maps a list, # counts, keys lists a dict,
+    as-text reads hex as text."""
+    head, _, rest = path.partition(".")
+    if not head:
+        return value
+    if head == "*":
+        return [pick(item, rest) for item in value]
+    step = {"#": len, "keys": sorted, "as-text": lambda v: bytes.fromhex(v).decode()}.get(head)
+    return pick(step(value) if step else value[int(head) if isinstance(value, list) else head], rest)
+
+
 def fields_of_every_type(w, result):
-    by_type = {}
-    for record in (json.loads(line) for line in result.stdout.splitlines()):
-        by_type.setdefault(record["type"], []).append(record)
-    subtypes = {r["subtype"]: r for r in by_type[33]}
-    w.assertEqual(sorted(subtypes), [s for s in range(1, 31) if s != 24])
-    w.assertEqual(subtypes[14]["latitude"], 0.8268)
-    w.assertEqual([t["system"] for t in subtypes[3]["triples"]], [0, 2, 3, 10])
-    w.assertEqual([len(subtypes[13]["entries"]), subtypes[13]["entries"][1]["dword1"]], [2, 12])
-    w.assertEqual(len(subtypes[22]["matrix"]), 6)  # the upper triangle the wire carries
-    w.assertEqual(subtypes[21]["groupC"]["singles5"], [18.0, 19.0, 20.0, 21.0, 22.0])
-    w.assertEqual(set(subtypes[21]["groupB"]), {"bytes", "lead"})  # kind 2: the leading singles only
-    w.assertEqual([(e["id"], e["value"]) for e in by_type[40][0]["entries"]], [(1, 23.45), (6, -3), (7, 65000)])
-    w.assertEqual(by_type[40][0]["subtype"], 2)
-    w.assertEqual(bytes.fromhex(by_type[99][1]["payload"]), TEXT[:50])
-    w.assertEqual(bytes.fromhex(by_type[31][0]["data"]), TEXT[:12])
-    w.assertEqual(by_type[32][0]["subtype"], 5)
-    w.assertEqual([r["kind"] for r in by_type[34]], [1, 2, 7])
-    w.assertEqual(len(by_type[34][0]["entries"]), 30)
-    w.assertEqual((by_type[21][0]["sv"], by_type[21][0]["doubles"]), ("G12", list(ORBIT)))
-    w.assertEqual([r["subtype"] for r in by_type[28]], [5, 3, 10, 1])
-    w.assertEqual((by_type[28][1]["system"], by_type[28][2]["doubles"]), ("Galileo", list(ORBIT[3:14])))
-    w.assertEqual([r["preamble"] for r in by_type[25][1:]], [0x9A, 0xC6])
-    w.assertEqual(by_type[26][1]["payloadIndex"], 0)
-    w.assertEqual(bytes.fromhex(by_type[5][0]["text"]), b"ANT-3 CHOKE RING")
-    w.assertEqual([(p["first"], p["second"]) for p in by_type[12][0]["pairs"]],
-                  [(1.5, -0.0078125), (-2.0, 0.001953125)])
-    w.assertEqual(by_type[15][0]["signedValue1"], -2.0)
-    w.assertEqual([r["subtype"] for r in by_type[19]], [5, 6, 7])
-    w.assertEqual(by_type[22][0]["dwordTables"], list(range(100, 112)))  # four tables of three
-    w.assertEqual(by_type[24][0]["counters"], [302400, 302407])
-    w.assertEqual(bytes.fromhex(by_type[30][1]["b"]["text"]), b"TR-9 GNSS RX")
-    w.assertEqual(by_type[30][1]["d"]["words"], [1, 16, 0x0203])
+    shown = [json.loads(line) for line in result.stdout.splitlines()][10:10 + len(KEPT_TYPES)]
+    for row, record in zip(KEPT_TYPES, shown, strict=True):
+        w.assertEqual(record["type"], row["type"])
+        for path, value in row.get("dump", {}).items():
+            w.assertEqual(pick(record, path), value, (row["type"], path))
 
 
 CASES += [
