@@ -63,7 +63,8 @@ def dat(record_type, body, byte2=None):
 
 # One record of each navigation, receiver and auxiliary type and of each record 33 subtype,
 # with what the dump shows of it; the three of readBack false no log gives back.
-EVERY_TYPE = json.loads((Path(__file__).resolve().parents[1] / "data/cli/every_type.json").read_text())
+DATA = Path(__file__).resolve().parents[1] / "data/cli"
+EVERY_TYPE = json.loads((DATA / "every_type.json").read_text())
 KEPT_TYPES = [row for row in EVERY_TYPE["records"] if row.get("readBack", True)]
 
 
@@ -1036,41 +1037,14 @@ CASES += [
 ]
 
 
-# Wrong usage: exit code 2 and a reason
-def wrong(name, *args, check=None):
-    return Case("Usage", name, args, code=2, check=check)
-
-
+# Wrong usage and help, one case a line of the table
 CASES += [
-    wrong("no command is wrong usage"),
-    wrong("an unknown command is wrong usage", "frobnicate"),
-    wrong("info without a log is wrong usage", "info"),
-    wrong("an unknown option is wrong usage", "info", LOG(5), "--no-such-option"),
-    wrong("simulate without an output is wrong usage", "simulate"),
-    wrong("an interval below a tenth of a second is wrong usage", "simulate", "-o", "@x.nvb", "--interval", 0.01),
-    wrong("an unknown system letter is wrong usage", "simulate", "-o", "@x.nvb", "--systems", "GX"),
-    wrong("a newer receiver in a method without records 35 is wrong usage", "simulate", "-o", "@x.nvb",
-          "--receiver", "new", "--method", 4),
-    wrong("recompress without a method is wrong usage", "recompress", LOG(5), "-o", "@x.nvb"),
-    wrong("method 8 is wrong usage", "recompress", LOG(5), "-o", "@x.nvb", "--method", 8),
-    wrong("a level beside a method is wrong usage", "fromdat", LOG(5), "-o", "@x.nvb", "--level", 3),
-    wrong("thin without an interval is wrong usage", "thin", LOG(5), "-o", "@x.nvb"),
-    wrong("an unknown record type is wrong usage", "dump", LOG(5), "--type", "x"),
-    wrong("an output in a missing directory is wrong usage", "todat", LOG(5), "-o", "@no/such/dir.dat"),
-    wrong("writing over the input is wrong usage", "recompress", LOG(5), "-o", LOG(5), "--method", 3,
-          check=lambda w, r: w.assertEqual(w.info(simulated(5))["epochs"]["count"], 5)),
-    wrong("best beside a method is wrong usage", "recompress", LOG(5), "-o", "@x.nvb", "--best", "--method", 5),
-    wrong("best beside a level is wrong usage", "fromdat", LOG(5), "-o", "@x.nvb", "--best", "--level", 2),
-    wrong("an explicit level beside a level is wrong usage", "fromdat", LOG(5), "-o", "@x.nvb",
-          "--explicit-level", 5, "--level", 1),
-    wrong("an explicit level of a method without levels is wrong usage", "fromdat", LOG(5), "-o", "@x.nvb",
-          "--explicit-level", 5, "--method", 4),
-    wrong("an explicit level past the method's range is wrong usage", "simulate", "-o", "@x.nvb",
-          "--explicit-level", 23),
-    wrong("thin with an explicit level is wrong usage", "thin", LOG(5), "-o", "@x.nvb", "--interval", 5,
-          "--explicit-level", 3),
-    *(Case("Usage", f"help of {command or 'the tool'} gives its usage", (*command, "--help"), prints="Usage")
-      for command in ((), ("simulate",), ("info",), ("dump",), ("todat",), ("fromdat",), ("recompress",), ("thin",))),
+    *(Case("Usage", name, tuple(LOG(5) if arg == "LOG" else arg for arg in args.split()), code=int(code),
+           prints=None if int(code) else "Usage")
+      for code, name, args in ((field.strip() for field in line.split("|"))
+                               for line in read(DATA / "usage.txt").decode().splitlines() if line[0] != "#")),
+    Case("Usage", "writing over the input is wrong usage", ("recompress", LOG(5), "-o", LOG(5), "--method", 3),
+         code=2, check=lambda w, r: w.assertEqual(w.info(simulated(5))["epochs"]["count"], 5)),
 ]
 
 
