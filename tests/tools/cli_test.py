@@ -101,13 +101,17 @@ def pick(value, path):
     return pick(step(value) if step else value[int(head) if isinstance(value, list) else head], rest)
 
 
+def holds(w, found, expected):
+    """Asserts the values at these dotted paths; a set compares with the keys found."""
+    for path, value in expected.items():
+        w.assertEqual(set(pick(found, path)) if isinstance(value, set) else pick(found, path), value, path)
+
+
 def dump_shows(rows, lines=slice(None)):
     """A check: the json lines of the dump, those of `lines`, show these rows in order."""
     def check(w, result):
         for row, record in zip(rows, [json.loads(line) for line in result.stdout.splitlines()][lines], strict=True):
-            w.assertEqual(record["type"], row["type"])
-            for path, value in row.get("dump", {}).items():
-                w.assertEqual(pick(record, path), value, (row["type"], path))
+            holds(w, record, {"type": row["type"], **row.get("dump", {})})
     return check
 
 
@@ -383,14 +387,9 @@ class Workspace(unittest.TestCase):
 
 def info_holds(target, expected):
     """A check: `nvb info --json` of target (of standard output for None) holds these values,
-    named by dotted keys; a set compares with the keys found."""
+    named by dotted paths."""
     def check(w, result):
-        info = json.loads(result.stdout) if target is None else w.info(w.argument(target))
-        for key, value in expected.items():
-            found = info
-            for part in key.split("."):
-                found = found[part]
-            w.assertEqual(set(found) if isinstance(value, set) else found, value, key)
+        holds(w, json.loads(result.stdout) if target is None else w.info(w.argument(target)), expected)
     return check
 
 
@@ -943,18 +942,17 @@ def NEWER(w):
 
 
 def reads_as_plain(w, result):
+    clock = {"referenceSystem": 0, "terms": []}
+    # The conversion always writes an empty clock block, marked in the position flags, and a
+    # RAIM byte; no clock drift.
+    own = {29: {"posFlags": 0x14, "clock": clock}, 27: {"epochFlags": 0x30, "raimFault": 0, "clock": clock}}
     for plain, newer in zip(lines_of(simulated(600, "--seed", 3), "-t", "27,29"), lines_of(NEWER(w), "-t", "27,29"),
                             strict=True):
-        if plain["type"] == 29:
-            # the conversion always writes a clock block and marks it
-            w.assertEqual((newer.pop("posFlags"), newer.pop("clock")), (0x14, {"referenceSystem": 0, "terms": []}))
-            plain.pop("posFlags")
-            w.assertEqual(newer, plain)
-            continue
-        # a RAIM byte and an empty clock block, and no clock drift
-        w.assertEqual((plain.pop("epochFlags"), newer.pop("epochFlags"), newer.pop("raimFault")), (0, 0x30, 0))
-        w.assertEqual(newer.pop("clock"), {"referenceSystem": 0, "terms": []})
-        for sat, other in zip(plain.pop("satellites"), newer.pop("satellites"), strict=True):
+        w.assertEqual({key: newer.pop(key) for key in own[plain["type"]]}, own[plain["type"]])
+        plain.pop("posFlags", None)  # the plain position's own flags
+        w.assertEqual(plain.pop("epochFlags", 0), 0)
+        satellites = (r.pop("satellites") if r["type"] == 27 else [] for r in (plain, newer))
+        for sat, other in zip(*satellites, strict=True):
             # the newer receiver's quarter degrees rounded to whole ones (a record 27 holds two of azimuth)
             for field in ("azimuth", "elevation"):
                 w.assertLessEqual(abs(sat.pop(field) - other.pop(field)), 1)
