@@ -15,7 +15,7 @@ import sys
 import tempfile
 import unittest
 from collections import Counter
-from functools import reduce
+from functools import cache, reduce
 from operator import xor
 from pathlib import Path
 from typing import NamedTuple
@@ -713,25 +713,20 @@ CASES += [
 
 
 # Observation files of the simulated hour, read back by the reader above
-TYPES3 = {"G": {(0, 0): "1C", (1, 5): "2X", (2, 7): "5Q"}, "R": {(0, 0): "1C", (1, 0): "2C"},
-          "E": {(0, 20): "1X", (2, 8): "5X", (3, 11): "7X"}, "C": {(6, 26): "2I", (7, 29): "6I"}}
-TYPES2 = {"G": {(0, 0): "A", (1, 5): "C", (2, 7): "5"}, "R": {(0, 0): "A", (1, 0): "D"},
-          "E": {(0, 20): "B", (2, 8): "5"}, "C": {(6, 26): "2", (7, 29): "6"}}
+TYPES = json.loads((DATA / "observation_types.json").read_text())
 HOUR = 3600
 
 
-def hour_epochs(w):
-    if "epochs" not in SHARED:
-        SHARED["epochs"] = lines_of(simulated(HOUR), "--type", 27)
-    return SHARED["epochs"]
+@cache
+def hour_epochs():
+    return lines_of(simulated(HOUR), "--type", 27)
 
 
 def observation_type(version, letter, signal_):
+    table, key = TYPES[str(int(version))][letter], f"{signal_['band']}/{signal_['track']}"
     if version < 3:
-        suffix = TYPES2[letter].get((signal_["band"], signal_["track"]))
-        return suffix and (version > 2.11 or letter != "C") and suffix
-    suffix = TYPES3[letter][(signal_["band"], signal_["track"])]
-    return "1I" if version == 3.02 and suffix == "2I" else suffix
+        return table.get(key) if version > 2.11 or letter != "C" else None
+    return "1I" if version == 3.02 and table[key] == "2I" else table[key]
 
 
 def observations_of(version, interval=1):
@@ -739,7 +734,7 @@ def observations_of(version, interval=1):
     shows it, and a signal's phase is marked slipped when it slipped since the last epoch
     written."""
     def check(w, result):
-        rinex, records = ObservationFile(read(w.path("obs.rnx")).decode()), hour_epochs(w)
+        rinex, records = ObservationFile(read(w.path("obs.rnx")).decode()), hour_epochs()
         w.assertEqual(len(rinex.epochs), len(records) // interval)
         w.assertIn(f"{interval:10.3f}", "".join(rinex.header))
         checked, slips, last_counts, pending = 0, 0, {}, set()
