@@ -1,6 +1,7 @@
 /* The public headers compile as C11, and their layout is the one a C host sees: every
  * field where the DAT form puts it, checked by the C compiler. The DAT form is the 4-byte
- * header followed by the structure, so a DAT length is 4 plus where the last field ends. */
+ * header followed by the structure, so a DAT length is 4 plus where the last field ends. The
+ * headers' own size assertions (frame buffer, records 27 and 17) are checked here as C. */
 #include <nvbdll/nvbdll.h>
 
 #include <stddef.h>
@@ -154,10 +155,6 @@ int main(void) {
     char version[8] = {0};
     if (nvbdll_getNVBLibVersion(version) != 5 || strcmp(version, "8.97 ") != 0) {
         fprintf(stderr, "version text wrong: '%s'\n", version);
-        return 1;
-    }
-    if (sizeof(nvb_frame_t) != 5122 || sizeof(Rec27) != 22021 || sizeof(Rec17) != 1937) {
-        fprintf(stderr, "structure sizes differ from the library's\n");
         return 1;
     }
     return 0;
