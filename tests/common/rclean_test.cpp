@@ -5,7 +5,10 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -57,35 +60,6 @@ int epoch27(rcleanState& state, double time, Signal27 signal, uint8_t slipCount,
     rec->sv[0].meas[0].measFlags1 = measFlags1;
     if (!nvb::rcleanEpoch27(state, *rec, 1000)) return -1;
     return rec->sv[0].meas[0].measFlags1 & 0x08;
-}
-
-// Each case from a fresh state: the slip mark each epoch's signal carries after thinning.
-TEST_F(Rclean, Epoch27CounterChangesFirstSightingsAndDisappearedSignalsMarkWhenTheyShould) {
-    struct Step {
-        double time;
-        Signal27 signal;
-        uint8_t slipCount, measFlags1;
-        int mark;
-    };
-    const Signal27 glonass{2, 29, 5, 17}, quiet{3, 59, 1, 1}, slipping{3, 58, 1, 1}, one{0, 1, 0, 0}, two{0, 2, 0, 0};
-    const std::pair<const char*, std::vector<Step>> cases[] = {
-        {"a counter change between kept epochs",
-         {{1000, glonass, 3, 0, 0}, {2000, glonass, 4, 0, 0x08}, {3000, glonass, 4, 0, 0}}},
-        {"a first sighting marks only with its slip bit",
-         {{1500, quiet, 200, 0, -1}, {1500, slipping, 200, 0x08, -1}, {2000, quiet, 200, 0, 0},
-          {2000, slipping, 200, 0, 0x08}}},
-        {"a signal that disappears keeps its pending mark",
-         {{1000, one, 1, 0, 0}, {1500, one, 2, 0, -1}, {2000, two, 1, 0, 0}, {3000, two, 1, 0, 0},
-          {4000, one, 2, 0, 0x08}}},
-    };
-    for (const auto& [what, steps] : cases) {
-        nvb::rcleanFree(*state);
-        ASSERT_TRUE(nvb::rcleanInit(*state));
-        for (const Step& step : steps) {
-            EXPECT_EQ(epoch27(*state, step.time, step.signal, step.slipCount, step.measFlags1), step.mark)
-                << what << " at " << step.time;
-        }
-    }
 }
 
 TEST_F(Rclean, Epoch27SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {
@@ -162,50 +136,6 @@ TEST_F(Rclean, Epoch17IntervalZeroKeepsEveryEpochAndMinusOneTouchesNeitherRecord
     EXPECT_EQ(+list.count, 7);
 }
 
-TEST_F(Rclean, Epoch17SlipKindsOfADroppedEpochAreListedAndCarriedOnWithinTheTables) {
-    struct Case {
-        uint8_t svId, constant, droppedFlags;
-        bool listed;
-        uint8_t keptFlagsAfter; // the kept epoch comes in with flags 0x50
-    };
-    const Case cases[] = {
-        {9, 3, 0x42, true, 0x52},   // kind B
-        {9, 3, 0x05, true, 0x54},   // kind C
-        {9, 3, 0x40, true, 0x50},   // kind A alone does not outlive its epoch
-        {9, 0, 0x00, true, 0x50},   // kind A by the constant byte
-        {9, 0, 0x12, true, 0x52},   // kind B by the constant byte
-        {9, 3, 0x12, false, 0x50},  // a slip bit without 0x40 under constant 3 is no slip
-        {140, 3, 0x42, true, 0x50}, // beyond the tables: listed, not carried
-        {36, 3, 0x05, true, 0x50},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << int{c.svId} << ": " << int{c.constant} << "/" << int{c.droppedFlags});
-        nvb::rcleanFree(*state);
-        ASSERT_TRUE(nvb::rcleanInit(*state));
-        droppedSlipList_t list{};
-        auto dropped = std::make_unique<Rec17>();
-        dropped->receiveTime = 1500;
-        addSv17(*dropped, c.svId, c.droppedFlags, c.constant);
-        EXPECT_FALSE(nvb::rcleanEpoch17(*state, *dropped, 1000, &list));
-        EXPECT_EQ(dropped->sv[0].svFlags, c.droppedFlags);
-        EXPECT_EQ(+list.time, 1500.0);
-        ASSERT_EQ(+list.count, c.listed ? 1 : 0);
-        EXPECT_EQ(+state->listCount, +list.count);
-        if (c.listed) {
-            EXPECT_EQ(list.entries[0][0], c.svId);
-            EXPECT_EQ(list.entries[0][1], c.droppedFlags);
-        }
-
-        auto kept = std::make_unique<Rec17>();
-        kept->receiveTime = 2000;
-        addSv17(*kept, c.svId, 0x50, c.constant);
-        EXPECT_TRUE(nvb::rcleanEpoch17(*state, *kept, 1000, &list));
-        EXPECT_EQ(kept->sv[0].svFlags, c.keptFlagsAfter);
-        EXPECT_EQ(+list.count, 0);
-        EXPECT_EQ(list.entries[0][0], 0);
-    }
-}
-
 TEST_F(Rclean, Epoch17DroppedListStopsAtTwelveSatellites) {
     auto rec = std::make_unique<Rec17>();
     rec->receiveTime = 1500;
@@ -255,22 +185,6 @@ TEST_F(Rclean, SlipTable35GrowthRaisesOnlyTheDimensionsReachedAndKeepsEntries) {
     EXPECT_EQ(state->slip[3][60][20][30].last, 7);
 }
 
-TEST_F(Rclean, SlipTable35SlipOfADroppedEpochIsMarkedOnTheNextKeptEpoch) {
-    int64_t flags = 0;
-    const nvb::rcleanSignal35 signal{3, 12, 2, 9, 5, &flags};
-    EXPECT_EQ(epoch35(*state, 1000, signal), 0);
-    flags = 0x100;
-    EXPECT_EQ(epoch35(*state, 1500, signal), -1);
-    EXPECT_EQ(flags, 0x100);
-    flags = 0;
-    EXPECT_EQ(epoch35(*state, 2000, signal), 0x100);
-    flags = 0;
-    EXPECT_EQ(epoch35(*state, 3000, signal), 0);
-    nvb::rcleanSignal35 changed = signal;
-    changed.count = 6;
-    EXPECT_EQ(epoch35(*state, 4000, changed), 0x100);
-}
-
 TEST_F(Rclean, SlipTable35SystemCodesMapToTheirTableAndSatelliteBase) {
     struct Case {
         int32_t code;
@@ -299,6 +213,59 @@ TEST_F(Rclean, SlipTable35IndicesThatCannotBeTableIndicesAreIgnored) {
     for (const nvb::rcleanSignal35& signal : outside) EXPECT_EQ(epoch35(*state, 1500, signal), -1);
     EXPECT_EQ(dims(), (Dims{10, 40, 12, 39}));
     EXPECT_EQ(state->slip[2][0][0][0].last, -1);
+}
+
+// The cases of rclean_marks.txt: each epoch thinned from the case's fresh state, and what
+// thinning left of its slip mark; a dropped epoch keeps the flags it came with.
+TEST_F(Rclean, SlipMarksOfDroppedEpochsCounterChangesAndFirstSightingsLandWhereTheyShould) {
+    std::ifstream file(NVBDLL_TEST_DATA_DIR "/common/rclean_marks.txt");
+    std::string line, what;
+    droppedSlipList_t list{};  // a kept record 17 epoch clears what the dropped one listed
+    int steps = 0;
+    while (std::getline(file, line)) {
+        if (line.starts_with("#")) continue;
+        if (line.starts_with("== ")) {
+            what = line.substr(3);
+            list = {};
+            nvb::rcleanFree(*state);
+            ASSERT_TRUE(nvb::rcleanInit(*state));
+            continue;
+        }
+        std::istringstream in(line);
+        std::vector<int64_t> v;  // kind, time, the fields, and the list count of record 17
+        std::string token;
+        while (in >> token) {
+            if (token != "->") v.push_back(token == "-" ? -1 : std::stoll(token, nullptr, 0));
+        }
+        SCOPED_TRACE(what + ": " + line);
+        ++steps;
+        const auto u8 = [&](int at) { return static_cast<uint8_t>(v[at]); };
+        if (v[0] == 27) {
+            EXPECT_EQ(epoch27(*state, static_cast<double>(v[1]), {u8(2), u8(3), u8(4), u8(5)}, u8(6), u8(7)), v[8]);
+        } else if (v[0] == 35) {
+            int64_t flags = v[7];
+            const bool kept = epoch35(*state, v[1], {static_cast<int32_t>(v[2]), v[3], v[4], v[5], v[6], &flags}) >= 0;
+            EXPECT_EQ(kept ? flags & nvb::kRec35SlipFlag : -1, v[8]);
+            if (!kept) {
+                EXPECT_EQ(flags, v[7]);
+            }
+        } else {
+            auto rec = std::make_unique<Rec17>();
+            rec->receiveTime = static_cast<double>(v[1]);
+            addSv17(*rec, u8(2), u8(3), u8(4));
+            const bool kept = nvb::rcleanEpoch17(*state, *rec, 1000, &list);
+            EXPECT_EQ(kept ? rec->sv[0].svFlags : -1, v[5]);
+            ASSERT_EQ(+list.count, v[6]);
+            if (!kept) {
+                EXPECT_EQ(rec->sv[0].svFlags, v[3]);
+                EXPECT_EQ(+list.time, static_cast<double>(v[1]));
+                EXPECT_EQ(+state->listCount, +list.count);
+            }
+            EXPECT_EQ(list.entries[0][0], v[6] != 0 ? v[2] : 0);
+            EXPECT_EQ(list.entries[0][1], v[6] != 0 ? v[3] : 0);
+        }
+    }
+    EXPECT_GT(steps, 30) << "the cases were read";
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 
 namespace {
 
@@ -397,11 +399,9 @@ TEST(LogFiles, HandBuiltBlockLogsDecodeOrFailAsDescribed) {
         {"block_bzip2_damaged_then_whole.nvb", {-108, 16, 19}},
     };
     for (const auto& [name, expected] : cases) {
-        std::FILE* file = std::fopen((std::string(NVBDLL_TEST_DATA_DIR) + "/" + name).c_str(), "rb");
-        ASSERT_NE(file, nullptr) << name;
-        Bytes log;
-        for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) log.push_back(static_cast<std::uint8_t>(c));
-        std::fclose(file);
+        std::ifstream file(std::string(NVBDLL_TEST_DATA_DIR) + "/" + name, std::ios::binary);
+        ASSERT_TRUE(file) << name;
+        const Bytes log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         nvbtest::Handle handle;
         std::vector<int> types = outline(readFile(handle.get(), log));
         // A refused header meets every later byte again; the first refusal tells it.
