@@ -92,19 +92,6 @@ TEST(Retrieve27, SlipCountsOfAReaderMadeEpochStayOutOfTheDatFormThoughItsLengthC
         << "the measurement is taken for slip counts";
 }
 
-TEST(Retrieve27, TheCountOfFirstAntennaSatellitesStandsWhereNSvWouldAndAllFollow) {
-    auto epoch = nvbtest::newEpoch(1000.0);
-    for (std::uint8_t antenna : {0, 1, 0}) {
-        Rec27Sv& sv = addSatellite(*epoch, 5, 0);
-        sv.antennaNumber = antenna;
-        addSignal(sv, 0, 0, 2e7, 0.0);
-    }
-    nvbtest::Handle handle;
-    const Bytes dat = retrieve27(handle, *epoch);
-    EXPECT_EQ(dat.size(), kDatFirstSatellite + 3 * 37);
-    EXPECT_EQ(dat[kDatCount], 2);
-}
-
 // Epochs as a reader leaves them, of the systems whose packed byte is themselves, on the
 // first antenna and without the slip counts that the DAT form leaves out.
 TEST(DatRoundTrip, EpochsOfSystemsThatPackAsThemselvesComeBackByteForByte) {
