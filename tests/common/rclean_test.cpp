@@ -5,19 +5,17 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace {
 
-// The state and the list are packed: their fields are compared by value, never bound to a
-// reference at an unaligned address.
-template <typename T>
-T value(T field) {
-    return field;
-}
-
-class RcleanFixture : public ::testing::Test {
+// The state and the list are packed: their fields are compared by value (unary plus), never
+// bound to a reference at an unaligned address.
+class Rclean : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(nvb::rcleanInit(*state)); }
     void TearDown() override { nvb::rcleanFree(*state); }
@@ -28,12 +26,7 @@ protected:
     std::unique_ptr<rcleanState> state = std::make_unique<rcleanState>();
 };
 
-class RcleanPositions : public RcleanFixture {};
-class RcleanEpoch27 : public RcleanFixture {};
-class RcleanEpoch17 : public RcleanFixture {};
-class RcleanSlipTable35 : public RcleanFixture {};
-
-TEST_F(RcleanPositions, TimesAreReadWithTheirOwnSignedness) {
+TEST_F(Rclean, PositionTimesAreReadWithTheirOwnSignedness) {
     // 2^31 + 500 ms: 148 past a second as unsigned, 148 before one as signed.
     Rec29 rec29{};
     rec29.time = 2147484148u;
@@ -43,7 +36,7 @@ TEST_F(RcleanPositions, TimesAreReadWithTheirOwnSignedness) {
     EXPECT_TRUE(nvb::rcleanPosition11(*state, rec11, 1000));
     // A record 35 time of -1 stands for 2^32 - 1, 295 past a second.
     EXPECT_FALSE(nvb::rcleanPosition35(*state, -1, 1000));
-    EXPECT_EQ(value(state->time), 4294967295.0);
+    EXPECT_EQ(+state->time, 4294967295.0);
 }
 
 struct Signal27 {
@@ -69,37 +62,7 @@ int epoch27(rcleanState& state, double time, Signal27 signal, uint8_t slipCount,
     return rec->sv[0].meas[0].measFlags1 & 0x08;
 }
 
-// Each case from a fresh state: the slip mark each epoch's signal carries after thinning.
-TEST(RcleanEpoch27Marks, CounterChangesFirstSightingsAndDisappearedSignalsMarkWhenTheyShould) {
-    struct Step {
-        double time;
-        Signal27 signal;
-        uint8_t slipCount, measFlags1;
-        int mark;
-    };
-    const Signal27 glonass{2, 29, 5, 17}, quiet{3, 59, 1, 1}, slipping{3, 58, 1, 1}, one{0, 1, 0, 0}, two{0, 2, 0, 0};
-    const std::pair<const char*, std::vector<Step>> cases[] = {
-        {"a counter change between kept epochs",
-         {{1000, glonass, 3, 0, 0}, {2000, glonass, 4, 0, 0x08}, {3000, glonass, 4, 0, 0}}},
-        {"a first sighting marks only with its slip bit",
-         {{1500, quiet, 200, 0, -1}, {1500, slipping, 200, 0x08, -1}, {2000, quiet, 200, 0, 0},
-          {2000, slipping, 200, 0, 0x08}}},
-        {"a signal that disappears keeps its pending mark",
-         {{1000, one, 1, 0, 0}, {1500, one, 2, 0, -1}, {2000, two, 1, 0, 0}, {3000, two, 1, 0, 0},
-          {4000, one, 2, 0, 0x08}}},
-    };
-    for (const auto& [what, steps] : cases) {
-        auto state = std::make_unique<rcleanState>();
-        ASSERT_TRUE(nvb::rcleanInit(*state));
-        for (const Step& step : steps) {
-            EXPECT_EQ(epoch27(*state, step.time, step.signal, step.slipCount, step.measFlags1), step.mark)
-                << what << " at " << step.time;
-        }
-        nvb::rcleanFree(*state);
-    }
-}
-
-TEST_F(RcleanEpoch27, SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {
+TEST_F(Rclean, Epoch27SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {
     auto rec = std::make_unique<Rec27>();
     rec->receiveTime = 1000;
     rec->nSv = 2;
@@ -113,8 +76,8 @@ TEST_F(RcleanEpoch27, SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {
     ASSERT_TRUE(nvb::rcleanEpoch27(*state, *rec, 1000));
     // Satellite 130 fills its first cell (10) only; 245 its second, 240 below (5).
     const std::size_t trackRow = std::size_t{1} * NVB_RCLEAN_TRACKS * NVB_RCLEAN_SBAS_SVS;
-    EXPECT_EQ(value(state->lastCycleSbas[10]), 0);
-    EXPECT_EQ(value(state->lastCycleSbas[trackRow + 5]), 9);
+    EXPECT_EQ(+state->lastCycleSbas[10], 0);
+    EXPECT_EQ(+state->lastCycleSbas[trackRow + 5], 9);
     int filled = 0;
     for (int cell = 0; cell < NVB_RCLEAN_BANDS * NVB_RCLEAN_TRACKS * NVB_RCLEAN_SBAS_SVS; ++cell) {
         filled += state->lastCycleSbas[cell] != -1 ? 1 : 0;
@@ -122,7 +85,7 @@ TEST_F(RcleanEpoch27, SbasNumberFallsBy120WithEachMeasurementOfItsSatellite) {
     EXPECT_EQ(filled, 2);
 }
 
-TEST_F(RcleanEpoch27, IndicesOutsideTheTablesAreIgnored) {
+TEST_F(Rclean, Epoch27IndicesOutsideTheTablesAreIgnored) {
     const std::size_t begin = offsetof(rcleanState, lastCycleGps);
     const std::size_t end = offsetof(rcleanState, rec17Pending);
     std::vector<unsigned char> before(end - begin);
@@ -156,7 +119,7 @@ Rec17Sv& addSv17(Rec17& rec, uint8_t svId, uint8_t svFlags, uint8_t constant = 3
     return sv;
 }
 
-TEST_F(RcleanEpoch17, IntervalZeroKeepsEveryEpochAndMinusOneTouchesNeitherRecordNorState) {
+TEST_F(Rclean, Epoch17IntervalZeroKeepsEveryEpochAndMinusOneTouchesNeitherRecordNorState) {
     auto rec = std::make_unique<Rec17>();
     for (double time : {1500.0, 1000007.25, 3.0}) {
         rec->receiveTime = time;
@@ -170,59 +133,18 @@ TEST_F(RcleanEpoch17, IntervalZeroKeepsEveryEpochAndMinusOneTouchesNeitherRecord
     EXPECT_TRUE(nvb::rcleanEpoch17(*state, *rec, -1, &list));
     EXPECT_EQ(std::memcmp(&copy, rec.get(), sizeof copy), 0);
     EXPECT_EQ(std::memcmp(&stateCopy, state.get(), sizeof stateCopy), 0);
-    EXPECT_EQ(value(list.count), 7);
+    EXPECT_EQ(+list.count, 7);
 }
 
-TEST_F(RcleanEpoch17, SlipKindsOfADroppedEpochAreListedAndCarriedOn) {
-    struct Case {
-        uint8_t constant;
-        uint8_t droppedFlags;
-        bool listed;
-        uint8_t keptFlagsAfter; // the kept epoch comes in with flags 0x50
-    };
-    const Case cases[] = {
-        {3, 0x42, true, 0x52},  // kind B
-        {3, 0x05, true, 0x54},  // kind C
-        {3, 0x40, true, 0x50},  // kind A alone does not outlive its epoch
-        {0, 0x00, true, 0x50},  // kind A by the constant byte
-        {0, 0x12, true, 0x52},  // kind B by the constant byte
-        {3, 0x12, false, 0x50}, // a slip bit without 0x40 under constant 3 is no slip
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << int{c.constant} << "/" << int{c.droppedFlags});
-        droppedSlipList_t list{};
-        auto dropped = std::make_unique<Rec17>();
-        dropped->receiveTime = 1500;
-        addSv17(*dropped, 9, c.droppedFlags, c.constant);
-        EXPECT_FALSE(nvb::rcleanEpoch17(*state, *dropped, 1000, &list));
-        EXPECT_EQ(dropped->sv[0].svFlags, c.droppedFlags);
-        EXPECT_EQ(value(list.time), 1500.0);
-        ASSERT_EQ(value(list.count), c.listed ? 1 : 0);
-        EXPECT_EQ(value(state->listCount), value(list.count));
-        if (c.listed) {
-            EXPECT_EQ(list.entries[0][0], 9);
-            EXPECT_EQ(list.entries[0][1], c.droppedFlags);
-        }
-
-        auto kept = std::make_unique<Rec17>();
-        kept->receiveTime = 2000;
-        addSv17(*kept, 9, 0x50, c.constant);
-        EXPECT_TRUE(nvb::rcleanEpoch17(*state, *kept, 1000, &list));
-        EXPECT_EQ(kept->sv[0].svFlags, c.keptFlagsAfter);
-        EXPECT_EQ(value(list.count), 0);
-        EXPECT_EQ(list.entries[0][0], 0);
-    }
-}
-
-TEST_F(RcleanEpoch17, DroppedListStopsAtTwelveSatellites) {
+TEST_F(Rclean, Epoch17DroppedListStopsAtTwelveSatellites) {
     auto rec = std::make_unique<Rec17>();
     rec->receiveTime = 1500;
     for (int i = 0; i < NVB_REC17_MAX_SV; ++i) addSv17(*rec, static_cast<uint8_t>(i + 1), 0x42);
     rec->nSv = 200;
     droppedSlipList_t list{};
     EXPECT_FALSE(nvb::rcleanEpoch17(*state, *rec, 1000, &list));
-    ASSERT_EQ(value(list.count), NVB_RCLEAN_DROPPED_MAX);
-    EXPECT_EQ(value(state->listCount), static_cast<uint32_t>(NVB_RCLEAN_DROPPED_MAX));
+    ASSERT_EQ(+list.count, NVB_RCLEAN_DROPPED_MAX);
+    EXPECT_EQ(+state->listCount, static_cast<uint32_t>(NVB_RCLEAN_DROPPED_MAX));
     for (int i = 0; i < NVB_RCLEAN_DROPPED_MAX; ++i) EXPECT_EQ(list.entries[i][0], i + 1);
     // All 24 are still remembered and carried.
     rec->receiveTime = 2000;
@@ -231,29 +153,21 @@ TEST_F(RcleanEpoch17, DroppedListStopsAtTwelveSatellites) {
     for (const Rec17Sv& sv : rec->sv) EXPECT_EQ(sv.svFlags, 0x52) << int{sv.svId};
 }
 
-TEST_F(RcleanEpoch17, SatellitesBeyondTheTablesAreListedButNotCarried) {
-    auto rec = std::make_unique<Rec17>();
-    rec->receiveTime = 1500;
-    addSv17(*rec, 140, 0x42);
-    addSv17(*rec, 36, 0x05);
-    droppedSlipList_t list{};
-    EXPECT_FALSE(nvb::rcleanEpoch17(*state, *rec, 1000, &list));
-    EXPECT_EQ(value(list.count), 2);
-    rec->receiveTime = 2000;
-    rec->sv[0].svFlags = rec->sv[1].svFlags = 0x50;
-    EXPECT_TRUE(nvb::rcleanEpoch17(*state, *rec, 1000, &list));
-    EXPECT_EQ(rec->sv[0].svFlags, 0x50);
-    EXPECT_EQ(rec->sv[1].svFlags, 0x50);
+// One signal of a record 35 epoch at the given time; its slip bit afterwards, -1 when dropped.
+int64_t epoch35(rcleanState& state, int64_t time, nvb::rcleanSignal35 signal) {
+    std::span<nvb::rcleanSignal35> signals(&signal, 1);
+    if (!nvb::rcleanEpoch35(state, time, signals, 1000)) return -1;
+    return *signal.flags & nvb::kRec35SlipFlag;
 }
 
-TEST_F(RcleanSlipTable35, GrowthRaisesOnlyTheDimensionsReachedAndKeepsEntries) {
+TEST_F(Rclean, SlipTable35GrowthRaisesOnlyTheDimensionsReachedAndKeepsEntries) {
     // Built with room for an index equal to each dimension.
     EXPECT_EQ(dims(), (Dims{10, 40, 12, 39}));
     EXPECT_EQ(state->slip[10][40][12][39].last, -1);
     state->slip[2][5][3][7] = rclean_slip_t{4, 1};
     rclean_slip_t**** table = state->slip;
     nvb::rcleanGrow(*state, 10, 40, 12, 39);
-    EXPECT_EQ(value(state->slip), table);
+    EXPECT_EQ(+state->slip, table);
 
     nvb::rcleanGrow(*state, 2, 50, 3, 45);
     EXPECT_EQ(dims(), (Dims{10, 50, 12, 45}));
@@ -264,32 +178,14 @@ TEST_F(RcleanSlipTable35, GrowthRaisesOnlyTheDimensionsReachedAndKeepsEntries) {
         EXPECT_EQ(entry.last, -1);
         EXPECT_EQ(entry.pending, 0);
     }
-}
-
-// One signal of a record 35 epoch at the given time; its slip bit afterwards, -1 when dropped.
-int64_t epoch35(rcleanState& state, int64_t time, nvb::rcleanSignal35 signal) {
-    std::span<nvb::rcleanSignal35> signals(&signal, 1);
-    if (!nvb::rcleanEpoch35(state, time, signals, 1000)) return -1;
-    return *signal.flags & nvb::kRec35SlipFlag;
-}
-
-TEST_F(RcleanSlipTable35, SlipOfADroppedEpochIsMarkedOnTheNextKeptEpoch) {
+    // A record 35 signal beyond the table grows it.
     int64_t flags = 0;
-    const nvb::rcleanSignal35 signal{3, 12, 2, 9, 5, &flags};
-    EXPECT_EQ(epoch35(*state, 1000, signal), 0);
-    flags = 0x100;
-    EXPECT_EQ(epoch35(*state, 1500, signal), -1);
-    EXPECT_EQ(flags, 0x100);
-    flags = 0;
-    EXPECT_EQ(epoch35(*state, 2000, signal), 0x100);
-    flags = 0;
-    EXPECT_EQ(epoch35(*state, 3000, signal), 0);
-    nvb::rcleanSignal35 changed = signal;
-    changed.count = 6;
-    EXPECT_EQ(epoch35(*state, 4000, changed), 0x100);
+    epoch35(*state, 1000, {3, 61, 20, 30, 7, &flags});
+    EXPECT_EQ(dims(), (Dims{10, 60, 20, 45}));
+    EXPECT_EQ(state->slip[3][60][20][30].last, 7);
 }
 
-TEST_F(RcleanSlipTable35, SystemCodesMapToTheirTableAndSatelliteBase) {
+TEST_F(Rclean, SlipTable35SystemCodesMapToTheirTableAndSatelliteBase) {
     struct Case {
         int32_t code;
         int64_t satellite;
@@ -307,14 +203,7 @@ TEST_F(RcleanSlipTable35, SystemCodesMapToTheirTableAndSatelliteBase) {
     }
 }
 
-TEST_F(RcleanSlipTable35, SignalsBeyondTheTableGrowIt) {
-    int64_t flags = 0;
-    epoch35(*state, 1000, {3, 61, 20, 30, 7, &flags});
-    EXPECT_EQ(dims(), (Dims{10, 60, 20, 39}));
-    EXPECT_EQ(state->slip[3][60][20][30].last, 7);
-}
-
-TEST_F(RcleanSlipTable35, IndicesThatCannotBeTableIndicesAreIgnored) {
+TEST_F(Rclean, SlipTable35IndicesThatCannotBeTableIndicesAreIgnored) {
     int64_t flags = 0x100;
     const nvb::rcleanSignal35 outside[] = {
         {1, 119, 0, 0, 1, &flags}, {2, 0, 0, 0, 1, &flags},   {2, 1, -1, 0, 1, &flags},
@@ -324,6 +213,59 @@ TEST_F(RcleanSlipTable35, IndicesThatCannotBeTableIndicesAreIgnored) {
     for (const nvb::rcleanSignal35& signal : outside) EXPECT_EQ(epoch35(*state, 1500, signal), -1);
     EXPECT_EQ(dims(), (Dims{10, 40, 12, 39}));
     EXPECT_EQ(state->slip[2][0][0][0].last, -1);
+}
+
+// The cases of rclean_marks.txt: each epoch thinned from the case's fresh state, and what
+// thinning left of its slip mark; a dropped epoch keeps the flags it came with.
+TEST_F(Rclean, SlipMarksOfDroppedEpochsCounterChangesAndFirstSightingsLandWhereTheyShould) {
+    std::ifstream file(NVBDLL_TEST_DATA_DIR "/common/rclean_marks.txt");
+    std::string line, what;
+    droppedSlipList_t list{};  // a kept record 17 epoch clears what the dropped one listed
+    int steps = 0;
+    while (std::getline(file, line)) {
+        if (line.starts_with("#")) continue;
+        if (line.starts_with("== ")) {
+            what = line.substr(3);
+            list = {};
+            nvb::rcleanFree(*state);
+            ASSERT_TRUE(nvb::rcleanInit(*state));
+            continue;
+        }
+        std::istringstream in(line);
+        std::vector<int64_t> v;  // kind, time, the fields, and the list count of record 17
+        std::string token;
+        while (in >> token) {
+            if (token != "->") v.push_back(token == "-" ? -1 : std::stoll(token, nullptr, 0));
+        }
+        SCOPED_TRACE(what + ": " + line);
+        ++steps;
+        const auto u8 = [&](int at) { return static_cast<uint8_t>(v[at]); };
+        if (v[0] == 27) {
+            EXPECT_EQ(epoch27(*state, static_cast<double>(v[1]), {u8(2), u8(3), u8(4), u8(5)}, u8(6), u8(7)), v[8]);
+        } else if (v[0] == 35) {
+            int64_t flags = v[7];
+            const bool kept = epoch35(*state, v[1], {static_cast<int32_t>(v[2]), v[3], v[4], v[5], v[6], &flags}) >= 0;
+            EXPECT_EQ(kept ? flags & nvb::kRec35SlipFlag : -1, v[8]);
+            if (!kept) {
+                EXPECT_EQ(flags, v[7]);
+            }
+        } else {
+            auto rec = std::make_unique<Rec17>();
+            rec->receiveTime = static_cast<double>(v[1]);
+            addSv17(*rec, u8(2), u8(3), u8(4));
+            const bool kept = nvb::rcleanEpoch17(*state, *rec, 1000, &list);
+            EXPECT_EQ(kept ? rec->sv[0].svFlags : -1, v[5]);
+            ASSERT_EQ(+list.count, v[6]);
+            if (!kept) {
+                EXPECT_EQ(rec->sv[0].svFlags, v[3]);
+                EXPECT_EQ(+list.time, static_cast<double>(v[1]));
+                EXPECT_EQ(+state->listCount, +list.count);
+            }
+            EXPECT_EQ(list.entries[0][0], v[6] != 0 ? v[2] : 0);
+            EXPECT_EQ(list.entries[0][1], v[6] != 0 ? v[3] : 0);
+        }
+    }
+    EXPECT_GT(steps, 30) << "the cases were read";
 }
 
 }  // namespace

@@ -15,18 +15,9 @@ using Bytes = std::vector<std::uint8_t>;
 using Doubles = std::vector<double>;
 
 std::unique_ptr<Rec29> position() {
-    auto rec = std::make_unique<Rec29>();
-    rec->latPos = 45.0;
-    rec->lonPos = -90.0;
-    rec->hgtPos = 250.5;
-    rec->latVel = 0.5;
-    rec->lonVel = -1.5;
-    rec->hgtVel = 0.25;
-    rec->clkOffset = 0.5f;
-    rec->clkDrift = 2.0f;
-    rec->pdop = 1.75f;
-    rec->time = 302400000;
-    return rec;
+    return std::make_unique<Rec29>(Rec29{.time = 302400000, .latPos = 45.0, .lonPos = -90.0, .hgtPos = 250.5,
+                                         .latVel = 0.5, .lonVel = -1.5, .hgtVel = 0.25, .clkOffset = 0.5f,
+                                         .clkDrift = 2.0f, .pdop = 1.75f});
 }
 
 TEST(ConvertRec29ToRec11, ScalesTheSolutionIntoTheOlderUnitsAndListsTheUsedSatellites) {
@@ -157,30 +148,16 @@ TEST(ConvertRec27ToRec17, AtMost24SatellitesAreTaken) {
     EXPECT_EQ(out.nSv, 24);
 }
 
+// A GPS satellite on two frequencies and an SBAS satellite with an invalid Doppler.
 std::unique_ptr<Rec17> olderEpoch() {
-    auto in = std::make_unique<Rec17>();
-    in->receiveTime = 5000.0;
-    in->clkOffset = 0.125;
-    in->nSv = 2;
-    Rec17Sv& gps = in->sv[0];
-    gps.svId = 12;
-    gps.svFlags = 0x01 | 0x02 | 0x04 | 0x10;
-    gps.svFlags2 = 0x08;
-    gps.elevation = 33;
-    gps.azimuth = 144;
-    gps.snr = 44.9;
-    gps.range = 2.1e7;
-    gps.phase = 1.1e8;
-    gps.doppler = 1575.42;
-    gps.snr2 = 38.2;
-    gps.phase2 = 8.5e7;
-    gps.rangeDiff2 = 2.5;
-    Rec17Sv& sbas = in->sv[1];
-    sbas.svId = 152;
-    sbas.svFlags = 0x02;
-    sbas.svFlags2 = 0x80;
-    sbas.snr = 40.0;
-    return in;
+    return std::make_unique<Rec17>(Rec17{
+        .receiveTime = 5000.0,
+        .clkOffset = 0.125,
+        .nSv = 2,
+        .sv = {{.svId = 12, .svFlags = 0x01 | 0x02 | 0x04 | 0x10, .svFlags2 = 0x08, .elevation = 33, .azimuth = 144,
+                .snr = 44.9, .range = 2.1e7, .phase = 1.1e8, .doppler = 1575.42, .snr2 = 38.2, .phase2 = 8.5e7,
+                .rangeDiff2 = 2.5},
+               {.svId = 152, .svFlags = 0x02, .svFlags2 = 0x80, .snr = 40.0}}});
 }
 
 TEST(ConvertRec17ToRec27, BuildsOneOrTwoSignalsPerSatelliteAndCountsSlipsOn) {

@@ -2,11 +2,14 @@
 #include "stream/block_codecs.h"
 #include "stream/block_reader.h"
 #include "support/blocks.h"
+#include "support/rec35_records.h"
 #include "stream/scrambling.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 
 namespace {
 
@@ -70,12 +73,8 @@ WrittenBlocks writeBlocks(int method, std::size_t frameCount, std::uint32_t seed
 
 // A block whose compressed stream is cut in half; its length says `claimed` more bytes.
 Bytes damaged(const Bytes& whole, std::uint32_t claimed = 0) {
-    Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(4 + (whole.size() - 4) / 2));
-    const auto length = static_cast<std::uint32_t>(cut.size() - 4 + claimed);
-    cut[1] = static_cast<std::uint8_t>(length >> 16);
-    cut[2] = static_cast<std::uint8_t>(length >> 8);
-    cut[3] = static_cast<std::uint8_t>(length);
-    return cut;
+    const Bytes half(whole.begin() + 4, whole.begin() + 4 + static_cast<std::ptrdiff_t>((whole.size() - 4) / 2));
+    return block(whole[0], half, static_cast<std::int64_t>(half.size() + claimed));
 }
 
 // Each event as its record type, or as -100 minus the status of anything else.
@@ -378,16 +377,10 @@ TEST_F(NextBlockRecord, RebuildsFramesFromBareRecordsAndCountsOffsets) {
 }
 
 TEST_F(NextBlockRecord, FailuresAreLoggedWithTheFormatsTexts) {
-    std::FILE* log = std::tmpfile();
-    nvb::logStream = log;
+    const nvbtest::MessageLog log;
     next(7, bare(98, 5120));
     next(3, Bytes{0, 5, 0});
-    nvb::logStream = nullptr;
-    std::rewind(log);
-    char text[200] = {};
-    const std::size_t read = std::fread(text, 1, sizeof text - 1, log);
-    std::fclose(log);
-    EXPECT_EQ(std::string(text, read), "nvbbuf length overflow 1 5120 5120\nWarning: 0-length raw record type 5\n");
+    EXPECT_EQ(log.text(), "nvbbuf length overflow 1 5120 5120\nWarning: 0-length raw record type 5\n");
 }
 
 TEST(LogFiles, HandBuiltBlockLogsDecodeOrFailAsDescribed) {
@@ -397,11 +390,9 @@ TEST(LogFiles, HandBuiltBlockLogsDecodeOrFailAsDescribed) {
         {"block_bzip2_damaged_then_whole.nvb", {-108, 16, 19}},
     };
     for (const auto& [name, expected] : cases) {
-        std::FILE* file = std::fopen((std::string(NVBDLL_TEST_DATA_DIR) + "/" + name).c_str(), "rb");
-        ASSERT_NE(file, nullptr) << name;
-        Bytes log;
-        for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) log.push_back(static_cast<std::uint8_t>(c));
-        std::fclose(file);
+        std::ifstream file(std::string(NVBDLL_TEST_DATA_DIR) + "/" + name, std::ios::binary);
+        ASSERT_TRUE(file) << name;
+        const Bytes log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         nvbtest::Handle handle;
         std::vector<int> types = outline(readFile(handle.get(), log));
         // A refused header meets every later byte again; the first refusal tells it.
