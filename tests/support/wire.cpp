@@ -3,9 +3,13 @@
 #include "common/byte_sum.h"
 #include "stream/huffman.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace nvbtest {
 
@@ -42,17 +46,39 @@ Fields fields(const Runs& runs, unsigned seed) {
     return out;
 }
 
-Bytes plainFrame(std::uint8_t type, const Bytes& body) {
-    Bytes frame = {0x02, static_cast<std::uint8_t>(body.size() + 6), type};
+Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte) {
+    const std::size_t length = body.size() + (highLengthByte ? 7 : 6);
+    Bytes frame = {0x02, static_cast<std::uint8_t>(length), type};
+    if (highLengthByte) frame.push_back(static_cast<std::uint8_t>(length >> 8));
     frame.insert(frame.end(), body.begin(), body.end());
     return closeFrame(frame);
 }
 
-Bytes plainFrameLong(std::uint8_t type, const Bytes& body) {
-    const std::size_t length = body.size() + 7;
-    Bytes frame = {0x02, static_cast<std::uint8_t>(length), type, static_cast<std::uint8_t>(length >> 8)};
-    frame.insert(frame.end(), body.begin(), body.end());
-    return closeFrame(frame);
+Bytes fieldBytes(std::string_view fields) {
+    Body body;
+    std::istringstream in{std::string(fields)};
+    for (std::string token; in >> token;) {
+        const std::size_t colon = token.find(':');
+        const std::string kind = token.substr(0, colon == std::string::npos ? 0 : colon);
+        const std::string value = token.substr(colon == std::string::npos ? 0 : colon + 1);
+        if (kind == "f32") {
+            body.f32(std::stof(value));
+        } else if (kind == "f64") {
+            body.f64(std::stod(value));
+        } else if (!kind.empty()) {
+            body.be(static_cast<std::uint64_t>(std::stoll(value, nullptr, 0)), kind == "u8"    ? 1
+                                                                               : kind == "u16" ? 2
+                                                                                               : 4);
+        } else {
+            for (std::size_t i = 0; i + 1 < value.size(); i += 2) body.u8(std::stoul(value.substr(i, 2), nullptr, 16));
+        }
+    }
+    return body.bytes;
+}
+
+nlohmann::json readJson(const std::string& path) {
+    std::ifstream in(path);
+    return nlohmann::json::parse(in);
 }
 
 Bytes junk(std::size_t count, std::uint8_t seed) {

@@ -6,11 +6,15 @@
 // writers, so that a fault the library's reader and writer share still shows. The
 // benchmarks and the sequence generators build on it.
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <array>
 #include <bit>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -25,13 +29,17 @@ T copyOf(T value) {
     return value;
 }
 
-// A plain frame of `type` around `body`: start byte, length, type, body, checksum, end byte.
-Bytes plainFrame(std::uint8_t type, const Bytes& body);
-// The same for types with a high length byte at offset 3 (27, 29, 98, ...).
-Bytes plainFrameLong(std::uint8_t type, const Bytes& body);
-inline Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte) {
-    return highLengthByte ? plainFrameLong(type, body) : plainFrame(type, body);
+// A plain frame of `type` around `body`: start byte, length, type, body, checksum, end byte;
+// types with a high length byte (27, 29, 98, ...) carry it at offset 3.
+Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte = false);
+inline Bytes plainFrameLong(std::uint8_t type, const Bytes& body) {
+    return plainFrame(type, body, true);
 }
+// Bytes written field by field, big-endian: "u8:3 u16:2301 u32:0x1F f32:0.5 f64:-2.5" and
+// bare groups of hex digits.
+Bytes fieldBytes(std::string_view fields);
+// A JSON file of pinned values, such as those under tests/data/records.
+nlohmann::json readJson(const std::string& path);
 // Bytes of `count` values that the stream never mistakes for a start byte.
 Bytes junk(std::size_t count, std::uint8_t seed = 1);
 Bytes concat(std::initializer_list<Bytes> parts);
