@@ -194,7 +194,7 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
     std::mt19937_64 random(c.subtype);
     constexpr int kRecords = 12;
     Rec35Writer writer(3);
-    std::vector<std::vector<std::string>> written;
+    std::vector<std::string> written;
     for (int i = 0; i < kRecords; ++i) {
         nvbtest::Rec35Native native(c, 3);
         nvbtest::fillRec35(c, native.get(), nvbtest::Rec35Values::Random, random);
@@ -209,7 +209,7 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
             }
         }
         ASSERT_EQ(writer.native(c.subtype, native.get()), 0) << i;
-        written.push_back(nvbtest::rec35Values(c, native.get()));
+        written.push_back(nvbtest::rec35WireJson(c, native.get(), true));
     }
     const auto reads = nvbtest::readRec35Log(writer.finish(), true);
     for (const auto& read : reads) EXPECT_EQ(read.processStatus, 0);
