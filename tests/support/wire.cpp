@@ -3,12 +3,15 @@
 #include "common/byte_sum.h"
 #include "stream/huffman.h"
 
+#include <nvbdll/status.h>
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 namespace nvbtest {
@@ -79,6 +82,21 @@ Bytes fieldBytes(std::string_view fields) {
 nlohmann::json readJson(const std::string& path) {
     std::ifstream in(path);
     return nlohmann::json::parse(in);
+}
+
+std::uint8_t statusNamed(const std::string& name) {
+    static const std::map<std::string, std::uint8_t> kStatuses = {{"OK", NVB_STATUS_OK},
+                                                                  {"CHECKSUM", NVB_STATUS_CHECKSUM},
+                                                                  {"EXPANSION", NVB_STATUS_EXPANSION},
+                                                                  {"NOT_WRITABLE", NVB_STATUS_NOT_WRITABLE},
+                                                                  {"NO_POSITION", NVB_STATUS_NO_POSITION},
+                                                                  {"REC35_CONTENT", NVB_STATUS_REC35_CONTENT},
+                                                                  {"RESYNCHRONISED", NVB_STATUS_RESYNCHRONISED},
+                                                                  {"AVRO", NVB_STATUS_AVRO},
+                                                                  {"CAPACITY", NVB_STATUS_CAPACITY},
+                                                                  {"SCHEMA", NVB_STATUS_SCHEMA},
+                                                                  {"NEED_REFERENCE", NVB_STATUS_NEED_REFERENCE}};
+    return kStatuses.at(name);
 }
 
 Bytes junk(std::size_t count, std::uint8_t seed) {

@@ -38,8 +38,10 @@ inline Bytes plainFrameLong(std::uint8_t type, const Bytes& body) {
 // Bytes written field by field, big-endian: "u8:3 u16:2301 u32:0x1F f32:0.5 f64:-2.5" and
 // bare groups of hex digits.
 Bytes fieldBytes(std::string_view fields);
-// A JSON file of pinned values, such as those under tests/data/records.
+// A JSON file of pinned values under tests/data, and a status there by its name in
+// NVB_STATUS_* ("NOT_WRITABLE").
 nlohmann::json readJson(const std::string& path);
+std::uint8_t statusNamed(const std::string& name);
 // Bytes of `count` values that the stream never mistakes for a start byte.
 Bytes junk(std::size_t count, std::uint8_t seed = 1);
 Bytes concat(std::initializer_list<Bytes> parts);
