@@ -88,6 +88,7 @@ std::uint8_t statusNamed(const std::string& name) {
     static const std::map<std::string, std::uint8_t> kStatuses = {{"OK", NVB_STATUS_OK},
                                                                   {"CHECKSUM", NVB_STATUS_CHECKSUM},
                                                                   {"EXPANSION", NVB_STATUS_EXPANSION},
+                                                                  {"FRAME_LENGTH", NVB_STATUS_FRAME_LENGTH},
                                                                   {"NOT_WRITABLE", NVB_STATUS_NOT_WRITABLE},
                                                                   {"NO_POSITION", NVB_STATUS_NO_POSITION},
                                                                   {"REC35_CONTENT", NVB_STATUS_REC35_CONTENT},
