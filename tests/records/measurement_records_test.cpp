@@ -3,6 +3,7 @@
 #include "support/wire.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -269,56 +270,22 @@ std::unique_ptr<Rec27> epoch(double time, double phase, std::optional<float> dop
 }
 
 TEST(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
-    struct Step {
-        double time, phase;
-        std::optional<float> wire;
-        float clock = 0.0f;
-        std::uint8_t slipCount = 0, flags = 0;
-        float doppler;          // what the epoch carries after reading; NaN: not looked at
-        bool flagged = false;   // measFlags1 bit 2, looked at where `doppler` is
-        float predicted = NAN;  // the prediction kept for the next epoch
-    };
-    struct Case {
-        const char* what;
-        std::uint8_t control;
-        std::vector<Step> steps;
-    };
-    const float any = NAN;
-    // clang-format off
-    const Case cases[] = {
-        {"control 1 passes the wire Doppler and leaves the predictions alone",
-         1, {{1000, 1500, 7.0f, 0, 0, 0, 7.0f, true}, {2000, 3000, 9.0f, 0, 0, 0, 9.0f, true},
-             {3000, 4500, {}, 0, 0, 0, 0.0f, false, 0.0f}}},
-        {"control 2 rebuilds every Doppler, none in the first epoch, over the true interval",
-         2, {{1000, 5000, 7.0f, 0, 0, 0, 0.0f, false}, {2000, 6500.5, 7.0f, 0, 0, 0, 1500.5f, true},
-             {2500, 7000.5, 7.0f, 0, 0, 0, 1000.0f, true}}},
-        {"control 3 keeps the wire Doppler and rebuilds where it is missing",
-         3, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 6000, 7.0f, 0, 0, 0, 7.0f, true}, {3000, 6250, {}, 0, 0, 0, 250.0f, true}}},
-        {"a slip takes the Doppler from the prediction, whose trend is 2 x newer - older",
-         2, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 5100, {}, 0, 0, 0, any, false, 100.0f},
-             {3000, 5300, {}, 0, 0, 0, any, false, 300.0f}, {4000, 9999, {}, 0, 1, 0, 300.0f, true},
-             {5000, 1.0, {}, 0, 1, 0x08, 400.0f, true}}},
-        {"a 1 ms clock step takes its carrier out of a large phase step",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 499.5 - 1575420.0, {}, 1.0f, 0, 0, 500.0f, true}}},
-        {"a small phase step across a clock step keeps only the shorter interval",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 999.0, {}, 1.0f, 0, 0, 1000.0f, true}}},
-        {"a half cycle resolved since the last epoch is not motion",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 100.5, {}, 0, 0, 0x60, 100.0f, true},
-             {3000, 200.5, {}, 0, 0, 0x60, 100.0f, true}}},
-    };
-    // clang-format on
-    for (const Case& c : cases) {
+    const nlohmann::json cases = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/doppler.json");
+    for (const nlohmann::json& c : cases["dopplerControls"]) {
         EpochReader fresh;
-        for (const Step& step : c.steps) {
-            fresh.read(*epoch(step.time, step.phase, step.wire, step.clock, step.slipCount, step.flags),
-                       {c.control, false, false, true});
+        for (const nlohmann::json& step : c["steps"]) {
+            const std::optional<float> wire = step.contains("wire") ? std::optional<float>(step["wire"]) : std::nullopt;
+            fresh.read(*epoch(step["time"], step["phase"], wire, step.value("clock", 0.0f), step.value("slipCount", 0),
+                              step.value("flags", 0)),
+                       {c["control"], false, false, true});
             const Rec27Meas& got = fresh.epoch().sv[0].meas[0];
-            if (!std::isnan(step.doppler)) {
-                EXPECT_FLOAT_EQ(got.doppler, step.doppler) << c.what << " at " << step.time;
-                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step.flagged) << c.what << " at " << step.time;
+            const std::string what = c["what"].get<std::string>() + " at " + step["time"].dump();
+            if (step.contains("doppler")) {
+                EXPECT_FLOAT_EQ(got.doppler, step["doppler"]) << what;
+                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step["flagged"]) << what;
             }
-            if (!std::isnan(step.predicted)) {
-                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step.predicted) << c.what;
+            if (step.contains("predicted")) {
+                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step["predicted"]) << what;
             }
         }
     }
