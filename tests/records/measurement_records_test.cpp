@@ -274,7 +274,8 @@ TEST(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
     for (const nlohmann::json& c : cases["dopplerControls"]) {
         EpochReader fresh;
         for (const nlohmann::json& step : c["steps"]) {
-            const std::optional<float> wire = step.contains("wire") ? std::optional<float>(step["wire"]) : std::nullopt;
+            std::optional<float> wire;
+            if (step.contains("wire")) wire = step["wire"].get<float>();
             fresh.read(*epoch(step["time"], step["phase"], wire, step.value("clock", 0.0f), step.value("slipCount", 0),
                               step.value("flags", 0)),
                        {c["control"], false, false, true});

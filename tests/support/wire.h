@@ -206,10 +206,11 @@ struct Rec17Wire {
 };
 Bytes build(const Rec17Wire& record);
 
-// A plain byte-stream log (wrap it in huffmanEncode for the NVB getters) of six frames:
-// record 27, 29, 17, 11, then a second 27 and 17 one second later, whose Doppler the
-// readers rebuild from phase. What a host reading it with the default options is
-// delivered, frame by frame: the record type and the DAT length.
+// A plain byte-stream log (wrap it in huffmanEncode for the NVB getters) of six frames,
+// from tests/data/records/measurement_log.json: record 27, 29, 17, 11, then a second 27
+// and 17 one second later, whose Doppler the readers rebuild from phase. What a host
+// reading it with the default options is delivered, frame by frame: the record type and
+// the DAT length.
 Bytes plainMeasurementLog();
 inline constexpr std::array<std::uint16_t, 6> kPlainLogTypes = {27, 29, 17, 11, 27, 17};
 inline constexpr std::array<std::uint32_t, 6> kPlainLogDatLengths = {190, 122, 141, 88, 190, 141};
