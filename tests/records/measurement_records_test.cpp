@@ -75,55 +75,44 @@ TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "said once";
 }
 
-// The byte-stream form has no third byte: a difference past 128 m wraps.
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/measurement.json");
+    return json;
+}
+
+std::uint8_t hexByte(const nlohmann::json& text) {
+    return static_cast<std::uint8_t>(std::stoul(text.get<std::string>(), nullptr, 16));
+}
+
 TEST(Rec27Ranges, DifferencesBeyond100MetresTakeThreeBytesAndBothFlagsWhereTheFormHasThem) {
-    struct Case {
-        double difference;
-        int form;
-        double read;
-        std::uint8_t flags1, flags2, blockLength;
-    };
-    const Case cases[] = {{100.0, 1, 100.0, 0x03, 0x00, 27},       {-100.0, 1, -100.0, 0x03, 0x00, 27},
-                          {100.1, 1, 100.1, 0x83, 0x01, 28},       {-100.1, 1, -100.1, 0x83, 0x01, 28},
-                          {-32000.5, 1, -32000.5, 0x83, 0x01, 28}, {200.0, 0, 200.0 - 256.0, 0x03, 0x00, 27}};
-    for (const Case& c : cases) {
+    for (const nlohmann::json& c : data()["rangeDifferences"]) {
         auto epoch = newEpoch(1000.0);
         Rec27Sv& sv = addSatellite(*epoch, 3, 0);
         addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, 1, 2, 21000000.0 + c.difference, 0.0);
+        addSignal(sv, 1, 2, 21000000.0 + c["difference"].get<double>(), 0.0);
         EpochReader reader;
-        ASSERT_GT(reader.read(*epoch, kPlainOptions, c.form), 0);
+        ASSERT_GT(reader.read(*epoch, kPlainOptions, c["form"]), 0);
         const Rec27Meas& second = reader.epoch().sv[0].meas[1];
-        EXPECT_NEAR(+second.range, 21000000.0 + c.read, pow2(-9)) << c.difference;
+        EXPECT_NEAR(+second.range, 21000000.0 + c["read"].get<double>(), pow2(-9)) << c;
         EXPECT_EQ(std::vector<int>({second.measFlags1, second.measFlags2, second.measBlockLen}),
-                  std::vector<int>({c.flags1, c.flags2, c.blockLength}))
-            << c.difference;
+                  std::vector<int>({hexByte(c["flags1"]), hexByte(c["flags2"]), c["blockLength"]}))
+            << c;
     }
 }
 
 TEST(Rec27Ranges, AWrappedDifferenceOfOldReceiversIsRepairedOnlyWhereItArose) {
-    struct Case {
-        std::uint8_t svId, system, band, track;
-        bool clockBlock;
-        double expected;
-    };
-    const Case cases[] = {
-        {1, 0, 2, 7, false, -40.0 + 256.0},  // GPS 1, L5 track 7, no clock block: repaired
-        {1, 0, 2, 7, true, -40.0},           // the clock block marks a newer receiver
-        {2, 0, 2, 7, false, -40.0},         {1, 3, 2, 7, false, -40.0}, {1, 0, 2, 8, false, -40.0},
-    };
-    for (const Case& c : cases) {
+    for (const nlohmann::json& c : data()["wrappedDifferences"]) {
         auto epoch = newEpoch(1000.0);
-        if (c.clockBlock) {
+        if (c["clockBlock"]) {
             epoch->epochFlags = 0x20;
             epoch->clock.blockLength = 3;
         }
-        Rec27Sv& sv = addSatellite(*epoch, c.svId, c.system);
+        Rec27Sv& sv = addSatellite(*epoch, c["svId"], c["system"]);
         addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, c.band, c.track, 21000000.0 - 40.0, 0.0);
+        addSignal(sv, c["band"], c["track"], 21000000.0 - 40.0, 0.0);
         EpochReader reader;
         ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
-        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c.expected) << int(c.svId) << " " << int(c.track);
+        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c["expected"]) << c["why"];
     }
 }
 
@@ -270,8 +259,7 @@ std::unique_ptr<Rec27> epoch(double time, double phase, std::optional<float> dop
 }
 
 TEST(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
-    const nlohmann::json cases = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/doppler.json");
-    for (const nlohmann::json& c : cases["dopplerControls"]) {
+    for (const nlohmann::json& c : data()["dopplerControls"]) {
         EpochReader fresh;
         for (const nlohmann::json& step : c["steps"]) {
             std::optional<float> wire;
