@@ -21,18 +21,21 @@ using nvbtest::Bytes;
 
 constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
 
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/envelope.json");
+    return json;
+}
+
 TEST(Rec35Varint, ShortestFormsAndTheirLengths) {
-    const struct {
-        std::uint64_t value;
-        std::size_t length;
-    } rows[] = {{0, 1}, {127, 1}, {128, 2}, {16383, 2}, {16384, 3}, {1ull << 32, 5}, {1ull << 63, 10}, {kMax, 10}};
-    for (const auto& row : rows) {
+    for (const nlohmann::json& row : data()["varints"]) {
+        const std::uint64_t value = row["value"];
+        const std::size_t length = row["length"];
         std::uint8_t out[nvb::kMaxVarintLength] = {};
-        ASSERT_EQ(nvb::writeVarint(row.value, out), row.length) << row.value;
-        const auto back = nvb::readVarint(std::span<const std::uint8_t>(out, row.length));
+        ASSERT_EQ(nvb::writeVarint(value, out), length) << value;
+        const auto back = nvb::readVarint(std::span<const std::uint8_t>(out, length));
         ASSERT_TRUE(back);
-        EXPECT_EQ(back->value, row.value);
-        EXPECT_EQ(back->length, row.length);
+        EXPECT_EQ(back->value, value);
+        EXPECT_EQ(back->length, length);
     }
 }
 
@@ -62,23 +65,11 @@ TEST(Rec35Buffer, ReserveGrowsExactlyAndRefusesWhatItCannotTell) {
 // Splitting: the fragment codes and piece sizes of the frames a payload becomes, read off
 // the bare records of the filling block.
 TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
-    const struct {
-        std::size_t payload;
-        std::vector<int> codes;
-        std::vector<std::size_t> pieces;
-    } rows[] = {
-        {1, {0}, {1}},
-        {4000, {0}, {4000}},
-        {4001, {1, 3}, {4000, 1}},
-        {8000, {1, 3}, {4000, 4000}},
-        {12001, {1, 2, 2, 3}, {4000, 4000, 4000, 1}},
-        {0, {}, {}},
-    };
-    for (const auto& row : rows) {
+    for (const nlohmann::json& row : data()["fragments"]) {
         nvbtest::Encoder encoder(3, 2);
         nvb::setBlockTarget(*encoder.get());
         std::uint8_t status = 0;
-        const Bytes payload(row.payload, 0x5A);
+        const Bytes payload(row["payload"].get<std::size_t>(), 0x5A);
         nvb::writeRec35Fragments(*encoder.get(), 24, 1, payload, status);
         ASSERT_EQ(status, 0);
         std::vector<int> codes;
@@ -91,8 +82,8 @@ TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
             pieces.push_back(length - 5);  // three bytes of length and type, two varints
             at += length;
         }
-        EXPECT_EQ(codes, row.codes) << row.payload;
-        EXPECT_EQ(pieces, row.pieces) << row.payload;
+        EXPECT_EQ(codes, row["codes"].get<std::vector<int>>()) << row["payload"];
+        EXPECT_EQ(pieces, row["pieces"].get<std::vector<std::size_t>>()) << row["payload"];
     }
 }
 
@@ -113,8 +104,7 @@ Bytes stepFrame(const nlohmann::json& step) {
 }
 
 TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
-    const nlohmann::json cases = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/assembly.json");
-    for (const nlohmann::json& c : cases["assembly"]) {
+    for (const nlohmann::json& c : data()["assembly"]) {
         SCOPED_TRACE(c["name"]);
         const bool content = c.value("content", true);
         nvbtest::Handle handle;
