@@ -9,9 +9,11 @@
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstring>
 #include <limits>
+#include <sstream>
 
 namespace {
 
@@ -19,18 +21,21 @@ using nvbtest::Bytes;
 
 constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
 
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/envelope.json");
+    return json;
+}
+
 TEST(Rec35Varint, ShortestFormsAndTheirLengths) {
-    const struct {
-        std::uint64_t value;
-        std::size_t length;
-    } rows[] = {{0, 1}, {127, 1}, {128, 2}, {16383, 2}, {16384, 3}, {1ull << 32, 5}, {1ull << 63, 10}, {kMax, 10}};
-    for (const auto& row : rows) {
+    for (const nlohmann::json& row : data()["varints"]) {
+        const std::uint64_t value = row["value"];
+        const std::size_t length = row["length"];
         std::uint8_t out[nvb::kMaxVarintLength] = {};
-        ASSERT_EQ(nvb::writeVarint(row.value, out), row.length) << row.value;
-        const auto back = nvb::readVarint(std::span<const std::uint8_t>(out, row.length));
+        ASSERT_EQ(nvb::writeVarint(value, out), length) << value;
+        const auto back = nvb::readVarint(std::span<const std::uint8_t>(out, length));
         ASSERT_TRUE(back);
-        EXPECT_EQ(back->value, row.value);
-        EXPECT_EQ(back->length, row.length);
+        EXPECT_EQ(back->value, value);
+        EXPECT_EQ(back->length, length);
     }
 }
 
@@ -60,23 +65,11 @@ TEST(Rec35Buffer, ReserveGrowsExactlyAndRefusesWhatItCannotTell) {
 // Splitting: the fragment codes and piece sizes of the frames a payload becomes, read off
 // the bare records of the filling block.
 TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
-    const struct {
-        std::size_t payload;
-        std::vector<int> codes;
-        std::vector<std::size_t> pieces;
-    } rows[] = {
-        {1, {0}, {1}},
-        {4000, {0}, {4000}},
-        {4001, {1, 3}, {4000, 1}},
-        {8000, {1, 3}, {4000, 4000}},
-        {12001, {1, 2, 2, 3}, {4000, 4000, 4000, 1}},
-        {0, {}, {}},
-    };
-    for (const auto& row : rows) {
+    for (const nlohmann::json& row : data()["fragments"]) {
         nvbtest::Encoder encoder(3, 2);
         nvb::setBlockTarget(*encoder.get());
         std::uint8_t status = 0;
-        const Bytes payload(row.payload, 0x5A);
+        const Bytes payload(row["payload"].get<std::size_t>(), 0x5A);
         nvb::writeRec35Fragments(*encoder.get(), 24, 1, payload, status);
         ASSERT_EQ(status, 0);
         std::vector<int> codes;
@@ -89,83 +82,31 @@ TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
             pieces.push_back(length - 5);  // three bytes of length and type, two varints
             at += length;
         }
-        EXPECT_EQ(codes, row.codes) << row.payload;
-        EXPECT_EQ(pieces, row.pieces) << row.payload;
+        EXPECT_EQ(codes, row["codes"].get<std::vector<int>>()) << row["payload"];
+        EXPECT_EQ(pieces, row["pieces"].get<std::vector<std::size_t>>()) << row["payload"];
     }
 }
 
-// Assembly: each step hands one getter result to the assembly, with a frame where it is
-// a record 35.
-struct Step {
-    Bytes frame;  // empty for a foreign record or a failure
-    std::int32_t getterResult = 35;
-    std::uint8_t getterStatus = 0;
-    std::int32_t result;
-    std::uint8_t status;
-};
-
-struct AssemblyCase {
-    const char* name;
-    std::vector<Step> steps;
-    std::uint8_t pending;
-    std::uint32_t used;
-    bool message = false;  // "Incomplete record 35" was printed
-    bool content = true;   // the state has a content object
-};
-
-Bytes frame(std::uint8_t code, std::size_t size, std::uint64_t subtype = 24, std::uint64_t subsubtype = 1) {
-    return nvbtest::rec35Frame(code, subtype, subsubtype, Bytes(size, 0x33));
+// Each step hands one getter result to the assembly, with a frame where it is a record 35.
+Bytes stepFrame(const nlohmann::json& step) {
+    if (!step.contains("frame")) return {};
+    std::istringstream in(step["frame"].get<std::string>());
+    std::size_t code = 0, size = 0;
+    std::uint64_t subtype = 24, subsubtype = 1;
+    in >> code >> size >> subtype >> subsubtype;
+    Bytes frame = nvbtest::rec35Frame(static_cast<std::uint8_t>(code), subtype, subsubtype, Bytes(size, 0x33));
+    if (step.value("varintWithoutEnd", false)) std::fill(frame.begin() + 4, frame.end() - 3, 0x80);
+    if (step.contains("cutTo")) {
+        frame.resize(step["cutTo"]);
+        frame[1] = step["cutTo"];
+    }
+    return frame;
 }
-
-// A frame cut to `length` bytes, as a block may hand one over.
-Bytes withLength(Bytes bytes, std::size_t length) {
-    bytes[1] = static_cast<std::uint8_t>(length);
-    bytes.resize(length);
-    return bytes;
-}
-
-// Every byte behind the code carries bit 7, up to the trailer.
-Bytes unendingVarint() {
-    Bytes bytes = nvbtest::rec35Frame(0, 24, 1, Bytes(20, 0));
-    std::fill(bytes.begin() + 4, bytes.end() - 3, 0x80);
-    return bytes;
-}
-
-Step foreign(std::int32_t result, std::uint8_t getterStatus, std::int32_t expected, std::uint8_t status) {
-    return Step{{}, result, getterStatus, expected, status};
-}
-
-// clang-format off
-const AssemblyCase kAssemblyCases[] = {
-    {"whole frame", {{frame(0, 10), 35, 0, 35, 0}}, 0, 10},
-    {"first and last", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 5), 35, 0, 35, 0}}, 0, 4005},
-    {"first, two middles, last", {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 4000), 35, 0, 0, 0},
-                                  {frame(2, 4000), 35, 0, 0, 0}, {frame(3, 1), 35, 0, 35, 0}}, 0, 12001},
-    {"middle without first keeps the record pending", {{frame(2, 5), 35, 0, -1, 18}}, 1, 0},
-    {"then a foreign record dumps it", {{frame(2, 5), 35, 0, -1, 18}, foreign(27, 0, 27, 18)}, 0, 0, true},
-    {"last without first", {{frame(3, 5), 35, 0, -1, 18}}, 0, 0},
-    {"a first frame throws away an unfinished one",
-     {{frame(1, 4000), 35, 0, 0, 0}, {frame(1, 4000), 35, 0, 0, 18}, {frame(3, 1), 35, 0, 35, 0}}, 0, 4001},
-    {"a whole frame throws away an unfinished one", {{frame(1, 4000), 35, 0, 0, 0}, {frame(0, 7), 35, 0, 35, 18}}, 0, 7},
-    {"last of another subtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(3, 1, 25), 35, 0, -1, 18}}, 0, 0},
-    {"middle of another subsubtype", {{frame(1, 4000), 35, 0, 0, 0}, {frame(2, 1, 24, 2), 35, 0, -1, 18}}, 1, 0},
-    {"a foreign record between fragments", {{frame(1, 4000), 35, 0, 0, 0}, foreign(27, 0, 27, 18)}, 0, 0, true},
-    {"a framing failure between fragments", {{frame(1, 4000), 35, 0, 0, 0}, foreign(-1, 3, -1, 3)}, 0, 0, true},
-    {"a foreign record with nothing pending", {foreign(27, 0, 27, 0)}, 0, 0},
-    {"nothing complete yet", {foreign(0, 0, 0, 0)}, 0, 0},
-    {"a status of the getter alone", {foreign(0, 18, 0, 18)}, 0, 0},
-    {"an empty payload", {{frame(0, 0), 35, 0, -1, 7}}, 0, 0},
-    {"a frame shorter than its envelope", {{withLength(frame(0, 0), 6), 35, 0, -1, 18}}, 0, 0},
-    {"a payload length that would wrap", {{withLength(frame(0, 0), 8), 35, 0, -1, 18}}, 0, 0},
-    {"a subtype varint without end", {{unendingVarint(), 35, 0, -1, 18}}, 0, 0},
-    {"a record 35 arriving with a resynchronisation status", {{frame(0, 9), 35, 18, 35, 18}}, 0, 9},
-    {"no content object", {{frame(0, 10), 35, 0, -1, NVB_STATUS_REC35_CONTENT}}, 0, 0, false, false},
-};
-// clang-format on
 
 TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
-    for (const AssemblyCase& c : kAssemblyCases) {
-        SCOPED_TRACE(c.name);
+    for (const nlohmann::json& c : data()["assembly"]) {
+        SCOPED_TRACE(c["name"]);
+        const bool content = c.value("content", true);
         nvbtest::Handle handle;
         nvbtest::MessageLog log;
         rec35_assembly_t& assembly = handle->rec35Assembly;
@@ -175,24 +116,26 @@ TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
         nvb::ensureRec35Slot(slot, ignored);
         slot->need_reference_in = 0;
         assembly.slots[nvbtest::kFftSlot] = slot;
-        for (const Step& step : c.steps) {
+        for (const nlohmann::json& step : c["steps"]) {
+            const Bytes frame = stepFrame(step);
             std::memset(&handle->frame, 0, sizeof handle->frame);
-            std::copy(step.frame.begin(), step.frame.end(), handle->frame.data);
-            handle->frame.length = static_cast<std::uint16_t>(step.frame.size());
+            std::copy(frame.begin(), frame.end(), handle->frame.data);
+            handle->frame.length = static_cast<std::uint16_t>(frame.size());
             slot->need_reference_in = 0;
-            std::uint8_t status = step.getterStatus;
-            const std::int32_t result = nvb::assembleRec35(handle->frame, c.content ? handle->records.rec35 : nullptr,
-                                                           assembly, step.getterResult, status);
-            EXPECT_EQ(result, step.result);
-            EXPECT_EQ(status, step.status);
+            std::uint8_t status = nvbtest::statusNamed(step.value("getterStatus", "OK"));
+            const std::int32_t result = nvb::assembleRec35(handle->frame, content ? handle->records.rec35 : nullptr,
+                                                           assembly, step.value("getter", 35), status);
+            EXPECT_EQ(result, step["result"]);
+            EXPECT_EQ(status, nvbtest::statusNamed(step["status"]));
             EXPECT_EQ(slot->need_reference_in, status != 0 ? 1 : 0) << "every chain starts again after a status";
-            if (!step.frame.empty() && c.content) {
+            if (!frame.empty() && content) {
                 EXPECT_EQ(handle->frame.length, 0) << "the record lies in the assembly now";
             }
         }
-        EXPECT_EQ(assembly.pending, c.pending);
-        EXPECT_EQ(nvbtest::copyOf(assembly.payload.used), c.used);
-        EXPECT_EQ(log.text().find("Incomplete record 35. Dump partial record.\n") != std::string::npos, c.message);
+        EXPECT_EQ(assembly.pending, c["pending"]);
+        EXPECT_EQ(nvbtest::copyOf(assembly.payload.used), c["used"]);
+        EXPECT_EQ(log.text().find("Incomplete record 35. Dump partial record.\n") != std::string::npos,
+                  c.value("message", false));
     }
 }
 

@@ -4,9 +4,9 @@
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -93,31 +93,18 @@ INSTANTIATE_TEST_SUITE_P(BareMethods, Rec35LogRoundTrip, ::testing::Values(3, 5,
 
 // One entry of the file: the schema text, the payload, and the values when they are
 // to be checked (a delta record's are residuals: it must decode whole, that is all).
-std::string jsonEntry(const Bytes& schema, const Bytes& payload, const std::string& values) {
-    std::string out = "{\"schema\": \"";
-    for (std::size_t i = 0; i + 1 < schema.size(); ++i) {
-        const char c = static_cast<char>(schema[i]);
-        if (c == '"' || c == '\\') out += '\\';
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else {
-            out += c;
-        }
-    }
-    out += "\", \"payload\": \"";
-    for (const std::uint8_t byte : payload) {
-        char hex[3];
-        std::snprintf(hex, sizeof hex, "%02x", byte);
-        out += hex;
-    }
-    return out + "\"" + (values.empty() ? "" : ", \"values\": " + values) + "}";
+nlohmann::json jsonEntry(const Bytes& schema, const Bytes& payload, const std::string& values) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (const std::uint8_t byte : payload) hex += {kDigits[byte >> 4], kDigits[byte & 15]};
+    nlohmann::json entry = {{"schema", std::string(schema.begin(), schema.end() - 1)}, {"payload", hex}};
+    if (!values.empty()) entry["values"] = nlohmann::json::parse(values);
+    return entry;
 }
 
 // Every subtype: a reference record whose wire values are the native ones scaled, and a
 // delta record behind it.
-void appendEverySubtype(std::vector<std::string>& entries) {
+void appendEverySubtype(std::vector<nlohmann::json>& entries) {
     for (std::size_t slot = 0; slot < NVB_REC35_SUBTYPES; ++slot) {
         const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(slot);
         std::mt19937_64 random(slot);
@@ -140,7 +127,7 @@ void appendEverySubtype(std::vector<std::string>& entries) {
 TEST(Rec35Interop, TheLibrarysSchemaAndPayloadsAreLeftForAnotherAvroReader) {
     const char* target = std::getenv("NVBDLL_REC35_INTEROP");
     const std::string path = target != nullptr ? target : nvbtest::writeTempFile({}, ".json");
-    std::vector<std::string> entries;
+    std::vector<nlohmann::json> entries;
 
     // Every subtype in the library's own schema, then subtype 24 written through the
     // resolver under an older stream schema, which leaves antenna_num out.
@@ -154,9 +141,7 @@ TEST(Rec35Interop, TheLibrarysSchemaAndPayloadsAreLeftForAnotherAvroReader) {
         entries.push_back(jsonEntry(nvbtest::datPayload(dats[0]), nvbtest::datPayload(dats[i]), ""));
     }
     std::ofstream out(path);
-    out << "[\n";
-    for (std::size_t i = 0; i < entries.size(); ++i) out << entries[i] << (i + 1 < entries.size() ? ",\n" : "\n");
-    out << "]\n";
+    out << nlohmann::json(entries).dump(1) << "\n";
     ASSERT_TRUE(out.good());
 }
 

@@ -6,6 +6,7 @@
 #include "support/rec35_records.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <cstring>
@@ -21,38 +22,23 @@ Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/schemas.json");
+    return json;
+}
+
 TEST(Rec35SchemaVersion, TheFirstQuotedVersionKeyFollowedByACommaCounts) {
-    const struct {
-        const char* text;
-        std::int64_t version;  // 0: status 19
-        const char* message;
-    } rows[] = {
-        {"{\"version\": 7, \"fields\": []}", 7, ""},
-        {"{\"version\":7,\"fields\":[]}", 7, ""},
-        {"{\"version\": 65535, \"x\": 1}", 65535, ""},
-        {"{\"a\": 1, \"version\": 3, \"version\": 4,}", 3, ""},
-        {"{\"fields\": [], \"version\": 7}", 0, ""},
-        {"{\"version\": 0, \"x\": 1}", 0, "get_avro_schema_version() read an invalid version: 0.\n"},
-        {"{\"version\": 65536, \"x\": 1}", 0, "get_avro_schema_version() read an invalid version: 65536.\n"},
-        {"{\"version\": -2, \"x\": 1}", 0, "get_avro_schema_version() read an invalid version: -2.\n"},
-        {"{\"version\": seven, \"x\": 1}", 0, "get_avro_schema_version() read an invalid version: 0.\n"},
-        {"{\"version\":, \"x\": 1}", 0, ""},
-        {"{\"versions\": 7, \"x\": 1}", 0, ""},
-        {"\"version\"", 0, ""},
-        {"version: 7, x", 0, ""},
-        {"", 0, ""},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
+    for (const nlohmann::json& row : data()["schemaVersions"]) {
+        SCOPED_TRACE(row["text"]);
         nvbtest::MessageLog log;
         std::int64_t version = 0;
         std::uint8_t status = 0;
-        nvb::getAvroSchemaVersion(text(row.text), version, status);
-        EXPECT_EQ(status, row.version == 0 ? NVB_STATUS_AVRO : 0);
-        if (row.version != 0) {
-            EXPECT_EQ(version, row.version);
+        nvb::getAvroSchemaVersion(text(row["text"]), version, status);
+        EXPECT_EQ(status, row["version"] == 0 ? NVB_STATUS_AVRO : 0);
+        if (row["version"] != 0) {
+            EXPECT_EQ(version, row["version"]);
         }
-        EXPECT_EQ(log.text(), row.message);
+        EXPECT_EQ(log.text(), row["message"]);
     }
 }
 
@@ -75,52 +61,33 @@ Bytes fftLog(int version, const std::vector<Fft>& ffts, const std::string& typeO
     return writer.finish();
 }
 
-struct VersionCase {
-    const char* name;
-    int version;
-    const char* typeOfMean;
-    std::uint8_t status;
-    bool resolved;
-    const char* message;
-};
-
-const VersionCase kVersionCases[] = {
-    {"same version: matched reader", 2, "long", 0, false, ""},
-    {"older stream: resolved reader, the missing field reads 0", 1, "long", 0, true, ""},
-    {"newer stream: resolved reader, the new field is skipped", 3, "long", 0, true,
-     "For Record 35 Subtype 24: nvblib schema version = 2, nve file schema version = 3. Upgrade your nvb "
-     "library.\n"},
-    {"newer stream whose field no resolver matches", 3, "string", NVB_STATUS_AVRO, true,
-     "For Record 35 Subtype 24: nvblib schema version = 2, nve file schema version = 3. Upgrade your nvb "
-     "library.\nCould not create resolver\nreadRec35BufferContent error: 19 subtype=24 subsubtype=1\n"},
-};
-
 TEST(Rec35Versions, StreamSchemasOlderNewerOrEqualAreReadThroughTheRightReader) {
     const std::vector<Fft> ffts = nvbtest::fftSequence(4, 16);
-    for (const VersionCase& c : kVersionCases) {
-        SCOPED_TRACE(c.name);
-        const Bytes log = fftLog(c.version, ffts, c.typeOfMean);
+    for (const nlohmann::json& c : data()["streamVersions"]) {
+        SCOPED_TRACE(c["name"]);
+        const int version = c["version"];
+        const std::uint8_t status = nvbtest::statusNamed(c["status"]);
+        const Bytes log = fftLog(version, ffts, c["typeOfMean"]);
         nvbtest::Handle handle;
         nvbtest::MessageLog messages;
         const auto reads = nvbtest::readRec35Log(log, true, handle.get());
-        std::string expected = c.message;
-        if (c.status != 0) {
+        std::string expected = c["message"];
+        if (status != 0) {
             // Each record fails alike; the message stands once per record.
-            std::string repeated = c.message;
-            const std::string perRecord = repeated.substr(repeated.find("Could not"));
+            const std::string perRecord = expected.substr(expected.find("Could not"));
             for (std::size_t i = 1; i < ffts.size(); ++i) expected += perRecord;
         }
         EXPECT_EQ(messages.text(), expected);
-        EXPECT_EQ(nvbtest::processStatuses(reads), std::vector<std::uint8_t>(ffts.size(), c.status));
-        if (c.status != 0) continue;
+        EXPECT_EQ(nvbtest::processStatuses(reads), std::vector<std::uint8_t>(ffts.size(), status));
+        if (status != 0) continue;
         std::vector<Fft> expectedFfts = ffts;
-        if (c.version == 1) {
+        if (version == 1) {
             for (Fft& fft : expectedFfts) fft.antenna_num = 0;
         }
         EXPECT_EQ(nvbtest::deliveredFfts(reads), expectedFfts);
         const rec35_slot_t* slot = handle->rec35Assembly.slots[nvbtest::kFftSlot];
-        EXPECT_EQ(slot->reader->resolved, c.resolved ? 1 : 0);
-        EXPECT_EQ(slot->file_version, c.version);
+        EXPECT_EQ(slot->reader->resolved, c["resolved"] ? 1 : 0);
+        EXPECT_EQ(slot->file_version, version);
     }
 }
 
@@ -176,45 +143,21 @@ TEST(Rec35Versions, TheWriterRefusesASecondVersionOnceItHasAResolver) {
 
 // What the writer refuses, by mode; the method must be a bare one for record 35 at all.
 TEST(Rec35Refusals, HeadersTheModeCannotTakeAreRefusedWhole) {
-    const Bytes payload(10, 1);
-    const struct {
-        const char* name;
-        std::uint8_t method;
-        std::uint8_t mode;
-        Bytes dat;
-        std::uint8_t status;
-    } rows[] = {
-        {"byte stream", 0, 0, nvbtest::rec35Dat(0, 0, payload), NVB_STATUS_NOT_WRITABLE},
-        {"framed block method", 4, 0, nvbtest::rec35Dat(0, 0, payload), NVB_STATUS_NOT_WRITABLE},
-        {"raw area", 3, 0, nvbtest::rec35Dat(0, 0, payload), 0},
-        {"test area", 3, 0, nvbtest::rec35Dat(12345678, 5, payload), 0},
-        {"marker", 3, 0, nvbtest::rec35Dat(1, 0, {}), 0},
-        {"marker with a subsubtype in passthrough", 3, NVB_REC35_PASSTHROUGH, nvbtest::rec35Dat(1, 1, {}),
-         NVB_STATUS_NOT_WRITABLE},
-        {"foreign Avro bytes outside passthrough", 3, 0, nvbtest::rec35Dat(24, 1, payload), NVB_STATUS_NOT_WRITABLE},
-        {"subsubtype 3 in passthrough", 3, NVB_REC35_PASSTHROUGH, nvbtest::rec35Dat(24, 3, payload),
-         NVB_STATUS_NOT_WRITABLE},
-        {"no native record", 3, 0, nvbtest::rec35Dat(24, 1, {}), NVB_STATUS_REC35_CONTENT},
-        {"no raw area", 3, 0, nvbtest::rec35Dat(0, 0, {}), NVB_STATUS_REC35_CONTENT},
-        {"unknown subtype", 3, NVB_REC35_PASSTHROUGH, nvbtest::rec35Dat(13, 1, payload), NVB_STATUS_NOT_WRITABLE},
-        {"unknown subtype copied", 3, NVB_REC35_PASSTHROUGH | NVB_REC35_COPY, nvbtest::rec35Dat(13, 1, payload), 0},
-        {"subtype with a high word copied", 3, NVB_REC35_COPY, nvbtest::rec35Dat(1ull << 40, 1, payload), 0},
-        {"nothing to copy", 3, NVB_REC35_COPY, nvbtest::rec35Dat(13, 1, {}), NVB_STATUS_NOT_WRITABLE},
-        {"a length beside the told one", 3, 0,
-         [&] {
-             Bytes dat = nvbtest::rec35Dat(0, 0, payload);
-             dat[1] = 20;
-             return dat;
-         }(),
-         NVB_STATUS_NOT_WRITABLE},
-        {"a header shorter than the fields", 3, 0, Bytes{0x74, 4, 0, 35}, NVB_STATUS_NOT_WRITABLE},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Rec35Writer writer(row.method, row.mode);
+    for (const nlohmann::json& row : data()["refusals"]) {
+        SCOPED_TRACE(row["name"]);
+        std::uint8_t mode = 0;
+        for (const std::string flag : row.value("mode", nlohmann::json::array())) {
+            mode |= flag == "copy" ? NVB_REC35_COPY : NVB_REC35_PASSTHROUGH;
+        }
+        Bytes dat = row.contains("dat") ? nvbtest::fieldBytes(row["dat"].get<std::string>())
+                                        : nvbtest::rec35Dat(row["subtype"], row.value("subsubtype", 0),
+                                                            Bytes(row.value("payload", 0), 1));
+        if (row.contains("toldLength")) dat[1] = row["toldLength"];
+        Rec35Writer writer(row["method"], mode);
         const std::uint32_t before = writer.encoder->recordCount;
-        EXPECT_EQ(writer.dat(row.dat), row.status);
-        EXPECT_EQ(writer.encoder->recordCount - before, row.status == 0 ? 1u : 0u);
+        const std::uint8_t status = nvbtest::statusNamed(row["status"]);
+        EXPECT_EQ(writer.dat(dat), status);
+        EXPECT_EQ(writer.encoder->recordCount - before, status == 0 ? 1u : 0u);
     }
 }
 

@@ -4,10 +4,12 @@
 #include <nvbdll/records.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <zlib.h>
 
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -31,58 +33,26 @@ Bytes deflated(const Bytes& payload) {
     return out;
 }
 
-Body tag() {
-    return Body().u8(0x80).u16(2301).u32(345600200);
-}
-
-Bytes rec34Kind1(int entries) {
-    Body body = Body().u8(1).u16(7).u8(entries);
-    for (int i = 0; i < entries; ++i) body.f64(345600.2 + 0.1 * i).f32(20.5f + i);
-    return plainFrame(34, body.bytes, true);
-}
-
 struct Case {
-    const char* name;
+    std::string name;
     Bytes frame;
     std::uint32_t datLength;
 };
 
-// Records as receivers send them, written from the field tables by hand.
 const std::vector<Case>& realisticRecords() {
-    // clang-format off
-    static const std::vector<Case> cases = {
-        {"31", plainFrame(31, Body().u16(0x5354).u8(2).u8(12).raw(text(12)).bytes, false), 20},
-        {"32, subtype 2", plainFrame(32, {2}, false), 5},
-        {"32, subtype 3", plainFrame(32, Body().u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3).f64(1.5).f64(-2.5)
-                                        .u16(4).u32(5).u16(6).u16(7).u16(8).u16(9).f64(0.25).f64(0.75).u32(10).u16(11).bytes, false), 88},
-        {"32, subtype 4", plainFrame(32, Body().u8(4).u8(1).u8(2).u8(3).u16(1).u32(2).f64(6378137.0).f64(298.257).f64(0.5).u8(3)
-                                        .f64(1.5).f64(-2.5).u16(4).u32(5).u16(6).u16(7).u16(8).u16(9).f64(0.25).f64(0.75)
-                                        .u32(10).u16(11).bytes, false), 91},
-        {"32, subtype 5", plainFrame(32, [] {
-             Body body = Body().u8(5);
-             for (int i = 0; i < 11; ++i) body.f64(0.001 * (i + 1));
-             return body.u16(1).u16(2).u16(3).u16(4).u16(5).bytes;
-         }(), false), 103},
-        {"32, subtype 6", plainFrame(32, [] {
-             Body body = Body().u8(6).u8(1).u8(2).u16(3).u16(4).f32(0.5f).u8(5);
-             for (int i = 0; i < 8; ++i) body.f64(-1.5 * (i + 1));
-             return body.bytes;
-         }(), false), 80},
-        {"34, kind 1", rec34Kind1(3), 8 + 36},
-        {"34, kind 1 longer than 255 bytes", rec34Kind1(30), 8 + 360},
-        {"34, kind 2", plainFrame(34, Body().u8(2).u16(9).u8(2).f64(345600.2).f32(1.0f).f32(2.0f).f32(3.0f).f32(4.0f).u8(5)
-                                      .f64(345600.3).f32(-1.0f).f32(-2.0f).f32(-3.0f).f32(-4.0f).u8(6).bytes, true), 8 + 50},
-        {"34, a kind of its own", plainFrame(34, Body().u8(7).raw(text(20)).bytes, true), 5 + 20},
-        {"40", plainFrame(40, Body().u8(0).u16(2301).u32(345600200).u8(1).u16(2345).u8(6).u16(0xFFFD).u8(7).u16(65000)
-                               .u8(8).u16(12).u8(20).u16(0xFF6A).bytes, false), 11 + 45},
-        {"98", plainFrame(98, Body().u8(0x01).u16(3).u32(4).raw(text(20)).bytes, true), 11 + 20},
-        {"98 with its extra byte", plainFrame(98, tag().u8(9).raw(text(20)).bytes, true), 12 + 20},
-        {"98 longer than 255 bytes", plainFrame(98, tag().u8(9).raw(text(600)).bytes, true), 12 + 600},
-        {"99", plainFrame(99, Body().u8(0).u16(3).u32(4).raw(text(50)).bytes, true), 11 + 50},
-        {"99 deflated", plainFrame(99, Body().u8(1).u16(3).u32(4).raw(deflated(text(3000))).bytes, true), 11 + 3000},
-        {"99 longer than 255 bytes", plainFrame(99, Body().u8(2).u16(3).u32(4).raw(text(1000)).bytes, true), 11 + 1000},
-    };
-    // clang-format on
+    static const std::vector<Case> cases = [] {
+        std::vector<Case> out;
+        const nlohmann::json data = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/auxiliary.json");
+        for (const nlohmann::json& row : data["frames"]) {
+            Bytes body = nvbtest::fieldBytes(row["body"].get<std::string>());
+            const Bytes tail =
+                row.contains("deflatedText") ? deflated(text(row["deflatedText"])) : text(row.value("text", 0));
+            body.insert(body.end(), tail.begin(), tail.end());
+            out.push_back({row["name"].get<std::string>(),
+                           plainFrame(row["type"], body, row.value("highLengthByte", false)), row["datLength"]});
+        }
+        return out;
+    }();
     return cases;
 }
 

@@ -1,6 +1,8 @@
 #include "records/field_codec.h"
+#include "support/wire.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -58,18 +60,16 @@ Bytes written(Write write) {
     return Bytes(frame->data, frame->data + frame->length);
 }
 
-struct RoundingCase {
-    double x;
-    Bytes expected;
-};
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/field_writers.json");
+    return json;
+}
 
 TEST(FieldWriters, RoundHalfAwayFromZeroAndKeepTheLowBytes) {
-    const RoundingCase cases[] = {
-        {0.4999, {0x00, 0x00}}, {-0.5, {0xFF, 0xFF}}, {0.5, {0x00, 0x01}},           {-0.4999, {0x00, 0x00}},
-        {1.5, {0x00, 0x02}},    {-1.5, {0xFF, 0xFE}}, {65536.0 + 7.0, {0x00, 0x07}},
-    };
-    for (const RoundingCase& c : cases) {
-        EXPECT_EQ(written([&](nvb::WriteBuffer& out) { nvb::putScaled2(out, c.x, 0); }), c.expected) << c.x;
+    for (const nlohmann::json& c : data()["twoBytes"]) {
+        EXPECT_EQ(written([&](nvb::WriteBuffer& out) { nvb::putScaled2(out, c["x"], 0); }),
+                  nvbtest::fieldBytes(c["bytes"].get<std::string>()))
+            << c;
     }
     // A first range just below the rollover passes 2^31 in its four unsigned bytes.
     EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled4(out, 33554431.0, 7); }),
@@ -79,26 +79,13 @@ TEST(FieldWriters, RoundHalfAwayFromZeroAndKeepTheLowBytes) {
     EXPECT_EQ(written([](nvb::WriteBuffer& out) { nvb::putScaled1(out, std::nan(""), 0); }), Bytes{0x00});
 }
 
-struct VarCase {
-    double x;
-    Bytes expected;
-};
-
 TEST(FieldWriters, VariableWidthKeepsTheFewestSignedBytes) {
-    const VarCase cases[] = {
-        {0.0, {0x00}},
-        {-1.0, {0xFF}},
-        {127.0, {0x7F}},
-        {128.0, {0x00, 0x80}},
-        {-128.0, {0x80}},
-        {-129.0, {0xFF, 0x7F}},
-        {pow2(47), {0x00, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00}},
-    };
-    for (const VarCase& c : cases) {
+    for (const nlohmann::json& c : data()["variableWidth"]) {
         unsigned width = 0;
-        const Bytes bytes = written([&](nvb::WriteBuffer& out) { width = nvb::putScaledVar(out, c.x, 0, 1, 7); });
-        EXPECT_EQ(bytes, c.expected) << c.x;
-        EXPECT_EQ(width, c.expected.size()) << c.x;
+        const Bytes bytes = written([&](nvb::WriteBuffer& out) { width = nvb::putScaledVar(out, c["x"], 0, 1, 7); });
+        const Bytes expected = nvbtest::fieldBytes(c["bytes"].get<std::string>());
+        EXPECT_EQ(bytes, expected) << c;
+        EXPECT_EQ(width, expected.size()) << c;
     }
 }
 
@@ -156,7 +143,8 @@ TEST(FieldWriters, AWritePastTheBufferKeepsWhatFitsAndIsFlagged) {
             const std::size_t fits = std::min(whole.size(), NVB_FRAME_CAPACITY - start);
             EXPECT_EQ(out.overflow, fits < whole.size());
             EXPECT_EQ(frame->length, start + fits);
-            EXPECT_EQ(Bytes(frame->data + start, frame->data + start + fits), Bytes(whole.begin(), whole.begin() + fits));
+            EXPECT_EQ(Bytes(frame->data + start, frame->data + start + fits),
+                      Bytes(whole.begin(), whole.begin() + fits));
             if (out.overflow) {
                 EXPECT_EQ(nvb::closeFrame(out, true), 0);
             }

@@ -3,6 +3,7 @@
 #include "support/wire.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -74,55 +75,44 @@ TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "said once";
 }
 
-// The byte-stream form has no third byte: a difference past 128 m wraps.
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/measurement.json");
+    return json;
+}
+
+std::uint8_t hexByte(const nlohmann::json& text) {
+    return static_cast<std::uint8_t>(std::stoul(text.get<std::string>(), nullptr, 16));
+}
+
 TEST(Rec27Ranges, DifferencesBeyond100MetresTakeThreeBytesAndBothFlagsWhereTheFormHasThem) {
-    struct Case {
-        double difference;
-        int form;
-        double read;
-        std::uint8_t flags1, flags2, blockLength;
-    };
-    const Case cases[] = {{100.0, 1, 100.0, 0x03, 0x00, 27},       {-100.0, 1, -100.0, 0x03, 0x00, 27},
-                          {100.1, 1, 100.1, 0x83, 0x01, 28},       {-100.1, 1, -100.1, 0x83, 0x01, 28},
-                          {-32000.5, 1, -32000.5, 0x83, 0x01, 28}, {200.0, 0, 200.0 - 256.0, 0x03, 0x00, 27}};
-    for (const Case& c : cases) {
+    for (const nlohmann::json& c : data()["rangeDifferences"]) {
         auto epoch = newEpoch(1000.0);
         Rec27Sv& sv = addSatellite(*epoch, 3, 0);
         addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, 1, 2, 21000000.0 + c.difference, 0.0);
+        addSignal(sv, 1, 2, 21000000.0 + c["difference"].get<double>(), 0.0);
         EpochReader reader;
-        ASSERT_GT(reader.read(*epoch, kPlainOptions, c.form), 0);
+        ASSERT_GT(reader.read(*epoch, kPlainOptions, c["form"]), 0);
         const Rec27Meas& second = reader.epoch().sv[0].meas[1];
-        EXPECT_NEAR(+second.range, 21000000.0 + c.read, pow2(-9)) << c.difference;
+        EXPECT_NEAR(+second.range, 21000000.0 + c["read"].get<double>(), pow2(-9)) << c;
         EXPECT_EQ(std::vector<int>({second.measFlags1, second.measFlags2, second.measBlockLen}),
-                  std::vector<int>({c.flags1, c.flags2, c.blockLength}))
-            << c.difference;
+                  std::vector<int>({hexByte(c["flags1"]), hexByte(c["flags2"]), c["blockLength"]}))
+            << c;
     }
 }
 
 TEST(Rec27Ranges, AWrappedDifferenceOfOldReceiversIsRepairedOnlyWhereItArose) {
-    struct Case {
-        std::uint8_t svId, system, band, track;
-        bool clockBlock;
-        double expected;
-    };
-    const Case cases[] = {
-        {1, 0, 2, 7, false, -40.0 + 256.0},  // GPS 1, L5 track 7, no clock block: repaired
-        {1, 0, 2, 7, true, -40.0},           // the clock block marks a newer receiver
-        {2, 0, 2, 7, false, -40.0},         {1, 3, 2, 7, false, -40.0}, {1, 0, 2, 8, false, -40.0},
-    };
-    for (const Case& c : cases) {
+    for (const nlohmann::json& c : data()["wrappedDifferences"]) {
         auto epoch = newEpoch(1000.0);
-        if (c.clockBlock) {
+        if (c["clockBlock"]) {
             epoch->epochFlags = 0x20;
             epoch->clock.blockLength = 3;
         }
-        Rec27Sv& sv = addSatellite(*epoch, c.svId, c.system);
+        Rec27Sv& sv = addSatellite(*epoch, c["svId"], c["system"]);
         addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, c.band, c.track, 21000000.0 - 40.0, 0.0);
+        addSignal(sv, c["band"], c["track"], 21000000.0 - 40.0, 0.0);
         EpochReader reader;
         ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
-        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c.expected) << int(c.svId) << " " << int(c.track);
+        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c["expected"]) << c["why"];
     }
 }
 
@@ -269,56 +259,22 @@ std::unique_ptr<Rec27> epoch(double time, double phase, std::optional<float> dop
 }
 
 TEST(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
-    struct Step {
-        double time, phase;
-        std::optional<float> wire;
-        float clock = 0.0f;
-        std::uint8_t slipCount = 0, flags = 0;
-        float doppler;          // what the epoch carries after reading; NaN: not looked at
-        bool flagged = false;   // measFlags1 bit 2, looked at where `doppler` is
-        float predicted = NAN;  // the prediction kept for the next epoch
-    };
-    struct Case {
-        const char* what;
-        std::uint8_t control;
-        std::vector<Step> steps;
-    };
-    const float any = NAN;
-    // clang-format off
-    const Case cases[] = {
-        {"control 1 passes the wire Doppler and leaves the predictions alone",
-         1, {{1000, 1500, 7.0f, 0, 0, 0, 7.0f, true}, {2000, 3000, 9.0f, 0, 0, 0, 9.0f, true},
-             {3000, 4500, {}, 0, 0, 0, 0.0f, false, 0.0f}}},
-        {"control 2 rebuilds every Doppler, none in the first epoch, over the true interval",
-         2, {{1000, 5000, 7.0f, 0, 0, 0, 0.0f, false}, {2000, 6500.5, 7.0f, 0, 0, 0, 1500.5f, true},
-             {2500, 7000.5, 7.0f, 0, 0, 0, 1000.0f, true}}},
-        {"control 3 keeps the wire Doppler and rebuilds where it is missing",
-         3, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 6000, 7.0f, 0, 0, 0, 7.0f, true}, {3000, 6250, {}, 0, 0, 0, 250.0f, true}}},
-        {"a slip takes the Doppler from the prediction, whose trend is 2 x newer - older",
-         2, {{1000, 5000, {}, 0, 0, 0, any}, {2000, 5100, {}, 0, 0, 0, any, false, 100.0f},
-             {3000, 5300, {}, 0, 0, 0, any, false, 300.0f}, {4000, 9999, {}, 0, 1, 0, 300.0f, true},
-             {5000, 1.0, {}, 0, 1, 0x08, 400.0f, true}}},
-        {"a 1 ms clock step takes its carrier out of a large phase step",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 499.5 - 1575420.0, {}, 1.0f, 0, 0, 500.0f, true}}},
-        {"a small phase step across a clock step keeps only the shorter interval",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 999.0, {}, 1.0f, 0, 0, 1000.0f, true}}},
-        {"a half cycle resolved since the last epoch is not motion",
-         2, {{1000, 0, {}, 0, 0, 0, any}, {2000, 100.5, {}, 0, 0, 0x60, 100.0f, true},
-             {3000, 200.5, {}, 0, 0, 0x60, 100.0f, true}}},
-    };
-    // clang-format on
-    for (const Case& c : cases) {
+    for (const nlohmann::json& c : data()["dopplerControls"]) {
         EpochReader fresh;
-        for (const Step& step : c.steps) {
-            fresh.read(*epoch(step.time, step.phase, step.wire, step.clock, step.slipCount, step.flags),
-                       {c.control, false, false, true});
+        for (const nlohmann::json& step : c["steps"]) {
+            std::optional<float> wire;
+            if (step.contains("wire")) wire = step["wire"].get<float>();
+            fresh.read(*epoch(step["time"], step["phase"], wire, step.value("clock", 0.0f), step.value("slipCount", 0),
+                              step.value("flags", 0)),
+                       {c["control"], false, false, true});
             const Rec27Meas& got = fresh.epoch().sv[0].meas[0];
-            if (!std::isnan(step.doppler)) {
-                EXPECT_FLOAT_EQ(got.doppler, step.doppler) << c.what << " at " << step.time;
-                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step.flagged) << c.what << " at " << step.time;
+            const std::string what = c["what"].get<std::string>() + " at " + step["time"].dump();
+            if (step.contains("doppler")) {
+                EXPECT_FLOAT_EQ(got.doppler, step["doppler"]) << what;
+                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step["flagged"]) << what;
             }
-            if (!std::isnan(step.predicted)) {
-                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step.predicted) << c.what;
+            if (step.contains("predicted")) {
+                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step["predicted"]) << what;
             }
         }
     }

@@ -2,6 +2,7 @@
 #include "support/host.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <array>
 #include <string>
@@ -119,34 +120,10 @@ TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBit
     }
 }
 
-// Record 26: each subtype's bytes between svId and the data, the data count, what it is
-// reported as and the DAT length (4, the structure ahead of the data, the data).
-struct RawRow {
-    std::uint8_t subtype;
-    Bytes between;
-    std::uint8_t dataBytes;
-    std::uint8_t reportedAs;
-    std::uint32_t datLength;
-};
-
-const RawRow kRawForms[] = {
-    {0, {}, 38, 6, 55},
-    {1, {6}, 11, 7, 29},
-    {2, {4, 0x05}, 31, 2, 48},
-    {2, {4, 0x85, 0x77}, 31, 2, 49},
-    {3, {4, 0x03}, 30, 3, 47},
-    {4, {4, 0x0A}, 31, 4, 48},
-    {5, {4, 0x01}, 15, 5, 32},
-    {14, {4, 0x02}, 62, 14, 79},
-    {6, {1, 0x8B}, 38, 6, 55},
-    {7, {6, 2, 9}, 11, 7, 29},
-    {8, {1, 0x40}, 38, 8, 55},
-    {9, {1, 0x22}, 38, 9, 55},
-    {10, {1, 0x23}, 38, 10, 55},
-    {11, {1, 0x41}, 38, 11, 55},
-    {12, {1, 2, 3}, 125, 12, 143},
-    {13, {1, 0x30}, 38, 13, 55},
-};
+const nlohmann::json& data() {
+    static const nlohmann::json json = readJson(NVBDLL_TEST_DATA_DIR "/records/navigation.json");
+    return json;
+}
 
 Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
     return plainFrame(26, concat({{subtype}, Body().u32(345618).u16(2345).u8(12).bytes, between, data}));
@@ -155,25 +132,26 @@ Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
 TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
     Handle handle;
     handle->mapSystem5To7 = 0;
-    for (const RawRow& row : kRawForms) {
-        SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype) << ", " << row.between.size() << " ahead");
-        Bytes data(row.dataBytes);
-        for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(row.subtype * 31 + i * 7);
-        const ReadEvent got = processFrame(handle.get(), rawFrame(row.subtype, row.between, data));
-        ASSERT_EQ(got.datLength, row.datLength);
-        EXPECT_EQ(got.dat[2], row.reportedAs);
-        const bool threeBytes = row.reportedAs == 7 || row.reportedAs == 12;
+    for (const nlohmann::json& row : data()["rawForms"]) {
+        const std::uint8_t subtype = row["subtype"], reportedAs = row["reportedAs"];
+        Bytes between = fieldBytes(row["between"].get<std::string>());
+        SCOPED_TRACE(::testing::Message() << "subtype " << int(subtype) << ", " << between.size() << " ahead");
+        Bytes data(row["dataBytes"].get<std::size_t>());
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(subtype * 31 + i * 7);
+        const ReadEvent got = processFrame(handle.get(), rawFrame(subtype, between, data));
+        ASSERT_EQ(got.datLength, row["datLength"]);
+        EXPECT_EQ(got.dat[2], reportedAs);
+        const bool threeBytes = reportedAs == 7 || reportedAs == 12;
         const std::size_t dataAt = 4 + (threeBytes ? offsetof(Rec26, extended.data) : offsetof(Rec26, plain.data));
-        EXPECT_EQ(Bytes(got.dat.begin() + dataAt, got.dat.begin() + dataAt + row.dataBytes), data);
-        if (row.subtype >= 2 && row.subtype <= 5) {
-            EXPECT_EQ(handle->records.rec26->page.payloadIndex, row.subtype - 2);
-            EXPECT_EQ(handle->records.rec26->page.flagsLow, row.between[1] & 0x0F);
+        EXPECT_EQ(Bytes(got.dat.begin() + dataAt, got.dat.begin() + dataAt + data.size()), data);
+        if (subtype >= 2 && subtype <= 5) {
+            EXPECT_EQ(handle->records.rec26->page.payloadIndex, subtype - 2);
+            EXPECT_EQ(handle->records.rec26->page.flagsLow, between[1] & 0x0F);
         }
         // The older forms are written in the layout they are reported as; the encoder
         // knows no system of subtype 14.
-        Bytes between = row.between;
-        if (row.subtype < 2) between.resize(between.size() + 2, 0);
-        EXPECT_EQ(writtenFrame(got.dat), row.subtype == 14 ? Bytes{} : rawFrame(row.reportedAs, between, data));
+        if (subtype < 2) between.resize(between.size() + 2, 0);
+        EXPECT_EQ(writtenFrame(got.dat), subtype == 14 ? Bytes{} : rawFrame(reportedAs, between, data));
     }
 }
 
@@ -188,32 +166,16 @@ TEST(RawNavigationData, UnderTheSystemMapSubtype8ComesBackAsSubtype11WithItsSate
 // What the encoder does with a record ahead of its writer: 1 written, 0 dropped without a
 // status, 15 refused.
 TEST(NavigationFilters, DropMaskLegacyModeAndMissingLayoutsDecideWhatIsWritten) {
-    struct Row {
-        std::uint8_t type, subtype, dropMask, legacy;
-        int outcome;
-    };
-    const Row rows[] = {
-        {26, 0, 0x01, 0, 0},  {26, 6, 0x01, 0, 0},  {26, 6, 0xFE, 0, 1},  {26, 1, 0x04, 0, 0},  {26, 7, 0x04, 0, 0},
-        {26, 3, 0x08, 0, 0},  {26, 9, 0x10, 0, 0},  {26, 12, 0x10, 0, 0}, {26, 10, 0xEF, 0, 1}, {26, 8, 0x20, 0, 0},
-        {26, 11, 0x20, 0, 0}, {26, 13, 0x40, 0, 0}, {26, 13, 0xBF, 0, 1}, {26, 14, 0, 0, 15},   {26, 15, 0, 0, 15},
-        {26, 6, 0, 1, 0},     {26, 0, 0, 1, 1},     {26, 0, 0x01, 1, 0},  {28, 1, 0x02, 0, 0},  {28, 2, 0x04, 0, 0},
-        {28, 3, 0x08, 0, 0},  {28, 4, 0x08, 0, 0},  {28, 5, 0x10, 0, 0},  {28, 6, 0x20, 0, 0},  {28, 9, 0x20, 0, 0},
-        {28, 10, 0x20, 0, 0}, {28, 11, 0x20, 0, 0}, {28, 13, 0x40, 0, 0}, {28, 13, 0xBF, 0, 1}, {28, 7, 0xFF, 0, 1},
-        {28, 8, 0xFF, 0, 1},  {28, 12, 0, 0, 15},   {25, 0, 0xFF, 1, 1},  {25, 2, 0, 1, 0},     {25, 2, 0, 0, 1},
-        {25, 1, 0, 0, 15},    {21, 0, 0xFF, 1, 1},  {5, 1, 0xFF, 1, 1},
-    };
-    for (const Row& row : rows) {
+    for (const nlohmann::json& row : data()["filters"]) {
+        const std::uint8_t type = row["type"], subtype = row["subtype"];
         nvbtest::Encoder encoder(0);
-        encoder->dropMask = row.dropMask;
-        encoder->legacyMode = row.legacy;
-        Bytes dat =
-            nvbtest::shortDat(row.type, row.type == 28 ? 0 : row.subtype, Bytes(row.type == 21 ? 186 : 60, 0x11));
-        if (row.type == 28) dat[4] = row.subtype;
+        encoder->dropMask = static_cast<std::uint8_t>(std::stoul(row["dropMask"].get<std::string>(), nullptr, 16));
+        encoder->legacyMode = row["legacy"];
+        Bytes dat = nvbtest::shortDat(type, type == 28 ? 0 : subtype, Bytes(type == 21 ? 186 : 60, 0x11));
+        if (type == 28) dat[4] = subtype;
         std::uint8_t status = 0;
         encoder.put(dat, &status);
-        EXPECT_EQ(status != 0 ? status : static_cast<int>(copyOf(encoder->recordCount)), row.outcome)
-            << int(row.type) << "/" << int(row.subtype) << " mask " << int(row.dropMask) << " legacy "
-            << int(row.legacy);
+        EXPECT_EQ(status != 0 ? status : static_cast<int>(copyOf(encoder->recordCount)), row["outcome"]) << row;
     }
 }
 

@@ -3,89 +3,33 @@
 #include "support/sequences.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstring>
-#include <functional>
+#include <stdexcept>
+#include <string>
 
 namespace {
 
-using nvbtest::Body;
 using nvbtest::Bytes;
 
-// Record 33 frames written from the field tables by hand, with values a receiver sends.
-struct Fields {
-    Body body;
-    Fields& u8(std::uint64_t v, int n = 1) {
-        return repeat(n, [&](int i) { body.u8(v + i); });
-    }
-    Fields& u16(std::uint64_t v, int n = 1) {
-        return repeat(n, [&](int i) { body.u16(v + 3 * i); });
-    }
-    Fields& u32(std::uint64_t v, int n = 1) {
-        return repeat(n, [&](int i) { body.u32(v + 1000 * i); });
-    }
-    Fields& f32(float v, int n = 1) {
-        return repeat(n, [&](int i) { body.f32(v * (1.0f + 0.5f * i)); });
-    }
-    Fields& f64(double v, int n = 1) {
-        return repeat(n, [&](int i) { body.f64(v * (1.0 + 0.125 * i)); });
-    }
-    Fields& repeat(int n, const std::function<void(int)>& add) {
-        for (int i = 0; i < n; ++i) add(i);
-        return *this;
-    }
-};
-
-Bytes rec33(std::uint8_t subtype, const Fields& fields) {
-    return nvbtest::plainFrame(33, Body().u8(subtype).raw(fields.body.bytes).bytes);
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/rec33.json");
+    return json;
 }
 
-// The time tag most subtypes open with: a week and milliseconds of the week.
-Fields tagged() {
-    return Fields().u16(2301).u32(345600200);
+Bytes frameOf(const nlohmann::json& row) {
+    return nvbtest::plainFrame(33, nvbtest::fieldBytes(row["body"].get<std::string>()));
 }
 
-using Case = nvbtest::NamedFrame;
-
-const std::vector<Case>& realisticRecords() {
-    // clang-format off
-    static const std::vector<Case> cases = {
-        {"1, both singles", rec33(1, Fields().u8(3, 2).u8(0x0C).u8(1, 3).u16(2301).f64(345600.2).f32(0.35f).f32(-1.25f).u16(17))},
-        {"1, second single only", rec33(1, Fields().u8(3, 2).u8(0x08).u8(1, 3).u16(2301).f64(345600.2).f32(-1.25f).u16(17))},
-        {"2", rec33(2, Fields().f64(6378137.0).f64(-0.0033528).f64(12.5).u8(4).u16(1, 2))},
-        {"3", rec33(3, Fields().u8(0).u8(12).u8(1).u8(2).u8(7).u8(1).u8(3).u8(11).u8(0).u8(10).u8(30).u8(1))},
-        {"4", rec33(4, Fields().u32(345600000).u8(1, 5).f32(0.125f).u16(2301).f32(9.81f, 3).u32(7, 6).u8(9).f64(1.5e-9))},
-        {"5", rec33(5, Fields().f64(4084735.2, 3))},
-        {"12, a full record", rec33(12, Fields().f64(-0.002, 31))},
-        {"13", rec33(13, Fields().u8(2).u16(7).u32(11).u16(40, 6).u32(12).u16(80, 6))},
-        {"14", rec33(14, Fields().f64(345600.2).f64(0.8268, 2).f64(512.25).f32(0.012f, 3).f32(0.05f, 3).f32(0.02f, 3)
-                             .f32(0.9f, 3).u8(1).u8(4).f32(1.5f).f32(0.0f).u8(0).u8(2))},
-        {"15", rec33(15, Fields().f64(1.25, 2).f32(2.5f).f64(-3.75).f32(0.5f).f64(0.001, 3).f64(-7.0, 3).f32(0.3f, 6).u8(5))},
-        {"16", rec33(16, Fields().u8(2).u8(8).u8(4).f64(0.5, 4))},
-        {"17, with its tail", rec33(17, tagged().u8(0x81).u8(3).u8(2).u16(5).f32(1.5f, 4).u16(9).f32(-2.5f, 4).u8(1, 4))},
-        {"17, without", rec33(17, tagged().u8(0x01).u8(3).u8(1).u16(5).f32(1.5f, 4))},
-        {"18", rec33(18, tagged().u8(2).u16(21).f32(0.25f, 3).u16(22).f32(0.75f, 3))},
-        {"19, newer form", rec33(19, tagged().u8(1, 4).f64(4084735.2, 3).f32(0.01f, 15).u8(6, 2).f64(-0.5, 3))},
-        {"19, older form", rec33(19, tagged().u8(1, 4).f64(4084735.2, 3).f32(0.01f, 15))},
-        {"20", rec33(20, tagged().u8(2, 2).f32(0.4f, 5))},
-        {"21, kind 1 with every group", rec33(21, Fields().u32(1).u16(2301).u32(345600200).f64(0.8268, 3).f32(0.5f).u16(1, 3).u8(4).u8(7)
-                                                   .u8(1).u8(0x80).f32(3.0f).f32(0.1f, 3).f32(0.01f, 9)
-                                                   .u8(2).u8(0x00).f32(0.2f, 3).f32(0.02f, 9)
-                                                   .u8(3).u8(0).u8(0x80).f32(4.0f).f32(0.3f, 3).f32(0.03f, 9).f32(0.5f, 5))},
-        {"21, kind 2 with groups B and C", rec33(21, Fields().u32(2).u16(2301).u32(345600200).f64(0.8268, 3).f32(0.5f).u16(1, 3).u8(4).u8(6)
-                                                     .u8(2).u8(0).f32(1.0f, 4)
-                                                     .u8(3).u8(0).u8(0).f32(2.0f, 4).f32(0.3f, 3).f32(0.03f, 9).f32(0.5f, 5))},
-        {"22", rec33(22, tagged().u8(1, 2).f32(1.5f).f64(4084735.2, 3).f64(0.04, 3).f64(0.09, 2).f64(0.16))},
-        {"23", rec33(23, tagged().u16(3).f32(0.2f, 10).f64(4084735.2, 3).f64(0.04, 3).f64(0.09, 2).f64(0.16).u8(1, 2))},
-        {"25", rec33(25, tagged().u8(1, 2).f32(0.6f, 17).u16(100, 2).u8(5, 3).u16(4))},
-        {"26", rec33(26, tagged().u16(500, 30).u8(1, 2))},
-        {"27", rec33(27, tagged().u8(1, 2).u16(3).f64(1.5, 3).u8(4, 3).u32(5).u16(6).u32(7).f64(-2.5, 3).u16(8).u32(9).f64(3.25, 3))},
-        {"28", rec33(28, tagged().u8(1).u16(2).f32(0.5f, 3).f64(0.8268, 3).f32(-0.5f, 3))},
-        {"29", rec33(29, Fields().u8(3).u8(1, 6))},
-        {"30", rec33(30, Fields().u8(1, 10).u32(100, 2).u32(300))},
-    };
-    // clang-format on
-    return cases;
+// A frame of either list by its name.
+Bytes rec33(std::string_view name) {
+    for (const char* list : {"frames", "cornerForms"}) {
+        for (const nlohmann::json& row : data()[list]) {
+            if (row["name"] == name) return frameOf(row);
+        }
+    }
+    throw std::invalid_argument("no such frame");
 }
 
 std::uint8_t refusal(const Bytes& dat) {
@@ -95,7 +39,8 @@ std::uint8_t refusal(const Bytes& dat) {
 }
 
 TEST(Rec33RoundTrip, EverySubtypeComesBackByteForByteThroughItsDatFormInEveryMethod) {
-    const std::vector<Case>& frames = realisticRecords();
+    std::vector<nvbtest::NamedFrame> frames;
+    for (const nlohmann::json& row : data()["frames"]) frames.push_back({row["name"].get<std::string>(), frameOf(row)});
     const auto reads = nvbtest::expectPlainRoundTrips(frames);
     for (std::size_t i = 0; i < reads.size(); ++i) {
         EXPECT_EQ(reads[i].datLength, frames[i].frame.size() - 2) << frames[i].name;
@@ -107,23 +52,21 @@ TEST(Rec33DatForm, FieldsTheStructureKeepsAtFixedPlacesArePackedIntoTheReportedL
     nvbtest::Handle handle;
     // Subtype 22: the structure holds the last matrix cell at 101, beyond the 85 bytes the
     // DAT length counts; packed, it follows the cell before it.
-    const Bytes frame = realisticRecords()[19].frame;
-    ASSERT_EQ(frame[3], 22);
-    const nvbtest::ReadEvent read = nvbtest::processFrame(handle.get(), frame);
+    const nvbtest::ReadEvent read = nvbtest::processFrame(handle.get(), rec33("22"));
     double last = 0;
     std::memcpy(&last, read.dat.data() + 4 + 77, sizeof last);
     EXPECT_EQ(last, 0.16);
     EXPECT_EQ(read.dat.size(), 4 + 77 + 8u);
     // Subtype 3 carries its triples as the wire interleaves them, the count not at all.
-    const nvbtest::ReadEvent triples = nvbtest::processFrame(handle.get(), realisticRecords()[3].frame);
+    const nvbtest::ReadEvent triples = nvbtest::processFrame(handle.get(), rec33("3"));
     EXPECT_EQ(Bytes(triples.dat.begin() + 5, triples.dat.end()), (Bytes{0, 12, 1, 2, 7, 1, 3, 11, 0, 10, 30, 1}));
     EXPECT_EQ(handle->records.rec33->sub3.count, 4);
 }
 
 TEST(Rec33Reader, FillsTheGapsOfTheCovarianceSubtypesWithCopies) {
     nvbtest::Handle handle;
-    for (const std::size_t row : {19u, 20u}) {
-        nvbtest::processFrame(handle.get(), realisticRecords()[row].frame);
+    for (const char* name : {"22", "23"}) {
+        nvbtest::processFrame(handle.get(), rec33(name));
         const Rec33& rec = *handle->records.rec33;
         double m[3][3];
         const std::size_t at = rec.subtype == 22 ? offsetof(Rec33, sub22.matrix) : offsetof(Rec33, sub23.matrix);
@@ -142,25 +85,21 @@ TEST(Rec33Reader, CornerFormsReadAsTheFormatSays) {
         nvbtest::processFrame(handle.get(), frame);
         return *handle->records.rec33;
     };
-    const Rec33& dropped = read(rec33(16, Fields().u8(2).u8(19).u8(4).f64(0.5, 4)));
+    const Rec33& dropped = read(rec33("16, a second byte above 18"));
     EXPECT_EQ(dropped.sub16.count, 4);
     EXPECT_EQ(nvbtest::copyOf(dropped.sub16.values[0]), 0.0) << "above 18 the doubles are dropped";
 
-    EXPECT_EQ(read(rec33(29, Fields().u8(30).u8(1, 60))).sub29.count, 24);
-    EXPECT_EQ(read(rec33(3, Fields())).sub3.count, 0) << "a 7-byte record";
-    EXPECT_EQ(read(rec33(7, Fields().u8(1, 6))).sub5to12.count, 0) << "L below 12";
+    EXPECT_EQ(read(rec33("29, a count above 24")).sub29.count, 24);
+    EXPECT_EQ(read(rec33("3, no body")).sub3.count, 0) << "a 7-byte record";
+    EXPECT_EQ(read(rec33("7, L below 12")).sub5to12.count, 0) << "L below 12";
 
-    // clang-format off
-    const Rec33& kindOne = read(rec33(21, Fields().u32(1).u16(2301).u32(1).f64(1.0, 3).f32(0.5f).u16(1, 3).u8(4).u8(7)
-                                             .u8(1).u8(0).f32(0.1f, 3).f32(0.01f, 9).u8(2).u8(0).f32(0.2f, 3).f32(0.02f, 9)
-                                             .u8(3).u8(0).u8(0).f32(0.3f, 3).f32(0.03f, 9).f32(0.5f, 5)));
-    // clang-format on
+    const Rec33& kindOne = read(rec33("21, kind 1 without leading singles"));
     EXPECT_EQ(nvbtest::copyOf(kindOne.sub21.groupA.lead[0]), 0.0f);
     EXPECT_EQ(nvbtest::copyOf(kindOne.sub21.groupA.singles3[0]), 0.1f) << "no leading single in any group";
     EXPECT_EQ(nvbtest::copyOf(kindOne.sub21.groupC.singles5[4]), 1.5f);
 
     for (const std::uint8_t raw : {0, 24, 31, 255}) {
-        const Rec33& rec = read(rec33(raw, Fields().u8(1, 5)));
+        const Rec33& rec = read(rec33(std::to_string(raw) + ", raw"));
         EXPECT_EQ(rec.subtype, 0) << int(raw);
         EXPECT_EQ(rec.raw.originalSubtype, raw);
         EXPECT_EQ(rec.raw.data[4], 5);
@@ -169,7 +108,7 @@ TEST(Rec33Reader, CornerFormsReadAsTheFormatSays) {
 
 TEST(Rec33Reader, MixedSystemListsTakeTheLaterSystemNumbersAsAsked) {
     nvbtest::Handle handle;
-    const Bytes frame = rec33(3, Fields().u8(5).u8(1).u8(0).u8(7).u8(2).u8(0).u8(0).u8(3).u8(0));
+    const Bytes frame = rec33("3, mixed systems");
     auto systems = [&](std::uint8_t map5, std::uint8_t map7) {
         auto buffer = std::make_unique<nvb_frame_t>();
         std::memcpy(buffer->data, frame.data(), frame.size());
@@ -246,7 +185,7 @@ TEST(Rec33Writer, ASystemListClosesTheBlockAndTheNextEpochAndPositionAreReferenc
     for (std::size_t i = 0; i + 2 < log.size(); ++i) encoder.put(log[i]);
     const int callbacks = encoder.callbacks();
     nvbtest::Handle reader;
-    const Bytes list = nvbtest::processFrame(reader.get(), realisticRecords()[3].frame).dat;
+    const Bytes list = nvbtest::processFrame(reader.get(), rec33("3")).dat;
     EXPECT_GT(encoder.put(list), 0u) << "the block before it goes out";
     EXPECT_EQ(encoder.callbacks(), callbacks + 1);
     encoder.put(log[log.size() - 2]);

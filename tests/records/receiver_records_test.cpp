@@ -2,6 +2,7 @@
 #include "support/host.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <string>
@@ -99,75 +100,50 @@ TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
     EXPECT_EQ(writtenFrame(got.dat), wire);
 }
 
+const nlohmann::json& data() {
+    static const nlohmann::json json = readJson(NVBDLL_TEST_DATA_DIR "/records/receiver.json");
+    return json;
+}
+
+// A record 19 of a row's subtype and body.
+Bytes rec19(const nlohmann::json& row) {
+    return plainFrame(
+        19, concat({{row["subtype"]}, fieldBytes(row["body"].get<std::string>()), text(row.value("text", ""))}));
+}
+
 TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWrittenWhole) {
-    struct Row {
-        std::uint8_t subtype;
-        Bytes body;
-        std::uint32_t datLength;
-        std::uint8_t reportedAs;
-        double value;
-        Bytes written;  // behind the type byte; empty: the frame read
-    };
-    const Bytes version = text("FW 5.45 BUILD 0017");
-    const Row rows[] = {
-        {1, Body().u32(3000000000u).u16(77).bytes, 14, 1, 3000000000.0, {1}},
-        {2, Body().u16(77).u32(123456).bytes, 14, 2, 123456.0, {2}},
-        {4, Body().u16(77).u32(123456).bytes, 14, 4, 123456.0, {4}},
-        {5, Body().u16(77).u32(654321).bytes, 14, 5, 654321.0, {}},
-        {6, Body().u16(77).f64(-3.25e-7).bytes, 14, 6, -3.25e-7, {}},
-        {7, Body().u8(2).u16(77).f64(42.125).bytes, 15, 7, 42.125, {}},
-        {9, Body().u16(77).u32(0x41200000).bytes, 15, 7, 10.0, Body().u8(7).u8(2).u16(77).f64(10.0).bytes},
-        // The texts: the DAT length ends two and three bytes before the frame's text does.
-        {3, concat({Body().u16(77).bytes, version}), 4 + 2 + 18 - 2, 3, 0, {3}},
-        {8, concat({{0x12, 0x34, 0xFF}, version}), 4 + 3 + 18 - 3, 8, 0, {8}},
-        {13, Body().u16(77).bytes, 9, 13, 0, {13}},
-    };
     Handle handle;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "subtype " << int(row.subtype));
-        const Bytes wire = plainFrame(19, concat({{row.subtype}, row.body}));
+    for (const nlohmann::json& row : data()["record19"]) {
+        SCOPED_TRACE(row.dump());
+        const Bytes wire = rec19(row);
         const ReadEvent got = processFrame(handle.get(), wire);
-        EXPECT_EQ(got.datLength, row.datLength);
-        EXPECT_EQ(got.dat[2], row.reportedAs);
+        EXPECT_EQ(got.datLength, row["datLength"]);
+        EXPECT_EQ(got.dat[2], row["reportedAs"]);
         const Rec19& rec = *handle->records.rec19;
-        const double value = row.subtype == 1      ? rec.sub1.value
-                             : row.subtype == 6    ? rec.sub6.value
-                             : row.reportedAs == 7 ? rec.sub7.value
-                                                   : rec.sub2.value;
-        if (row.value != 0) {
-            EXPECT_EQ(value, row.value);
+        const double value = row["subtype"] == 1      ? rec.sub1.value
+                             : row["subtype"] == 6    ? rec.sub6.value
+                             : row["reportedAs"] == 7 ? rec.sub7.value
+                                                      : rec.sub2.value;
+        if (row.contains("value")) {
+            EXPECT_EQ(value, row["value"]);
         }
-        EXPECT_EQ(writtenFrame(got.dat), row.written.empty() ? wire : plainFrame(19, row.written));
+        EXPECT_EQ(writtenFrame(got.dat),
+                  row.contains("written") ? plainFrame(19, fieldBytes(row["written"].get<std::string>())) : wire);
     }
-    processFrame(handle.get(), plainFrame(19, concat({{8, 0x12, 0x34, 0xFF}, version})));
+    processFrame(handle.get(), plainFrame(19, concat({{8, 0x12, 0x34, 0xFF}, text("FW 5.45 BUILD 0017")})));
     EXPECT_EQ(copyOf(handle->records.rec19->sub8.word), 0x1234) << "the slot byte is the word's high part";
     EXPECT_EQ(std::string(handle->records.rec19->sub8.text), "FW 5.45 BUILD 0017");
 }
 
 TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
-    struct Step {
-        std::uint8_t subtype;
-        Bytes body;
-        std::uint8_t slot;
-        std::uint16_t word;
-        double value;
-    };
-    const Step steps[] = {
-        {12, {5}, 1, 0, 5.0},  // nothing before it: the byte alone
-        {9, Body().u16(100).u32(0x41200000).bytes, 2, 100, 10.0},
-        {9, Body().u16(101).u32(0x41400000).bytes, 2, 101, 12.0},
-        {11, {1}, 2, 102, 15.0},     // 1 + 12 + (12 - 10)
-        {11, {0xFE}, 2, 103, 16.0},  // -2 + 15 + (15 - 12)
-        {10, Body().u16(7).u32(0xC0000000).bytes, 1, 7, -2.0},
-        {12, {0}, 1, 8, -9.0},  // 0 + -2 + (-2 - 5)
-    };
     Handle handle;
-    for (const Step& step : steps) {
-        ASSERT_EQ(processFrame(handle.get(), plainFrame(19, concat({{step.subtype}, step.body}))).datLength, 15u);
+    for (const nlohmann::json& step : data()["record19Compact"]) {
+        SCOPED_TRACE(step.dump());
+        ASSERT_EQ(processFrame(handle.get(), rec19(step)).datLength, 15u);
         const Rec19Sub7& rec = handle->records.rec19->sub7;
-        EXPECT_EQ(rec.slot, step.slot) << int(step.subtype);
-        EXPECT_EQ(copyOf(rec.word), step.word) << int(step.subtype);
-        EXPECT_EQ(copyOf(rec.value), step.value) << int(step.subtype);
+        EXPECT_EQ(rec.slot, step["slot"]);
+        EXPECT_EQ(copyOf(rec.word), step["word"]);
+        EXPECT_EQ(copyOf(rec.value), step["value"]);
     }
 }
 
@@ -237,37 +213,16 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
     EXPECT_EQ(rec.i.byte1, 8);
     EXPECT_EQ(writtenFrame(got.dat), wire);
 
-    struct Row {
-        const char* what;
-        Bytes body;
-        std::uint32_t datLength;
-        Bytes dat;      // behind the header, zeros to the length
-        Bytes written;  // behind the type byte; empty: the frame read
-    };
-    // clang-format off
-    const Row rows[] = {
-        // Two sections counted: A and B only, whatever follows.
-        {"c = 2", {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66, 9, 9}, 15, {2, 6, 1, 0, 0, 0, 2, 0, 2, 65, 66}, {1, 2, 6, 0, 0, 0, 1, 0, 2, 2, 65, 66}},
-        // L = 3 holds two words; the second keeps its place in the structure.
-        {"D of 3", {1, 4, 0, 0, 0, 3, 0x11, 0x22, 0x33, 0x44}, 13, {4, 0, 0, 0, 3, 0x22, 0x11, 0x44, 0x33}, {}},
-        // A section longer than its fields: B's length is read from inside A, and the DAT
-        // form, which carries A whole, ends before B's bytes.
-        {"A of 9", {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 77}, 16, {2, 9, 1, 0, 0, 0, 2, 0, 0, 0, 0, 3}, {1, 2, 9, 0, 0, 0, 1, 0, 2, 3, 0, 0, 0}},
-        {"subtype 3", {3, 3, 8, 0, 0, 0, 1, 0, 0, 0, 2, 3, 7, 8, 9, 4, 0, 0, 0, 4}, 23, {3, 8, 1, 0, 0, 0, 2, 0, 0, 0, 3, 7, 8, 9, 4, 4, 0, 0, 0}, {}},
-        // Subtype 2 keeps its sections out of the DAT form, so they are not written again.
-        {"subtype 2", {2, 5, 3, 1, 2, 3, 0, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8, 1, 9}, 22, {5}, {2, 5, 0, 0, 0, 0, 0}},
-        {"subtype 0", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, {4, 3, 2, 1, 6, 5, 8, 7}, {}},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
-        const Bytes read = plainFrame(30, row.body);
+    for (const nlohmann::json& row : data()["record30"]) {
+        SCOPED_TRACE(row["what"]);
+        const Bytes read = plainFrame(30, fieldBytes(row["body"].get<std::string>()));
         const ReadEvent section = processFrame(handle.get(), read);
-        ASSERT_EQ(section.datLength, row.datLength);
-        Bytes expected = row.dat;
-        expected.resize(row.datLength - 4, 0);
+        ASSERT_EQ(section.datLength, row["datLength"]);
+        Bytes expected = fieldBytes(row["dat"].get<std::string>());
+        expected.resize(section.datLength - 4, 0);
         EXPECT_EQ(Bytes(section.dat.begin() + 4, section.dat.end()), expected);
-        EXPECT_EQ(writtenFrame(section.dat), row.written.empty() ? read : plainFrame(30, row.written));
+        EXPECT_EQ(writtenFrame(section.dat),
+                  row.contains("written") ? plainFrame(30, fieldBytes(row["written"].get<std::string>())) : read);
     }
 }
 

@@ -7,10 +7,12 @@
 #include "support/sequences.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -251,57 +253,31 @@ void roundTripOlderRecords() {
 
 // Records whose DAT form keeps each field of their table in its native width: every field
 // reads into the structure in its order, and that DAT form goes through the parser and the
-// writer back to the same frame. Record 21 has no subtype and a second byte the wire leaves
-// out; record 28 keeps its subtype in the structure, records 5 and 30 in the DAT header.
-struct LayoutRow {
-    std::uint8_t type;
-    std::uint8_t subtype;
-    nvbtest::Runs runs;
-    std::uint16_t datLength = 0;  // 0: four bytes more than the fields
-};
-
-const nvbtest::Runs kCommonBody = {{1, 1}, {1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}};
-
-// clang-format off
-const LayoutRow kLayouts[] = {
-    {21, 0, {{1, 1}, {2, 2}, {1, 2}, {4, 3}, {8, 19}, {4, 1}, {1, 9}, {1, 1}}, 190},
-    {28, 1, {{1, 1}, {2, 1}, {4, 1}, {1, 2}, {8, 11}}, 102},
-    {28, 2, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {1, 3}, {4, 1}, {1, 6}, {8, 14}}, 139},
-    {28, 3, {{1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {2, 1}, {4, 1}, {8, 4}}, 218},
-    {28, 4, {{1, 1}, {1, 1}, {2, 1}, {4, 1}, {2, 1}, {4, 1}, {8, 15}, {1, 1}, {2, 1}, {4, 1}, {8, 4}, {1, 1}, {8, 1}, {1, 1}}, 188},
-    {28, 5, kCommonBody, 181},
-    {28, 8, {{1, 1}, {2, 1}, {4, 2}, {1, 2}, {8, 3}, {1, 1}, {4, 1}, {1, 1}, {2, 4}, {4, 2}, {4, 1}}, 68},
-    {28, 13, kCommonBody, 181},
-    {5, 1, {{2, 1}, {1, 5}, {1, 1}, {2, 9}, {1, 10}, {1, 4}, {8, 1}, {4, 3}, {1, 1}}},
-    {5, 2, {{2, 6}, {1, 12}, {1, 12}, {1, 8}, {8, 1}, {4, 1}, {2, 1}, {1, 2}}},
-    {5, 3, {{2, 1}, {8, 12}, {4, 2}}},
-    {5, 4, {{2, 1}, {1, 4}, {4, 4}}},
-    {5, 5, {{2, 1}, {1, 2}, {4, 6}}},
-    {5, 6, {{2, 2}, {4, 4}}},
-    {5, 9, {{1, 5}}},
-    {30, 0, {{4, 1}, {2, 2}}},
-};
-// clang-format on
-
+// writer back to the same frame.
 void roundTripLayouts() {
     nvbtest::Handle handle;
     handle->mapSystem5To7 = 0;
-    for (const LayoutRow& row : kLayouts) {
-        SCOPED_TRACE(::testing::Message() << "record " << int(row.type) << " subtype " << int(row.subtype));
-        const auto f = nvbtest::fields(row.runs, row.type == 5 || row.type == 30 ? 3 : row.type + row.subtype);
+    const nlohmann::json layouts = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/layouts.json");
+    for (const nlohmann::json& layout : layouts["layouts"]) {
+        SCOPED_TRACE(layout.dump());
+        const std::uint8_t type = layout["type"], subtype = layout["subtype"];
+        nvbtest::Runs runs;
+        std::istringstream text(layout["runs"].get<std::string>());
+        for (unsigned width = 0, count = 0; text >> width && text.ignore(1) >> count;) runs.push_back({width, count});
+        const auto f = nvbtest::fields(runs, type == 5 || type == 30 ? 3 : type + subtype);
         nvbtest::Bytes native = f.native;
-        nvbtest::Bytes body = nvbtest::concat({{row.subtype}, f.wire.bytes});
-        if (row.type == 21) {
+        nvbtest::Bytes body = nvbtest::concat({{subtype}, f.wire.bytes});
+        if (type == 21) {
             native.insert(native.begin() + 1, 0);  // the second byte, which the wire leaves out
             body = f.wire.bytes;
         }
-        if (row.type == 28) native = nvbtest::concat({{row.subtype}, native});
-        const std::uint8_t byte2 = row.type == 21 || row.type == 28 ? 0 : row.subtype;
-        const std::size_t datLength = row.datLength != 0 ? row.datLength : 4 + native.size();
-        const nvbtest::Bytes wire = nvbtest::plainFrame(row.type, body);
+        if (type == 28) native = nvbtest::concat({{subtype}, native});
+        const std::uint8_t byte2 = type == 21 || type == 28 ? 0 : subtype;
+        const std::size_t datLength = layout.value("datLength", 4 + native.size());
+        const nvbtest::Bytes wire = nvbtest::plainFrame(type, body);
         const nvbtest::ReadEvent got = nvbtest::processFrame(handle.get(), wire);
         ASSERT_EQ(got.datLength, datLength);
-        EXPECT_EQ(got.dat, nvbtest::structDat(row.type, byte2, native.data(), datLength));
+        EXPECT_EQ(got.dat, nvbtest::structDat(type, byte2, native.data(), datLength));
         EXPECT_EQ(nvbtest::writtenFrame(got.dat), wire);
     }
 }

@@ -134,7 +134,7 @@ std::string number(double value, bool single) {
 }
 
 // The JSON of the wire form: records as objects, arrays as lists, scaled fields as their
-// wire integers.
+// wire units (whole numbers on the field's grid, and a fraction off it).
 struct JsonWriter {
     std::string out;
 
@@ -147,7 +147,7 @@ struct JsonWriter {
                 out += std::to_string(at<std::int32_t>(base, field.offset));
                 break;
             case Kind::Scaled:
-                out += std::to_string(std::llround(std::ldexp(at<double>(base, field.offset), field.scale)));
+                out += number(std::ldexp(at<double>(base, field.offset), field.scale), false);
                 break;
             case Kind::Double:
                 out += number(at<double>(base, field.offset), false);
@@ -187,58 +187,6 @@ struct JsonWriter {
             walk(fields[i], base);
         }
         out += "}";
-    }
-};
-
-// "path=value" per value through the library's own walk of a record; an array's count
-// follows its elements as "path#count".
-struct ValueTexts {
-    struct Level {
-        std::string path;
-        std::int64_t next = 0;
-    };
-    std::vector<std::string> values;
-    std::vector<Level> levels{Level{}};
-
-    std::string key(const char* name) {
-        // Appended piece by piece: g++ 12 at -O3 misreads "literal" + std::string.
-        Level& level = levels.back();
-        std::string text = level.path;
-        if (name != nullptr) {
-            text += '.';
-            text += name;
-        } else {
-            text += '[';
-            text += std::to_string(level.next++);
-            text += ']';
-        }
-        return text;
-    }
-
-    static ValueTexts& of(void* context) { return *static_cast<ValueTexts*>(context); }
-
-    nvb::Rec35Visitor visitor() {
-        return {this,
-                [](void* c, const char* name, std::int64_t value) {
-                    of(c).values.push_back(of(c).key(name) + "=" + std::to_string(value));
-                },
-                [](void* c, const char* name, double value, bool single) {
-                    of(c).values.push_back(of(c).key(name) + "=" + number(value, single));
-                },
-                [](void* c, const char* name, std::span<const std::uint8_t> bytes) {
-                    std::string text = of(c).key(name) + "=";
-                    for (const std::uint8_t byte : bytes) {
-                        text += '.';
-                        text += std::to_string(byte);
-                    }
-                    of(c).values.push_back(text);
-                },
-                [](void* c, const char* name, bool) { of(c).levels.push_back({of(c).key(name)}); },
-                [](void* c, bool array) {
-                    const Level level = of(c).levels.back();
-                    of(c).levels.pop_back();
-                    if (array) of(c).values.push_back(level.path + "#" + std::to_string(level.next));
-                }};
     }
 };
 
@@ -296,15 +244,9 @@ std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {
     return 0;
 }
 
-std::vector<std::string> rec35Values(const nvb::Rec35Codec& codec, const void* native) {
-    ValueTexts texts;
-    texts.values.push_back("version=" + std::to_string(*static_cast<const std::int64_t*>(native)));
-    nvb::describeRec35(codec.fields, native, texts.visitor());
-    return texts.values;
-}
-
-std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native) {
+std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native, bool withVersion) {
     JsonWriter writer;
+    if (withVersion) writer.out = "version " + std::to_string(*static_cast<const std::int64_t*>(native)) + " ";
     writer.record(codec.fields, native);
     return writer.out;
 }

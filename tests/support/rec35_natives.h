@@ -44,13 +44,10 @@ rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::stri
 // the status to expect, 0 when the subtype has neither an array nor a scaled field.
 std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native);
 
-// The values of a native record in field order, one text per value with its path, to
-// compare two records field for field.
-std::vector<std::string> rec35Values(const nvb::Rec35Codec& codec, const void* native);
-
 // The wire form of a native record as JSON, as another Avro reader decodes a reference
-// record: every long as its wire integer, bytes as a list of numbers.
-std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native);
+// record: every long as its wire integer, bytes as a list of numbers. Two records are
+// equal field for field where their texts are, with the schema version heading them.
+std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native, bool withVersion = false);
 
 }  // namespace nvbtest
 

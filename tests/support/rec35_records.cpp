@@ -193,7 +193,7 @@ void processRead(nvb_expand_t* state, Rec35Read& read) {
     const auto slot = nvb::rec35SlotOf(content->subtype);
     if (read.type != 35 || content->subsubtype == 0 || !slot || content->records[*slot] == nullptr) return;
     const void* native = content->records[*slot];
-    read.values = rec35Values(*nvb::rec35CodecAt(*slot), native);
+    read.values = rec35WireJson(*nvb::rec35CodecAt(*slot), native, true);
     if (content->subtype == 24) read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
 }
 
@@ -253,8 +253,8 @@ std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
     return out;
 }
 
-std::vector<std::vector<std::string>> deliveredValues(const std::vector<Rec35Read>& reads) {
-    std::vector<std::vector<std::string>> out;
+std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads) {
+    std::vector<std::string> out;
     for (const Rec35Read& read : reads) {
         if (!read.values.empty()) out.push_back(read.values);
     }

@@ -73,10 +73,10 @@ struct Rec35Read {
     std::uint8_t status = 0;
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
-    Bytes dat;                        // DAT form when delivered
-    std::optional<Fft> fft;           // the native record of a delivered subtype 24 data record
-    std::vector<std::string> values;  // that of any delivered Avro data record, by rec35Values
-    std::shared_ptr<Rec27> epoch;     // a delivered record 27 as it stood before its DAT form was retrieved
+    Bytes dat;                     // DAT form when delivered
+    std::optional<Fft> fft;        // the native record of a delivered subtype 24 data record
+    std::string values;            // that of any delivered Avro data record, by rec35WireJson
+    std::shared_ptr<Rec27> epoch;  // a delivered record 27 as it stood before its DAT form was retrieved
     bool delivered() const { return !dat.empty(); }
 };
 
@@ -87,7 +87,7 @@ std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads);
 // The DAT forms delivered, and the spectra.
 std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads);
 std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads);
-std::vector<std::vector<std::string>> deliveredValues(const std::vector<Rec35Read>& reads);
+std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads);
 
 // The parts of a record 35 DAT form.
 std::uint64_t datSubtype(const Bytes& dat);

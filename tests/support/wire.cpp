@@ -3,9 +3,16 @@
 #include "common/byte_sum.h"
 #include "stream/huffman.h"
 
+#include <nvbdll/status.h>
+
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <iterator>
+#include <map>
+#include <sstream>
 
 namespace nvbtest {
 
@@ -42,17 +49,55 @@ Fields fields(const Runs& runs, unsigned seed) {
     return out;
 }
 
-Bytes plainFrame(std::uint8_t type, const Bytes& body) {
-    Bytes frame = {0x02, static_cast<std::uint8_t>(body.size() + 6), type};
+Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte) {
+    const std::size_t length = body.size() + (highLengthByte ? 7 : 6);
+    Bytes frame = {0x02, static_cast<std::uint8_t>(length), type};
+    if (highLengthByte) frame.push_back(static_cast<std::uint8_t>(length >> 8));
     frame.insert(frame.end(), body.begin(), body.end());
     return closeFrame(frame);
 }
 
-Bytes plainFrameLong(std::uint8_t type, const Bytes& body) {
-    const std::size_t length = body.size() + 7;
-    Bytes frame = {0x02, static_cast<std::uint8_t>(length), type, static_cast<std::uint8_t>(length >> 8)};
-    frame.insert(frame.end(), body.begin(), body.end());
-    return closeFrame(frame);
+Bytes fieldBytes(std::string_view fields) {
+    Body body;
+    std::istringstream in{std::string(fields)};
+    for (std::string token; in >> token;) {
+        const std::size_t colon = token.find(':');
+        const std::string kind = token.substr(0, colon == std::string::npos ? 0 : colon);
+        const std::string value = token.substr(colon == std::string::npos ? 0 : colon + 1);
+        if (kind == "f32") {
+            body.f32(std::stof(value));
+        } else if (kind == "f64") {
+            body.f64(std::stod(value));
+        } else if (!kind.empty()) {
+            body.be(static_cast<std::uint64_t>(std::stoll(value, nullptr, 0)), kind == "u8"    ? 1
+                                                                               : kind == "u16" ? 2
+                                                                                               : 4);
+        } else {
+            for (std::size_t i = 0; i + 1 < value.size(); i += 2) body.u8(std::stoul(value.substr(i, 2), nullptr, 16));
+        }
+    }
+    return body.bytes;
+}
+
+nlohmann::json readJson(const std::string& path) {
+    std::ifstream in(path);
+    return nlohmann::json::parse(in);
+}
+
+std::uint8_t statusNamed(const std::string& name) {
+    static const std::map<std::string, std::uint8_t> kStatuses = {{"OK", NVB_STATUS_OK},
+                                                                  {"CHECKSUM", NVB_STATUS_CHECKSUM},
+                                                                  {"EXPANSION", NVB_STATUS_EXPANSION},
+                                                                  {"FRAME_LENGTH", NVB_STATUS_FRAME_LENGTH},
+                                                                  {"NOT_WRITABLE", NVB_STATUS_NOT_WRITABLE},
+                                                                  {"NO_POSITION", NVB_STATUS_NO_POSITION},
+                                                                  {"REC35_CONTENT", NVB_STATUS_REC35_CONTENT},
+                                                                  {"RESYNCHRONISED", NVB_STATUS_RESYNCHRONISED},
+                                                                  {"AVRO", NVB_STATUS_AVRO},
+                                                                  {"CAPACITY", NVB_STATUS_CAPACITY},
+                                                                  {"SCHEMA", NVB_STATUS_SCHEMA},
+                                                                  {"NEED_REFERENCE", NVB_STATUS_NEED_REFERENCE}};
+    return kStatuses.at(name);
 }
 
 Bytes junk(std::size_t count, std::uint8_t seed) {
@@ -247,75 +292,17 @@ Bytes build(const Rec17Wire& record) {
     return plainFrame(body.size() + 6 > 255 ? 117 : 17, body);
 }
 
-namespace {
-
-constexpr std::uint32_t kLogTime = 302400000;
-
-// Three satellites, five signals; the second epoch advances each phase by a known
-// number of cycles per second.
-Epoch27 logEpoch(bool later) {
-    const double step = later ? 1.0 : 0.0;
-    Satellite27 gps{7, 0, 0, 4, 45, 120, 0x10, {}};
-    gps.signals.push_back({0, 0, 452, 21456789.125, 112755432.5 + step * 1000.5, 3, 0x03, -1234.5});
-    gps.signals.push_back({1, 2, 391, 21456791.75, 87861234.25 + step * 777.25, 1, 0x03, std::nullopt});
-    Satellite27 glonass{12, 2, 0, 0xFD, -5, 300, 0x00, {}};
-    glonass.signals.push_back({0, 0, 380, 19876543.5, -104321987.75 + step * 2500.25, 0, 0x03, 2500.25});
-    Satellite27 galileo{11, 3, 0, 9, 60, 2, 0x00, {}};
-    galileo.signals.push_back({0, 0, 470, 23456789.0, 123270000.0 + step * 100.0, 0, 0x03, std::nullopt});
-    galileo.signals.push_back({2, 3, 455, 23456784.5, 91861234.5 - step * 321.5, 0, 0x03, std::nullopt});
-    return Epoch27{2345, kLogTime + (later ? 1000u : 0u), 0.25, 0.125, {gps, glonass, galileo}};
-}
-
-std::int32_t units32(double value, int fractionBits) {
-    return static_cast<std::int32_t>(wireUnits(value, fractionBits));
-}
-
-// Dops 1.25, 2.0, 1.0; sigmas 1.5, 1.25, 3.0; rms 0.5; unit deviation 1.0.
-// clang-format off
-Rec29Wire logPosition() {
-    return Rec29Wire{.week = 2345, .time = kLogTime, .numSVsUsed = 2, .fixMode = 3, .fixType = 1,
-                     .latitude = wireUnits(37.7749, 40), .longitude = wireUnits(-122.4194, 39),
-                     .height = units32(15.25, 12), .velocity = {units32(0.5, 21), units32(-0.25, 21), units32(0.125, 21)},
-                     .clockOffset = units32(0.0625, 26), .clockDrift = units32(1.5, 17), .dops = {20, 32, 16},
-                     .sigmas = {3072, 2560, 6144}, .rms = 8192, .unitSd = 2048,
-                     .clock = {}, .svs = {{7, 0, 2}, {12, 2, 2}, {11, 3, 0}}};
-}
-// clang-format on
-
-Rec17Wire logRecord17(bool later) {
-    const std::int64_t step = later ? 1 : 0;
-    Rec17Wire record{kLogTime + (later ? 1000u : 0u), static_cast<std::int32_t>(wireUnits(0.25, 19)), {}};
-    const auto cycles = [&](double first, double perSecond) {
-        return wireUnits(first, 15) + step * wireUnits(perSecond, 15);
-    };
-    // clang-format off
-    Rec17Sat gps{7, 0x11, 0x03, 45, 60, 181, static_cast<std::uint32_t>(wireUnits(21456789.125, 7)),
-                 cycles(112755432.5, 1000.5), static_cast<std::int32_t>(wireUnits(-1234.5, 6)), 0, 156,
-                 cycles(87861234.25, 777.25), static_cast<std::int16_t>(wireUnits(2.625, 8))};
-    // The wire holds half the range of an SBAS satellite.
-    Rec17Sat sbas{131, 0x10, 0x00, 30, 100, 160, static_cast<std::uint32_t>(wireUnits(19000000.0, 7)),
-                  cycles(99000000.0, 5.25), 0, 0, 0, 0, 0};
-    // clang-format on
-    record.sats = {gps, sbas};
-    return record;
-}
-
-// Pdop 2.5, velocities 2^-20, -0.75 x 2^-10, 0.5.
-// clang-format off
-Rec11Wire logRecord11() {
-    return Rec11Wire{.latitude = units32(0.2098, 31), .longitude = units32(-0.6801, 30), .height = units32(15.25, 12),
-                     .clockOffset = units32(1234.5, 9), .clockDrift = units32(0.75, 17), .pdop = 20,
-                     .velocity = {1 << 24, units32(-0.75 * std::ldexp(1.0, -10), 32), units32(0.5, 21)},
-                     .time = kLogTime, .fixStatus = 0x40, .channels = {1, 2, 3}, .svIds = {7, 63, 11},
-                     .residuals = {5, static_cast<std::uint8_t>(-3)}};
-}
-// clang-format on
-
-}  // namespace
-
+// The benchmarks build these helpers without the data files; they never read this log.
+#ifdef NVBDLL_TEST_DATA_DIR
 Bytes plainMeasurementLog() {
-    return concat({build(logEpoch(false)), build(logPosition()), build(logRecord17(false)), build(logRecord11()),
-                   build(logEpoch(true)), build(logRecord17(true))});
+    Bytes log;
+    const nlohmann::json data = readJson(NVBDLL_TEST_DATA_DIR "/records/measurement_log.json");
+    for (const nlohmann::json& frame : data["frames"]) {
+        const Bytes bytes = fieldBytes(frame["frame"].get<std::string>());
+        log.insert(log.end(), bytes.begin(), bytes.end());
+    }
+    return log;
 }
+#endif
 
 }  // namespace nvbtest

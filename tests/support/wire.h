@@ -6,11 +6,15 @@
 // writers, so that a fault the library's reader and writer share still shows. The
 // benchmarks and the sequence generators build on it.
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <array>
 #include <bit>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -25,13 +29,19 @@ T copyOf(T value) {
     return value;
 }
 
-// A plain frame of `type` around `body`: start byte, length, type, body, checksum, end byte.
-Bytes plainFrame(std::uint8_t type, const Bytes& body);
-// The same for types with a high length byte at offset 3 (27, 29, 98, ...).
-Bytes plainFrameLong(std::uint8_t type, const Bytes& body);
-inline Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte) {
-    return highLengthByte ? plainFrameLong(type, body) : plainFrame(type, body);
+// A plain frame of `type` around `body`: start byte, length, type, body, checksum, end byte;
+// types with a high length byte (27, 29, 98, ...) carry it at offset 3.
+Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte = false);
+inline Bytes plainFrameLong(std::uint8_t type, const Bytes& body) {
+    return plainFrame(type, body, true);
 }
+// Bytes written field by field, big-endian: "u8:3 u16:2301 u32:0x1F f32:0.5 f64:-2.5" and
+// bare groups of hex digits.
+Bytes fieldBytes(std::string_view fields);
+// A JSON file of pinned values under tests/data, and a status there by its name in
+// NVB_STATUS_* ("NOT_WRITABLE").
+nlohmann::json readJson(const std::string& path);
+std::uint8_t statusNamed(const std::string& name);
 // Bytes of `count` values that the stream never mistakes for a start byte.
 Bytes junk(std::size_t count, std::uint8_t seed = 1);
 Bytes concat(std::initializer_list<Bytes> parts);
@@ -196,10 +206,11 @@ struct Rec17Wire {
 };
 Bytes build(const Rec17Wire& record);
 
-// A plain byte-stream log (wrap it in huffmanEncode for the NVB getters) of six frames:
-// record 27, 29, 17, 11, then a second 27 and 17 one second later, whose Doppler the
-// readers rebuild from phase. What a host reading it with the default options is
-// delivered, frame by frame: the record type and the DAT length.
+// A plain byte-stream log (wrap it in huffmanEncode for the NVB getters) of six frames,
+// from tests/data/records/measurement_log.json: record 27, 29, 17, 11, then a second 27
+// and 17 one second later, whose Doppler the readers rebuild from phase. What a host
+// reading it with the default options is delivered, frame by frame: the record type and
+// the DAT length.
 Bytes plainMeasurementLog();
 inline constexpr std::array<std::uint16_t, 6> kPlainLogTypes = {27, 29, 17, 11, 27, 17};
 inline constexpr std::array<std::uint32_t, 6> kPlainLogDatLengths = {190, 122, 141, 88, 190, 141};
