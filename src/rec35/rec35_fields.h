@@ -31,20 +31,6 @@ struct Rec35Field {
     std::span<const Rec35Field> members;
 };
 
-// Calls back for every value of a native record in field order. Names are null for the
-// elements of an array.
-struct Rec35Visitor {
-    void* context;
-    void (*integer)(void* context, const char* name, std::int64_t value);
-    void (*real)(void* context, const char* name, double value, bool single);
-    void (*bytes)(void* context, const char* name, std::span<const std::uint8_t> value);
-    void (*open)(void* context, const char* name, bool array);
-    void (*close)(void* context, bool array);
-};
-
-// Walks the fields of `record` (a native record or an element of one) through `visitor`.
-void describeRec35(std::span<const Rec35Field> fields, const void* record, const Rec35Visitor& visitor);
-
 }  // namespace nvb
 
 #endif
