@@ -204,11 +204,19 @@ void writeBigEndian32(std::uint8_t* bytes, std::uint32_t value) {
     bytes[3] = static_cast<std::uint8_t>(value);
 }
 
+void clearEpochImage(epoch_image_t& image, std::size_t rows) {
+    auto* bytes = reinterpret_cast<std::uint8_t*>(&image);
+    std::memset(bytes, 0, offsetof(epoch_image_t, sats) + std::min(rows, kEpochMaxSatellites) * sizeof(epoch_sat_row_t));
+    std::memset(image.checksum, 0, sizeof image.checksum);
+    image.etx = 0;
+}
+
 EpochParse parseEpochImage(epoch_image_t& image, const std::uint8_t* record, std::size_t capacity) {
-    std::memset(&image, 0, sizeof image);
+    clearEpochImage(image, 0);
     EpochParse result;
     ByteReader in = makeByteReader(record, capacity);
     (void)readBytes(in, &image.stx, kFixedHeaderBytes);
+    std::memset(image.sats, 0, satelliteCount(image) * sizeof(epoch_sat_row_t));
     if ((image.epochFlags & kEpochHasDrift) != 0) (void)readBytes(in, image.clkDrift, 3);
     if ((image.epochFlags & kEpochHasRaimFault) != 0) (void)readByte(in, image.raimFault);
     if ((image.epochFlags & kEpochHasClockBlock) != 0) parseClockBlock(image.clockBlock, in);
@@ -263,10 +271,10 @@ std::uint32_t epochRecordLength(const epoch_image_t& image) {
 }
 
 void copyEpochImage(epoch_image_t& to, const epoch_image_t& from) {
-    const std::size_t used = offsetof(epoch_image_t, sats) + satelliteCount(from) * sizeof(epoch_sat_row_t);
-    auto* bytes = reinterpret_cast<std::uint8_t*>(&to);
-    std::memcpy(bytes, &from, used);
-    std::memset(bytes + used, 0, offsetof(epoch_image_t, checksum) - used);
+    const std::size_t rows = satelliteCount(from);
+    const std::size_t formerRows = satelliteCount(to);
+    std::memcpy(&to, &from, offsetof(epoch_image_t, sats) + rows * sizeof(epoch_sat_row_t));
+    if (formerRows > rows) std::memset(&to.sats[rows], 0, (formerRows - rows) * sizeof(epoch_sat_row_t));
     std::memcpy(to.checksum, from.checksum, sizeof to.checksum);
     to.etx = from.etx;
 }
