@@ -64,15 +64,29 @@ void parseSatelliteRow(epoch_sat_row_t& row, ByteReader& in, const std::uint8_t*
     row.svBlockLen = slips ? 12 : 9;
 }
 
+// The wire's leading fields of a signal stand in the row's own order: the block length
+// to the SNR, the range (4 bytes first, else 2), then the phase to measFlags1.
+constexpr std::size_t kSignalHeadBytes = offsetof(epoch_sig_row_t, range);
+constexpr std::size_t kSignalTailBytes = offsetof(epoch_sig_row_t, measFlags2) - offsetof(epoch_sig_row_t, phase);
+
 void parseSignalRow(epoch_sig_row_t& signal, bool first, ByteReader& in) {
-    (void)readByte(in, signal.measBlockLen);
-    (void)readByte(in, signal.blockType);
-    (void)readByte(in, signal.trackType);
-    (void)readBytes(in, signal.snr, 2);
-    (void)readBytes(in, signal.range, first ? 4 : 2);
-    (void)readBytes(in, signal.phase, 6);
-    (void)readByte(in, signal.slipCount);
-    (void)readByte(in, signal.measFlags1);
+    const std::size_t rangeBytes = first ? 4 : 2;
+    if (bytesLeft(in) >= kSignalHeadBytes + 4 + kSignalTailBytes) {
+        std::memcpy(&signal, in.pos, kSignalHeadBytes);
+        std::memcpy(signal.range, in.pos + kSignalHeadBytes, rangeBytes);
+        std::memcpy(signal.phase, in.pos + kSignalHeadBytes + rangeBytes, kSignalTailBytes);
+        in.pos += kSignalHeadBytes + rangeBytes + kSignalTailBytes;
+    } else {
+        // Near the end, field by field: a short record keeps every field that fits.
+        (void)readByte(in, signal.measBlockLen);
+        (void)readByte(in, signal.blockType);
+        (void)readByte(in, signal.trackType);
+        (void)readBytes(in, signal.snr, 2);
+        (void)readBytes(in, signal.range, rangeBytes);
+        (void)readBytes(in, signal.phase, 6);
+        (void)readByte(in, signal.slipCount);
+        (void)readByte(in, signal.measFlags1);
+    }
     if ((signal.measFlags1 & kFlagByteFollows) != 0) (void)readByte(in, signal.measFlags2);
     if ((signal.measFlags2 & kFlagByteFollows) != 0) (void)readByte(in, signal.measFlags3);
     if ((signal.measFlags3 & kFlagByteFollows) != 0) {
