@@ -22,15 +22,14 @@ constexpr std::uint8_t kClockHeaderFollows = 0x80;
 constexpr std::uint8_t kMaxRangeCode = 4;
 constexpr std::uint8_t kMaxPhaseCode = 6;
 
-// Room for code bytes that are known only after the fields behind them; null (and the
-// writer failed) when there is none.
+// Room for code bytes that are known only after the fields behind them, and that every
+// caller patches; null (and the writer failed) when there is none.
 std::uint8_t* reserve(ByteWriter& out, std::size_t count) {
     if (spaceLeft(out) < count) {
         out.failed = true;
         return nullptr;
     }
     std::uint8_t* at = out.pos;
-    std::memset(at, 0, count);
     out.pos += count;
     return at;
 }
