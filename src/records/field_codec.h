@@ -155,9 +155,12 @@ inline void putF64(WriteBuffer& out, double value) {
 // beyond 64 bits (or not a number) gives the pattern 0x8000000000000000.
 [[nodiscard]] inline std::int64_t roundScaled(double x, int power) {
     const double v = x * powerOfTwo(power);
-    const double rounded = v >= 0.0 ? v + 0.5 : v - 0.5;
+    // Without branches: the signs of ranges, differences and Doppler follow no pattern a
+    // predictor could learn. copysign gives -0.0 the half of a negative, which still
+    // truncates to 0.
+    const double rounded = v + std::copysign(0.5, v);
     constexpr double kLimit = 9223372036854775808.0;
-    if (!(rounded > -kLimit && rounded < kLimit)) return std::numeric_limits<std::int64_t>::min();
+    if (!(std::fabs(rounded) < kLimit)) return std::numeric_limits<std::int64_t>::min();
     return static_cast<std::int64_t>(rounded);
 }
 
