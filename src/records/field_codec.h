@@ -55,8 +55,8 @@ template <class T>
 [[nodiscard, gnu::always_inline]] inline std::uint64_t getBigEndian(ByteView bytes, std::size_t offset,
                                                                     unsigned width) {
     std::uint64_t value = 0;
-    if (offset + width <= bytes.size()) {
-        for (unsigned i = 0; i < width; ++i) value = (value << 8) | bytes[offset + i];
+    if (offset + width <= bytes.size() && width <= 8) {
+        value = loadBigField(bytes.data() + offset, width);
     } else {
         for (unsigned i = 0; i < width; ++i) value = (value << 8) | getByte(bytes, offset + i);
     }
