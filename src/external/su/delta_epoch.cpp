@@ -73,8 +73,10 @@ void compressSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predicted, s
     }
     const std::uint8_t slip = codeSmallDelta(-1, 1, 2, &signal.slipCount, &predicted.slipCount, 1, out) & 3u;
     const std::uint8_t snr = codeSmallDelta(-15, 15, 16, signal.snr, predicted.snr, 2, out) & 31u;
-    const std::size_t width = rangeWidth(signal, index);
-    const std::uint8_t range = codeWideDelta(signal.range, predicted.range, width, static_cast<std::uint8_t>(width), out);
+    // Each width its own call, so that every field load is one of a known size.
+    const std::uint8_t range = index == 0 ? codeWideDelta(signal.range, predicted.range, 4, 4, out)
+                               : rangeWidth(signal, index) == 3 ? codeWideDelta(signal.range, predicted.range, 3, 3, out)
+                                                                : codeWideDelta(signal.range, predicted.range, 2, 2, out);
     const std::uint8_t phase = codeWideDelta(signal.phase, predicted.phase, 6, 6, out);
     const bool carriesDoppler = longForm && (signal.measFlags1 & kMeasHasDoppler) != 0;
     const std::uint8_t doppler = carriesDoppler ? codeWideDelta(signal.doppler, predicted.doppler, 3, 3, out) : 0;
@@ -160,9 +162,10 @@ std::uint8_t expandSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predic
         !expandSmallDelta(signal.snr, 16, (codes[0] >> 2) & 31u, in, predicted.snr, 2)) {
         return kStatusBadDeltaLength;
     }
-    const std::size_t width = rangeWidth(signal, index);
-    std::uint8_t status =
-        expandWideDelta(signal.range, width, rangeCode, static_cast<std::uint8_t>(width), in, predicted.range);
+    std::uint8_t status = index == 0 ? expandWideDelta(signal.range, 4, rangeCode, 4, in, predicted.range)
+                          : rangeWidth(signal, index) == 3
+                              ? expandWideDelta(signal.range, 3, rangeCode, 3, in, predicted.range)
+                              : expandWideDelta(signal.range, 2, rangeCode, 2, in, predicted.range);
     if (status == 0) status = expandWideDelta(signal.phase, 6, phaseCode, 6, in, predicted.phase);
     if (status != 0) return status;
     // Doppler comes from the prediction whenever it is not carried, whatever measFlags1 says.
