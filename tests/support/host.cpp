@@ -176,10 +176,8 @@ Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::siz
 
 Bytes writtenFrame(const Bytes& dat, std::uint8_t* status) {
     Encoder encoder(1);
-    std::uint8_t local = 0;
-    std::uint8_t& reported = status != nullptr ? *status : local;
     const std::uint32_t before = encoder->recordCount;
-    encoder.put(dat, &reported);
+    encoder.put(dat, status);
     if (encoder->recordCount == before) return {};
     return Bytes(encoder->frame.data, encoder->frame.data + encoder->frame.length);
 }

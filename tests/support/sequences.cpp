@@ -74,13 +74,6 @@ void putSigned(std::uint8_t* field, std::size_t width, std::int64_t value) {
     for (std::size_t i = width; i-- > 0; value >>= 8) field[i] = static_cast<std::uint8_t>(value);
 }
 
-std::int64_t getSigned(const std::uint8_t* field, std::size_t width) {
-    std::int64_t value = (field[0] & 0x80) != 0 ? -1 : 0;
-    for (std::size_t i = 0; i < width; ++i)
-        value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
-    return value;
-}
-
 class EpochGenerator {
 public:
     explicit EpochGenerator(const EpochSequenceOptions& options) : options_(options), random_(options.seed) {
@@ -492,7 +485,7 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
         readPlainEpoch(frames[i], *image);
         Rec17Wire record;
         record.time = timeAt(shape, i);
-        record.clockOffset = static_cast<std::int32_t>(getSigned(image->clkOffset, 3));
+        record.clockOffset = static_cast<std::int32_t>(signedField(image->clkOffset, 3));
         for (std::size_t row = 0; row < image->nSv; ++row) {
             const epoch_sat_row_t& sv = image->sats[row];
             const epoch_sig_row_t* signal = sv.signals;
@@ -506,11 +499,11 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
             sat.azimuth = sv.azimuth;
             sat.snr = static_cast<std::uint8_t>((signal[0].snr[0] << 8 | signal[0].snr[1]) * 4 / 10);
             sat.range = nvb::readBigEndian32(signal[0].range);
-            sat.phase = getSigned(signal[0].phase, 6);
+            sat.phase = signedField(signal[0].phase, 6);
             if (dual) {
                 sat.snr2 = static_cast<std::uint8_t>((signal[1].snr[0] << 8 | signal[1].snr[1]) * 4 / 10);
-                sat.phase2 = getSigned(signal[1].phase, 6);
-                sat.rangeDiff2 = static_cast<std::int16_t>(getSigned(signal[1].range, 2));
+                sat.phase2 = signedField(signal[1].phase, 6);
+                sat.rangeDiff2 = static_cast<std::int16_t>(signedField(signal[1].range, 2));
             }
             record.sats.push_back(sat);
         }
@@ -525,12 +518,23 @@ std::vector<Rec17Wire> measurementSequence(const SequenceShape& shape, double du
     return records;
 }
 
+std::int64_t signedField(const std::uint8_t* field, std::size_t width) {
+    std::int64_t value = (field[0] & 0x80) != 0 ? -1 : 0;
+    for (std::size_t i = 0; i < width; ++i)
+        value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << 8 | field[i]);
+    return value;
+}
+
+void addToField(std::uint8_t* field, std::size_t width, std::int64_t amount) {
+    putSigned(field, width, signedField(field, width) + amount);
+}
+
 void settleEpochLengths(epoch_image_t& image) {
     image.epochHeaderLen = static_cast<std::uint8_t>(12 + ((image.epochFlags & 0x02) ? 3 : 0) + ((image.epochFlags & 0x10) ? 1 : 0));
     epoch_clock_block_t& block = image.clockBlock;
     std::size_t blockLength = 2;
     for (std::size_t term = 0; term < ((block.blockFlags >> 4) & 7u); ++term) {
-        const std::size_t width = signedWidth(getSigned(block.clockValues[term], 7));
+        const std::size_t width = signedWidth(signedField(block.clockValues[term], 7));
         block.clockTypes[term] = static_cast<std::uint8_t>((block.clockTypes[term] & 0x8F) | width << 4);
         blockLength += 1 + width;
     }
@@ -550,14 +554,8 @@ void settleEpochLengths(epoch_image_t& image) {
 }
 
 Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit) {
-    std::size_t length = image.epochHeaderLen + 4u + 3u;
-    if (image.epochFlags & 0x20) length += image.clockBlock.blockLength;
-    for (std::size_t sat = 0; sat < std::min<std::size_t>(image.nSv, 116); ++sat) {
-        length += image.sats[sat].svBlockLen;
-        for (std::size_t index = 0; index < std::min<std::size_t>(image.sats[sat].nMeas, 6); ++index) {
-            length += image.sats[sat].signals[index].measBlockLen;
-        }
-    }
+    // The library's sum of the block lengths, which the written record must match.
+    const std::size_t length = nvb::epochRecordLength(image);
     if (length > limit) throw std::length_error("epoch longer than its limit");
     image.lengthLow = static_cast<std::uint8_t>(length);
     image.lengthHigh = static_cast<std::uint8_t>(length >> 8);

@@ -71,6 +71,11 @@ struct EpochSequenceOptions {
 // its checksum and end byte. Throws when a frame would exceed 5120 bytes.
 std::vector<Bytes> makeEpochSequence(const EpochSequenceOptions& options);
 
+// A big-endian two's complement field of `width` (1 to 8) bytes, and `amount` added to one
+// with the wrap of its width.
+std::int64_t signedField(const std::uint8_t* field, std::size_t width);
+void addToField(std::uint8_t* field, std::size_t width, std::int64_t amount);
+
 // Recomputes what a record writer derives from the flags: epochHeaderLen, the clock
 // block's length and term widths (minimal, at least 1 byte), svBlockLen and measBlockLen.
 void settleEpochLengths(epoch_image_t& image);

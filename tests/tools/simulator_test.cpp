@@ -31,15 +31,6 @@ using nvbtool::SimulationOptions;
 
 constexpr double kSpeedOfLight = 299792458.0;
 
-SimulationOptions options(double duration, double interval = 1.0, std::string systems = "GREC", double mask = 10.0) {
-    SimulationOptions chosen;
-    chosen.durationSeconds = duration;
-    chosen.intervalSeconds = interval;
-    chosen.systems = std::move(systems);
-    chosen.elevationMaskDegrees = mask;
-    return chosen;
-}
-
 // A run seen one epoch at a time, with the epoch before at hand.
 struct Walk {
     ReceiverSimulator simulator;
@@ -94,7 +85,7 @@ using SignalKey = std::tuple<int, int, int>;  // system, satellite, band
 // - the receiver steers its clock by whole milliseconds, and every range and phase moves
 //   with it.
 TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
-    Walk walk(options(3600.0));
+    Walk walk({.durationSeconds = 3600.0});
     std::map<SignalKey, std::vector<double>> segments;
     int segmentsChecked = 0, compared = 0, acrossSteps = 0, slips = 0, steps = 0;
     auto check = [&](std::vector<double>& values) {
@@ -163,7 +154,7 @@ TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
 }
 
 TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMaskAndGlonassOnesKeepTheirChannel) {
-    Walk walk(options(6 * 3600.0, 60.0));
+    Walk walk({.durationSeconds = 6 * 3600.0, .intervalSeconds = 60.0});
     std::set<std::pair<int, int>> before, everSeen;
     std::map<int, int> channelOf, rises, sets;
     std::size_t mostAtOnce = 0;
@@ -203,19 +194,19 @@ TEST(SimulatedSky, SatellitesRiseAndSetAboveTheMaskAndGlonassOnesKeepTheirChanne
 }
 
 TEST(SimulatorRun, CountsEpochsAndRefusesWhatItCannotSimulate) {
-    EXPECT_EQ(ReceiverSimulator(options(3600.0)).epochCount(), 3600u);
-    EXPECT_EQ(ReceiverSimulator(options(10.0, 0.05)).epochCount(), 200u);
-    EXPECT_EQ(ReceiverSimulator(options(0.5)).epochCount(), 1u);
-    EXPECT_EQ(ReceiverSimulator(options(0.0)).epochCount(), 0u);
-    EXPECT_THROW(ReceiverSimulator(options(10.0, 0.04)), std::invalid_argument);
-    EXPECT_THROW(ReceiverSimulator(options(-1.0)), std::invalid_argument);
-    EXPECT_THROW(ReceiverSimulator(options(10.0, 1.0, "GX")), std::invalid_argument);
-    EXPECT_THROW(ReceiverSimulator(options(10.0, 1.0, "")), std::invalid_argument);
+    EXPECT_EQ(ReceiverSimulator({.durationSeconds = 3600.0}).epochCount(), 3600u);
+    EXPECT_EQ(ReceiverSimulator({.durationSeconds = 10.0, .intervalSeconds = 0.05}).epochCount(), 200u);
+    EXPECT_EQ(ReceiverSimulator({.durationSeconds = 0.5}).epochCount(), 1u);
+    EXPECT_EQ(ReceiverSimulator({.durationSeconds = 0.0}).epochCount(), 0u);
+    EXPECT_THROW(ReceiverSimulator({.durationSeconds = 10.0, .intervalSeconds = 0.04}), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator({.durationSeconds = -1.0}), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator({.durationSeconds = 10.0, .systems = "GX"}), std::invalid_argument);
+    EXPECT_THROW(ReceiverSimulator({.durationSeconds = 10.0, .systems = ""}), std::invalid_argument);
 }
 
 TEST(SimulatorRun, RecordsFitTheLimitsAndReadBackFromALogAsSimulated) {
     // A low mask fills the epochs; what the writer keeps of each field is what was simulated.
-    const SimulationOptions chosen = options(900.0, 1.0, "GREC", 0.0);
+    const SimulationOptions chosen{.durationSeconds = 900.0, .elevationMaskDegrees = 0.0};
     nvbdll_initNVBLib();
     const std::string path = ::testing::TempDir() + "simulated.nve";
     std::FILE* log = std::fopen(path.c_str(), "wb");
