@@ -124,7 +124,15 @@ void compressSatellite(epoch_sat_row_t& row, const epoch_sat_row_t& reference, b
 std::uint8_t expandSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predicted, std::size_t index, bool longForm,
                           ByteReader& in, std::uint32_t& lengthSum) {
     std::uint8_t codes[3] = {};
-    if (!readBytes(in, codes, longForm ? 3 : 2)) return kStatusBadDeltaLength;
+    // Two or three code bytes, each read at a known size.
+    if (bytesLeft(in) < (longForm ? 3u : 2u)) {
+        in.failed = true;
+        return kStatusBadDeltaLength;
+    }
+    codes[0] = in.pos[0];
+    codes[1] = in.pos[1];
+    if (longForm) codes[2] = in.pos[2];
+    in.pos += longForm ? 3 : 2;
     const std::uint8_t rangeCode = codes[1] >> 4;
     const std::uint8_t phaseCode = codes[1] & 0x0F;
     if (rangeCode > kMaxRangeCode || phaseCode > kMaxPhaseCode) return kStatusBadEpochCode;
