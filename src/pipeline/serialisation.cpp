@@ -8,6 +8,7 @@
 #include <nvbdll/records.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace nvb {
@@ -63,34 +64,18 @@ void writeDatFields(Rec27& rec, DatWriter& out) {
         // The packed system byte repeats the low two bits of the system on top, and is
         // stored back: a second retrieval of the same record packs it again.
         sv.rt_sattype = static_cast<std::uint8_t>(sv.rt_sattype * 65);
-        datWrite(out, sv.svBlockLen);
-        datWrite(out, sv.svId);
-        datWrite(out, sv.rt_sattype);
-        datWrite(out, sv.channel);
-        datWrite(out, sv.nMeas);
-        datWrite(out, sv.elevation);
-        datWrite(out, sv.azimuth);
-        datWrite(out, sv.svFlags);
-        if ((sv.svFlags & 0x80) != 0) {
-            datWrite(out, sv.svFlags2);
-            if ((sv.svFlags2 & 0x80) != 0) datPut(out, &sv.geomSlipCount, 3);
-        }
+        // In DAT order but for the antenna number, which the packed system byte carries.
+        datPut(out, &sv.svBlockLen, offsetof(Rec27Sv, antennaNumber));
+        datPut(out, &sv.channel, offsetof(Rec27Sv, svFlags2) - offsetof(Rec27Sv, channel));
+        if ((sv.svFlags & 0x80) != 0) datPut(out, &sv.svFlags2, (sv.svFlags2 & 0x80) != 0 ? 4 : 1);
         const int measCount = std::min<int>(sv.nMeas, NVB_MAX_MEAS);
         for (int j = 0; j < measCount; ++j) {
+            // The block's fields stand in the structure in their DAT order, the flag bytes
+            // behind: one copy, cut where the field-by-field copy would be.
             const Rec27Meas& meas = sv.meas[j];
-            datWrite(out, meas.measBlockLen);
-            datWrite(out, meas.blockType);
-            datWrite(out, meas.trackType);
-            datWrite(out, meas.snr);
-            datWrite(out, meas.range);
-            datWrite(out, meas.phase);
-            datWrite(out, meas.doppler);
-            datWrite(out, meas.slipCount);
-            datWrite(out, meas.measFlags1);
-            if ((meas.measFlags1 & 0x80) != 0) {
-                datWrite(out, meas.measFlags2);
-                if ((meas.measFlags2 & 0x80) != 0) datWrite(out, meas.measFlags3);
-            }
+            std::size_t bytes = offsetof(Rec27Meas, measFlags2);
+            if ((meas.measFlags1 & 0x80) != 0) bytes += (meas.measFlags2 & 0x80) != 0 ? 2 : 1;
+            datPut(out, &meas, bytes);
         }
     }
 }

@@ -124,6 +124,16 @@ int findMeasurement(const Rec27Sv& sv, const Rec27Meas& meas, int index) {
     return -1;
 }
 
+// previous := rec, by the rows in use. An epoch is read into a cleared structure and the
+// previous one is only ever such a copy, so both are zero past their counts: the rows past
+// rec's need clearing only as far as previous used them.
+void keepAsPrevious(Rec27& previous, const Rec27& rec) {
+    const std::size_t rows = std::min<std::size_t>(rec.nSv, NVB_MAX_SV);
+    const std::size_t former = std::min<std::size_t>(previous.nSv, NVB_MAX_SV);
+    std::memcpy(&previous, &rec, offsetof(Rec27, sv) + rows * sizeof(Rec27Sv));
+    if (former > rows) std::memset(&previous.sv[rows], 0, (former - rows) * sizeof(Rec27Sv));
+}
+
 struct OldPrediction {
     float doppler;
     bool valid;
@@ -202,7 +212,7 @@ void rebuildDoppler27(Rec27& rec, Rec27& previous, Rec27& prediction, std::uint8
             }
         }
     }
-    std::memcpy(&previous, &rec, sizeof rec);
+    keepAsPrevious(previous, rec);
 }
 
 // Satellites whose first signal reports a tracking state other than 0, 4 or 5 are not

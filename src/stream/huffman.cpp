@@ -85,11 +85,17 @@ bool huffmanBuild() {
         parent = HuffmanNode{0, a->weight + b->weight, a, b, nullptr};
         a->parent = &parent;
         b->parent = &parent;
-        // The two lightest leave the head and their parent takes it.
-        std::copy(list.begin() + 2, list.begin() + static_cast<std::ptrdiff_t>(count), list.begin() + 1);
-        list[0] = &parent;
+        // The two lightest leave the head, and their parent goes before the first node at
+        // least as heavy: where a stable sort of the list with the parent at its head puts
+        // it, the rest being in order already.
+        HuffmanNode** rest = list.data() + 2;
+        HuffmanNode** end = list.data() + count;
+        HuffmanNode** heavier = std::lower_bound(rest, end, parent.weight,
+                                                 [](const HuffmanNode* node, auto weight) { return node->weight < weight; });
+        HuffmanNode** slot = std::copy(rest, heavier, list.data());
+        *slot = &parent;
+        std::copy(heavier, end, slot + 1);
         --count;
-        if (count > 1) sortByWeight(list.data(), count);
     }
     root = list[0];
     for (HuffmanCode& entry : codeTable) {

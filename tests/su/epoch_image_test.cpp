@@ -205,7 +205,8 @@ TEST(EpochHistory, PredictionContinuesTheRateOfChangeAndKeepsEverythingElse) {
     older->sats[0].signals[0].phase[5] = 0xFE;
     current->sats[0].signals[0].phase[5] = 0xFF; // next 01 00
     current->sats[0].signals[0].doppler[2] = 3;
-    older->sats[1].signals[0].range[3] = 50;     // beyond current's nSv: not predicted
+    older->nSv = 2;                              // a row that current no longer has:
+    older->sats[1].signals[0].range[3] = 50;     // not predicted, and cleared
     advanceEpochHistory(*older, *predicted, *current);
 
     EXPECT_EQ(readBigEndian32(predicted->receiveTime), 0xFFFFFFFFu);

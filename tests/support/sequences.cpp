@@ -570,6 +570,8 @@ Bytes writePlainEpoch(epoch_image_t& image, std::size_t limit) {
 }
 
 void readPlainEpoch(const Bytes& frame, epoch_image_t& image) {
+    // Whole, so that images compare with memcmp: the parser leaves rows past the count.
+    std::memset(&image, 0, sizeof image);
     const nvb::EpochParse parse = nvb::parseEpochImage(image, frame.data(), frame.size());
     if (parse.status != 0 || parse.length != frame.size()) throw std::runtime_error("not an epoch record");
 }

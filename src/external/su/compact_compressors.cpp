@@ -15,7 +15,16 @@ namespace {
 
 constexpr std::size_t kCapacity = NVB_FRAME_CAPACITY;
 
-using Scratch = std::array<std::uint8_t, kCapacity>;
+// The expander's output when a delta is checked. Not cleared: only what the expander
+// wrote is compared, and its length bytes are cleared where a failed expansion leaves
+// them unwritten.
+struct Scratch {
+    std::array<std::uint8_t, kCapacity> bytes;
+    Scratch() { bytes[1] = bytes[3] = 0; }
+    std::uint8_t* data() { return bytes.data(); }
+    static constexpr std::size_t size() { return kCapacity; }
+    std::uint8_t operator[](std::size_t at) const { return bytes[at]; }
+};
 
 // A delta is sent only when the expander, starting from the same history, gives back the
 // plain record byte for byte. Records that the delta forms cannot carry (a first list of a
@@ -39,7 +48,7 @@ std::uint16_t finish(nvb_frame_t& out, std::size_t length) {
 bool positionDeltaRoundTrips(const position_history_t& before, const nvb_frame_t& plain, std::size_t length,
                              const nvb_frame_t& out) {
     position_history_t history = before;
-    Scratch rebuilt{};
+    Scratch rebuilt;
     std::uint8_t status = 0;
     expandPositionDelta(history, out.data, out.data[1], rebuilt.data(), rebuilt.size(), status, true);
     return status == 0 && sameRecord(rebuilt.data(), rebuilt[1], plain, length);
@@ -52,7 +61,7 @@ bool solutionDeltaRoundTrips(const solution_history_t& before, const nvb_frame_t
     std::uint8_t status = 0;
     expandSolutionDelta(history, out.data, out.data[1] + 256u * out.data[3], image, status);
     if (status != 0) return false;
-    Scratch rebuilt{};
+    Scratch rebuilt;
     const std::size_t written = writeSolutionImage(image, rebuilt.data(), rebuilt.size());
     return written == rebuilt[1] + 256u * rebuilt[3] && sameRecord(rebuilt.data(), written, plain, length);
 }
@@ -60,7 +69,7 @@ bool solutionDeltaRoundTrips(const solution_history_t& before, const nvb_frame_t
 bool obsDeltaRoundTrips(const obs_history_t& before, const nvb_frame_t& plain, std::size_t length,
                         const nvb_frame_t& out) {
     obs_history_t history = before;
-    Scratch rebuilt{};
+    Scratch rebuilt;
     std::uint8_t status = 0;
     const std::size_t compactLength = out.data[1] + (out.data[2] == kTypeObsDeltaLong ? 256u : 0u);
     if (!expandObsDelta(history, out.data, compactLength, rebuilt.data(), rebuilt.size(), status, true)) {

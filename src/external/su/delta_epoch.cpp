@@ -22,15 +22,14 @@ constexpr std::uint8_t kClockHeaderFollows = 0x80;
 constexpr std::uint8_t kMaxRangeCode = 4;
 constexpr std::uint8_t kMaxPhaseCode = 6;
 
-// Room for code bytes that are known only after the fields behind them; null (and the
-// writer failed) when there is none.
+// Room for code bytes that are known only after the fields behind them, and that every
+// caller patches; null (and the writer failed) when there is none.
 std::uint8_t* reserve(ByteWriter& out, std::size_t count) {
     if (spaceLeft(out) < count) {
         out.failed = true;
         return nullptr;
     }
     std::uint8_t* at = out.pos;
-    std::memset(at, 0, count);
     out.pos += count;
     return at;
 }
@@ -74,8 +73,10 @@ void compressSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predicted, s
     }
     const std::uint8_t slip = codeSmallDelta(-1, 1, 2, &signal.slipCount, &predicted.slipCount, 1, out) & 3u;
     const std::uint8_t snr = codeSmallDelta(-15, 15, 16, signal.snr, predicted.snr, 2, out) & 31u;
-    const std::size_t width = rangeWidth(signal, index);
-    const std::uint8_t range = codeWideDelta(signal.range, predicted.range, width, static_cast<std::uint8_t>(width), out);
+    // Each width its own call, so that every field load is one of a known size.
+    const std::uint8_t range = index == 0 ? codeWideDelta(signal.range, predicted.range, 4, 4, out)
+                               : rangeWidth(signal, index) == 3 ? codeWideDelta(signal.range, predicted.range, 3, 3, out)
+                                                                : codeWideDelta(signal.range, predicted.range, 2, 2, out);
     const std::uint8_t phase = codeWideDelta(signal.phase, predicted.phase, 6, 6, out);
     const bool carriesDoppler = longForm && (signal.measFlags1 & kMeasHasDoppler) != 0;
     const std::uint8_t doppler = carriesDoppler ? codeWideDelta(signal.doppler, predicted.doppler, 3, 3, out) : 0;
@@ -123,7 +124,15 @@ void compressSatellite(epoch_sat_row_t& row, const epoch_sat_row_t& reference, b
 std::uint8_t expandSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predicted, std::size_t index, bool longForm,
                           ByteReader& in, std::uint32_t& lengthSum) {
     std::uint8_t codes[3] = {};
-    if (!readBytes(in, codes, longForm ? 3 : 2)) return kStatusBadDeltaLength;
+    // Two or three code bytes, each read at a known size.
+    if (bytesLeft(in) < (longForm ? 3u : 2u)) {
+        in.failed = true;
+        return kStatusBadDeltaLength;
+    }
+    codes[0] = in.pos[0];
+    codes[1] = in.pos[1];
+    if (longForm) codes[2] = in.pos[2];
+    in.pos += longForm ? 3 : 2;
     const std::uint8_t rangeCode = codes[1] >> 4;
     const std::uint8_t phaseCode = codes[1] & 0x0F;
     if (rangeCode > kMaxRangeCode || phaseCode > kMaxPhaseCode) return kStatusBadEpochCode;
@@ -161,9 +170,10 @@ std::uint8_t expandSignal(epoch_sig_row_t& signal, const epoch_sig_row_t& predic
         !expandSmallDelta(signal.snr, 16, (codes[0] >> 2) & 31u, in, predicted.snr, 2)) {
         return kStatusBadDeltaLength;
     }
-    const std::size_t width = rangeWidth(signal, index);
-    std::uint8_t status =
-        expandWideDelta(signal.range, width, rangeCode, static_cast<std::uint8_t>(width), in, predicted.range);
+    std::uint8_t status = index == 0 ? expandWideDelta(signal.range, 4, rangeCode, 4, in, predicted.range)
+                          : rangeWidth(signal, index) == 3
+                              ? expandWideDelta(signal.range, 3, rangeCode, 3, in, predicted.range)
+                              : expandWideDelta(signal.range, 2, rangeCode, 2, in, predicted.range);
     if (status == 0) status = expandWideDelta(signal.phase, 6, phaseCode, 6, in, predicted.phase);
     if (status != 0) return status;
     // Doppler comes from the prediction whenever it is not carried, whatever measFlags1 says.
@@ -356,7 +366,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
 
     const epoch_image_t& predicted = history.predicted;
     epoch_image_t image;
-    std::memset(&image, 0, sizeof image);
+    clearEpochImage(image, 0);
     std::memcpy(&image.stx, record, 4);
     const std::uint8_t code = record[4];
     ByteReader in = makeByteReader(record + 5, length - 5u);
@@ -369,6 +379,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
 
     std::uint32_t lengthSum = image.epochHeaderLen + 4u;
     if (image.nSv > kEpochMaxSatellites) return kStatusTooManySatellites;
+    std::memset(image.sats, 0, image.nSv * sizeof(epoch_sat_row_t));
     if ((image.epochFlags & kEpochHasClockBlock) != 0) {
         status = expandClockBlock(image.clockBlock, predicted.clockBlock, in, lengthSum);
         if (status != 0) return status;

@@ -64,15 +64,29 @@ void parseSatelliteRow(epoch_sat_row_t& row, ByteReader& in, const std::uint8_t*
     row.svBlockLen = slips ? 12 : 9;
 }
 
+// The wire's leading fields of a signal stand in the row's own order: the block length
+// to the SNR, the range (4 bytes first, else 2), then the phase to measFlags1.
+constexpr std::size_t kSignalHeadBytes = offsetof(epoch_sig_row_t, range);
+constexpr std::size_t kSignalTailBytes = offsetof(epoch_sig_row_t, measFlags2) - offsetof(epoch_sig_row_t, phase);
+
 void parseSignalRow(epoch_sig_row_t& signal, bool first, ByteReader& in) {
-    (void)readByte(in, signal.measBlockLen);
-    (void)readByte(in, signal.blockType);
-    (void)readByte(in, signal.trackType);
-    (void)readBytes(in, signal.snr, 2);
-    (void)readBytes(in, signal.range, first ? 4 : 2);
-    (void)readBytes(in, signal.phase, 6);
-    (void)readByte(in, signal.slipCount);
-    (void)readByte(in, signal.measFlags1);
+    const std::size_t rangeBytes = first ? 4 : 2;
+    if (bytesLeft(in) >= kSignalHeadBytes + 4 + kSignalTailBytes) {
+        std::memcpy(&signal, in.pos, kSignalHeadBytes);
+        std::memcpy(signal.range, in.pos + kSignalHeadBytes, rangeBytes);
+        std::memcpy(signal.phase, in.pos + kSignalHeadBytes + rangeBytes, kSignalTailBytes);
+        in.pos += kSignalHeadBytes + rangeBytes + kSignalTailBytes;
+    } else {
+        // Near the end, field by field: a short record keeps every field that fits.
+        (void)readByte(in, signal.measBlockLen);
+        (void)readByte(in, signal.blockType);
+        (void)readByte(in, signal.trackType);
+        (void)readBytes(in, signal.snr, 2);
+        (void)readBytes(in, signal.range, rangeBytes);
+        (void)readBytes(in, signal.phase, 6);
+        (void)readByte(in, signal.slipCount);
+        (void)readByte(in, signal.measFlags1);
+    }
     if ((signal.measFlags1 & kFlagByteFollows) != 0) (void)readByte(in, signal.measFlags2);
     if ((signal.measFlags2 & kFlagByteFollows) != 0) (void)readByte(in, signal.measFlags3);
     if ((signal.measFlags3 & kFlagByteFollows) != 0) {
@@ -204,11 +218,19 @@ void writeBigEndian32(std::uint8_t* bytes, std::uint32_t value) {
     bytes[3] = static_cast<std::uint8_t>(value);
 }
 
+void clearEpochImage(epoch_image_t& image, std::size_t rows) {
+    auto* bytes = reinterpret_cast<std::uint8_t*>(&image);
+    std::memset(bytes, 0, offsetof(epoch_image_t, sats) + std::min(rows, kEpochMaxSatellites) * sizeof(epoch_sat_row_t));
+    std::memset(image.checksum, 0, sizeof image.checksum);
+    image.etx = 0;
+}
+
 EpochParse parseEpochImage(epoch_image_t& image, const std::uint8_t* record, std::size_t capacity) {
-    std::memset(&image, 0, sizeof image);
+    clearEpochImage(image, 0);
     EpochParse result;
     ByteReader in = makeByteReader(record, capacity);
     (void)readBytes(in, &image.stx, kFixedHeaderBytes);
+    std::memset(image.sats, 0, satelliteCount(image) * sizeof(epoch_sat_row_t));
     if ((image.epochFlags & kEpochHasDrift) != 0) (void)readBytes(in, image.clkDrift, 3);
     if ((image.epochFlags & kEpochHasRaimFault) != 0) (void)readByte(in, image.raimFault);
     if ((image.epochFlags & kEpochHasClockBlock) != 0) parseClockBlock(image.clockBlock, in);
@@ -263,10 +285,10 @@ std::uint32_t epochRecordLength(const epoch_image_t& image) {
 }
 
 void copyEpochImage(epoch_image_t& to, const epoch_image_t& from) {
-    const std::size_t used = offsetof(epoch_image_t, sats) + satelliteCount(from) * sizeof(epoch_sat_row_t);
-    auto* bytes = reinterpret_cast<std::uint8_t*>(&to);
-    std::memcpy(bytes, &from, used);
-    std::memset(bytes + used, 0, offsetof(epoch_image_t, checksum) - used);
+    const std::size_t rows = satelliteCount(from);
+    const std::size_t formerRows = satelliteCount(to);
+    std::memcpy(&to, &from, offsetof(epoch_image_t, sats) + rows * sizeof(epoch_sat_row_t));
+    if (formerRows > rows) std::memset(&to.sats[rows], 0, (formerRows - rows) * sizeof(epoch_sat_row_t));
     std::memcpy(to.checksum, from.checksum, sizeof to.checksum);
     to.etx = from.etx;
 }

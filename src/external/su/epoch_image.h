@@ -107,8 +107,13 @@ struct EpochParse {
     std::uint8_t status = 0;  // 0; 6 nSv above 116; 7 nMeas above 6; 8 runs past the capacity
 };
 
-// Fills `image` (cleared first) from a wire record 27 or type 38 of at most `capacity`
-// bytes. Optional fields that the record leaves out are zero. A record beyond the limits
+// Zeroes everything but the satellite rows, and the first `rows` of them. An epoch's
+// rows past its satellite count are never read, so nobody pays for clearing all 116.
+void clearEpochImage(epoch_image_t& image, std::size_t rows);
+
+// Fills `image` from a wire record 27 or type 38 of at most `capacity` bytes, cleared
+// first as far as the record's satellite count reaches; rows past it keep what they held.
+// Optional fields that the record leaves out are zero. A record beyond the limits
 // is read only as far as the image holds it and gets a status; the image then stays
 // within its arrays but is not the record.
 [[nodiscard]] EpochParse parseEpochImage(epoch_image_t& image, const std::uint8_t* record,
@@ -123,8 +128,9 @@ struct EpochParse {
 // rows, signals and the three trailer bytes.
 [[nodiscard]] std::uint32_t epochRecordLength(const epoch_image_t& image);
 
-// `to` := `from`, reading only the rows up to `from`'s satellite count: the rows past it
-// are zero in every image the parser and the expanders make, and are cleared in `to`.
+// `to` := `from`, reading only the rows up to `from`'s satellite count. A history image
+// keeps its rows past its count zero: the rows `to` used before and `from` does not are
+// cleared, and those beyond were zero already.
 void copyEpochImage(epoch_image_t& to, const epoch_image_t& from);
 
 // After an epoch, coded or expanded: `predicted` becomes the epoch that follows `current`

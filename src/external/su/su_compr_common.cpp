@@ -45,20 +45,25 @@ std::uint8_t codeNibbleDelta(const std::uint8_t* newField, const std::uint8_t* r
         writeBytes(stream, newField, width);
         return kRawCode;
     }
-    const std::int16_t comparison = bigCompare(newField, reference, width);
-    if (comparison == 0) return 0;
-    const bool newIsSmaller = comparison < 1;
-    std::array<std::uint8_t, kMaxDeltaWidth> magnitude{};
-    std::memcpy(magnitude.data(), newIsSmaller ? reference : newField, width);
-    bigSubtract(magnitude.data(), newIsSmaller ? newField : reference, width);
+    const std::uint64_t value = loadBigField(newField, width);
+    const std::uint64_t base = loadBigField(reference, width);
+    if (value == base) return 0;
+    const bool newIsSmaller = value < base;
+    const std::uint64_t magnitude = newIsSmaller ? base - value : value - base;
     // The sign lives in the code, so all bits of the magnitude bytes are magnitude.
-    const std::size_t length = bigTrimmedLength(magnitude.data(), width, false);
+    const auto length = static_cast<std::size_t>((std::bit_width(magnitude) + 7) / 8);
     if (length >= 4) {
         writeBytes(stream, newField, width);
         return kRawCode;
     }
-    writeBytes(stream, magnitude.data() + width - length, length);
-    return static_cast<std::uint8_t>(length + (newIsSmaller ? 4 : 0));
+    const auto code = static_cast<std::uint8_t>(length + (newIsSmaller ? 4 : 0));
+    if (length > spaceLeft(stream)) {
+        stream.failed = true;
+        return code;
+    }
+    storeBigField(stream.pos, magnitude, length);
+    stream.pos += length;
+    return code;
 }
 
 std::uint8_t expandNibbleDelta(std::uint8_t code, std::size_t width, std::uint8_t* reference,
@@ -80,16 +85,11 @@ std::uint8_t expandNibbleDelta(std::uint8_t code, std::size_t width, std::uint8_
             stream.failed = true;
             return kStatusBadNibbleCode;
         }
-        // Three spare bytes ahead of the field: a code of more magnitude bytes than a
-        // narrow field has loses the excess, as arithmetic modulo the width does anyway.
-        std::array<std::uint8_t, 3 + kMaxDeltaWidth> step{};
-        std::memcpy(step.data() + step.size() - length, stream.pos, length);
-        const std::uint8_t* field = step.data() + step.size() - width;
-        if ((code & 4u) != 0) {
-            bigSubtract(reference, field, width);
-        } else {
-            bigAdd(reference, field, width);
-        }
+        // A code of more magnitude bytes than a narrow field has loses the excess, as
+        // arithmetic modulo the width does anyway.
+        const std::uint64_t magnitude = loadBigField(stream.pos, length);
+        const std::uint64_t value = loadBigField(reference, width);
+        storeBigField(reference, (code & 4u) != 0 ? value - magnitude : value + magnitude, width);
         stream.pos += length;
     }
     writeBytes(destination, reference, width);

@@ -270,7 +270,7 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
 // and reads nothing; other codes take `code` sign-magnitude bytes. Returns 0, or
 // kStatusBadDeltaLength when the code is above the width, the width above 8 or the stream
 // short; then neither the destination nor the cursor has moved.
-[[nodiscard]] inline std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width, std::uint8_t code,
+[[nodiscard, gnu::always_inline]] inline std::uint8_t expandWideDelta(std::uint8_t* destination, std::size_t width, std::uint8_t code,
                              std::uint8_t rawCode, ByteReader& stream,
                              const std::uint8_t* reference) {
     if (code == rawCode) return readBytes(stream, destination, width) ? 0 : kStatusBadDeltaLength;
