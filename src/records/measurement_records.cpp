@@ -587,6 +587,24 @@ constexpr std::size_t kDatEpochFixed = 17;
 constexpr std::size_t kDatSvFixed = 10;
 constexpr std::size_t kDatMeasFixed = 27;
 
+static_assert(offsetof(Rec27Meas, measFlags2) == kDatMeasFixed, "a measurement's fixed DAT fields lead its structure");
+
+namespace {
+
+void takeMeasurementFields(DatChecked fields, Rec27Meas& meas) {
+    meas.measBlockLen = fields.read<std::uint8_t>();
+    meas.blockType = fields.read<std::uint8_t>();
+    meas.trackType = fields.read<std::uint8_t>();
+    meas.snr = fields.read<std::uint16_t>();
+    meas.range = fields.read<double>();
+    meas.phase = fields.read<double>();
+    meas.doppler = fields.read<float>();
+    meas.slipCount = fields.read<std::uint8_t>();
+    meas.measFlags1 = fields.read<std::uint8_t>();
+}
+
+}  // namespace
+
 int parseRec27Dat(DatReader& in, Rec27* rec, std::uint8_t dropMask, std::uint8_t* datHeader) {
     if (rec == nullptr) return -1;
     std::memset(rec, 0, sizeof *rec);
@@ -646,17 +664,14 @@ int parseRec27Dat(DatReader& in, Rec27* rec, std::uint8_t dropMask, std::uint8_t
         }
         for (int j = 0; j < sv.nMeas; ++j) {
             Rec27Meas& meas = sv.meas[j];
-            datFixed(in, kDatMeasFixed, [&meas](auto fields) {
-                meas.measBlockLen = fields.template read<std::uint8_t>();
-                meas.blockType = fields.template read<std::uint8_t>();
-                meas.trackType = fields.template read<std::uint8_t>();
-                meas.snr = fields.template read<std::uint16_t>();
-                meas.range = fields.template read<double>();
-                meas.phase = fields.template read<double>();
-                meas.doppler = fields.template read<float>();
-                meas.slipCount = fields.template read<std::uint8_t>();
-                meas.measFlags1 = fields.template read<std::uint8_t>();
-            });
+            // The fixed fields stand in the structure in their DAT order: one copy when
+            // they lie whole in the record and need no swap.
+            if (datLiesWhole(in, kDatMeasFixed)) {
+                std::memcpy(&meas, in.data + in.position, kDatMeasFixed);
+                in.position += kDatMeasFixed;
+            } else {
+                takeMeasurementFields(DatChecked{in}, meas);
+            }
             if ((meas.measFlags1 & kFlags2Follows) != 0) {
                 meas.measFlags2 = datRead<std::uint8_t>(in);
                 if ((meas.measFlags2 & 0x80) != 0) meas.measFlags3 = datRead<std::uint8_t>(in);
