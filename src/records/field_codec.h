@@ -165,8 +165,22 @@ inline void putF64(WriteBuffer& out, double value) {
 }
 
 // Scaled writers: x times 2^power, rounded half away from zero, low bytes kept.
+// A writer straight into a frame that has room for what follows: a cursor of its own, so
+// no bound check and no reload of the frame's length between fields (a store through the
+// frame's bytes may alias the length; a local cursor can't be). The caller sets the
+// frame's length from it afterwards.
+struct FrameCursor {
+    std::uint8_t* at;
+};
+
 template <unsigned Width>
-inline void putScaled(WriteBuffer& out, double x, int power) {
+[[gnu::always_inline]] inline void putBigEndian(FrameCursor& out, std::uint64_t value) {
+    storeBigField(out.at, value, Width);
+    out.at += Width;
+}
+
+template <unsigned Width, class Out>
+inline void putScaled(Out& out, double x, int power) {
     putBigEndian<Width>(out, static_cast<std::uint64_t>(roundScaled(x, power)));
 }
 inline void putScaled1(WriteBuffer& out, double x, int power) {

@@ -458,6 +458,66 @@ std::uint16_t readRec17(const nvb_frame_t& frame, nvb_expand_t& state, Rec17* wo
     return length;
 }
 
+namespace {
+
+// The block of one measurement, its length byte left 0 for the caller to patch: `j` is its
+// index in the satellite, `firstRange` the first signal's range.
+template <class Out>
+void putMeasurement(Out& out, const Rec27Meas& meas, int j, double firstRange, std::uint8_t system,
+                    std::uint32_t formatLevel, bool epochKeepDoppler) {
+    std::uint8_t flags1 = meas.measFlags1;
+    std::uint8_t flags2 = meas.measFlags2;
+    std::uint8_t flags3 = meas.measFlags3;
+    if (formatLevel == 0) {
+        flags1 &= static_cast<std::uint8_t>(~kFlags2Follows);
+        flags2 = 0;
+        flags3 = 0;
+    }
+    putBigEndian<5>(out, packBigEndian(0, meas.blockType, meas.trackType, meas.snr >> 8, meas.snr));
+    std::uint8_t topByte = 0;
+    if (j == 0) {
+        const int exponent = firstRangeExponent(system);
+        double range = meas.range;
+        if (exponent == -7 && formatLevel > 0 &&
+            (((flags1 & kFlags2Follows) != 0 && (flags2 & kRolledOver) != 0) || range > kRangeRollover)) {
+            range -= kRangeRollover;
+            flags1 |= kFlags2Follows;
+            flags2 |= kRolledOver;
+        } else if (exponent == -7 && formatLevel == 0 && range > kRangeRollover) {
+            warnRangeWrapsOnce();
+        }
+        putScaled<4>(out, range, -exponent);
+    } else {
+        const double difference = meas.range - firstRange;
+        if (formatLevel > 0 && ((flags2 & kWideDifference) != 0 || std::fabs(difference) > 100.0)) {
+            flags1 |= kFlags2Follows;
+            flags2 |= kWideDifference;
+        }
+        if ((flags2 & kWideDifference) != 0) {
+            // The top byte of a three-byte difference goes to the end of the block.
+            const auto wide = static_cast<std::uint32_t>(roundScaled(difference, 8));
+            putBigEndian<2>(out, static_cast<std::uint16_t>(wide));
+            topByte = static_cast<std::uint8_t>(wide >> 16);
+        } else {
+            putScaled<2>(out, difference, 8);
+        }
+    }
+    putScaled<6>(out, meas.phase, 15);
+    if (!epochKeepDoppler) flags1 &= static_cast<std::uint8_t>(~kDopplerPresent);
+    putBigEndian<2>(out, static_cast<std::uint16_t>(meas.slipCount << 8 | flags1));
+    if ((flags1 & kFlags2Follows) != 0) {
+        putBigEndian<1>(out, flags2);
+        if ((flags2 & 0x80) != 0) putBigEndian<1>(out, flags3);
+    }
+    if (epochKeepDoppler && (flags1 & kDopplerPresent) != 0) putScaled<3>(out, meas.doppler, 8);
+    if ((flags2 & kWideDifference) != 0) putBigEndian<1>(out, topByte);
+}
+
+// The longest measurement block: fixed fields, a four-byte range, both flag bytes, Doppler.
+constexpr std::size_t kLongestMeasurement = 24;
+
+}  // namespace
+
 std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t formatLevel, bool epochKeepDoppler) {
     WriteBuffer out = openFrame(frame, kType27, true);
     const std::size_t headerStart = out.frame.length;
@@ -492,54 +552,14 @@ std::uint16_t writeRec27(const Rec27& rec, nvb_frame_t& frame, std::uint32_t for
         const double firstRange = sv.meas[0].range;
         const int measCount = std::min<int>(sv.nMeas, NVB_MAX_MEAS);
         for (int j = 0; j < measCount; ++j) {
-            const Rec27Meas& meas = sv.meas[j];
-            std::uint8_t flags1 = meas.measFlags1;
-            std::uint8_t flags2 = meas.measFlags2;
-            std::uint8_t flags3 = meas.measFlags3;
-            if (formatLevel == 0) {
-                flags1 &= static_cast<std::uint8_t>(~kFlags2Follows);
-                flags2 = 0;
-                flags3 = 0;
-            }
             const std::size_t measStart = out.frame.length;
-            putBigEndian<5>(out, packBigEndian(0, meas.blockType, meas.trackType, meas.snr >> 8, meas.snr));
-            std::uint8_t topByte = 0;
-            if (j == 0) {
-                const int exponent = firstRangeExponent(sv.rt_sattype);
-                double range = meas.range;
-                if (exponent == -7 && formatLevel > 0 &&
-                    (((flags1 & kFlags2Follows) != 0 && (flags2 & kRolledOver) != 0) || range > kRangeRollover)) {
-                    range -= kRangeRollover;
-                    flags1 |= kFlags2Follows;
-                    flags2 |= kRolledOver;
-                } else if (exponent == -7 && formatLevel == 0 && range > kRangeRollover) {
-                    warnRangeWrapsOnce();
-                }
-                putScaled4(out, range, -exponent);
+            if (measStart + kLongestMeasurement <= sizeof out.frame.data) {
+                FrameCursor cursor{out.frame.data + measStart};
+                putMeasurement(cursor, sv.meas[j], j, firstRange, sv.rt_sattype, formatLevel, epochKeepDoppler);
+                out.frame.length = static_cast<std::uint16_t>(cursor.at - out.frame.data);
             } else {
-                const double difference = meas.range - firstRange;
-                if (formatLevel > 0 && ((flags2 & kWideDifference) != 0 || std::fabs(difference) > 100.0)) {
-                    flags1 |= kFlags2Follows;
-                    flags2 |= kWideDifference;
-                }
-                if ((flags2 & kWideDifference) != 0) {
-                    // The top byte of a three-byte difference goes to the end of the block.
-                    const auto wide = static_cast<std::uint32_t>(roundScaled(difference, 8));
-                    putU16(out, static_cast<std::uint16_t>(wide));
-                    topByte = static_cast<std::uint8_t>(wide >> 16);
-                } else {
-                    putScaled2(out, difference, 8);
-                }
+                putMeasurement(out, sv.meas[j], j, firstRange, sv.rt_sattype, formatLevel, epochKeepDoppler);
             }
-            putScaled6(out, meas.phase, 15);
-            if (!epochKeepDoppler) flags1 &= static_cast<std::uint8_t>(~kDopplerPresent);
-            putU16(out, static_cast<std::uint16_t>(meas.slipCount << 8 | flags1));
-            if ((flags1 & kFlags2Follows) != 0) {
-                putByte(out, flags2);
-                if ((flags2 & 0x80) != 0) putByte(out, flags3);
-            }
-            if (epochKeepDoppler && (flags1 & kDopplerPresent) != 0) putScaled3(out, meas.doppler, 8);
-            if ((flags2 & kWideDifference) != 0) putByte(out, topByte);
             patchByte(out, measStart, static_cast<std::uint8_t>(out.frame.length - measStart));
         }
     }
