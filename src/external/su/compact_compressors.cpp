@@ -56,10 +56,9 @@ bool positionDeltaRoundTrips(const position_history_t& before, const nvb_frame_t
 
 bool solutionDeltaRoundTrips(const solution_history_t& before, const nvb_frame_t& plain, std::size_t length,
                              const nvb_frame_t& out) {
-    solution_history_t history = before;
     solution_image_t image;
     std::uint8_t status = 0;
-    expandSolutionDelta(history, out.data, out.data[1] + 256u * out.data[3], image, status);
+    expandSolutionImage(before, out.data, out.data[1] + 256u * out.data[3], image, status);
     if (status != 0) return false;
     Scratch rebuilt;
     const std::size_t written = writeSolutionImage(image, rebuilt.data(), rebuilt.size());

@@ -335,8 +335,8 @@ bool compressSolutionReference(solution_history_t& history, const std::uint8_t* 
     return true;
 }
 
-std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t* compact, std::size_t inputCapacity,
-                                 solution_image_t& image, std::uint8_t& status) {
+std::uint8_t expandSolutionImage(const solution_history_t& history, const std::uint8_t* compact,
+                                 std::size_t inputCapacity, solution_image_t& image, std::uint8_t& status) {
     status = 0;
     image = solution_image_t{};
     image.etx = 3;
@@ -453,7 +453,14 @@ std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t
     image.head[1] = static_cast<std::uint8_t>(total);
     image.head[2] = kTypeSolution;
     if (image.head[1] + 256u * image.head[3] > NVB_FRAME_CAPACITY) return status = kShort;
-    advanceSolutionHistory(image, history.previous, history.predicted);
+    return status;
+}
+
+std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t* compact, std::size_t inputCapacity,
+                                 solution_image_t& image, std::uint8_t& status) {
+    if (expandSolutionImage(history, compact, inputCapacity, image, status) == 0) {
+        advanceSolutionHistory(image, history.previous, history.predicted);
+    }
     return status;
 }
 

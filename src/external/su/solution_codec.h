@@ -46,6 +46,10 @@ void advanceSolutionHistory(const solution_image_t& current, solution_image_t& p
 // than it says) or a record that ends early. On a status the history stays.
 std::uint8_t expandSolutionDelta(solution_history_t& history, const std::uint8_t* compact, std::size_t inputCapacity,
                                  solution_image_t& image, std::uint8_t& status);
+// The same against the history's prediction, leaving the history as it is: the writer's
+// check that a delta reads back.
+std::uint8_t expandSolutionImage(const solution_history_t& history, const std::uint8_t* compact,
+                                 std::size_t inputCapacity, solution_image_t& image, std::uint8_t& status);
 
 // Expands a type 57 record and sets both images to it. Status 8 when the record does
 // not fit its input or output, else 0.
