@@ -262,7 +262,14 @@ inline std::uint8_t codeSmallDelta(std::int8_t low, std::int8_t high, std::uint8
         storeBigField(at, difference, kMaxDeltaWidth);
         return static_cast<std::uint8_t>(length);
     }
-    storeBigField(at, newIsSmaller ? difference | std::uint64_t{0x80} << (8 * length - 8) : difference, length);
+    const std::uint64_t field = newIsSmaller ? difference | std::uint64_t{0x80} << (8 * length - 8) : difference;
+    if (spaceLeft(stream) + length >= 8) {
+        // One word, the field in its leading bytes and zeros behind, where the stream has
+        // written nothing yet: no branch on a length that follows no pattern.
+        storeBigWord<std::uint64_t>(at, field << (64 - 8 * length));
+    } else {
+        storeBigField(at, field, length);
+    }
     return static_cast<std::uint8_t>(length);
 }
 
