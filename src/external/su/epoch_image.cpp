@@ -72,8 +72,14 @@ constexpr std::size_t kSignalTailBytes = offsetof(epoch_sig_row_t, measFlags2) -
 void parseSignalRow(epoch_sig_row_t& signal, bool first, ByteReader& in) {
     const std::size_t rangeBytes = first ? 4 : 2;
     if (bytesLeft(in) >= kSignalHeadBytes + 4 + kSignalTailBytes) {
+        // Copies of fixed sizes, which the compiler makes moves; a size known only at run
+        // time would be a call.
         std::memcpy(&signal, in.pos, kSignalHeadBytes);
-        std::memcpy(signal.range, in.pos + kSignalHeadBytes, rangeBytes);
+        if (first) {
+            std::memcpy(signal.range, in.pos + kSignalHeadBytes, 4);
+        } else {
+            std::memcpy(signal.range, in.pos + kSignalHeadBytes, 2);
+        }
         std::memcpy(signal.phase, in.pos + kSignalHeadBytes + rangeBytes, kSignalTailBytes);
         in.pos += kSignalHeadBytes + rangeBytes + kSignalTailBytes;
     } else {
