@@ -366,7 +366,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
 
     const epoch_image_t& predicted = history.predicted;
     epoch_image_t image;
-    clearEpochImage(image, 0);
+    clearEpochHeader(image);
     std::memcpy(&image.stx, record, 4);
     const std::uint8_t code = record[4];
     ByteReader in = makeByteReader(record + 5, length - 5u);
@@ -379,7 +379,7 @@ std::uint8_t expandDeltaEpoch(const std::uint8_t* record, std::size_t recordCapa
 
     std::uint32_t lengthSum = image.epochHeaderLen + 4u;
     if (image.nSv > kEpochMaxSatellites) return kStatusTooManySatellites;
-    std::memset(image.sats, 0, image.nSv * sizeof(epoch_sat_row_t));
+    clearEpochRows(image);
     if ((image.epochFlags & kEpochHasClockBlock) != 0) {
         status = expandClockBlock(image.clockBlock, predicted.clockBlock, in, lengthSum);
         if (status != 0) return status;

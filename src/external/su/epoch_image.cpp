@@ -224,19 +224,22 @@ void writeBigEndian32(std::uint8_t* bytes, std::uint32_t value) {
     bytes[3] = static_cast<std::uint8_t>(value);
 }
 
-void clearEpochImage(epoch_image_t& image, std::size_t rows) {
-    auto* bytes = reinterpret_cast<std::uint8_t*>(&image);
-    std::memset(bytes, 0, offsetof(epoch_image_t, sats) + std::min(rows, kEpochMaxSatellites) * sizeof(epoch_sat_row_t));
+void clearEpochHeader(epoch_image_t& image) {
+    std::memset(&image, 0, offsetof(epoch_image_t, sats));
     std::memset(image.checksum, 0, sizeof image.checksum);
     image.etx = 0;
 }
 
+void clearEpochRows(epoch_image_t& image) {
+    std::memset(image.sats, 0, satelliteCount(image) * sizeof(epoch_sat_row_t));
+}
+
 EpochParse parseEpochImage(epoch_image_t& image, const std::uint8_t* record, std::size_t capacity) {
-    clearEpochImage(image, 0);
+    clearEpochHeader(image);
     EpochParse result;
     ByteReader in = makeByteReader(record, capacity);
     (void)readBytes(in, &image.stx, kFixedHeaderBytes);
-    std::memset(image.sats, 0, satelliteCount(image) * sizeof(epoch_sat_row_t));
+    clearEpochRows(image);
     if ((image.epochFlags & kEpochHasDrift) != 0) (void)readBytes(in, image.clkDrift, 3);
     if ((image.epochFlags & kEpochHasRaimFault) != 0) (void)readByte(in, image.raimFault);
     if ((image.epochFlags & kEpochHasClockBlock) != 0) parseClockBlock(image.clockBlock, in);

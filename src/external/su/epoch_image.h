@@ -107,9 +107,11 @@ struct EpochParse {
     std::uint8_t status = 0;  // 0; 6 nSv above 116; 7 nMeas above 6; 8 runs past the capacity
 };
 
-// Zeroes everything but the satellite rows, and the first `rows` of them. An epoch's
-// rows past its satellite count are never read, so nobody pays for clearing all 116.
-void clearEpochImage(epoch_image_t& image, std::size_t rows);
+// An image is cleared in two steps: everything but the satellite rows, then, once its
+// satellite count is known, the rows up to it. An epoch's rows past its count are never
+// read, so nobody pays for clearing all 116.
+void clearEpochHeader(epoch_image_t& image);
+void clearEpochRows(epoch_image_t& image);
 
 // Fills `image` from a wire record 27 or type 38 of at most `capacity` bytes, cleared
 // first as far as the record's satellite count reaches; rows past it keep what they held.
