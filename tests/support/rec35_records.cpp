@@ -4,6 +4,8 @@
 #include "rec35/rec35_codecs.h"
 #include "support/rec35_natives.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -93,7 +95,7 @@ std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs) 
         fft.peak_snr = 30.0f + static_cast<float>(k % 7);
         fft.mean_val = -60 + k % 3;
         for (std::size_t i = 0; i < bins; ++i) {
-            fft.bins.push_back(static_cast<std::int32_t>(1000 * std::cos(0.05 * static_cast<double>(i + k)) - 200));
+            fft.FreqData.push_back(static_cast<std::int32_t>(1000 * std::cos(0.05 * static_cast<double>(i + k)) - 200));
         }
         fft.antenna_num = k % 2;
         out.push_back(fft);
@@ -123,45 +125,25 @@ Bytes fftPayload(const Fft& fft, int version) {
     AvroBytes out;
     out.longValue(fft.gps_msecs).doubleValue(fft.center_freq).floatValue(fft.bin_size);
     out.doubleValue(fft.peak_freq).floatValue(fft.peak_snr).longValue(fft.mean_val);
-    out.longArray(std::vector<std::int64_t>(fft.bins.begin(), fft.bins.end()));
+    out.longArray(std::vector<std::int64_t>(fft.FreqData.begin(), fft.FreqData.end()));
     if (version >= 2) out.longValue(fft.antenna_num);
     if (version >= 3) out.doubleValue(1.5);
     return out.bytes;
 }
 
-namespace {
-
-Fft fftOf(const rec35_sub24_t& record) {
-    const auto* bins = static_cast<const std::int32_t*>(record.FreqData.elements);
-    return Fft{record.gps_msecs,
-               record.center_freq,
-               record.bin_size,
-               record.peak_freq,
-               record.peak_snr,
-               record.mean_val,
-               std::vector<std::int32_t>(bins, bins + record.FreqData.count),
-               record.antenna_num};
-}
-
-}  // namespace
+// A spectrum is the JSON of its native record.
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Fft, gps_msecs, center_freq, bin_size, peak_freq, peak_snr, mean_val, FreqData,
+                                   antenna_num)
 
 Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) {
     encoder->rec35Mode = mode;
 }
 
 std::uint8_t Rec35Writer::fft(const Fft& fft) {
-    const Rec35Native native24(*nvb::rec35CodecAt(kFftSlot), static_cast<std::int64_t>(fft.bins.size()));
-    auto& r = *static_cast<rec35_sub24_t*>(native24.get());
-    r.gps_msecs = fft.gps_msecs;
-    r.center_freq = fft.center_freq;
-    r.bin_size = fft.bin_size;
-    r.peak_freq = fft.peak_freq;
-    r.peak_snr = fft.peak_snr;
-    r.mean_val = fft.mean_val;
-    r.FreqData.count = static_cast<std::int64_t>(fft.bins.size());
-    std::copy(fft.bins.begin(), fft.bins.end(), static_cast<std::int32_t*>(r.FreqData.elements));
-    r.antenna_num = fft.antenna_num;
-    return native(24, &r);
+    const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(kFftSlot);
+    const Rec35Native native24(codec, static_cast<std::int64_t>(fft.FreqData.size()));
+    setRec35(codec, native24.get(), fft);
+    return native(24, native24.get());
 }
 
 std::uint8_t Rec35Writer::native(std::uint32_t subtype, void* record) {
@@ -193,8 +175,8 @@ void processRead(nvb_expand_t* state, Rec35Read& read) {
     const auto slot = nvb::rec35SlotOf(content->subtype);
     if (read.type != 35 || content->subsubtype == 0 || !slot || content->records[*slot] == nullptr) return;
     const void* native = content->records[*slot];
-    read.values = rec35WireJson(*nvb::rec35CodecAt(*slot), native, true);
-    if (content->subtype == 24) read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
+    read.values = rec35Json(*nvb::rec35CodecAt(*slot), native);
+    if (content->subtype == 24) read.fft = read.values.get<Fft>();
 }
 
 std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count) {
@@ -253,10 +235,10 @@ std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
     return out;
 }
 
-std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads) {
-    std::vector<std::string> out;
+std::vector<nlohmann::json> deliveredValues(const std::vector<Rec35Read>& reads) {
+    std::vector<nlohmann::json> out;
     for (const Rec35Read& read : reads) {
-        if (!read.values.empty()) out.push_back(read.values);
+        if (!read.values.is_null()) out.push_back(read.values);
     }
     return out;
 }

@@ -5,6 +5,8 @@
 
 #include "support/host.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -37,7 +39,7 @@ struct Fft {
     double peak_freq = 0;
     float peak_snr = 0;
     std::int32_t mean_val = 0;
-    std::vector<std::int32_t> bins;
+    std::vector<std::int32_t> FreqData;
     std::uint32_t antenna_num = 0;
 
     bool operator==(const Fft&) const = default;
@@ -75,7 +77,7 @@ struct Rec35Read {
     std::uint8_t processStatus = 0;
     Bytes dat;                     // DAT form when delivered
     std::optional<Fft> fft;        // the native record of a delivered subtype 24 data record
-    std::string values;            // that of any delivered Avro data record, by rec35WireJson
+    nlohmann::json values;         // that of any delivered Avro data record, by rec35Json
     std::shared_ptr<Rec27> epoch;  // a delivered record 27 as it stood before its DAT form was retrieved
     bool delivered() const { return !dat.empty(); }
 };
@@ -87,7 +89,7 @@ std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads);
 // The DAT forms delivered, and the spectra.
 std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads);
 std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads);
-std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads);
+std::vector<nlohmann::json> deliveredValues(const std::vector<Rec35Read>& reads);
 
 // The parts of a record 35 DAT form.
 std::uint64_t datSubtype(const Bytes& dat);
