@@ -84,11 +84,11 @@ AvroBytes& AvroBytes::longArray(const std::vector<std::int64_t>& values) {
     return longValue(0);
 }
 
-std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs) {
+std::vector<Fft> fftSequence(int count, std::size_t bins) {
     std::vector<Fft> out;
     for (int k = 0; k < count; ++k) {
         Fft fft;
-        fft.gps_msecs = 345600000u + static_cast<std::uint32_t>(k) * stepMs;
+        fft.gps_msecs = 345600000u + static_cast<std::uint32_t>(k) * 1000;
         fft.center_freq = 1575.42e6;
         fft.bin_size = 2441.40625f;
         fft.peak_freq = 1575.42e6 + 1000.0 * std::sin(k * 0.1);

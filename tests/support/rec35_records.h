@@ -45,8 +45,8 @@ struct Fft {
     bool operator==(const Fft&) const = default;
 };
 
-// A realistic run of spectra: time stepping by `stepMs`, slowly moving values.
-std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs = 1000);
+// A realistic run of spectra: one a second, slowly moving values.
+std::vector<Fft> fftSequence(int count, std::size_t bins);
 
 // Subtype 24 schema texts, with terminating zero: version 2 is the library's field list;
 // version 1 lacks antenna_num; version 3 adds a double "gain" at the end. `typeOfMean`
