@@ -209,7 +209,7 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
 
 std::vector<std::shared_ptr<Rec27>> epochsOf(const Bytes& log, nvb_expand_t* state) {
     std::vector<std::shared_ptr<Rec27>> epochs;
-    for (const nvbtest::Rec35Read& read : nvbtest::readRec35Log(log, true, state)) {
+    for (const nvbtest::Rec35Read& read : nvbtest::readRec35Log(log, true, state).all) {
         if (read.epoch) epochs.push_back(read.epoch);
     }
     return epochs;
@@ -242,7 +242,7 @@ TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelive
         reader->convertRec35Sub2 = reader->convertRec35Sub9 = reader->convertRec35Sub19 = row.on;
         reader->convertRec35Sub16 = row.sub16;
         std::vector<std::string> seen;
-        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get()).all) {
             if (s.type == 0) continue;  // a swallowed schema record, never converted
             const bool plain = s.type != 35 && !s.dat.empty();
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.type) + "/" +
@@ -321,7 +321,7 @@ Bytes damagedLog(const std::function<void(std::vector<std::vector<Bytes>>&)>& da
         writer.native(9, measurement(9, fullEpoch(9, t))->get());
     }
     std::vector<std::vector<Bytes>> records;
-    for (const Bytes& dat : nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()))) {
+    for (const Bytes& dat : nvbtest::readRec35Log(writer.finish()).dats) {
         const Bytes payload = nvbtest::datPayload(dat);
         std::vector<Bytes>& frames = records.emplace_back();
         for (std::size_t at = 0; at < payload.size(); at += 4000) {
@@ -365,7 +365,7 @@ TEST(Rec35Conversion, DamageCostsTheStatusOfTheTextAndEveryLaterRecordComesRight
         nvbtest::MessageLog quiet;
         nvbtest::Handle reader;
         std::vector<std::string> seen;
-        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(damagedLog(row.damage), true, reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(damagedLog(row.damage), true, reader.get()).all) {
             if (s.result == 38 && s.type == 0) continue;  // the schema record
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.status) + "/" + std::to_string(s.type) +
                            "/" + std::to_string(s.processStatus));

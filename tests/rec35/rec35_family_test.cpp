@@ -87,7 +87,7 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
         ASSERT_EQ(writer.native(306, native.get()), 0);
     }
     // The reader's side is the every-subtype suite's, whose arrays grow and shrink.
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish(), true));
+    const auto dats = nvbtest::readRec35Log(writer.finish(), true).dats;
     ASSERT_EQ(dats.size(), wire.size());
     for (std::size_t i = 0; i < wire.size(); ++i) {
         EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 ? 1u : 2u);
@@ -105,7 +105,7 @@ TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
     for (const auto& [time, mean, antenna] : {std::tuple{10u, 10, 1u}, {20u, 20, 1u}, {40u, 40, 3u}}) {
         ASSERT_EQ(writer.fft(fft(time, mean, antenna)), 0);
     }
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+    const auto dats = nvbtest::readRec35Log(writer.finish()).dats;
     ASSERT_EQ(dats.size(), 4u);
     const nvbtest::Fft residuals[] = {fft(10, 10, 1), fft(10, 10, 0), fft(10, 20, 2)};
     for (std::size_t i = 0; i < 3; ++i) {
@@ -133,12 +133,11 @@ TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
     put(2, zeroResiduals);
     put(5, zeroResiduals);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
-    EXPECT_EQ(nvbtest::processStatuses(reads),
+    EXPECT_EQ(reads.statuses,
               (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0, 0}));
-    const auto ffts = nvbtest::deliveredFfts(reads);
-    ASSERT_EQ(ffts.size(), 3u);
-    EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
-    EXPECT_EQ(ffts[2].gps_msecs, fft.gps_msecs);
+    ASSERT_EQ(reads.ffts.size(), 3u);
+    EXPECT_EQ(reads.ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
+    EXPECT_EQ(reads.ffts[2].gps_msecs, fft.gps_msecs);
 }
 
 // Subtype 301 is meas[].week_number[][]: every element's inner arrays take the largest
@@ -155,7 +154,7 @@ TEST(Rec35BadInput, APayloadWhoseArraysMultiplyOutPastAnyWritableRecordIsRefused
     nvb::writeRec35Fragments(*encoder.get(), 301, 0, Bytes(codec.schema.begin(), codec.schema.end()), status);
     nvb::writeRec35Fragments(*encoder.get(), 301, 1, payload.bytes, status);
     nvbtest::MessageLog quiet;
-    EXPECT_EQ(nvbtest::processStatuses(nvbtest::readRec35Log(encoder.finish(), true)),
+    EXPECT_EQ(nvbtest::readRec35Log(encoder.finish(), true).statuses,
               std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
 }
 
@@ -190,13 +189,11 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
         written.push_back(nvbtest::rec35Json(c, native.get()));
     }
     const auto reads = nvbtest::readRec35Log(writer.finish(), true);
-    for (const auto& read : reads) EXPECT_EQ(read.processStatus, 0);
-    const auto read = nvbtest::deliveredValues(reads);
-    ASSERT_EQ(read.size(), written.size());
-    for (std::size_t i = 0; i < read.size(); ++i) EXPECT_EQ(read[i], written[i]) << "record " << i;
-    const auto dats = nvbtest::deliveredDats(reads);
-    for (std::size_t i = 0; i < dats.size(); ++i) {
-        EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 || c.predict == nullptr ? 1u : 2u) << i;
+    for (const auto& read : reads.all) EXPECT_EQ(read.processStatus, 0);
+    ASSERT_EQ(reads.values.size(), written.size());
+    for (std::size_t i = 0; i < written.size(); ++i) EXPECT_EQ(reads.values[i], written[i]) << "record " << i;
+    for (std::size_t i = 0; i < reads.dats.size(); ++i) {
+        EXPECT_EQ(nvbtest::datSubsubtype(reads.dats[i]), i == 0 || c.predict == nullptr ? 1u : 2u) << i;
     }
 }
 

@@ -163,20 +163,22 @@ std::uint8_t Rec35Writer::dat(const Bytes& dat) {
 
 namespace {
 
-void processRead(nvb_expand_t* state, Rec35Read& read) {
+void processRead(nvb_expand_t* state, Rec35Read& read, Rec35Reads& out) {
     if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
+    if (read.type != 0) out.statuses.push_back(read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
     // Retrieval packs the system numbers of a record 27 in place.
     if (read.type == 27) read.epoch = std::make_shared<Rec27>(*state->records.rec27);
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
+    out.dats.push_back(read.dat);
     const rec35_content_t* content = state->records.rec35;
     const auto slot = nvb::rec35SlotOf(content->subtype);
     if (read.type != 35 || content->subsubtype == 0 || !slot || content->records[*slot] == nullptr) return;
     const void* native = content->records[*slot];
-    read.values = rec35Json(*nvb::rec35CodecAt(*slot), native);
-    if (content->subtype == 24) read.fft = read.values.get<Fft>();
+    out.values.push_back(rec35Json(*nvb::rec35CodecAt(*slot), native));
+    if (content->subtype == 24) out.ffts.push_back(out.values.back().get<Fft>());
 }
 
 std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count) {
@@ -187,7 +189,7 @@ std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count
 
 }  // namespace
 
-std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
+Rec35Reads readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
     nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
     nvb_expand_t* reader = state != nullptr ? state : own;
     if (own != nullptr) {
@@ -195,7 +197,7 @@ std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_e
         own->convertRec35Sub2 = own->convertRec35Sub9 = own->convertRec35Sub19 = own->mapSystem7To10 = 0;
     }
     reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
-    std::vector<Rec35Read> reads;
+    Rec35Reads reads;
     for (const std::uint8_t byte : log) {
         std::uint8_t more = 0;
         bool haveByte = true;
@@ -203,44 +205,12 @@ std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_e
             Rec35Read read;
             read.result = nvbdll_getNVBRecordByByte(reader, byte, &read.status, haveByte ? 1 : 0, &more);
             haveByte = false;
-            processRead(reader, read);
-            if (read.result != 0 || read.status != 0) reads.push_back(read);
+            processRead(reader, read, reads);
+            if (read.result != 0 || read.status != 0) reads.all.push_back(read);
         } while (more == 1);
     }
     nvbdll_FreeNVBStateHandle(own);
     return reads;
-}
-
-std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads) {
-    std::vector<std::uint8_t> out;
-    for (const Rec35Read& read : reads) {
-        if (read.result > 0 && read.type != 0) out.push_back(read.processStatus);
-    }
-    return out;
-}
-
-std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads) {
-    std::vector<Bytes> out;
-    for (const Rec35Read& read : reads) {
-        if (read.delivered()) out.push_back(read.dat);
-    }
-    return out;
-}
-
-std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
-    std::vector<Fft> out;
-    for (const Rec35Read& read : reads) {
-        if (read.fft) out.push_back(*read.fft);
-    }
-    return out;
-}
-
-std::vector<nlohmann::json> deliveredValues(const std::vector<Rec35Read>& reads) {
-    std::vector<nlohmann::json> out;
-    for (const Rec35Read& read : reads) {
-        if (!read.values.is_null()) out.push_back(read.values);
-    }
-    return out;
 }
 
 std::uint64_t datSubtype(const Bytes& dat) {

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -76,20 +75,22 @@ struct Rec35Read {
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
     Bytes dat;                     // DAT form when delivered
-    std::optional<Fft> fft;        // the native record of a delivered subtype 24 data record
-    nlohmann::json values;         // that of any delivered Avro data record, by rec35Json
     std::shared_ptr<Rec27> epoch;  // a delivered record 27 as it stood before its DAT form was retrieved
-    bool delivered() const { return !dat.empty(); }
+};
+
+// What a host is delivered of a record 35 log, in order: every getter result, the statuses
+// of the decoding step for every record not swallowed as a schema record, the DAT forms,
+// the spectra, and the values of every Avro data record (by rec35Json).
+struct Rec35Reads {
+    std::vector<Rec35Read> all;
+    std::vector<std::uint8_t> statuses;
+    std::vector<Bytes> dats;
+    std::vector<Fft> ffts;
+    std::vector<nlohmann::json> values;
 };
 
 // Reads a log by byte, following `more`; schema records are delivered unless swallowed.
-std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas = false, nvb_expand_t* state = nullptr);
-// The statuses of the decoding step, for every record not swallowed as a schema record.
-std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads);
-// The DAT forms delivered, and the spectra.
-std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads);
-std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads);
-std::vector<nlohmann::json> deliveredValues(const std::vector<Rec35Read>& reads);
+Rec35Reads readRec35Log(const Bytes& log, bool swallowSchemas = false, nvb_expand_t* state = nullptr);
 
 // The parts of a record 35 DAT form.
 std::uint64_t datSubtype(const Bytes& dat);
