@@ -207,14 +207,6 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
     }
 }
 
-std::vector<std::shared_ptr<Rec27>> epochsOf(const Bytes& log, nvb_expand_t* state) {
-    std::vector<std::shared_ptr<Rec27>> epochs;
-    for (const nvbtest::Rec35Read& read : nvbtest::readRec35Log(log, true, state).all) {
-        if (read.epoch) epochs.push_back(read.epoch);
-    }
-    return epochs;
-}
-
 TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelivers) {
     nvbtest::Rec35Writer writer(3);
     nvbtest::Rec35Native native2(codecOf(2), 2), native16(codecOf(16), 2);
@@ -264,7 +256,7 @@ TEST(Rec35Conversion, SystemSevenBecomesTenWithTheHalfCycleOfItsOddSignalUnlessT
     for (const std::uint8_t normalize : {1, 0}) {
         nvbtest::Handle reader;
         reader->mapSystem7To10 = normalize;
-        const auto epochs = epochsOf(log, reader.get());
+        const auto epochs = nvbtest::readRec35Log(log, true, reader.get()).epochs;
         ASSERT_EQ(epochs.size(), 1u);
         const Rec27Sv& sv = epochs[0]->sv[0];
         EXPECT_EQ(std::vector<double>({double(sv.rt_sattype), sv.meas[0].phase, sv.meas[1].phase,
@@ -284,7 +276,7 @@ TEST(Rec35Measurement, RangesFoldWithPhaseAndOffTheGridValuesNearTheirPrediction
         ASSERT_EQ(writer.native(19, measurement(19, {row.time, 0, 1, {{5, 0, 0, 0, 0, 0, 0, {signal}}}})->get()), 0);
     }
     nvbtest::Handle reader;
-    const auto epochs = epochsOf(writer.finish(), reader.get());
+    const auto epochs = nvbtest::readRec35Log(writer.finish(), true, reader.get()).epochs;
     ASSERT_EQ(epochs.size(), std::size(rows));
     for (std::size_t i = 0; i < epochs.size(); ++i) {
         EXPECT_EQ(double(epochs[i]->sv[0].meas[0].doppler), rows[i].decoded) << rows[i].time;
@@ -305,7 +297,7 @@ TEST(Rec35Thinning, ASlipOfADroppedEpochIsMarkedOnTheNextKeptOneOnBothPaths) {
         nvbtest::Handle reader;
         reader->measurementInterval = encodePath ? 0 : 10;
         std::vector<std::pair<double, int>> kept;
-        for (const auto& epoch : epochsOf(writer.finish(), reader.get())) {
+        for (const auto& epoch : nvbtest::readRec35Log(writer.finish(), true, reader.get()).epochs) {
             kept.emplace_back(double(epoch->receiveTime), epoch->sv[0].meas[0].measFlags1 & 0x08);
         }
         EXPECT_EQ(kept, (std::vector<std::pair<double, int>>{{0, 0}, {10000, 0x08}, {20000, 0}}));

@@ -169,7 +169,7 @@ void processRead(nvb_expand_t* state, Rec35Read& read, Rec35Reads& out) {
     if (read.type != 0) out.statuses.push_back(read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
     // Retrieval packs the system numbers of a record 27 in place.
-    if (read.type == 27) read.epoch = std::make_shared<Rec27>(*state->records.rec27);
+    if (read.type == 27) out.epochs.push_back(std::make_shared<Rec27>(*state->records.rec27));
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
     out.dats.push_back(read.dat);

@@ -74,19 +74,20 @@ struct Rec35Read {
     std::uint8_t status = 0;
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
-    Bytes dat;                     // DAT form when delivered
-    std::shared_ptr<Rec27> epoch;  // a delivered record 27 as it stood before its DAT form was retrieved
+    Bytes dat;  // DAT form when delivered
 };
 
 // What a host is delivered of a record 35 log, in order: every getter result, the statuses
 // of the decoding step for every record not swallowed as a schema record, the DAT forms,
-// the spectra, and the values of every Avro data record (by rec35Json).
+// the spectra, the values of every Avro data record (by rec35Json), and every record 27
+// as it stood before its DAT form was retrieved.
 struct Rec35Reads {
     std::vector<Rec35Read> all;
     std::vector<std::uint8_t> statuses;
     std::vector<Bytes> dats;
     std::vector<Fft> ffts;
     std::vector<nlohmann::json> values;
+    std::vector<std::shared_ptr<Rec27>> epochs;
 };
 
 // Reads a log by byte, following `more`; schema records are delivered unless swallowed.
