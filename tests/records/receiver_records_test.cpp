@@ -181,20 +181,9 @@ TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirSt
     EXPECT_NE(copyOf(handle->records.rec24->values[0]), 1.0);
 }
 
-// A receiver description: serial number and firmware, names, a few settings.
+// A receiver describing itself in record 30, subtype 1.
 Bytes description() {
-    Body body;
-    body.u8(1).u8(9);
-    body.u8(6).u32(0x00A1B2C3).u16(0x0545);
-    body.u8(12).raw(text("TR-9 GNSS RX"));
-    body.u8(9).raw(text("5.45.0017"));
-    body.u8(6).u16(1).u16(16).u16(0x0203);
-    body.u8(1).u8(7);
-    body.u8(6).u32(0x12345678).u8(0x9A).u8(0xBC);
-    body.u8(4).u8(1).u8(2).u8(3).u8(4);
-    body.u8(2).u8(5).u8(6);
-    body.u8(1).u8(8);
-    return plainFrame(30, body.bytes);
+    return plainFrame(30, fieldBytes(data()["description"].get<std::string>()));
 }
 
 TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
