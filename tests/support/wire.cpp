@@ -203,7 +203,6 @@ Bytes build(const Rec29Wire& record) {
         body.u8(0).u8(record.corrInfo).u16(record.corrAge).u8(record.corrFlags);
         if ((record.corrFlags & 1) != 0) body.u8(0x5A);
         if ((record.corrFlags & 2) != 0) body.raw(Bytes(12, 0x3F));
-        if ((record.corrFlags & 4) != 0) body.u32(1234);
         body.bytes[start] = static_cast<std::uint8_t>(body.bytes.size() - start);
     }
     if ((record.posFlags & 0x02) != 0) {
