@@ -24,10 +24,9 @@ TEST_P(BlockRoundTrip, MixedFramesComeBackInOrderThroughBothGetters) {
     writer.writeAll(frames);
     ASSERT_TRUE(method == 0 ? writer.units().size() == frames.size() + 1 : writer.units().size() > 8u)
         << "the byte stream hands over each record as it is coded and its close; blocks span many units";
-    for (const bool byByte : {true, false}) {
+    for (const auto getter : {nvbtest::Getter::NvbByByte, nvbtest::Getter::NvbFile}) {
         nvbtest::Handle handle;
-        const auto events =
-            byByte ? readByByte(handle.get(), writer.stream()) : readFile(handle.get(), writer.stream());
+        const auto events = readStream(handle.get(), writer.stream(), getter);
         EXPECT_EQ(frameDifference(nvbtest::framesOf(events), expectedFrames(frames, method, 0, frames.size())), "");
         // A Huffman byte stream meets its end symbols: at its opening (reported by the
         // first call), at 600 records and at the close. The close at 600 falls on a byte
