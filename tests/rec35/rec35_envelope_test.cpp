@@ -18,13 +18,8 @@ namespace {
 
 using nvbtest::Bytes;
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/envelope.json");
-    return json;
-}
-
 TEST(Rec35Varint, ShortestFormsAndTheirLengths) {
-    for (const nlohmann::json& row : data()["varints"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/envelope.json")["varints"]) {
         const std::uint64_t value = row["value"];
         const std::size_t length = row["length"];
         std::uint8_t out[nvb::kMaxVarintLength] = {};
@@ -62,7 +57,7 @@ TEST(Rec35Buffer, ReserveGrowsExactlyAndRefusesWhatItCannotTell) {
 // Splitting: the fragment codes and piece sizes of the frames a payload becomes, read off
 // the bare records of the filling block.
 TEST(Rec35Fragments, PayloadsSplitIntoFramesOfAtMost4000Bytes) {
-    for (const nlohmann::json& row : data()["fragments"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/envelope.json")["fragments"]) {
         nvbtest::Encoder encoder(3, 2);
         nvb::setBlockTarget(*encoder.get());
         std::uint8_t status = 0;
@@ -100,7 +95,7 @@ Bytes stepFrame(const nlohmann::json& step, std::uint64_t& subtype, std::uint64_
 }
 
 TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
-    for (const nlohmann::json& c : data()["assembly"]) {
+    for (const nlohmann::json& c : nvbtest::pinned("rec35/envelope.json")["assembly"]) {
         SCOPED_TRACE(c["name"]);
         const bool content = c.value("content", true);
         nvbtest::Handle handle;

@@ -23,13 +23,8 @@ namespace {
 using nvbtest::Bytes;
 using nvbtest::Rec35Writer;
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/prediction.json");
-    return json;
-}
-
 TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
-    for (const nlohmann::json& row : data()["methods"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/prediction.json")["methods"]) {
         SCOPED_TRACE(row["name"]);
         const int method = row["method"];
         const auto values = row["values"].get<std::vector<std::int64_t>>();
@@ -55,7 +50,7 @@ TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
 }
 
 TEST(Rec35Prediction, FixedPointRoundsHalfAwayFromZeroUpTo2To60) {
-    for (const nlohmann::json& row : data()["fixedPoint"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/prediction.json")["fixedPoint"]) {
         SCOPED_TRACE(row.dump());
         const int scale = row["scale"];
         std::uint8_t status = 0;

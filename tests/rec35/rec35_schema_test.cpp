@@ -22,13 +22,8 @@ Bytes text(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/schemas.json");
-    return json;
-}
-
 TEST(Rec35SchemaVersion, TheFirstQuotedVersionKeyFollowedByACommaCounts) {
-    for (const nlohmann::json& row : data()["schemaVersions"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/schemas.json")["schemaVersions"]) {
         SCOPED_TRACE(row["text"]);
         nvbtest::MessageLog log;
         std::int64_t version = 0;
@@ -63,7 +58,7 @@ Bytes fftLog(int version, const std::vector<Fft>& ffts, const std::string& typeO
 
 TEST(Rec35Versions, StreamSchemasOlderNewerOrEqualAreReadThroughTheRightReader) {
     const std::vector<Fft> ffts = nvbtest::fftSequence(4, 16);
-    for (const nlohmann::json& c : data()["streamVersions"]) {
+    for (const nlohmann::json& c : nvbtest::pinned("rec35/schemas.json")["streamVersions"]) {
         SCOPED_TRACE(c["name"]);
         const int version = c["version"];
         const std::uint8_t status = nvbtest::statusNamed(c["status"]);
@@ -143,7 +138,7 @@ TEST(Rec35Versions, TheWriterRefusesASecondVersionOnceItHasAResolver) {
 
 // What the writer refuses, by mode; the method must be a bare one for record 35 at all.
 TEST(Rec35Refusals, HeadersTheModeCannotTakeAreRefusedWhole) {
-    for (const nlohmann::json& row : data()["refusals"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/schemas.json")["refusals"]) {
         SCOPED_TRACE(row["name"]);
         std::uint8_t mode = 0;
         for (const std::string flag : row.value("mode", nlohmann::json::array())) {

@@ -42,8 +42,7 @@ struct Case {
 const std::vector<Case>& realisticRecords() {
     static const std::vector<Case> cases = [] {
         std::vector<Case> out;
-        const nlohmann::json data = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/auxiliary.json");
-        for (const nlohmann::json& row : data["frames"]) {
+        for (const nlohmann::json& row : nvbtest::pinned("records/auxiliary.json")["frames"]) {
             Bytes body = nvbtest::fieldBytes(row["body"].get<std::string>());
             const Bytes tail =
                 row.contains("deflatedText") ? deflated(text(row["deflatedText"])) : text(row.value("text", 0));

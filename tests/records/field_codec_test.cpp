@@ -17,28 +17,11 @@ using Bytes = std::vector<std::uint8_t>;
 
 const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
-struct ScaledCase {
-    Bytes bytes;
-    int exponent;
-    bool isSigned;
-    double expected;
-};
-
 TEST(FieldReaders, ScaledFieldsTakeTheSignFromTheHeadAndAddTheTailUnsigned) {
-    const ScaledCase cases[] = {
-        {{0xFF, 0xFF, 0xFF}, -19, true, -pow2(-19)},
-        {{0xFF, 0xFF, 0xFF}, -19, false, (pow2(24) - 1) * pow2(-19)},
-        {{0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x01}, -15, true, -pow2(1) + pow2(-15)},
-        {{0x80, 0x00, 0x00, 0x00}, 0, true, -2147483648.0},
-        {{0x80, 0x00, 0x00, 0x00}, 0, false, 2147483648.0},
-        {{0x7F}, -8, true, 127.0 / 256},
-        {{0x80}, -8, true, -0.5},
-        {{0x00, 0x00, 0x00, 0x01, 0xFF, 0xFF, 0xFF}, -28, true, (pow2(24) + pow2(24) - 1) * pow2(-28)},
-    };
-    for (const ScaledCase& c : cases) {
-        const double value =
-            nvb::getScaled(ByteView(c.bytes), 0, static_cast<unsigned>(c.bytes.size()), c.exponent, c.isSigned);
-        EXPECT_EQ(value, c.expected) << "width " << c.bytes.size() << " exponent " << c.exponent;
+    for (const nlohmann::json& c : nvbtest::pinned("records/field_writers.json")["scaledReads"]) {
+        const Bytes bytes = nvbtest::fieldBytes(c["bytes"].get<std::string>());
+        const auto width = static_cast<unsigned>(bytes.size());
+        EXPECT_EQ(nvb::getScaled(ByteView(bytes), 0, width, c["exponent"], c["signed"]), c["value"].get<double>()) << c;
     }
 }
 
@@ -60,13 +43,8 @@ Bytes written(Write write) {
     return Bytes(frame->data, frame->data + frame->length);
 }
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/field_writers.json");
-    return json;
-}
-
 TEST(FieldWriters, RoundHalfAwayFromZeroAndKeepTheLowBytes) {
-    for (const nlohmann::json& c : data()["twoBytes"]) {
+    for (const nlohmann::json& c : nvbtest::pinned("records/field_writers.json")["twoBytes"]) {
         EXPECT_EQ(written([&](nvb::WriteBuffer& out) { nvb::putScaled2(out, c["x"], 0); }),
                   nvbtest::fieldBytes(c["bytes"].get<std::string>()))
             << c;
@@ -80,7 +58,7 @@ TEST(FieldWriters, RoundHalfAwayFromZeroAndKeepTheLowBytes) {
 }
 
 TEST(FieldWriters, VariableWidthKeepsTheFewestSignedBytes) {
-    for (const nlohmann::json& c : data()["variableWidth"]) {
+    for (const nlohmann::json& c : nvbtest::pinned("records/field_writers.json")["variableWidth"]) {
         unsigned width = 0;
         const Bytes bytes = written([&](nvb::WriteBuffer& out) { width = nvb::putScaledVar(out, c["x"], 0, 1, 7); });
         const Bytes expected = nvbtest::fieldBytes(c["bytes"].get<std::string>());
@@ -97,21 +75,14 @@ TEST(FieldWriters, VariableWidthBeyondSevenBytesEndsTheProcess) {
 }
 
 TEST(FieldWriters, SplitHeadTruncatesAndHandsBackAClampedResidual) {
-    std::uint8_t residual = 0;
-    Bytes bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 5.25, 0); });
-    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 5}));
-    EXPECT_EQ(residual, 64);
-    // A fraction that rounds above 127/256 stays at 127.
-    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 5.75, 0); });
-    EXPECT_EQ(bytes, (Bytes{0, 0, 0, 5}));
-    EXPECT_EQ(residual, 127);
-    // Negative values truncate toward zero and keep a negative residual.
-    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, -5.25, 0); });
-    EXPECT_EQ(bytes, (Bytes{0xFF, 0xFF, 0xFF, 0xFB}));
-    EXPECT_EQ(static_cast<std::int8_t>(residual), -64);
-    // From zero up the head is unsigned and may pass 2^31.
-    bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, 0.75, 32); });
-    EXPECT_EQ(bytes, (Bytes{0xC0, 0, 0, 0}));
+    for (const nlohmann::json& c : nvbtest::pinned("records/field_writers.json")["splitHead"]) {
+        std::uint8_t residual = 0;
+        const Bytes bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, c["x"], c["scale"]); });
+        EXPECT_EQ(bytes, nvbtest::fieldBytes(c["bytes"].get<std::string>())) << c;
+        if (c.contains("residual")) {
+            EXPECT_EQ(static_cast<std::int8_t>(residual), c["residual"]) << c;
+        }
+    }
 }
 
 // Every field writer, started at each place near the end of the buffer: the bytes that fit

@@ -107,8 +107,7 @@ double fieldAt(const Rec27& epoch, const std::string& path) {
 }
 
 TEST(Rec27Reads, EachEpochOfATableRowReadsIntoTheFieldsItExpects) {
-    const nlohmann::json data = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/measurement.json");
-    for (const nlohmann::json& row : data["epochReads"]) {
+    for (const nlohmann::json& row : nvbtest::pinned("records/measurement.json")["epochReads"]) {
         SCOPED_TRACE(row["what"].get<std::string>());
         const Rec27ReadOptions options{row.value("control", std::uint8_t{1}), row.value("map5To7", false),
                                        row.value("map7To10", false), row.value("keepAll", true)};

@@ -120,11 +120,6 @@ TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBit
     }
 }
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = readJson(NVBDLL_TEST_DATA_DIR "/records/navigation.json");
-    return json;
-}
-
 Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
     return plainFrame(26, concat({{subtype}, Body().u32(345618).u16(2345).u8(12).bytes, between, data}));
 }
@@ -132,7 +127,7 @@ Bytes rawFrame(std::uint8_t subtype, const Bytes& between, const Bytes& data) {
 TEST(RawNavigationData, EachSubtypeIsReportedWithItsDataBehindAFixedHead) {
     Handle handle;
     handle->mapSystem5To7 = 0;
-    for (const nlohmann::json& row : data()["rawForms"]) {
+    for (const nlohmann::json& row : pinned("records/navigation.json")["rawForms"]) {
         const std::uint8_t subtype = row["subtype"], reportedAs = row["reportedAs"];
         Bytes between = fieldBytes(row["between"].get<std::string>());
         SCOPED_TRACE(::testing::Message() << "subtype " << int(subtype) << ", " << between.size() << " ahead");
@@ -166,7 +161,7 @@ TEST(RawNavigationData, UnderTheSystemMapSubtype8ComesBackAsSubtype11WithItsSate
 // What the encoder does with a record ahead of its writer: 1 written, 0 dropped without a
 // status, 15 refused.
 TEST(NavigationFilters, DropMaskLegacyModeAndMissingLayoutsDecideWhatIsWritten) {
-    for (const nlohmann::json& row : data()["filters"]) {
+    for (const nlohmann::json& row : pinned("records/navigation.json")["filters"]) {
         const std::uint8_t type = row["type"], subtype = row["subtype"];
         nvbtest::Encoder encoder(0);
         encoder->dropMask = static_cast<std::uint8_t>(std::stoul(row["dropMask"].get<std::string>(), nullptr, 16));

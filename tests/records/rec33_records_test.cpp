@@ -13,11 +13,6 @@ namespace {
 
 using nvbtest::Bytes;
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/rec33.json");
-    return json;
-}
-
 Bytes frameOf(const nlohmann::json& row) {
     return nvbtest::plainFrame(33, nvbtest::fieldBytes(row["body"].get<std::string>()));
 }
@@ -25,7 +20,7 @@ Bytes frameOf(const nlohmann::json& row) {
 // A frame of either list by its name.
 Bytes rec33(std::string_view name) {
     for (const char* list : {"frames", "cornerForms"}) {
-        for (const nlohmann::json& row : data()[list]) {
+        for (const nlohmann::json& row : nvbtest::pinned("records/rec33.json")[list]) {
             if (row["name"] == name) return frameOf(row);
         }
     }
@@ -34,7 +29,9 @@ Bytes rec33(std::string_view name) {
 
 TEST(Rec33RoundTrip, EverySubtypeComesBackByteForByteThroughItsDatFormInEveryMethod) {
     std::vector<nvbtest::NamedFrame> frames;
-    for (const nlohmann::json& row : data()["frames"]) frames.push_back({row["name"].get<std::string>(), frameOf(row)});
+    for (const nlohmann::json& row : nvbtest::pinned("records/rec33.json")["frames"]) {
+        frames.push_back({row["name"].get<std::string>(), frameOf(row)});
+    }
     const auto reads = nvbtest::expectPlainRoundTrips(frames);
     for (std::size_t i = 0; i < reads.size(); ++i) {
         EXPECT_EQ(reads[i].datLength, frames[i].frame.size() - 2) << frames[i].name;

@@ -98,11 +98,6 @@ TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
     EXPECT_EQ(writtenFrame(got.dat), wire);
 }
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = readJson(NVBDLL_TEST_DATA_DIR "/records/receiver.json");
-    return json;
-}
-
 // A record 19 of a row's subtype and body.
 Bytes rec19(const nlohmann::json& row) {
     return plainFrame(
@@ -111,7 +106,7 @@ Bytes rec19(const nlohmann::json& row) {
 
 TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWrittenWhole) {
     Handle handle;
-    for (const nlohmann::json& row : data()["record19"]) {
+    for (const nlohmann::json& row : pinned("records/receiver.json")["record19"]) {
         SCOPED_TRACE(row.dump());
         const Bytes wire = rec19(row);
         const ReadEvent got = processFrame(handle.get(), wire);
@@ -135,7 +130,7 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
 
 TEST(ReceiverRecords, Record19CompactValuesGoOnFromTheirSlotsLinearPrediction) {
     Handle handle;
-    for (const nlohmann::json& step : data()["record19Compact"]) {
+    for (const nlohmann::json& step : pinned("records/receiver.json")["record19Compact"]) {
         SCOPED_TRACE(step.dump());
         ASSERT_EQ(processFrame(handle.get(), rec19(step)).datLength, 15u);
         const Rec19Sub7& rec = handle->records.rec19->sub7;
@@ -183,7 +178,7 @@ TEST(ReceiverRecords, Records22And24AreDecodedAndHandOverTheirWireBodyNotTheirSt
 
 // A receiver describing itself in record 30, subtype 1.
 Bytes description() {
-    return plainFrame(30, fieldBytes(data()["description"].get<std::string>()));
+    return plainFrame(30, fieldBytes(pinned("records/receiver.json")["description"].get<std::string>()));
 }
 
 TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
@@ -200,7 +195,7 @@ TEST(ReceiverRecords, Record30SectionsReadAsFarAsTheirLengthsReach) {
     EXPECT_EQ(rec.i.byte1, 8);
     EXPECT_EQ(writtenFrame(got.dat), wire);
 
-    for (const nlohmann::json& row : data()["record30"]) {
+    for (const nlohmann::json& row : pinned("records/receiver.json")["record30"]) {
         SCOPED_TRACE(row["what"]);
         const Bytes read = plainFrame(30, fieldBytes(row["body"].get<std::string>()));
         const ReadEvent section = processFrame(handle.get(), read);

@@ -257,8 +257,7 @@ void roundTripOlderRecords() {
 void roundTripLayouts() {
     nvbtest::Handle handle;
     handle->mapSystem5To7 = 0;
-    const nlohmann::json layouts = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/layouts.json");
-    for (const nlohmann::json& layout : layouts["layouts"]) {
+    for (const nlohmann::json& layout : nvbtest::pinned("records/layouts.json")["layouts"]) {
         SCOPED_TRACE(layout.dump());
         const std::uint8_t type = layout["type"], subtype = layout["subtype"];
         nvbtest::Runs runs;

@@ -238,10 +238,16 @@ Bytes build(const Rec17Wire& record) {
 
 // The benchmarks build these helpers without the data files; they never read this log.
 #ifdef NVBDLL_TEST_DATA_DIR
+const nlohmann::json& pinned(const std::string& name) {
+    static std::map<std::string, nlohmann::json> files;
+    const auto [at, fresh] = files.try_emplace(name);
+    if (fresh) at->second = readJson(NVBDLL_TEST_DATA_DIR "/" + name);
+    return at->second;
+}
+
 Bytes plainMeasurementLog() {
     Bytes log;
-    const nlohmann::json data = readJson(NVBDLL_TEST_DATA_DIR "/records/measurement_log.json");
-    for (const nlohmann::json& frame : data["frames"]) {
+    for (const nlohmann::json& frame : pinned("records/measurement_log.json")["frames"]) {
         const Bytes bytes = fieldBytes(frame["frame"].get<std::string>());
         log.insert(log.end(), bytes.begin(), bytes.end());
     }

@@ -41,6 +41,8 @@ Bytes fieldBytes(std::string_view fields);
 // A JSON file of pinned values under tests/data, and a status there by its name in
 // NVB_STATUS_* ("NOT_WRITABLE").
 nlohmann::json readJson(const std::string& path);
+// One file of tests/data by its path there ("records/rec33.json"), read once and kept.
+const nlohmann::json& pinned(const std::string& name);
 std::uint8_t statusNamed(const std::string& name);
 // Bytes of `count` values that the stream never mistakes for a start byte.
 Bytes junk(std::size_t count, std::uint8_t seed = 1);
