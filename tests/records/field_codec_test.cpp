@@ -77,7 +77,8 @@ TEST(FieldWriters, VariableWidthBeyondSevenBytesEndsTheProcess) {
 TEST(FieldWriters, SplitHeadTruncatesAndHandsBackAClampedResidual) {
     for (const nlohmann::json& c : nvbtest::pinned("records/field_writers.json")["splitHead"]) {
         std::uint8_t residual = 0;
-        const Bytes bytes = written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, c["x"], c["scale"]); });
+        const Bytes bytes =
+            written([&](nvb::WriteBuffer& out) { residual = nvb::putScaled4Split(out, c["x"], c["scale"]); });
         EXPECT_EQ(bytes, nvbtest::fieldBytes(c["bytes"].get<std::string>())) << c;
         if (c.contains("residual")) {
             EXPECT_EQ(static_cast<std::int8_t>(residual), c["residual"]) << c;

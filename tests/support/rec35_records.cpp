@@ -1,5 +1,6 @@
 #include "support/rec35_records.h"
 
+#include "common/byte_sum.h"
 #include "common/diagnostics.h"
 #include "rec35/rec35_codecs.h"
 #include "support/rec35_natives.h"
@@ -39,10 +40,7 @@ Bytes rec35Frame(std::uint8_t code, std::uint64_t subtype, std::uint64_t subsubt
     const std::size_t length = frame.size() + 3;
     frame[1] = static_cast<std::uint8_t>(length);
     frame[3] = static_cast<std::uint8_t>(frame[3] | ((length >> 8) & 0x0F));
-    std::uint16_t sum = 0;
-    for (const std::uint8_t byte : frame) sum = static_cast<std::uint16_t>(sum + byte);
-    frame.push_back(static_cast<std::uint8_t>(sum >> 8));
-    frame.push_back(static_cast<std::uint8_t>(sum));
+    putBigEndian(frame, nvb::byteSum(frame.data(), frame.size()), 2);
     frame.push_back(0x03);
     return frame;
 }
