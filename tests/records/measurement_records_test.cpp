@@ -201,9 +201,12 @@ struct Rec17Reader {
     const Rec17& epoch() const { return *handle->records.rec17; }
 };
 
-TEST(Rec17RoundTrip, TheWireAsymmetriesShow) {
+TEST(Rec17RoundTrip, TheWireAsymmetriesShowAndEveryOtherFieldComesBack) {
     auto epoch = epoch17(345600000.0);
-    add17(*epoch, 7, 0x31, 1e8).snr2 = 38.5;
+    Rec17Sv& wide = add17(*epoch, 7, 0x31, 1e8 + 0.25);
+    wide.snr2 = 38.5;
+    wide.phase2 = -7.5e7;
+    wide.rangeDiff2 = -3.5;
     Rec17Sv& narrow = add17(*epoch, 8, 0x11, 2e8);
     narrow.snr2 = 5.0;  // written at 2^5 without the wide bit
     narrow.rangeDiff2 = 1.0;
@@ -217,6 +220,20 @@ TEST(Rec17RoundTrip, TheWireAsymmetriesShow) {
     EXPECT_EQ(+read.sv[1].snr2, 5.0 * 8) << "the reader can't tell 2^5 from 2^2";
     EXPECT_EQ(+read.sv[1].rangeDiff2, 0.0) << "written only with the wide bit";
     EXPECT_EQ(+read.sv[2].range, 2 * 19000000.25) << "SBAS ranges are doubled on reading, never halved on writing";
+    EXPECT_EQ(std::vector<double>(
+                  {read.receiveTime, read.clkOffset, read.sv[0].snr2, read.sv[0].phase2, read.sv[0].rangeDiff2}),
+              std::vector<double>({345600000.0, 0.125, 38.5, -7.5e7, -3.5}));
+    for (int i = 0; i < 3; ++i) {
+        const Rec17Sv &a = epoch->sv[i], &b = read.sv[i];
+        EXPECT_EQ(std::vector<double>(
+                      {double(b.svId), double(b.svFlags), double(b.elevation), double(b.azimuth), b.snr, b.phase}),
+                  std::vector<double>(
+                      {double(a.svId), double(a.svFlags), double(a.elevation), double(a.azimuth), a.snr, a.phase}))
+            << i;
+        if (i < 2) {
+            EXPECT_NEAR(b.range, a.range, std::ldexp(1.0, -8)) << i;
+        }
+    }
 }
 
 TEST(Rec17RoundTrip, ARecordLongerThan255BytesIsMarkedForTheCompactCoder) {
