@@ -94,31 +94,21 @@ Epoch fullEpoch(std::uint32_t subtype, std::uint32_t time = 1000) {
 constexpr std::uint16_t kFullLength = 4 + 18 + 12 + 116 * (10 + 6 * 28);
 
 TEST(Rec35Conversion, EachSignalFlagLandsOnItsRecord27Bit) {
-    const struct {
-        std::uint32_t subtype, flags;
-        bool all;
-        std::uint32_t system;
-        std::int32_t tracking;
-        double range;
-        int flags1, flags2, flags3, length;  // flags1 -1: the satellite is not taken
-    } rows[] = {
-        {9, 0x1000, false, 0, 0, 2e7, 0x83, 0x01, 0, 28},      {9, 0x1400, false, 0, 0, 3.4e7, 0x87, 0x02, 0, 28},
-        {9, 0x1400, false, 1, 0, 3.4e7, 0x07, 0, 0, 27},       {9, 0x1F2B0, false, 0, 0, 2e7, 0xEB, 0x81, 0x7C, 29},
-        {9, 0x447, true, 0, 13, 2e7, 0x87, 0xE8, 0x03, 29},    {9, 0x400, false, 0, 0, 2e7, -1, 0, 0, 0},
-        {19, 0x400, false, 0, 0, 2e7, 0x83, 0x01, 0, 28},      {19, 0x600, false, 0, 0, 3.4e7, 0x83, 0x02, 0, 28},
-        {19, 0x7D5A, false, 0, 0, 2e7, 0xEF, 0x81, 0x7C, 29},  {19, 0, true, 0, 11, 2e7, 0x83, 0x11, 0, 28},
-        {19, 0x625, true, 0, 16, 2e7, 0x83, 0xB0, 0x03, 29},   {19, 0, false, 0, 0, 2e7, -1, 0, 0, 0},
-    };
     Rec27 out;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.subtype << " flags " << std::hex << row.flags);
-        const Epoch e{1000, 0, 1, {{5, row.system, 0, 0, 0, 0, 0, {{row.flags, row.tracking, row.range}}}}};
-        EXPECT_EQ(convert(row.subtype, e, out, row.all), 4 + 18 + 12 + (row.flags1 < 0 ? 0 : 10 + row.length));
-        ASSERT_EQ(out.nSv, row.flags1 < 0 ? 0 : 1);
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/conversion.json")["signalFlags"]) {
+        SCOPED_TRACE(row.dump());
+        const Signal signal{static_cast<std::uint32_t>(std::stoul(row["measFlags"].get<std::string>(), nullptr, 16)),
+                            row.value("trackingStatus", 0), row.value("range", 2e7)};
+        const Epoch e{1000, 0, 1, {{5, row.value("system", 0u), 0, 0, 0, 0, 0, {signal}}}};
+        const bool taken = row.contains("flags");
+        const int length = row.value("length", 0);
+        EXPECT_EQ(convert(row["subtype"], e, out, row.value("all", false)), 4 + 18 + 12 + (taken ? 10 + length : 0));
+        ASSERT_EQ(out.nSv, taken ? 1 : 0);
         const Rec27Meas& m = out.sv[0].meas[0];
-        if (row.flags1 >= 0) {
-            EXPECT_EQ(std::vector<int>({m.measFlags1, m.measFlags2, m.measFlags3, m.measBlockLen}),
-                      std::vector<int>({row.flags1, row.flags2, row.flags3, row.length}));
+        if (taken) {
+            EXPECT_EQ(nvbtest::fieldBytes(row["flags"].get<std::string>()),
+                      Bytes({m.measFlags1, m.measFlags2, m.measFlags3}));
+            EXPECT_EQ(m.measBlockLen, length);
         }
     }
     for (const std::uint32_t subtype : {9u, 19u}) EXPECT_EQ(convert(subtype, fullEpoch(subtype), out), kFullLength);
