@@ -149,24 +149,20 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
     p.vdop = 4;
     p.unitStandardDeviation = 2;
     p.latVel = 1.5;
-    const struct {
-        std::uint32_t flags, valid, fixType;
-        int positionValid, posFlags, block3, corrInfo;
-        double latVel;
-    } rows[] = {{1 | 2 | 4 | 16 | 32, 2, 4, 1, 52, 7, 3, 1.5}, {1, 0, 1, 0, 20, 0, 0, 0}};
-    for (const auto& row : rows) {
-        p.flags = row.flags;
-        p.valid = row.valid;
-        p.fixType = row.fixType;
+    const nlohmann::json& data = nvbtest::pinned("rec35/conversion.json");
+    for (const nlohmann::json& row : data["positions"]) {
+        p.flags = row["flags"];
+        p.valid = row["valid"];
+        p.fixType = row["fixType"];
         Rec29 out;
         std::uint16_t length = 0;
         ASSERT_TRUE(nvb::convertSub2ToRec29(r, out, length));
         EXPECT_EQ(std::vector<int>({out.positionValid, out.posFlags, out.block3Len, out.corrInfo, out.numSVs,
                                     out.svListLen, out.clock.blockLength}),
-                  std::vector<int>({row.positionValid, row.posFlags, row.block3, row.corrInfo, 2, 7, 21}));
+                  row["record29"].get<std::vector<int>>());
         EXPECT_EQ(std::vector<double>({out.latVel, out.pdop, out.unitVariance, out.clkDrift}),
-                  std::vector<double>({row.latVel, 5.0, 4.0, 0.5}));
-        EXPECT_EQ(length, 4 + 15 + 93 + row.block3 + 21 + 7);
+                  row["values"].get<std::vector<double>>());
+        EXPECT_EQ(length, row["length"]);
     }
     Rec29 untouched{};
     std::uint16_t length = 0;
@@ -180,18 +176,14 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
     auto& q = at<rec35_sub16_pos_t>(f.pos, 0);
     q.latPos = 90;
     q.hdop = 2;
-    const struct {
-        std::uint32_t fixType, fixMode;
-        int fixClass, flag;
-    } classes[] = {{0, 4, 9, 1}, {9, 5, 8, 1}, {26, 0, 5, 1}, {3, 0, 10, 0}};
-    for (const auto& row : classes) {
-        q.fixType = row.fixType;
-        q.fixMode = row.fixMode;
+    for (const nlohmann::json& row : data["fixClasses"]) {
+        q.fixType = row["fixType"];
+        q.fixMode = row["fixMode"];
         Rec33 out;
         ASSERT_TRUE(nvb::convertSub16ToRec33(f, out));
         const Rec33Sub14& fix = out.sub14;
         EXPECT_EQ(std::vector<int>({out.subtype, fix.fixClass, fix.flag1, fix.flag2, fix.valid}),
-                  std::vector<int>({14, row.fixClass, row.flag, row.flag, 1}));
+                  std::vector<int>({14, row["fixClass"], row["flag"], row["flag"], 1}));
         EXPECT_EQ(std::vector<double>({fix.time, fix.latitude, fix.dop[0], fix.dop[1]}),
                   std::vector<double>({1.5, M_PI / 2, std::sqrt(2.0f), std::sqrt(2.0f)}));
     }
@@ -212,17 +204,11 @@ TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelive
     position.pos.count = 0;
     ASSERT_EQ(writer.native(2, native2.get()), 0);
     const Bytes log = writer.finish();
-    const struct {
-        std::uint8_t on, sub16;
-        std::vector<std::string> seen;  // getter result/type/DAT length of each data record
-    } rows[] = {
-        {1, 0, {"57/29/116", "38/27/71", "35/35/", "38/27/73", "57/65535/"}},
-        {0, 1, {"35/35/", "35/35/", "35/33/468", "35/35/", "35/35/"}},
-    };
-    for (const auto& row : rows) {
+    // Getter result/type/DAT length of each data record, by the conversions on.
+    for (const nlohmann::json& row : nvbtest::pinned("rec35/conversion.json")["options"]) {
         nvbtest::Handle reader;
-        reader->convertRec35Sub2 = reader->convertRec35Sub9 = reader->convertRec35Sub19 = row.on;
-        reader->convertRec35Sub16 = row.sub16;
+        reader->convertRec35Sub2 = reader->convertRec35Sub9 = reader->convertRec35Sub19 = row["on"];
+        reader->convertRec35Sub16 = row["sub16"];
         std::vector<std::string> seen;
         for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get()).all) {
             if (s.type == 0) continue;  // a swallowed schema record, never converted
@@ -234,7 +220,7 @@ TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelive
             }
             EXPECT_EQ(s.processStatus, s.type == 65535 ? NVB_STATUS_NO_POSITION : 0);
         }
-        EXPECT_EQ(seen, row.seen);
+        EXPECT_EQ(seen, row["seen"].get<std::vector<std::string>>());
     }
 }
 
