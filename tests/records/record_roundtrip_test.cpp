@@ -44,15 +44,9 @@ int firstRangeBits(std::uint8_t system) {
 // Epochs as a reader leaves them, over every system and antenna, moved off the wire's grid
 // by less than half a step.
 std::vector<std::unique_ptr<Rec27>> epochsOffTheGrid() {
-    nvbtest::EpochSequenceOptions options;
-    options.maxSignals = 6;
-    nvbtest::EpochSequenceOptions full;
-    full.epochs = 1;
-    full.satellites = 116;
-    full.maxSignals = 2;
-    full.longFlags = false;
-    std::vector<nvbtest::Bytes> frames = nvbtest::makeEpochSequence(full);
-    const auto log = nvbtest::makeEpochSequence(options);
+    std::vector<nvbtest::Bytes> frames =
+        nvbtest::makeEpochSequence({.epochs = 1, .satellites = 116, .maxSignals = 2, .longFlags = false});
+    const auto log = nvbtest::makeEpochSequence({.maxSignals = 6});
     for (std::size_t i = 0; i < log.size(); i += 10) frames.push_back(log[i]);
     std::mt19937 rng(27);
     const auto off = [&](int bits) { return std::uniform_real_distribution<double>(-0.45, 0.45)(rng) * pow2(-bits); };
