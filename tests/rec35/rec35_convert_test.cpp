@@ -57,18 +57,16 @@ std::unique_ptr<nvbtest::Rec35Native> measurement(std::uint32_t subtype, const E
     for (std::uint32_t i = 0; i < e.clocks; ++i) clocks.push_back({{"rt_clktype", i}, {"systemClockOffset", 0.5 * i}});
     const nlohmann::json clock = {
         {"referenceSystem", e.referenceSystem}, {"clkOffset", 0.25}, {"clkDrift", 3.0}, {"system", clocks}};
+    // The counts of subtype 19's parallel arrays, which subtype 9 does not have.
+    std::vector<std::size_t> signals;
+    for (const Satellite& sv : e.svs) signals.push_back(sv.meas.size());
     nvbtest::setRec35(codec, native->get(),
                       {{"epoch", {{"weekNum", 2300}, {"receiveTime", e.time}, {"raimFault", 4}}},
                        {"clock", clock},
-                       {"sv", e.svs}});
-    if (subtype == 19) {
-        // The counts of the parallel arrays.
-        auto& r = *static_cast<rec35_sub19_t*>(native->get());
-        r._Na = e.clocks;
-        r._Nb = static_cast<std::uint32_t>(e.svs.size());
-        r._Nb_Na.count = r._Nb;
-        for (std::uint32_t s = 0; s < r._Nb; ++s) at<std::uint32_t>(r._Nb_Na, s) = e.svs[s].meas.size();
-    }
+                       {"sv", e.svs},
+                       {"_Na", e.clocks},
+                       {"_Nb", e.svs.size()},
+                       {"_Nb_Na", signals}});
     return native;
 }
 
