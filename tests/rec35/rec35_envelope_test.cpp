@@ -138,11 +138,7 @@ TEST(Rec35Assembly, FragmentSequencesEndAsTheStateMachineSays) {
 // Record 35 stands only in the bare levels: a framed level and a byte stream hand the
 // checksum step an empty plain frame.
 TEST(Rec35Assembly, Record35OutsideTheBareLevelsGivesStatus2) {
-    nvbtest::Encoder framed(1);
-    std::uint8_t status = 0;
-    nvb::writeRec35Fragments(*framed.get(), 12345678, 0, Bytes(50, 9), status);
-    ASSERT_EQ(status, 0);
-    const Bytes block = framed.finish();
+    const Bytes block = nvbtest::rec35Log(1, {{12345678, 0, Bytes(50, 9)}});
     const Bytes bytes = nvbtest::concat({nvbtest::junk(12), nvbtest::rec35Frame(0, 12345678, 0, Bytes(50, 9))});
     for (const auto& [stream, getter] :
          {std::pair{block, nvbtest::Getter::NvbFile}, std::pair{bytes, nvbtest::Getter::NvaByByte}}) {

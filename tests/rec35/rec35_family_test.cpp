@@ -110,24 +110,19 @@ TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
 }
 
 TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
-    nvbtest::Encoder encoder(3);
-    std::uint8_t status = 0;
     const nvbtest::Fft fft = nvbtest::fftSequence(1, 4)[0];
-    auto put = [&](std::uint64_t subsubtype, const Bytes& payload) {
-        nvb::writeRec35Fragments(*encoder.get(), 24, subsubtype, payload, status);
-    };
-    put(0, nvbtest::fftSchema(2));
-    put(2, nvbtest::fftPayload(fft));
-    put(2, nvbtest::fftPayload(fft));
-    put(1, nvbtest::fftPayload(fft));
     nvbtest::Fft zero = fft;  // residuals of the linear and hold fields all 0
     zero.gps_msecs = zero.antenna_num = 0;
     zero.mean_val = 0;
     zero.FreqData.clear();
-    const Bytes zeroResiduals = nvbtest::fftPayload(zero);
-    put(2, zeroResiduals);
-    put(5, zeroResiduals);
-    const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
+    const Bytes whole = nvbtest::fftPayload(fft), zeroResiduals = nvbtest::fftPayload(zero);
+    const Bytes log = nvbtest::rec35Log(3, {{24, 0, nvbtest::fftSchema(2)},
+                                            {24, 2, whole},
+                                            {24, 2, whole},
+                                            {24, 1, whole},
+                                            {24, 2, zeroResiduals},
+                                            {24, 5, zeroResiduals}});
+    const auto reads = nvbtest::readRec35Log(log, true);
     EXPECT_EQ(reads.statuses,
               (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0, 0}));
     ASSERT_EQ(reads.ffts.size(), 3u);
@@ -144,13 +139,10 @@ TEST(Rec35BadInput, APayloadWhoseArraysMultiplyOutPastAnyWritableRecordIsRefused
     payload.longValue(kElements).longValue(1).longArray(std::vector<std::int64_t>(kElements, 0)).longValue(0);
     for (std::int64_t i = 1; i < kElements; ++i) payload.longValue(0);
     payload.longValue(0);
-    nvbtest::Encoder encoder(3);
-    std::uint8_t status = 0;
-    nvb::writeRec35Fragments(*encoder.get(), 301, 0, Bytes(codec.schema.begin(), codec.schema.end()), status);
-    nvb::writeRec35Fragments(*encoder.get(), 301, 1, payload.bytes, status);
+    const Bytes log =
+        nvbtest::rec35Log(3, {{301, 0, Bytes(codec.schema.begin(), codec.schema.end())}, {301, 1, payload.bytes}});
     nvbtest::MessageLog quiet;
-    EXPECT_EQ(nvbtest::readRec35Log(encoder.finish(), true).statuses,
-              std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
+    EXPECT_EQ(nvbtest::readRec35Log(log, true).statuses, std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
 }
 
 // What every member of the family shares, over all 40: random records on each field's

@@ -101,11 +101,9 @@ TEST(Rec35Versions, ASecondSchemaMidwayRebuildsTheReaderForTheRecordsBehindIt) {
 }
 
 TEST(Rec35Versions, ADataRecordBeforeItsSchemaIsNotDecoded) {
-    nvbtest::Encoder encoder(3);
-    std::uint8_t status = 0;
-    nvb::writeRec35Fragments(*encoder.get(), 24, 1, nvbtest::fftPayload(nvbtest::fftSequence(1, 4)[0]), status);
+    const Bytes log = nvbtest::rec35Log(3, {{24, 1, nvbtest::fftPayload(nvbtest::fftSequence(1, 4)[0])}});
     nvbtest::MessageLog messages;
-    const auto reads = nvbtest::readRec35Log(encoder.finish());
+    const auto reads = nvbtest::readRec35Log(log);
     ASSERT_EQ(reads.all.size(), 1u);
     EXPECT_EQ(reads.all[0].processStatus, NVB_STATUS_AVRO);
     EXPECT_EQ(reads.all[0].type, NVB_NO_RECORD_TYPE);
@@ -177,14 +175,12 @@ TEST(Rec35BadInput, BadSchemaTextsAndPayloadsGiveStatus19) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        nvbtest::Encoder encoder(7);
-        std::uint8_t status = 0;
-        nvb::writeRec35Fragments(*encoder.get(), 24, 0, row.schema, status);
-        nvb::writeRec35Fragments(*encoder.get(), 24, 1, row.payload, status);
-        nvb::writeRec35Fragments(*encoder.get(), 24, 0, nvbtest::fftSchema(2), status);
-        nvb::writeRec35Fragments(*encoder.get(), 24, 1, nvbtest::fftPayload(fft), status);
+        const Bytes log = nvbtest::rec35Log(7, {{24, 0, row.schema},
+                                                {24, 1, row.payload},
+                                                {24, 0, nvbtest::fftSchema(2)},
+                                                {24, 1, nvbtest::fftPayload(fft)}});
         nvbtest::MessageLog quiet;
-        const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
+        const auto reads = nvbtest::readRec35Log(log, true);
         ASSERT_FALSE(reads.statuses.empty());
         EXPECT_EQ(reads.statuses.front(), NVB_STATUS_AVRO);
         EXPECT_EQ(reads.statuses.back(), 0);

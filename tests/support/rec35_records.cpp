@@ -3,8 +3,10 @@
 #include "common/byte_sum.h"
 #include "common/diagnostics.h"
 #include "rec35/rec35_codecs.h"
+#include "rec35/rec35_envelope.h"
 #include "support/rec35_natives.h"
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cmath>
@@ -43,6 +45,16 @@ Bytes rec35Frame(std::uint8_t code, std::uint64_t subtype, std::uint64_t subsubt
     putBigEndian(frame, nvb::byteSum(frame.data(), frame.size()), 2);
     frame.push_back(0x03);
     return frame;
+}
+
+Bytes rec35Log(std::uint8_t method, const std::vector<Rec35Piece>& records) {
+    Encoder encoder(method);
+    for (const Rec35Piece& record : records) {
+        std::uint8_t status = 0;
+        nvb::writeRec35Fragments(*encoder.get(), record.subtype, record.subsubtype, record.payload, status);
+        EXPECT_EQ(status, 0);
+    }
+    return encoder.finish();
 }
 
 Bytes rec35Dat(std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& payload) {

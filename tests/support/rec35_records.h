@@ -18,6 +18,14 @@ namespace nvbtest {
 // A record 35 frame as a receiver writes it: envelope, fragment code, piece, checksum.
 Bytes rec35Frame(std::uint8_t code, std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& piece);
 
+// A log of records 35 written as they stand, in `method`: each (subtype, subsubtype,
+// payload) cut into fragments as a receiver sends it, with no schema or prediction added.
+struct Rec35Piece {
+    std::uint64_t subtype, subsubtype;
+    Bytes payload;
+};
+Bytes rec35Log(std::uint8_t method, const std::vector<Rec35Piece>& records);
+
 // The DAT form of a record 35.
 Bytes rec35Dat(std::uint64_t subtype, std::uint64_t subsubtype, const Bytes& payload);
 
