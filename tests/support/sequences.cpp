@@ -612,12 +612,16 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
     sky.systems = shape.systems;
     const std::vector<Bytes> epochs = makeEpochSequence(sky);
     const std::vector<Rec11Wire> olderFixes = positionSequence({.count = count / 10 + 1, .seed = shape.seed});
-    const std::vector<Rec17Wire> olderEpochs = measurementSequence({.count = count / 10 + 1, .seed = shape.seed});
+    // Eight satellites keep a record 17 short of the long type.
+    const std::vector<Rec17Wire> olderEpochs =
+        measurementSequence({.count = count / 10 + 1, .seed = shape.seed}, 0.7, 8);
     // Each record as the library's reader delivers it, every satellite of an epoch kept.
     Handle reader;
     const auto read = [&reader](auto wire, std::uint32_t time) {
         wire.time = time;
-        return processFrame(reader.get(), build(wire)).dat;
+        const ReadEvent event = processFrame(reader.get(), build(wire));
+        if (!event.delivered()) throw std::logic_error("a record the reader does not deliver");
+        return event.dat;
     };
     std::vector<Bytes> log;
     for (std::size_t k = 0; k < count; ++k) {
