@@ -615,7 +615,9 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
     // Eight satellites keep a record 17 short of the long type.
     const std::vector<Rec17Wire> olderEpochs =
         measurementSequence({.count = count / 10 + 1, .seed = shape.seed}, 0.7, 8);
-    // Each record as the library's reader delivers it, every satellite of an epoch kept.
+    // Each record as the library's reader delivers it; epochs with wire doppler only, no
+    // system maps, every satellite kept.
+    constexpr nvb::Rec27ReadOptions kWholeEpoch{1, false, false, true};
     Handle reader;
     const auto read = [&reader](auto wire, std::uint32_t time) {
         wire.time = time;
@@ -625,10 +627,13 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
     };
     std::vector<Bytes> log;
     for (std::size_t k = 0; k < count; ++k) {
-        nvb::readRec27(nvb::ByteView(epochs[k]).subspan(4), *reader.get(), reader->previousEpochs, {1, false, false, true});
-        log.push_back(datOf(*reader->records.rec27));
+        const nvb::ByteView record = nvb::ByteView(epochs[k]).subspan(4);
+        if (nvb::readRec27(record, *reader.get(), reader->previousEpochs, kWholeEpoch) == 0)
+            throw std::logic_error("an epoch the reader does not read");
+        Rec27& epoch = *reader->records.rec27;
+        log.push_back(datOf(epoch));
         const std::uint32_t time = shape.firstTimeMs + static_cast<std::uint32_t>(k) * shape.intervalMs;
-        if (shape.positions) log.push_back(datOf(positionOf(*reader->records.rec27, k * shape.intervalMs / 1000.0)));
+        if (shape.positions) log.push_back(datOf(positionOf(epoch, k * shape.intervalMs / 1000.0)));
         if (shape.olderRecords && k % 10 == 0) {
             log.push_back(read(olderFixes[k / 10], time));
             log.push_back(read(olderEpochs[k / 10], time));
