@@ -108,8 +108,10 @@ private:
     bool event(double perThousand) { return options_.events && chance(perThousand / 1000.0); }
 
     SatelliteModel makeSatellite(std::size_t index) {
+        static const std::vector<std::uint8_t> sky = {0, 0, 0, 2, 2, 3, 3, 7, 7, 1, 4, 9};
+        const std::vector<std::uint8_t>& systems = options_.systems.empty() ? sky : options_.systems;
         SatelliteModel sat;
-        sat.system = options_.systems.at(index % options_.systems.size());
+        sat.system = systems[index % systems.size()];
         sat.svId = static_cast<std::uint8_t>(sat.system == 1 ? 120 + index % 39 : 1 + index % 37);
         sat.antenna = options_.riseAndSet && index % 17 == 5 ? 1 : 0;
         sat.channel = sat.system == 2 ? static_cast<std::uint8_t>(static_cast<std::int8_t>(integer(-7, 6)))

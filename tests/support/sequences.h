@@ -66,8 +66,8 @@ struct EpochSequenceOptions {
     // Off: the same satellites stay in view throughout, all on the first antenna, each with
     // maxSignals signals.
     bool riseAndSet = true;
-    // The systems of the satellites, in turn.
-    std::vector<std::uint8_t> systems{0, 0, 0, 2, 2, 3, 3, 7, 7, 1, 4, 9};
+    // The systems of the satellites, in turn; when empty, a sky of seven systems.
+    std::vector<std::uint8_t> systems;
 };
 
 // The plain record 27 frames of such a log, each written by writeEpochImage and carrying
