@@ -357,34 +357,6 @@ Bytes datOf(Record&& record) {
     return dat;
 }
 
-// The fix of a receiver that barely moves, `seconds` into the log, from the satellites of `epoch`.
-Rec29 positionOf(const Rec27& epoch, double seconds) {
-    Rec29 pos{};
-    pos.block1Len = 15;
-    pos.week = epoch.weekNum;
-    pos.time = static_cast<std::uint32_t>(epoch.receiveTime);
-    pos.positionValid = 1;
-    pos.numSVs = static_cast<std::uint8_t>(std::min<std::size_t>(epoch.nSv, 40));
-    pos.numSVsUsed = pos.numSVs;
-    pos.fixMode = 3;
-    pos.fixType = 1;
-    pos.block2Len = 93;
-    pos.latPos = 52.3 + 1e-6 * std::sin(seconds);
-    pos.lonPos = 4.9 + 1e-6 * std::cos(seconds);
-    pos.hgtPos = 12.0 + 0.01 * std::sin(seconds / 3);
-    pos.hdop = 0.8125f;
-    pos.vdop = 1.25f;
-    pos.tdop = 0.75f;
-    pos.sigmaN = 0.5f;
-    pos.sigmaE = 0.5f;
-    pos.sigmaU = 1.0f;
-    pos.rms = 0.25f;
-    pos.unitVariance = 1.0f;
-    pos.svListLen = static_cast<std::uint8_t>(1 + 3 * pos.numSVs);
-    for (int i = 0; i < pos.numSVs; ++i) pos.sv[i] = Rec29SvEntry{epoch.sv[i].svId, epoch.sv[i].rt_sattype, 0x02};
-    return pos;
-}
-
 }  // namespace
 
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {
@@ -613,6 +585,8 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
     sky.doppler = sky.longFlags = sky.clockBlock = sky.events = sky.riseAndSet = false;
     sky.systems = shape.systems;
     const std::vector<Bytes> epochs = makeEpochSequence(sky);
+    // Fixes through every optional block: corrections, auxiliary values and status, clock.
+    const std::vector<Rec29Wire> fixes = solutionSequence({.count = count, .seed = shape.seed});
     const std::vector<Rec11Wire> olderFixes = positionSequence({.count = count / 10 + 1, .seed = shape.seed});
     // Eight satellites keep a record 17 short of the long type.
     const std::vector<Rec17Wire> olderEpochs =
@@ -635,7 +609,7 @@ std::vector<Bytes> mixedDatLog(const LogShape& shape) {
         Rec27& epoch = *reader->records.rec27;
         log.push_back(datOf(epoch));
         const std::uint32_t time = shape.firstTimeMs + static_cast<std::uint32_t>(k) * shape.intervalMs;
-        if (shape.positions) log.push_back(datOf(positionOf(epoch, k * shape.intervalMs / 1000.0)));
+        if (shape.positions) log.push_back(read(fixes[k], time));
         if (shape.olderRecords && k % 10 == 0) {
             log.push_back(read(olderFixes[k / 10], time));
             log.push_back(read(olderEpochs[k / 10], time));
