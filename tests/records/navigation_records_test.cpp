@@ -67,13 +67,6 @@ TEST(SbasCheck, GivesThePublishedCheckValueOfItsPolynomial) {
 const Bytes kSbasBody = {0x24, 0x6C, 0x03, 0xD2, 0x1B, 0x00, 0x8F, 0x11, 0x3A, 0xE0, 0x07, 0x55, 0x90, 0x2C,
                          0x41, 0xFE, 0x00, 0x19, 0xB3, 0x66, 0x0D, 0x72, 0x18, 0xC4, 0x00, 0x5E, 0x2A, 0x80};
 
-// The writer sends record 25 in a compact form; a reader rebuilds the plain frame from it.
-Bytes rebuiltFrame(const Bytes& written) {
-    Handle reader;
-    nvbtest::processFrame(reader.get(), written);
-    return Bytes(reader->plainFrame.data, reader->plainFrame.data + reader->plainFrame.length);
-}
-
 Bytes sbasFrame(std::uint8_t subtype, std::uint32_t time, const Bytes& afterHead) {
     return plainFrame(25, concat({{subtype}, Body().u32(time).u16(2345).u8(131).bytes, afterHead}));
 }
@@ -115,7 +108,10 @@ TEST(SbasMessages, SubtypesGiveTheirDatLengthsAndTheWriterSendsOnlyTheMessageBit
         if (!row.behind.empty()) {
             EXPECT_EQ(copyOf(handle->records.rec25->sub2.crc), 0x123456u);
         }
-        EXPECT_EQ(rebuiltFrame(writtenFrame(got.dat)),
+        // The writer sends record 25 in a compact form; a reader rebuilds the plain frame from it.
+        Handle rebuilt;
+        processFrame(rebuilt.get(), writtenFrame(got.dat));
+        EXPECT_EQ(Bytes(rebuilt->plainFrame.data, rebuilt->plainFrame.data + rebuilt->plainFrame.length),
                   sbasFrame(row.subtype, 345600, concat({row.ahead, kSbasBody, row.behind})));
     }
 }
