@@ -18,17 +18,13 @@ using nvbtest::Bytes;
 using nvbtest::Fft;
 using nvbtest::Rec35Writer;
 
-Bytes text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
-}
-
 TEST(Rec35SchemaVersion, TheFirstQuotedVersionKeyFollowedByACommaCounts) {
     for (const nlohmann::json& row : nvbtest::pinned("rec35/schemas.json")["schemaVersions"]) {
         SCOPED_TRACE(row["text"]);
         nvbtest::MessageLog log;
         std::int64_t version = 0;
         std::uint8_t status = 0;
-        nvb::getAvroSchemaVersion(text(row["text"]), version, status);
+        nvb::getAvroSchemaVersion(nvbtest::textBytes(row["text"].get<std::string>()), version, status);
         EXPECT_EQ(status, row["version"] == 0 ? NVB_STATUS_AVRO : 0);
         if (row["version"] != 0) {
             EXPECT_EQ(version, row["version"]);
@@ -159,7 +155,7 @@ TEST(Rec35BadInput, BadSchemaTextsAndPayloadsGiveStatus19) {
     const Fft fft = nvbtest::fftSequence(1, 4)[0];
     Bytes unterminated = nvbtest::fftSchema(1);
     unterminated.pop_back();
-    Bytes notJson = text("{\"version\": 1, this is no schema");
+    Bytes notJson = nvbtest::textBytes("{\"version\": 1, this is no schema");
     notJson.push_back(0);
     Bytes truncated = nvbtest::fftPayload(fft);
     truncated.resize(truncated.size() / 2);

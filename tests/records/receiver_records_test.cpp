@@ -12,10 +12,6 @@ namespace {
 
 using namespace nvbtest;
 
-Bytes text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
-}
-
 TEST(ReceiverRecords, Record5Subtype7ReadsTheFramesOwnFirstBytesInStepsOfThree) {
     // Seven pairs: the reader walks i = 0, 3, 6 and takes frame byte i into pair byte 2i
     // and byte i + 1 into pair byte 2i + 3, counted from the pairs' start.
@@ -87,7 +83,7 @@ TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
                                           .u16(0xFFFE)
                                           .u16(300)
                                           .u32(4000000000u)
-                                          .raw(text("setting"))
+                                          .raw(textBytes("setting"))
                                           .u8(9)
                                           .bytes);
     Handle handle;
@@ -101,7 +97,7 @@ TEST(ReceiverRecords, Record15ScaledFieldsReadAsWholeNumbers) {
 // A record 19 of a row's subtype and body.
 Bytes rec19(const nlohmann::json& row) {
     return plainFrame(
-        19, concat({{row["subtype"]}, fieldBytes(row["body"].get<std::string>()), text(row.value("text", ""))}));
+        19, concat({{row["subtype"]}, fieldBytes(row["body"].get<std::string>()), textBytes(row.value("text", ""))}));
 }
 
 TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWrittenWhole) {
@@ -123,7 +119,7 @@ TEST(ReceiverRecords, Record19SubtypesGiveTheirValuesAndOnlyFiveToSevenAreWritte
         EXPECT_EQ(writtenFrame(got.dat),
                   row.contains("written") ? plainFrame(19, fieldBytes(row["written"].get<std::string>())) : wire);
     }
-    processFrame(handle.get(), plainFrame(19, concat({{8, 0x12, 0x34, 0xFF}, text("FW 5.45 BUILD 0017")})));
+    processFrame(handle.get(), plainFrame(19, concat({{8, 0x12, 0x34, 0xFF}, textBytes("FW 5.45 BUILD 0017")})));
     EXPECT_EQ(copyOf(handle->records.rec19->sub8.word), 0x1234) << "the slot byte is the word's high part";
     EXPECT_EQ(std::string(handle->records.rec19->sub8.text), "FW 5.45 BUILD 0017");
 }

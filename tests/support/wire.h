@@ -47,6 +47,10 @@ std::uint8_t statusNamed(const std::string& name);
 // Bytes of `count` values that the stream never mistakes for a start byte.
 Bytes junk(std::size_t count, std::uint8_t seed = 1);
 Bytes concat(std::initializer_list<Bytes> parts);
+// The characters of a text, no terminating zero.
+inline Bytes textBytes(std::string_view text) {
+    return Bytes(text.begin(), text.end());
+}
 // A heap copy of exactly the bytes' size, so that a read one byte past them is seen.
 std::unique_ptr<std::uint8_t[]> exactCopy(const Bytes& bytes);
 
