@@ -11,10 +11,11 @@
 #include "support/wire.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -87,21 +88,11 @@ std::string linesAfterHeader(const std::string& text, std::size_t count) {
     return text.substr(from, to - from - 1);
 }
 
-// A group of observation_lines.txt, its lines joined by newlines.
+// A group of observation_lines.json, its lines joined by newlines.
 std::string golden(const std::string& name) {
-    std::ifstream file(NVBDLL_TEST_DATA_DIR "/output/observation_lines.txt");
-    std::string line, text;
-    bool inGroup = false;
-    while (std::getline(file, line)) {
-        if (line.starts_with("== ")) {
-            if (inGroup) break;
-            inGroup = line == "== " + name;
-        } else if (inGroup) {
-            if (line.ends_with('|')) line.pop_back();
-            text += (text.empty() ? "" : "\n") + line;
-        }
-    }
-    EXPECT_TRUE(inGroup) << name;
+    static const nlohmann::json groups = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/output/observation_lines.json");
+    std::string text;
+    for (const auto& line : groups.at(name)) text += (text.empty() ? "" : "\n") + line.get<std::string>();
     return text;
 }
 
@@ -119,17 +110,13 @@ TEST(RinexValueColumn, KeepsThreeDecimalsByHandAndWideValuesByPrintf) {
 }
 
 TEST(RinexStrengthDigit, FollowsTheThresholdTablesBelow300AndSixthsOfTheStrengthFromIt) {
-    struct Case {
-        std::uint16_t strength;
-        std::uint8_t system;
-        std::uint16_t version;
-        std::uint8_t digit;
-    };
-    const Case cases[] = {{300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
-                          {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
-                          {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
-    for (const Case& c : cases) {
-        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, c.strength, c.system, c.version), c.digit) << c.strength;
+    // Strength, system, version and the digit.
+    const std::tuple<std::uint16_t, std::uint8_t, std::uint16_t, std::uint8_t> cases[] = {
+        {300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
+        {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
+        {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
+    for (const auto& [strength, system, version, digit] : cases) {
+        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, strength, system, version), digit) << strength;
     }
 }
 
