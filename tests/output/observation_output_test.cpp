@@ -47,7 +47,7 @@ Rec27Meas& signal(Rec27Sv& sv, std::uint8_t band, std::uint8_t track, double ran
     return meas;
 }
 
-// An epoch `offsetMs` after the start with an L1 C/A signal of each GPS satellite, after its count of slips.
+// An epoch `offsetMs` after the start: one L1 C/A signal of each GPS satellite, with that satellite's slip count.
 ImageEpoch gpsEpoch(double offsetMs, std::initializer_list<std::pair<std::uint8_t, std::uint8_t>> satellites) {
     ImageEpoch epoch;
     epoch.rec->receiveTime = kStartMs + offsetMs;
