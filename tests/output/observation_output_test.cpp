@@ -92,7 +92,7 @@ std::string linesAfterHeader(const std::string& text, std::size_t count) {
 std::string golden(const std::string& name) {
     static const nlohmann::json groups = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/output/observation_lines.json");
     std::string text;
-    for (const auto& line : groups.at(name)) text += (text.empty() ? "" : "\n") + line.get<std::string>();
+    for (const auto& line : groups.at(name)) text.append(text.empty() ? "" : "\n").append(line.get<std::string>());
     return text;
 }
 
