@@ -46,8 +46,7 @@ TEST(Dispatch, EndByteChecksumAndTypeDecideWhatIsDelivered) {
     for (const Case& c : cases) {
         Handle handle;
         handle->blockLevel = c.blockLevel;
-        standFrame(handle.get(), c.frame);
-        const nvbtest::Processed result = process(handle.get());
+        const nvbtest::Processed result = process(handle.get(), c.frame);
         EXPECT_EQ(result.length, c.length) << c.what;
         EXPECT_EQ(result.type, c.type) << c.what;
         EXPECT_EQ(result.status, c.status) << c.what;
@@ -66,8 +65,7 @@ TEST(Retrieve, OpaqueBodiesComeBackAsTheirDatFormAndAWrongTypeWritesNothing) {
         {plainFrame(16, concat({{0x07}, head})), shortDat(16, 0x07, head), true}};
     for (const auto& [frame, dat, told] : cases) {
         Handle handle;
-        standFrame(handle.get(), frame);
-        ASSERT_EQ(process(handle.get()).length, dat.size());
+        ASSERT_EQ(process(handle.get(), frame).length, dat.size());
         Bytes out(dat.size());
         EXPECT_EQ(nvbdll_retrieveDATRecord(handle.get(), dat[3], out.data()), told);
         EXPECT_EQ(out, dat);

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 
 namespace {
 
 using nvbtest::Bytes;
 using nvbtest::Encoder;
+using nvbtest::readLog;
 
 // Level 3 takes the level the host sets: the highest of zlib, a middling one elsewhere.
 Bytes writeLog(const std::vector<Bytes>& dats, std::uint8_t method, std::uint8_t level = 0) {
@@ -17,12 +19,6 @@ Bytes writeLog(const std::vector<Bytes>& dats, std::uint8_t method, std::uint8_t
     encoder->explicitLevel = method == 3 ? 9 : 5;
     for (const Bytes& dat : dats) encoder.put(dat);
     return encoder.finish();
-}
-
-std::vector<Bytes> readLog(const Bytes& log, std::uint8_t dopplerControl = 3) {
-    nvbtest::Handle handle;
-    handle->dopplerControl = dopplerControl;
-    return nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
 }
 
 // What a host feeds back of retrieved records: epochs with their true satellite count.
@@ -39,13 +35,19 @@ const std::vector<Bytes>& canonicalLog() {
 
 class LogRoundTrip : public ::testing::TestWithParam<int> {};
 
-TEST_P(LogRoundTrip, EveryLevelGivesBackTheSameDatRecords) {
+TEST_P(LogRoundTrip, EveryLevelGivesBackTheSameDatRecordsAndATornLogThoseBeforeTheCut) {
     const std::vector<Bytes>& expected = canonicalLog();
     ASSERT_GT(expected.size(), 1500u);
+    std::mt19937 random(static_cast<std::uint32_t>(GetParam()));
     for (const std::uint8_t level : {0, 1, 2, 3}) {
-        const auto read = readLog(writeLog(fedBack(expected), static_cast<std::uint8_t>(GetParam()), level));
+        const Bytes log = writeLog(fedBack(expected), static_cast<std::uint8_t>(GetParam()), level);
+        const auto read = readLog(log);
         ASSERT_EQ(read.size(), expected.size()) << "level " << int(level);
         for (std::size_t i = 0; i < read.size(); ++i) ASSERT_EQ(read[i], expected[i]) << "record " << i;
+        const std::size_t cut = random() % log.size();
+        const auto torn = readLog(Bytes(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(cut)));
+        ASSERT_LE(torn.size(), read.size());
+        for (std::size_t i = 0; i < torn.size(); ++i) ASSERT_EQ(torn[i], read[i]) << "cut at " << cut;
     }
 }
 
@@ -57,7 +59,10 @@ TEST(LogRoundTripDifferences, EpochsComeBackCountingOnlyFirstAntennaSatellites) 
     // front of the satellites then holds the GPS satellites alone. Everything else is equal.
     const auto original = nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 20, .positions = false,
                                                                   .olderRecords = false, .opaqueRecords = false});
-    const auto read = readLog(writeLog(original, 7), 1);
+    nvbtest::Handle handle;
+    handle->dopplerControl = 1;
+    const auto read =
+        nvbtest::deliveredDat(nvbtest::readStream(handle.get(), writeLog(original, 7), nvbtest::Getter::NvbFile));
     ASSERT_EQ(read.size(), original.size());
     for (std::size_t i = 0; i < read.size(); ++i) {
         ASSERT_EQ(read[i].size(), original[i].size());
@@ -74,8 +79,6 @@ constexpr std::size_t kTimeOffset = 4 + 1 + 2;  // behind the header, header len
 // the satellite block, then the signal up to its slip count.
 constexpr std::size_t kFirstSignalFlagsOffset = 4 + 17 + 4 + 10 + 26;
 
-void setTime(Bytes& dat, double time) { std::memcpy(dat.data() + kTimeOffset, &time, sizeof time); }
-
 double timeOf(const Bytes& dat) {
     double time = 0;
     std::memcpy(&time, dat.data() + kTimeOffset, sizeof time);
@@ -89,10 +92,9 @@ std::vector<Bytes> strayingEpochs() {
                                                         .olderRecords = false, .opaqueRecords = false,
                                                         .systems = {0}});
     const double strays[] = {0, 4, -5, 5, -6, 4, 0};  // at 0 s, 30 s, 60 s, ... 180 s; whole ms on the wire
-    for (std::size_t k = 0; k < dats.size(); ++k) {
-        double time = timeOf(dats[k]);
-        if (k % 30 == 0) time += strays[k / 30];
-        setTime(dats[k], time);
+    for (std::size_t k = 0; k < dats.size(); k += 30) {
+        const double time = timeOf(dats[k]) + strays[k / 30];
+        std::memcpy(dats[k].data() + kTimeOffset, &time, sizeof time);
     }
     dats[31][kFirstSignalFlagsOffset] |= 0x08;
     return dats;

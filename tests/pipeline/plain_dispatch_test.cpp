@@ -9,11 +9,6 @@ namespace {
 
 using namespace nvbtest;
 
-Processed process(nvb_expand_t* state, const Bytes& frame) {
-    standFrame(state, frame);
-    return nvbtest::process(state);
-}
-
 Bytes epochAt(std::uint32_t timeMs, std::uint8_t system = 0) {
     Epoch27 epoch;
     epoch.timeMs = timeMs;

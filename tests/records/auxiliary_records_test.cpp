@@ -63,12 +63,6 @@ const Case& row(std::string_view name) {
     throw std::invalid_argument("no such row");
 }
 
-std::uint8_t refusal(const Bytes& dat) {
-    std::uint8_t status = 0;
-    EXPECT_EQ(nvbtest::writtenFrame(dat, &status), Bytes());
-    return status;
-}
-
 TEST(AuxiliaryRoundTrip, EveryTypeComesBackByteForByteThroughItsDatFormInEveryMethod) {
     std::vector<nvbtest::NamedFrame> frames;
     for (const Case& c : realisticRecords()) frames.push_back({c.name, c.frame});
@@ -155,7 +149,7 @@ TEST(Rec32Reader, LeavesWhatAShorterSubtypeDoesNotReachAndRefusesUnknownSubtypes
     const nvbtest::ReadEvent unknown = nvbtest::processFrame(handle.get(), plainFrame(32, {7, 1, 2}, false));
     EXPECT_EQ(unknown.type, 32);
     EXPECT_EQ(unknown.datLength, 0u);
-    EXPECT_EQ(refusal(nvbtest::shortDat(32, 0, {7})), NVB_STATUS_NOT_WRITABLE);
+    EXPECT_EQ(nvbtest::refusal(nvbtest::shortDat(32, 0, {7})), NVB_STATUS_NOT_WRITABLE);
 }
 
 // Record 20 has no structure of its own and no reader: its DAT fields go out from the
@@ -169,7 +163,7 @@ TEST(Rec20, WritesItsDatFieldsFromTheGenericAreaAndReadsAsUnknown) {
     const Bytes frame0 = nvbtest::writtenFrame(zero);
     EXPECT_EQ(frame0, plainFrame(20, Body().u8(0).u32(123457).u16(3).u16(4).u16(5).u16(6).u32(7).bytes, false));
     EXPECT_EQ(nvbtest::writtenFrame(one), plainFrame(20, Body().u8(1).u32(123457).raw(text(30)).bytes, false));
-    EXPECT_EQ(refusal(nvbtest::shortDat(20, 2, Bytes(20))), NVB_STATUS_NOT_WRITABLE);
+    EXPECT_EQ(nvbtest::refusal(nvbtest::shortDat(20, 2, Bytes(20))), NVB_STATUS_NOT_WRITABLE);
     nvbtest::Handle handle;
     const nvbtest::ReadEvent read = nvbtest::processFrame(handle.get(), frame0);
     EXPECT_EQ(read.type, 65535);
@@ -211,13 +205,10 @@ TEST(AuxiliaryBadInput, CountsAndPayloadsADamagedRecordPushesPastTheStructureAre
 
     // DAT forms that claim more than the structures hold are refused whole.
     const auto dat = [](std::uint8_t type, std::size_t length, std::size_t at, const Bytes& bytes) {
-        Bytes out(length, 0);
-        out[0] = 0x74;
-        out[1] = static_cast<std::uint8_t>(length);
-        out[2] = type == 34 || type == 98 || type == 99 ? static_cast<std::uint8_t>(length >> 8) : 0;
-        out[3] = type;
-        std::copy(bytes.begin(), bytes.end(), out.begin() + static_cast<std::ptrdiff_t>(at));
-        return out;
+        Bytes body(length - 4, 0);
+        std::copy(bytes.begin(), bytes.end(), body.begin() + static_cast<std::ptrdiff_t>(at - 4));
+        const bool high = type == 34 || type == 98 || type == 99;
+        return nvbtest::shortDat(type, high ? static_cast<std::uint8_t>(length >> 8) : 0, body);
     };
     nvbtest::Encoder encoder(1);
     for (const Bytes& overfull : {dat(40, 11 + 9 * 21, 10, {21}), dat(34, 8 + 12 * 105, 4, {1, 0, 0, 105}),
@@ -231,7 +222,7 @@ TEST(AuxiliaryBadInput, CountsAndPayloadsADamagedRecordPushesPastTheStructureAre
     EXPECT_EQ(encoder->records.rec102->count, 24) << "cut, and not written in any case";
     Bytes longest = nvbtest::shortDat(31, 0, Bytes(4 + 247, 0x20));
     longest[4 + 3] = 247;
-    EXPECT_EQ(refusal(longest), NVB_STATUS_NOT_WRITABLE) << "a frame of 257 bytes";
+    EXPECT_EQ(nvbtest::refusal(longest), NVB_STATUS_NOT_WRITABLE) << "a frame of 257 bytes";
 }
 
 }  // namespace

@@ -6,10 +6,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -20,8 +20,6 @@ using nvbtest::addSignal;
 using nvbtest::EpochReader;
 using nvbtest::kPlainOptions;
 using nvbtest::newEpoch;
-
-const auto pow2 = [](int e) { return std::ldexp(1.0, e); };
 
 // An epoch of `count` GPS satellites with one signal each.
 std::unique_ptr<Rec27> epochOf(int count) {
@@ -48,127 +46,87 @@ TEST(Rec27Limits, SevenSignalsOnTheLastSatelliteReadNothingAfterTheOthersAreFill
     EXPECT_EQ(+reader.epoch().sv[1].meas[0].range, 2e7);
 }
 
-TEST(Rec27Ranges, TheRolloverAppliesAboveItsValueAndOnlyInTheNveForm) {
+// The byte-stream form has no flag byte for a range past 32 bits: it loses its top (see
+// the epoch table), and the log stream hears of it once, not per epoch.
+TEST(Rec27Ranges, ARangePastTheByteStreamFormIsReportedOnce) {
     auto epoch = newEpoch(1000.0);
-    addSignal(addSatellite(*epoch, 1, 0), 0, 0, 33554431.0, 0.0);
-    addSignal(addSatellite(*epoch, 2, 0), 0, 0, 33554431.3, 0.0);
     addSignal(addSatellite(*epoch, 3, 0), 0, 0, 33554433.0, 0.0);
     EpochReader reader;
-    ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
-    const Rec27& read = reader.epoch();
-    EXPECT_EQ(+read.sv[0].meas[0].range, 33554431.0);
-    EXPECT_EQ(read.sv[0].meas[0].measFlags1 & 0x80, 0) << "exactly the rollover value is coded directly";
-    EXPECT_NEAR(+read.sv[1].meas[0].range, 33554431.3, pow2(-8));
-    EXPECT_EQ(read.sv[1].meas[0].measFlags2, 0x02);
-    EXPECT_EQ(read.sv[1].meas[0].measBlockLen, 28);
-    EXPECT_EQ(+read.sv[2].meas[0].range, 33554433.0);
-
-    // The byte-stream form has no flag byte for it: a range past 32 bits loses its top,
-    // and the log stream hears of it once, not per epoch.
     const nvbtest::MessageLog log;
     ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
     ASSERT_GT(reader.read(*epoch, kPlainOptions, 0), 0);
-    EXPECT_NEAR(+reader.epoch().sv[1].meas[0].range, 33554431.3, pow2(-8));
-    EXPECT_EQ(+reader.epoch().sv[2].meas[0].range, 33554433.0 - 33554432.0);
     const std::string text = log.text();
     EXPECT_EQ(text.rfind("Warning: ", 0), 0u) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "said once";
 }
 
-const nlohmann::json& data() {
-    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/measurement.json");
-    return json;
-}
-
-std::uint8_t hexByte(const nlohmann::json& text) {
-    return static_cast<std::uint8_t>(std::stoul(text.get<std::string>(), nullptr, 16));
-}
-
-TEST(Rec27Ranges, DifferencesBeyond100MetresTakeThreeBytesAndBothFlagsWhereTheFormHasThem) {
-    for (const nlohmann::json& c : data()["rangeDifferences"]) {
-        auto epoch = newEpoch(1000.0);
-        Rec27Sv& sv = addSatellite(*epoch, 3, 0);
-        addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, 1, 2, 21000000.0 + c["difference"].get<double>(), 0.0);
-        EpochReader reader;
-        ASSERT_GT(reader.read(*epoch, kPlainOptions, c["form"]), 0);
-        const Rec27Meas& second = reader.epoch().sv[0].meas[1];
-        EXPECT_NEAR(+second.range, 21000000.0 + c["read"].get<double>(), pow2(-9)) << c;
-        EXPECT_EQ(std::vector<int>({second.measFlags1, second.measFlags2, second.measBlockLen}),
-                  std::vector<int>({hexByte(c["flags1"]), hexByte(c["flags2"]), c["blockLength"]}))
-            << c;
+// An epoch of a row of data/records/measurement.json, with its defaults.
+std::unique_ptr<Rec27> epochFrom(const nlohmann::json& row) {
+    auto epoch = newEpoch(row.value("time", 1000.0), row.value("clock", 0.0f));
+    if (row.value("clockBlock", false)) {
+        epoch->epochFlags = 0x20;
+        epoch->clock.blockLength = 3;
     }
-}
-
-TEST(Rec27Ranges, AWrappedDifferenceOfOldReceiversIsRepairedOnlyWhereItArose) {
-    for (const nlohmann::json& c : data()["wrappedDifferences"]) {
-        auto epoch = newEpoch(1000.0);
-        if (c["clockBlock"]) {
-            epoch->epochFlags = 0x20;
-            epoch->clock.blockLength = 3;
+    for (const nlohmann::json& sat : row["satellites"]) {
+        Rec27Sv& sv = addSatellite(*epoch, sat["id"], sat["system"]);
+        for (const nlohmann::json& s : sat["signals"]) {
+            Rec27Meas& meas = addSignal(sv, s.value("band", 0), s.value("track", 0), s.value("range", 2e7),
+                                        s.value("phase", 0.0), s.value("flags", 0x03));
+            if (s.contains("flags2")) addFlags2(meas, s["flags2"]);
+            meas.slipCount = s.value("slipCount", 0);
+            if (s.contains("wire")) {
+                meas.measFlags1 |= 0x04;
+                meas.doppler = s["wire"];
+            }
         }
-        Rec27Sv& sv = addSatellite(*epoch, c["svId"], c["system"]);
-        addSignal(sv, 0, 0, 21000000.0, 0.0);
-        addSignal(sv, c["band"], c["track"], 21000000.0 - 40.0, 0.0);
+    }
+    return epoch;
+}
+
+// A field of an epoch by its path: "nSv", "sv[1].svId", "sv[0].meas[2].doppler".
+double fieldAt(const Rec27& epoch, const std::string& path) {
+    int i = 0, j = 0;
+    char name[32] = {};
+    if (std::sscanf(path.c_str(), "sv[%d].meas[%d].%31s", &i, &j, name) == 3) {
+        const Rec27Meas& m = epoch.sv[i].meas[j];
+        return std::map<std::string, double>{{"range", +m.range},
+                                             {"phase", +m.phase},
+                                             {"doppler", +m.doppler},
+                                             {"hasDoppler", (m.measFlags1 & 0x04) != 0},
+                                             {"measFlags1", +m.measFlags1},
+                                             {"measFlags2", +m.measFlags2},
+                                             {"measBlockLen", +m.measBlockLen}}
+            .at(name);
+    }
+    if (std::sscanf(path.c_str(), "sv[%d].%31s", &i, name) == 2) {
+        const Rec27Sv& sv = epoch.sv[i];
+        return std::map<std::string, double>{{"svId", +sv.svId}, {"rt_sattype", +sv.rt_sattype}}.at(name);
+    }
+    EXPECT_EQ(path, "nSv");
+    return epoch.nSv;
+}
+
+TEST(Rec27Reads, EachEpochOfATableRowReadsIntoTheFieldsItExpects) {
+    const nlohmann::json data = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/records/measurement.json");
+    for (const nlohmann::json& row : data["epochReads"]) {
+        SCOPED_TRACE(row["what"].get<std::string>());
+        const Rec27ReadOptions options{row.value("control", std::uint8_t{1}), row.value("map5To7", false),
+                                       row.value("map7To10", false), row.value("keepAll", true)};
         EpochReader reader;
-        ASSERT_GT(reader.read(*epoch, kPlainOptions), 0);
-        EXPECT_EQ(reader.epoch().sv[0].meas[1].range - 21000000.0, c["expected"]) << c["why"];
+        for (const nlohmann::json& step : row["epochs"]) {
+            const std::uint16_t length = reader.read(*epochFrom(step), options, row.value("form", 1u));
+            EXPECT_EQ(length, step.value("length", length)) << step["satellites"].size() << " satellites";
+            EXPECT_GT(length, 0);
+            const nlohmann::json expected = step.value("expect", nlohmann::json::object());
+            for (const auto& [path, want] : expected.items()) {
+                const bool previous = path.rfind("previous[", 0) == 0;
+                const Rec27& epoch = previous ? reader.state()->previousEpochs[path[9] - '0'] : reader.epoch();
+                const double value = want.is_boolean() ? want.get<bool>() : want.get<double>();
+                EXPECT_NEAR(fieldAt(epoch, previous ? path.substr(12) : path), value, row.value("within", 0.0))
+                    << path << " at " << step.value("time", 1000.0);
+            }
+        }
     }
-}
-
-TEST(Rec27Systems, System5BecomesSystem7WithItsSatelliteRenumbered) {
-    auto epoch = newEpoch(1000.0);
-    addSignal(addSatellite(*epoch, 3, 5), 0, 0, 2e7, 0.0);
-    addSignal(addSatellite(*epoch, 12, 5), 0, 0, 2e7, 0.0);
-    EpochReader reader;
-    ASSERT_GT(reader.read(*epoch, {1, true, false, true}), 0);
-    EXPECT_EQ(reader.epoch().sv[0].svId, 1);
-    EXPECT_EQ(reader.epoch().sv[0].rt_sattype, 7);
-    EXPECT_EQ(reader.epoch().sv[1].svId, 0) << "numbers beyond 11 have no system 7 number";
-}
-
-TEST(Rec27Systems, System7BecomesSystem10AndShiftsTheFirstB1PhaseOfSatellitesOneToFive) {
-    auto epoch = newEpoch(1000.0);
-    addSignal(addSatellite(*epoch, 2, 7), 6, 26, 2e7, 1000.0, 0x03);
-    addSignal(addSatellite(*epoch, 4, 7), 6, 26, 2e7, 1000.0, 0x43);
-    addSignal(addSatellite(*epoch, 6, 7), 6, 26, 2e7, 1000.0, 0x03);
-    Rec27Sv& notB1 = addSatellite(*epoch, 3, 7);
-    addSignal(notB1, 1, 2, 2e7, 1000.0);
-    addSignal(notB1, 6, 26, 2e7, 1000.0);
-    addSatellite(*epoch, 5, 7);  // no signals
-    EpochReader reader;
-    ASSERT_GT(reader.read(*epoch, {1, false, true, true}), 0);
-    const Rec27& read = reader.epoch();
-    EXPECT_EQ(read.sv[0].rt_sattype, 10);
-    EXPECT_EQ(+read.sv[0].meas[0].phase, 1000.5);
-    EXPECT_EQ(read.sv[0].meas[0].measFlags1, 0x43);
-    EXPECT_EQ(+read.sv[1].meas[0].phase, 999.5) << "a set bit 6 is cleared and the half cycle taken off";
-    EXPECT_EQ(read.sv[1].meas[0].measFlags1, 0x03);
-    EXPECT_EQ(+read.sv[2].meas[0].phase, 1000.0) << "satellite 6 is not shifted";
-    EXPECT_EQ(read.sv[2].rt_sattype, 10);
-    EXPECT_EQ(read.sv[3].rt_sattype, 10) << "a first signal other than B1 still changes the system";
-    EXPECT_EQ(+read.sv[3].meas[1].phase, 1000.0) << "only the first signal is looked at";
-    EXPECT_EQ(read.sv[4].rt_sattype, 7) << "a satellite without signals keeps system 7";
-}
-
-TEST(Rec27Tracking, SatellitesWhoseFirstSignalIsNotTrackedAreRemovedUnlessAllAreKept) {
-    auto epoch = newEpoch(1000.0);
-    for (std::uint8_t code = 0; code < 8; ++code) {
-        Rec27Meas& meas = addSignal(addSatellite(*epoch, static_cast<std::uint8_t>(code + 1), 0), 0, 0, 2e7, 0.0);
-        addFlags2(meas, static_cast<std::uint8_t>(code << 2));
-    }
-    EpochReader reader;
-    const std::uint16_t kept = reader.read(*epoch, {1, false, false, false});
-    ASSERT_EQ(reader.epoch().nSv, 3);
-    EXPECT_EQ(reader.epoch().sv[0].svId, 1);
-    EXPECT_EQ(reader.epoch().sv[1].svId, 5);
-    EXPECT_EQ(reader.epoch().sv[2].svId, 6);
-    EXPECT_EQ(reader.epoch().sv[3].svId, 0);
-    EXPECT_EQ(kept, 17 + 4 + 3 * (10 + 28));
-    EXPECT_EQ(reader.state()->previousEpochs[0].nSv, 8) << "the previous epoch keeps every satellite";
-
-    EXPECT_EQ(reader.read(*epoch, kPlainOptions), 17 + 4 + 8 * (10 + 28));
-    EXPECT_EQ(reader.epoch().nSv, 8);
 }
 
 TEST(Rec27Header, TheDatHeaderCarriesTheLengthOfTheBlocksAndNoLengthWithoutSatellites) {
@@ -243,76 +201,6 @@ TEST(Rec27DopplerControl, AnInvalidValueEndsTheProcessWithCode2) {
     EXPECT_EXIT(reader.read(*epoch, {0, false, false, true}), ::testing::ExitedWithCode(2),
                 "The dopplerControl in nvb_expand_t is set to an invalid value 0");
     EXPECT_EXIT(reader.read(*epoch, {4, false, false, true}), ::testing::ExitedWithCode(2), "invalid value 4");
-}
-
-// One GPS L1 signal (with the wire Doppler given, or not) at `time` and `phase`.
-std::unique_ptr<Rec27> epoch(double time, double phase, std::optional<float> doppler = std::nullopt, float clock = 0.0f,
-                             std::uint8_t slipCount = 0, std::uint8_t extraFlags = 0) {
-    auto e = newEpoch(time, clock);
-    Rec27Meas& meas = addSignal(addSatellite(*e, 5, 0), 0, 0, 2e7, phase, 0x03 | extraFlags);
-    meas.slipCount = slipCount;
-    if (doppler) {
-        meas.measFlags1 |= 0x04;
-        meas.doppler = *doppler;
-    }
-    return e;
-}
-
-TEST(Rec27Doppler, EachControlRebuildsFromThePhaseStepWhereItShould) {
-    for (const nlohmann::json& c : data()["dopplerControls"]) {
-        EpochReader fresh;
-        for (const nlohmann::json& step : c["steps"]) {
-            std::optional<float> wire;
-            if (step.contains("wire")) wire = step["wire"].get<float>();
-            fresh.read(*epoch(step["time"], step["phase"], wire, step.value("clock", 0.0f), step.value("slipCount", 0),
-                              step.value("flags", 0)),
-                       {c["control"], false, false, true});
-            const Rec27Meas& got = fresh.epoch().sv[0].meas[0];
-            const std::string what = c["what"].get<std::string>() + " at " + step["time"].dump();
-            if (step.contains("doppler")) {
-                EXPECT_FLOAT_EQ(got.doppler, step["doppler"]) << what;
-                EXPECT_EQ((got.measFlags1 & 0x04) != 0, step["flagged"]) << what;
-            }
-            if (step.contains("predicted")) {
-                EXPECT_EQ(+fresh.state()->previousEpochs[1].sv[0].meas[0].doppler, step["predicted"]) << what;
-            }
-        }
-    }
-}
-
-TEST(Rec27Doppler, ASignalNewInThisEpochHasNoDopplerUnderControlTwoOrWithoutOneOnTheWire) {
-    auto next = epoch(2000.0, 6000.0);
-    addSignal(next->sv[0], 1, 2, 2e7, 100.0, 0x07).doppler = 3.0f;
-    addSignal(next->sv[0], 2, 7, 2e7, 100.0, 0x03);
-    for (const std::uint8_t control : {3, 2}) {
-        EpochReader fresh;
-        fresh.read(*epoch(1000.0, 5000.0), {control, false, false, true});
-        fresh.read(*next, {control, false, false, true});
-        EXPECT_EQ(+fresh.epoch().sv[0].meas[1].doppler, control == 3 ? 3.0f : 0.0f);
-        EXPECT_EQ(fresh.epoch().sv[0].meas[1].measFlags1 & 0x04, control == 3 ? 0x04 : 0);
-        EXPECT_EQ(+fresh.epoch().sv[0].meas[2].doppler, 0.0f);
-        EXPECT_EQ(fresh.epoch().sv[0].meas[2].measFlags1 & 0x04, 0);
-    }
-}
-
-TEST(Rec27Doppler, PredecessorsAreFoundBySatelliteAndSignalWhereverTheyStand) {
-    EpochReader reader;
-    auto first = newEpoch(1000.0);
-    addSignal(addSatellite(*first, 5, 0), 0, 0, 2e7, 100.0);
-    Rec27Sv& other = addSatellite(*first, 5, 3);
-    addSignal(other, 2, 3, 2e7, 200.0);
-    addSignal(other, 0, 1, 2e7, 300.0);
-    reader.read(*first, {2, false, false, true});
-
-    auto second = newEpoch(2000.0);
-    Rec27Sv& moved = addSatellite(*second, 5, 3);
-    addSignal(moved, 0, 1, 2e7, 310.0);
-    addSignal(moved, 2, 3, 2e7, 220.0);
-    addSignal(addSatellite(*second, 5, 0), 0, 0, 2e7, 130.0);
-    reader.read(*second, {2, false, false, true});
-    EXPECT_EQ(+reader.epoch().sv[0].meas[0].doppler, 10.0f);
-    EXPECT_EQ(+reader.epoch().sv[0].meas[1].doppler, 20.0f);
-    EXPECT_EQ(+reader.epoch().sv[1].meas[0].doppler, 30.0f);
 }
 
 // Record 17 rebuilds Doppler by satellite alone, with no control of the host.

@@ -32,12 +32,6 @@ Bytes rec33(std::string_view name) {
     throw std::invalid_argument("no such frame");
 }
 
-std::uint8_t refusal(const Bytes& dat) {
-    std::uint8_t status = 0;
-    EXPECT_EQ(nvbtest::writtenFrame(dat, &status), Bytes());
-    return status;
-}
-
 TEST(Rec33RoundTrip, EverySubtypeComesBackByteForByteThroughItsDatFormInEveryMethod) {
     std::vector<nvbtest::NamedFrame> frames;
     for (const nlohmann::json& row : data()["frames"]) frames.push_back({row["name"].get<std::string>(), frameOf(row)});
@@ -129,9 +123,9 @@ TEST(Rec33Writer, RefusesTheRawSubtypesAndSendsSubtype16AsItsSecondByteAllows) {
         for (int i = 0; i < 16; ++i) body.push_back(0x3F);
         return nvbtest::shortDat(33, 0, body);
     };
-    for (const std::uint8_t raw : {0, 24, 31}) EXPECT_EQ(refusal(dat(raw, 0)), NVB_STATUS_NOT_WRITABLE);
-    EXPECT_EQ(refusal(dat(16, 19)), NVB_STATUS_NOT_WRITABLE);
-    EXPECT_EQ(refusal(nvbtest::shortDat(33, 0, {13, 16, 0, 0})), NVB_STATUS_NOT_WRITABLE) << "past 255 bytes";
+    for (const std::uint8_t raw : {0, 24, 31}) EXPECT_EQ(nvbtest::refusal(dat(raw, 0)), NVB_STATUS_NOT_WRITABLE);
+    EXPECT_EQ(nvbtest::refusal(dat(16, 19)), NVB_STATUS_NOT_WRITABLE);
+    EXPECT_EQ(nvbtest::refusal(nvbtest::shortDat(33, 0, {13, 16, 0, 0})), NVB_STATUS_NOT_WRITABLE) << "past 255 bytes";
     EXPECT_EQ(nvbtest::writtenFrame(dat(16, 9)), nvbtest::plainFrame(33, {16}, false)) << "the subtype byte alone";
     EXPECT_EQ(nvbtest::writtenFrame(dat(16, 8)).size(), 7 + 3 + 16u);
 }

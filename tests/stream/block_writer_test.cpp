@@ -14,20 +14,6 @@ Bytes writtenHeader(std::uint8_t tag, std::uint32_t format) {
     return header;
 }
 
-// Decodes a Huffman byte string from the root, counting the end symbols met.
-Bytes huffmanDecoded(const Bytes& coded, int& endSymbols) {
-    const void* position = nullptr;
-    std::uint8_t out[8];
-    nvb::huffmanDecodeByte(position, 0, out, true);
-    Bytes plain;
-    for (const std::uint8_t byte : coded) {
-        const int count = nvb::huffmanDecodeByte(position, byte, out, false);
-        endSymbols += count < 0 ? 1 : 0;
-        if (count > 0) plain.insert(plain.end(), out, out + count);
-    }
-    return plain;
-}
-
 std::vector<Bytes> framesOfLength(std::size_t count, std::size_t length) {
     std::mt19937 random(3);
     std::vector<Bytes> frames;
@@ -84,8 +70,16 @@ TEST(AppendToBlock, BlocksCloseBeforeTheirTargetAndHuffmanBlocksStaySmall) {
         for (std::size_t i = 0; i < writer.units().size(); ++i) {
             const WrittenUnit& unit = writer.units()[i];
             const Bytes body(unit.bytes.begin() + (i == 0 ? 27 : 10), unit.bytes.end());
-            int endSymbols = 0;
-            const std::size_t held = c.method == 1 ? body.size() : huffmanDecoded(body, endSymbols).size();
+            std::size_t held = body.size();
+            if (c.method == 2) {
+                // What the Huffman body decodes to from the root; an end symbol counts nothing.
+                const void* position = nullptr;
+                std::uint8_t out[8];
+                nvb::huffmanDecodeByte(position, 0, out, true);
+                held = 0;
+                for (const std::uint8_t byte : body)
+                    held += std::max(0, nvb::huffmanDecodeByte(position, byte, out, false));
+            }
             EXPECT_LE(held, c.target);
             if (i + 1 < writer.units().size()) {
                 EXPECT_GT(held + frames[unit.firstFrame + unit.frameCount].size(), c.target);

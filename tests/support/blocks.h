@@ -158,12 +158,9 @@ private:
     std::size_t blockFirst_ = 0;
 };
 
-// The host's reading loops of the by-byte getter, following `more`, and the file getter.
+// The host's reading loop of the by-byte getter, following `more`.
 inline std::vector<ReadEvent> readByByte(nvb_expand_t* state, const Bytes& stream) {
     return readStream(state, stream, Getter::NvbByByte);
-}
-inline std::vector<ReadEvent> readFile(nvb_expand_t* state, const Bytes& stream) {
-    return readStream(state, stream, Getter::NvbFile);
 }
 
 // What a reader gives back for frames [first, first + count) written with `method`.

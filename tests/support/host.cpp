@@ -118,14 +118,15 @@ std::string writeTempFile(const Bytes& bytes, const std::string& suffix) {
     return path;
 }
 
-void standFrame(nvb_expand_t* state, const Bytes& frame, int type) {
+void standFrame(nvb_expand_t* state, const Bytes& frame) {
     std::memset(&state->frame, 0, sizeof state->frame);
     std::copy_n(frame.begin(), std::min(frame.size(), sizeof state->frame.data), state->frame.data);
     state->frame.length = static_cast<std::uint16_t>(frame.size());
-    state->currentType = static_cast<std::uint16_t>(type >= 0 ? type : (frame.size() > 2 ? frame[2] : 0));
+    state->currentType = frame.size() > 2 ? frame[2] : 0;
 }
 
-Processed process(nvb_expand_t* state) {
+Processed process(nvb_expand_t* state, const Bytes& frame) {
+    standFrame(state, frame);
     Processed result;
     result.length = nvbdll_processNVBRecord(state, 0, &result.type, &result.status);
     return result;
@@ -182,11 +183,15 @@ Bytes writtenFrame(const Bytes& dat, std::uint8_t* status) {
     return Bytes(encoder->frame.data, encoder->frame.data + encoder->frame.length);
 }
 
+std::vector<Bytes> readLog(const Bytes& log) {
+    Handle handle;
+    return deliveredDat(readStream(handle.get(), log, Getter::NvbFile));
+}
+
 std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t method) {
     Encoder encoder(method);
     for (const Bytes& dat : dats) encoder.put(dat);
-    Handle handle;
-    return deliveredDat(readStream(handle.get(), encoder.finish(), Getter::NvbFile));
+    return readLog(encoder.finish());
 }
 
 CompactLink::CompactLink(Compress compressor, Step step) : compress_(compressor), step_(step) {
@@ -209,8 +214,7 @@ Bytes CompactLink::compress(const Bytes& plain) {
 
 std::uint8_t CompactLink::dispatch(const Bytes& compact, Bytes& plain) {
     nvb_expand_t& state = *reader_.get();
-    standFrame(&state, compact);
-    const std::uint8_t status = process(&state).status;
+    const std::uint8_t status = process(&state, compact).status;
     plain.assign(state.plainFrame.data, state.plainFrame.data + (status == 0 ? state.plainFrame.length : 0));
     return status;
 }

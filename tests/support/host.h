@@ -60,15 +60,15 @@ std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events);
 // Writes bytes to a new temporary file and returns its path.
 std::string writeTempFile(const Bytes& bytes, const std::string& suffix);
 
-// Stands a frame where a getter leaves it (type from its byte 2 unless given), and runs
-// the dispatch on what stands there.
-void standFrame(nvb_expand_t* state, const Bytes& frame, int type = -1);
+// Stands a frame where a getter leaves it, its type from its byte 2; `process` then runs
+// the dispatch on it.
+void standFrame(nvb_expand_t* state, const Bytes& frame);
 struct Processed {
     std::uint32_t length = 0;
     std::uint16_t type = 0;
     std::uint8_t status = 0xEE;
 };
-Processed process(nvb_expand_t* state);
+Processed process(nvb_expand_t* state, const Bytes& frame);
 // Stands a frame and runs the dispatch on it as a host with a getter of its own does.
 ReadEvent processFrame(nvb_expand_t* state, const Bytes& frame);
 
@@ -99,7 +99,9 @@ Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::siz
 // The frame the encoder builds from one DAT record, as it stands in a framed block;
 // empty when the record is refused, with the encoder's status in `status`.
 Bytes writtenFrame(const Bytes& dat, std::uint8_t* status = nullptr);
-// DAT records written as one log in `method` and read back whole with the default options.
+// The DAT records of a log read whole through the file getter with the default options.
+std::vector<Bytes> readLog(const Bytes& log);
+// DAT records written as one log in `method` and read back by `readLog`.
 std::vector<Bytes> writtenAndRead(const std::vector<Bytes>& dats, std::uint8_t method);
 
 // Both ends of a compact codec: the encode step's compressor, and an expand state read

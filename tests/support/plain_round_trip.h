@@ -36,6 +36,13 @@ inline std::vector<ReadEvent> expectPlainRoundTrips(const std::vector<NamedFrame
     return reads;
 }
 
+// The status of a DAT form the writer refuses, of which it writes nothing.
+inline std::uint8_t refusal(const Bytes& dat) {
+    std::uint8_t status = 0;
+    EXPECT_EQ(writtenFrame(dat, &status), Bytes());
+    return status;
+}
+
 }  // namespace nvbtest
 
 #endif

@@ -16,23 +16,8 @@
 
 namespace nvbtest {
 
-namespace {
-
-Bytes closeFrame(Bytes frame) {
-    putBigEndian(frame, nvb::byteSum(frame.data(), frame.size()), 2);
-    frame.push_back(0x03);
-    return frame;
-}
-
-void putScaled(Bytes& bytes, double value, unsigned width, int fractionBits) {
-    putBigEndian(bytes, static_cast<std::uint64_t>(wireUnits(value, fractionBits)), width);
-}
-
-}  // namespace
-
 Body& Body::scaled(double value, unsigned width, int fractionBits) {
-    putScaled(bytes, value, width, fractionBits);
-    return *this;
+    return be(static_cast<std::uint64_t>(wireUnits(value, fractionBits)), width);
 }
 
 Fields fields(const Runs& runs, unsigned seed) {
@@ -54,7 +39,9 @@ Bytes plainFrame(std::uint8_t type, const Bytes& body, bool highLengthByte) {
     Bytes frame = {0x02, static_cast<std::uint8_t>(length), type};
     if (highLengthByte) frame.push_back(static_cast<std::uint8_t>(length >> 8));
     frame.insert(frame.end(), body.begin(), body.end());
-    return closeFrame(frame);
+    putBigEndian(frame, nvb::byteSum(frame.data(), frame.size()), 2);
+    frame.push_back(0x03);
+    return frame;
 }
 
 Bytes fieldBytes(std::string_view fields) {
@@ -170,126 +157,83 @@ std::int64_t wireUnits(double value, int fractionBits) {
 }
 
 Bytes build(const Epoch27& epoch) {
-    Bytes body = {static_cast<std::uint8_t>(epoch.clockDrift ? 15 : 12)};
-    putBigEndian(body, epoch.week, 2);
-    putBigEndian(body, epoch.timeMs, 4);
-    putScaled(body, epoch.clockMs, 3, 19);
-    body.push_back(static_cast<std::uint8_t>(epoch.satellites.size()));
-    body.push_back(epoch.clockDrift ? 0x02 : 0x00);
-    if (epoch.clockDrift) putScaled(body, *epoch.clockDrift, 3, 22);
+    Body body;
+    body.u8(epoch.clockDrift ? 15 : 12).u16(epoch.week).u32(epoch.timeMs).scaled(epoch.clockMs, 3, 19);
+    body.u8(epoch.satellites.size()).u8(epoch.clockDrift ? 0x02 : 0x00);
+    if (epoch.clockDrift) body.scaled(*epoch.clockDrift, 3, 22);
     for (const Satellite27& sv : epoch.satellites) {
-        for (const int byte : {8, int{sv.svId}, sv.antenna * 64 + sv.system, int{sv.channel}, int(sv.signals.size()),
-                               int{sv.elevation}, sv.azimuth / 2, int{sv.svFlags}}) {
-            body.push_back(static_cast<std::uint8_t>(byte));
-        }
+        body.u8(8).u8(sv.svId).u8(sv.antenna * 64 + sv.system).u8(sv.channel).u8(sv.signals.size());
+        body.u8(sv.elevation).u8(sv.azimuth / 2).u8(sv.svFlags);
         const int firstBits = sv.system == 1 || sv.system == 4 ? 6 : (sv.system == 8 ? 10 : 7);
         for (std::size_t j = 0; j < sv.signals.size(); ++j) {
             const Signal27& s = sv.signals[j];
-            const std::size_t length = (j == 0 ? 17 : 15) + (s.doppler ? 3 : 0);
-            for (const std::size_t byte : {length, std::size_t{s.band}, std::size_t{s.track}}) {
-                body.push_back(static_cast<std::uint8_t>(byte));
-            }
-            putBigEndian(body, s.snr, 2);
+            body.u8((j == 0 ? 17 : 15) + (s.doppler ? 3 : 0)).u8(s.band).u8(s.track).u16(s.snr);
             if (j == 0) {
-                putScaled(body, s.range, 4, firstBits);
+                body.scaled(s.range, 4, firstBits);
             } else {
-                putScaled(body, s.range - sv.signals[0].range, 2, 8);
+                body.scaled(s.range - sv.signals[0].range, 2, 8);
             }
-            putScaled(body, s.phase, 6, 15);
-            body.push_back(s.slipCount);
-            body.push_back(static_cast<std::uint8_t>((s.flags1 & 0x7B) | (s.doppler ? 0x04 : 0x00)));
-            if (s.doppler) putScaled(body, *s.doppler, 3, 8);
+            body.scaled(s.phase, 6, 15).u8(s.slipCount).u8((s.flags1 & 0x7B) | (s.doppler ? 0x04 : 0x00));
+            if (s.doppler) body.scaled(*s.doppler, 3, 8);
         }
     }
-    return plainFrameLong(27, body);
+    return plainFrameLong(27, body.bytes);
 }
 
 Bytes build(const Rec11Wire& record) {
-    Bytes body;
-    for (const std::int32_t value :
-         {record.latitude, record.longitude, record.height, record.clockOffset, record.clockDrift}) {
-        putBigEndian(body, static_cast<std::uint32_t>(value), 4);
-    }
-    putBigEndian(body, record.pdop, 2);
-    for (const std::int32_t value : record.velocity) putBigEndian(body, static_cast<std::uint32_t>(value), 4);
-    putBigEndian(body, record.time, 4);
-    body.push_back(record.fixStatus);
-    body.push_back(static_cast<std::uint8_t>(record.svIds.size()));
-    for (const auto* list : {&record.channels, &record.svIds, &record.residuals}) {
-        body.insert(body.end(), list->begin(), list->end());
-    }
-    return plainFrame(11, body);
+    Body body;
+    body.u32(record.latitude).u32(record.longitude).u32(record.height).u32(record.clockOffset).u32(record.clockDrift);
+    body.u16(record.pdop).u32(record.velocity[0]).u32(record.velocity[1]).u32(record.velocity[2]).u32(record.time);
+    body.u8(record.fixStatus).u8(record.svIds.size()).raw(record.channels).raw(record.svIds).raw(record.residuals);
+    return plainFrame(11, body.bytes);
 }
 
 Bytes build(const Rec29Wire& record) {
-    Bytes body = {15};
-    putBigEndian(body, record.week, 2);
-    putBigEndian(body, record.time, 4);
-    for (std::uint8_t value : {record.positionValid, static_cast<std::uint8_t>(record.svs.size()), record.numSVsUsed,
-                               record.raimInfo, record.posFlags, record.fixMode, record.fixType, record.fixInfo}) {
-        body.push_back(value);
-    }
-    body.push_back(53);
-    putBigEndian(body, static_cast<std::uint64_t>(record.latitude), 6);
-    putBigEndian(body, static_cast<std::uint64_t>(record.longitude), 6);
-    for (const std::int32_t value : {record.height, record.velocity[0], record.velocity[1], record.velocity[2],
-                                     record.clockOffset, record.clockDrift}) {
-        putBigEndian(body, static_cast<std::uint32_t>(value), 4);
-    }
-    for (std::uint16_t value : record.dops) putBigEndian(body, value, 2);
-    for (std::uint16_t value : record.sigmas) putBigEndian(body, value, 2);
-    putBigEndian(body, record.rms, 2);
-    putBigEndian(body, record.unitSd, 2);
+    Body body;
+    body.u8(15).u16(record.week).u32(record.time).u8(record.positionValid).u8(record.svs.size());
+    body.u8(record.numSVsUsed).u8(record.raimInfo).u8(record.posFlags).u8(record.fixMode).u8(record.fixType);
+    body.u8(record.fixInfo).u8(53).be(record.latitude, 6).be(record.longitude, 6).u32(record.height);
+    body.u32(record.velocity[0]).u32(record.velocity[1]).u32(record.velocity[2]);
+    body.u32(record.clockOffset).u32(record.clockDrift);
+    for (const std::uint16_t value : record.dops) body.u16(value);
+    for (const std::uint16_t value : record.sigmas) body.u16(value);
+    body.u16(record.rms).u16(record.unitSd);
     if (record.fixType >= 3 && record.fixType <= 6) {
-        const std::size_t start = body.size();
-        body.push_back(0);
-        body.push_back(record.corrInfo);
-        putBigEndian(body, record.corrAge, 2);
-        body.push_back(record.corrFlags);
-        if ((record.corrFlags & 1) != 0) body.push_back(0x5A);
-        if ((record.corrFlags & 2) != 0) body.insert(body.end(), 12, 0x3F);
-        if ((record.corrFlags & 4) != 0) putBigEndian(body, 1234, 4);
-        body[start] = static_cast<std::uint8_t>(body.size() - start);
+        const std::size_t start = body.bytes.size();
+        body.u8(0).u8(record.corrInfo).u16(record.corrAge).u8(record.corrFlags);
+        if ((record.corrFlags & 1) != 0) body.u8(0x5A);
+        if ((record.corrFlags & 2) != 0) body.raw(Bytes(12, 0x3F));
+        body.bytes[start] = static_cast<std::uint8_t>(body.bytes.size() - start);
     }
     if ((record.posFlags & 0x02) != 0) {
-        body.push_back(record.block4Length);
-        putBigEndian(body, static_cast<std::uint32_t>(record.aux[0]), 4);
-        putBigEndian(body, static_cast<std::uint32_t>(record.aux[1]), 4);
-        if (record.block4Length > 9) body.push_back(record.auxStatus);
+        body.u8(record.block4Length).u32(record.aux[0]).u32(record.aux[1]);
+        if (record.block4Length > 9) body.u8(record.auxStatus);
     }
     if ((record.posFlags & 0x10) != 0) {
-        const std::size_t start = body.size();
-        body.push_back(0);
-        body.push_back(static_cast<std::uint8_t>((record.referenceSystem & 0x0F) | (record.clock.size() << 4)));
+        const std::size_t start = body.bytes.size();
+        body.u8(0).u8((record.referenceSystem & 0x0F) | (record.clock.size() << 4));
         for (const ClockTerm& term : record.clock) {
             const unsigned width = signedWidth(term.offset);
-            body.push_back(static_cast<std::uint8_t>((term.type & 0x0F) | (width << 4)));
-            putBigEndian(body, static_cast<std::uint64_t>(term.offset), width);
+            body.u8((term.type & 0x0F) | (width << 4)).be(term.offset, width);
         }
-        body[start] = static_cast<std::uint8_t>(body.size() - start);
+        body.bytes[start] = static_cast<std::uint8_t>(body.bytes.size() - start);
     }
-    body.push_back(static_cast<std::uint8_t>(1 + 3 * record.svs.size()));
-    for (const Rec29Wire::Sv& sv : record.svs) body.insert(body.end(), {sv.id, sv.system, sv.flags});
-    return plainFrameLong(29, body);
+    body.u8(1 + 3 * record.svs.size());
+    for (const Rec29Wire::Sv& sv : record.svs) body.u8(sv.id).u8(sv.system).u8(sv.flags);
+    return plainFrameLong(29, body.bytes);
 }
 
 Bytes build(const Rec17Wire& record) {
-    Bytes body;
-    putBigEndian(body, record.time, 4);
-    putBigEndian(body, static_cast<std::uint32_t>(record.clockOffset), 3);
+    Body body;
+    body.u32(record.time).be(record.clockOffset, 3);
     for (const Rec17Sat& sat : record.sats) {
-        body.insert(body.end(), {sat.svId, sat.svFlags, sat.svFlags2, sat.elevation, sat.azimuth, sat.snr});
-        putBigEndian(body, sat.range, 4);
-        putBigEndian(body, static_cast<std::uint64_t>(sat.phase), 6);
-        putBigEndian(body, static_cast<std::uint32_t>(sat.doppler), 3);
-        body.push_back(sat.reserved);
+        body.u8(sat.svId).u8(sat.svFlags).u8(sat.svFlags2).u8(sat.elevation).u8(sat.azimuth).u8(sat.snr);
+        body.u32(sat.range).be(sat.phase, 6).be(sat.doppler, 3).u8(sat.reserved);
         if ((sat.svFlags & 1) == 0) continue;
-        body.push_back(sat.snr2);
-        putBigEndian(body, static_cast<std::uint64_t>(sat.phase2), 6);
-        putBigEndian(body, static_cast<std::uint16_t>(sat.rangeDiff2), 2);
+        body.u8(sat.snr2).be(sat.phase2, 6).u16(sat.rangeDiff2);
     }
     // From 256 bytes on the length byte holds the length minus 256 and the type is 117.
-    return plainFrame(body.size() + 6 > 255 ? 117 : 17, body);
+    return plainFrame(body.bytes.size() + 6 > 255 ? 117 : 17, body.bytes);
 }
 
 // The benchmarks build these helpers without the data files; they never read this log.

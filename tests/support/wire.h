@@ -170,7 +170,7 @@ struct Rec29Wire {
     std::uint16_t unitSd = 0;       // x 2^11
     std::uint8_t corrInfo = 0;
     std::uint16_t corrAge = 0;
-    std::uint8_t corrFlags = 0;      // bits 0-2 bring correction bytes the delta can't carry
+    std::uint8_t corrFlags = 0;      // bits 0 and 1 bring correction bytes the delta can't carry
     std::uint8_t block4Length = 10;  // 9 is the older form without the status byte
     std::int32_t aux[2] = {};
     std::uint8_t auxStatus = 0;
