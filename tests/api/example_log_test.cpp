@@ -36,8 +36,7 @@ TEST(ExampleLog, WritesTheExampleLogAndReadsItBack) {
     // What the C host reads of it, its opaque records and its one damaged frame, is
     // ExampleHost.ReadsTheLogTheTestsWrote's to check; here the plain records that close it
     // read as the same frames do through the NVA file getter.
-    nvbtest::Handle handle;
-    const auto dats = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), log, nvbtest::Getter::NvbFile));
+    const auto dats = nvbtest::readLog(log);
     ASSERT_EQ(dats.size(), 10u);
     nvbtest::Handle plain;
     const auto plainDats = nvbtest::deliveredDat(

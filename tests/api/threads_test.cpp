@@ -29,8 +29,7 @@ Outcome writeAndRead(std::uint8_t method) {
     nvbtest::Encoder encoder(method);
     for (const Bytes& dat : datLog) encoder.put(dat);
     run.log = encoder.finish();
-    nvbtest::Handle handle;
-    run.read = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), run.log, nvbtest::Getter::NvbFile));
+    run.read = nvbtest::readLog(run.log);
     return run;
 }
 
