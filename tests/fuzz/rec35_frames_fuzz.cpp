@@ -11,6 +11,7 @@
 #include <nvbdll/nvbdll.h>
 
 #include "common/byte_sum.h"
+#include "host/host_encoder.h"
 #include "stream/block_writer.h"
 
 #include <algorithm>
@@ -18,17 +19,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <span>
 #include <vector>
 
 namespace {
 
 constexpr std::array<std::uint8_t, 4> kBareMethods = {3, 5, 6, 7};
 constexpr std::size_t kLongestBody = 4095 - 7;
-
-void collect(const std::uint8_t* buffer, std::uint32_t length, void* context) {
-    auto* out = static_cast<std::vector<std::uint8_t>*>(context);
-    out->insert(out->end(), buffer, buffer + length);
-}
 
 // The frame in the encoder's frame buffer, checksum and end byte included.
 void putFrame(nvb_encode_t& state, std::uint8_t type, std::uint8_t code, const std::uint8_t* body,
@@ -48,23 +45,21 @@ void putFrame(nvb_encode_t& state, std::uint8_t type, std::uint8_t code, const s
 
 std::vector<std::uint8_t> writeStream(const std::uint8_t* data, std::size_t size, std::uint8_t method) {
     std::vector<std::uint8_t> output;
-    auto* state = new nvb_encode_t();
-    nvbdll_initDATEncodeState(state);
-    state->compressionMethod = method;
-    state->writeCallback = collect;
-    state->writeContext = &output;
+    nvbtool::HostEncoder encoder(method, 0, [&output](std::span<const std::uint8_t> unit) {
+        output.insert(output.end(), unit.begin(), unit.end());
+    });
+    nvb_encode_t& state = encoder.state();
     for (std::size_t position = 0; position + 2 <= size;) {
         const std::uint16_t head = static_cast<std::uint16_t>(data[position] | (data[position + 1] << 8));
         const bool foreign = (head & 0x8000u) != 0;
         const std::size_t wanted = foreign ? (head & 0xFFu) % 200 : head & 0x0FFFu;
         const std::size_t body = std::min({wanted, size - position - 2, kLongestBody});
-        putFrame(*state, foreign ? 14 : 35, static_cast<std::uint8_t>((head >> 12) & 0x03), data + position + 2, body);
+        putFrame(state, foreign ? 14 : 35, static_cast<std::uint8_t>((head >> 12) & 0x03), data + position + 2, body);
         std::uint8_t status = 0;
-        (void)nvb::appendToBlock(*state, status);
+        (void)nvb::appendToBlock(state, status);
         position += 2 + body;
     }
-    nvbdll_finalizeDATProcessing(state);
-    nvbdll_freeEncodeState(state);
+    encoder.finish();
     return output;
 }
 

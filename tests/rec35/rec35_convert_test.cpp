@@ -7,6 +7,7 @@
 #include <nvbdll/status.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <functional>
@@ -23,19 +24,26 @@ T& at(rec35_array_t& array, std::int64_t index) {
     return static_cast<T*>(array.elements)[index];
 }
 
+// The fields of an epoch that the tests vary, by their names in the native records.
 struct Signal {
-    std::uint32_t flags;
-    std::int32_t tracking = 0;
+    std::uint32_t measFlags;
+    std::int32_t trackingStatus = 0;
     double range = 2.0e7;
     std::uint32_t blockType = 0, trackType = 0, slipCount = 0;
     double phase = 0, doppler = 0;
+    std::uint32_t snr = 450;
 };
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Signal, measFlags, trackingStatus, range, blockType, trackType, slipCount, phase,
+                                   doppler, snr)
 struct Satellite {
-    std::uint32_t svId = 5, system = 0, svFlags = 0, slips = 0;
-    std::int32_t fdma = 0;
+    std::uint32_t svId = 5, rt_sattype = 0, svFlags = 0, geomSlipCount = 0;
+    std::int32_t fdmaChannel = 0;
     double elevation = 0, azimuth = 0;
-    std::vector<Signal> signals;
+    std::vector<Signal> meas;
+    std::uint32_t antennaNumber = 1, receiverChannel = 40, ionoSlipCount = 0;
 };
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Satellite, svId, rt_sattype, svFlags, geomSlipCount, fdmaChannel, elevation, azimuth,
+                                   meas, antennaNumber, receiverChannel, ionoSlipCount)
 struct Epoch {
     std::uint32_t time = 1000, referenceSystem = 0, clocks = 1;
     std::vector<Satellite> svs;
@@ -43,67 +51,23 @@ struct Epoch {
 
 // An epoch of subtype 9, or of 19 in its parallel arrays, as a receiver fills one.
 std::unique_ptr<nvbtest::Rec35Native> measurement(std::uint32_t subtype, const Epoch& e) {
-    auto native = std::make_unique<nvbtest::Rec35Native>(codecOf(subtype), subtype == 9 ? 120 : 1000);
-    if (subtype == 9) {
-        auto& r = *static_cast<rec35_sub9_t*>(native->get());
-        r.epoch = {2300, e.time, 0, 4};
-        r.clock.referenceSystem = e.referenceSystem;
-        r.clock.clkOffset = 0.25;
-        r.clock.clkDrift = 3.0;
-        r.clock.system.count = e.clocks;
-        for (std::uint32_t i = 0; i < e.clocks; ++i) at<rec35_sub9_system_t>(r.clock.system, i) = {i, 0.5 * i};
-        r.sv.count = static_cast<std::int64_t>(e.svs.size());
-        for (std::size_t s = 0; s < e.svs.size(); ++s) {
-            const Satellite& in = e.svs[s];
-            auto& sv = at<rec35_sub9_sv_t>(r.sv, s);
-            sv = {in.svId, in.system, 1, in.fdma, 40, in.svFlags, in.slips, 0, in.azimuth, in.elevation, sv.meas};
-            sv.meas.count = static_cast<std::int64_t>(in.signals.size());
-            for (std::size_t m = 0; m < in.signals.size(); ++m) {
-                const Signal& g = in.signals[m];
-                at<rec35_sub9_meas_t>(sv.meas, m) = {g.blockType, g.trackType, g.slipCount, g.tracking, g.flags, 450, 0,
-                                                     g.range, 0, g.phase, g.doppler};
-            }
-        }
-        return native;
-    }
-    auto& r = *static_cast<rec35_sub19_t*>(native->get());
-    r._Na = e.clocks;
-    r._Nb = static_cast<std::uint32_t>(e.svs.size());
-    r.epoch__receiveTime = e.time;
-    r.epoch__weekNum = 2300;
-    r.epoch__raimFault = 4;
-    r.clock__referenceSystem = e.referenceSystem;
-    r.clock__clkOffset = 0.25;
-    const auto push = [&](const char* column, auto value) {
-        rec35_array_t& array = nvbtest::rec35Column(codecOf(19), native->get(), column);
-        at<decltype(value)>(array, array.count++) = value;
-    };
-    for (std::uint32_t i = 0; i < e.clocks; ++i) {
-        push("clock__system__rt_clktype", i);
-        push("clock__system__systemClockOffset", 0.5 * i);
-    }
-    for (const Satellite& in : e.svs) {
-        for (const auto& [column, value] : {std::pair{"sv__svId", in.svId}, {"sv__rt_sattype", in.system},
-                                            {"sv__antennaNumber", 1u}, {"sv__receiverChannel", 40u},
-                                            {"sv__svFlags", in.svFlags}, {"sv__geomSlipCount", in.slips},
-                                            {"sv__ionoSlipCount", 0u}}) {
-            push(column, value);
-        }
-        push("sv__fdmaChannel", in.fdma);
-        push("sv__azimuth", in.azimuth);
-        push("sv__elevation", in.elevation);
-        push("_Nb_Na", static_cast<std::uint32_t>(in.signals.size()));
-        for (const Signal& g : in.signals) {
-            for (const auto& [column, value] : {std::pair{"sv__meas__blockType", g.blockType}, {"sv__meas__snr", 450u},
-                                                {"sv__meas__trackType", g.trackType}, {"sv__meas__measFlags", g.flags},
-                                                {"sv__meas__slipCount", g.slipCount}}) {
-                push(column, value);
-            }
-            push("sv__meas__trackingStatus", g.tracking);
-            push("sv__meas__range", g.range);
-            push("sv__meas__phase", g.phase);
-            push("sv__meas__doppler", g.doppler);
-        }
+    const nvb::Rec35Codec& codec = codecOf(subtype);
+    auto native = std::make_unique<nvbtest::Rec35Native>(codec, subtype == 9 ? 120 : 1000);
+    nlohmann::json clocks = nlohmann::json::array();
+    for (std::uint32_t i = 0; i < e.clocks; ++i) clocks.push_back({{"rt_clktype", i}, {"systemClockOffset", 0.5 * i}});
+    const nlohmann::json clock = {
+        {"referenceSystem", e.referenceSystem}, {"clkOffset", 0.25}, {"clkDrift", 3.0}, {"system", clocks}};
+    nvbtest::setRec35(codec, native->get(),
+                      {{"epoch", {{"weekNum", 2300}, {"receiveTime", e.time}, {"raimFault", 4}}},
+                       {"clock", clock},
+                       {"sv", e.svs}});
+    if (subtype == 19) {
+        // The counts of the parallel arrays.
+        auto& r = *static_cast<rec35_sub19_t*>(native->get());
+        r._Na = e.clocks;
+        r._Nb = static_cast<std::uint32_t>(e.svs.size());
+        r._Nb_Na.count = r._Nb;
+        for (std::uint32_t s = 0; s < r._Nb; ++s) at<std::uint32_t>(r._Nb_Na, s) = e.svs[s].meas.size();
     }
     return native;
 }
@@ -122,7 +86,7 @@ Epoch fullEpoch(std::uint32_t subtype, std::uint32_t time = 1000) {
     for (std::uint32_t s = 0; s < 117; ++s) {
         e.svs.push_back({1 + s % 32, s / 32, 0, 0, 0, 30, 100, {}});
         for (std::uint32_t m = 0; m < 7; ++m) {
-            e.svs.back().signals.push_back({subtype == 9 ? kWanted9 : kWanted19, 0, 2e7 + m, m, 1, 0, 100.0 * m, 5.0});
+            e.svs.back().meas.push_back({subtype == 9 ? kWanted9 : kWanted19, 0, 2e7 + m, m, 1, 0, 100.0 * m, 5.0});
         }
     }
     return e;
@@ -243,14 +207,6 @@ TEST(Rec35Conversion, PositionsBecomeRecord29FromTheFirstUsablePositionAndRecord
     }
 }
 
-std::vector<std::shared_ptr<Rec27>> epochsOf(const Bytes& log, nvb_expand_t* state) {
-    std::vector<std::shared_ptr<Rec27>> epochs;
-    for (const nvbtest::Rec35Read& read : nvbtest::readRec35Log(log, true, state)) {
-        if (read.epoch) epochs.push_back(read.epoch);
-    }
-    return epochs;
-}
-
 TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelivers) {
     nvbtest::Rec35Writer writer(3);
     nvbtest::Rec35Native native2(codecOf(2), 2), native16(codecOf(16), 2);
@@ -278,7 +234,7 @@ TEST(Rec35Conversion, OptionsChooseWhatTheGetterAnnouncesAndWhatProcessingDelive
         reader->convertRec35Sub2 = reader->convertRec35Sub9 = reader->convertRec35Sub19 = row.on;
         reader->convertRec35Sub16 = row.sub16;
         std::vector<std::string> seen;
-        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(log, true, reader.get()).all) {
             if (s.type == 0) continue;  // a swallowed schema record, never converted
             const bool plain = s.type != 35 && !s.dat.empty();
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.type) + "/" +
@@ -300,7 +256,7 @@ TEST(Rec35Conversion, SystemSevenBecomesTenWithTheHalfCycleOfItsOddSignalUnlessT
     for (const std::uint8_t normalize : {1, 0}) {
         nvbtest::Handle reader;
         reader->mapSystem7To10 = normalize;
-        const auto epochs = epochsOf(log, reader.get());
+        const auto epochs = nvbtest::readRec35Log(log, true, reader.get()).epochs;
         ASSERT_EQ(epochs.size(), 1u);
         const Rec27Sv& sv = epochs[0]->sv[0];
         EXPECT_EQ(std::vector<double>({double(sv.rt_sattype), sv.meas[0].phase, sv.meas[1].phase,
@@ -320,7 +276,7 @@ TEST(Rec35Measurement, RangesFoldWithPhaseAndOffTheGridValuesNearTheirPrediction
         ASSERT_EQ(writer.native(19, measurement(19, {row.time, 0, 1, {{5, 0, 0, 0, 0, 0, 0, {signal}}}})->get()), 0);
     }
     nvbtest::Handle reader;
-    const auto epochs = epochsOf(writer.finish(), reader.get());
+    const auto epochs = nvbtest::readRec35Log(writer.finish(), true, reader.get()).epochs;
     ASSERT_EQ(epochs.size(), std::size(rows));
     for (std::size_t i = 0; i < epochs.size(); ++i) {
         EXPECT_EQ(double(epochs[i]->sv[0].meas[0].doppler), rows[i].decoded) << rows[i].time;
@@ -341,7 +297,7 @@ TEST(Rec35Thinning, ASlipOfADroppedEpochIsMarkedOnTheNextKeptOneOnBothPaths) {
         nvbtest::Handle reader;
         reader->measurementInterval = encodePath ? 0 : 10;
         std::vector<std::pair<double, int>> kept;
-        for (const auto& epoch : epochsOf(writer.finish(), reader.get())) {
+        for (const auto& epoch : nvbtest::readRec35Log(writer.finish(), true, reader.get()).epochs) {
             kept.emplace_back(double(epoch->receiveTime), epoch->sv[0].meas[0].measFlags1 & 0x08);
         }
         EXPECT_EQ(kept, (std::vector<std::pair<double, int>>{{0, 0}, {10000, 0x08}, {20000, 0}}));
@@ -357,7 +313,7 @@ Bytes damagedLog(const std::function<void(std::vector<std::vector<Bytes>>&)>& da
         writer.native(9, measurement(9, fullEpoch(9, t))->get());
     }
     std::vector<std::vector<Bytes>> records;
-    for (const Bytes& dat : nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()))) {
+    for (const Bytes& dat : nvbtest::readRec35Log(writer.finish()).dats) {
         const Bytes payload = nvbtest::datPayload(dat);
         std::vector<Bytes>& frames = records.emplace_back();
         for (std::size_t at = 0; at < payload.size(); at += 4000) {
@@ -401,7 +357,7 @@ TEST(Rec35Conversion, DamageCostsTheStatusOfTheTextAndEveryLaterRecordComesRight
         nvbtest::MessageLog quiet;
         nvbtest::Handle reader;
         std::vector<std::string> seen;
-        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(damagedLog(row.damage), true, reader.get())) {
+        for (const nvbtest::Rec35Read& s : nvbtest::readRec35Log(damagedLog(row.damage), true, reader.get()).all) {
             if (s.result == 38 && s.type == 0) continue;  // the schema record
             seen.push_back(std::to_string(s.result) + "/" + std::to_string(s.status) + "/" + std::to_string(s.type) +
                            "/" + std::to_string(s.processStatus));

@@ -5,9 +5,11 @@
 #include "rec35/rec35_fields.h"
 #include "support/rec35_natives.h"
 #include "support/rec35_records.h"
+#include "support/wire.h"
 
 #include <avro.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -21,35 +23,30 @@ namespace {
 using nvbtest::Bytes;
 using nvbtest::Rec35Writer;
 
+const nlohmann::json& data() {
+    static const nlohmann::json json = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/rec35/prediction.json");
+    return json;
+}
+
 TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
-    const struct {
-        const char* name;
-        int method;
-        std::vector<std::int64_t> values;
-        std::vector<std::int64_t> wire;
-    } rows[] = {
-        {"linear extrapolates from the third record on", nvb::kLinear, {10, 20, 40}, {10, 10, 10}},
-        {"hold predicts the last value", nvb::kHold, {10, 20, 40}, {10, 10, 20}},
-        {"linear on a steady ramp sends zeros after the second", nvb::kLinear, {-5, 0, 5, 10, 15}, {-5, 5, 0, 0, 0}},
-        {"differences wrap at 64 bits", nvb::kHold, {INT64_MAX, INT64_MIN, 0}, {INT64_MAX, 1, INT64_MIN}},
-        {"an unknown method leaves the values as they are", 2, {10, 20, 40}, {10, 20, 40}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const nlohmann::json& row : data()["methods"]) {
+        SCOPED_TRACE(row["name"]);
+        const int method = row["method"];
+        const auto values = row["values"].get<std::vector<std::int64_t>>();
         nvbtest::MessageLog log;
         std::int64_t outPredicted = 0, outPrevious = 0, inPredicted = 0, inPrevious = 0;
-        for (std::size_t i = 0; i < row.values.size(); ++i) {
-            std::int64_t value = row.values[i];
-            nvb::predictOutField(value, outPredicted, outPrevious, i == 0, row.method);
-            EXPECT_EQ(value, row.wire[i]) << i;
-            nvb::predictInField(value, inPredicted, inPrevious, i == 0, row.method);
-            EXPECT_EQ(value, row.values[i]) << i;
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            std::int64_t value = values[i];
+            nvb::predictOutField(value, outPredicted, outPrevious, i == 0, method);
+            EXPECT_EQ(value, row["wire"][i]) << i;
+            nvb::predictInField(value, inPredicted, inPrevious, i == 0, method);
+            EXPECT_EQ(value, values[i]) << i;
         }
         EXPECT_EQ(inPredicted, outPredicted);
         EXPECT_EQ(inPrevious, outPrevious);
-        if (row.method > 1) {
+        if (method > 1) {
             std::string expected;
-            for (std::size_t i = 0; i < 2 * row.values.size(); ++i) {
+            for (std::size_t i = 0; i < 2 * values.size(); ++i) {
                 expected += "Unknown prediction method (2) for delta encoding\n";
             }
             EXPECT_EQ(log.text(), expected);
@@ -58,32 +55,15 @@ TEST(Rec35Prediction, EachMethodSendsItsResidualsAndTheReaderUndoesThem) {
 }
 
 TEST(Rec35Prediction, FixedPointRoundsHalfAwayFromZeroUpTo2To60) {
-    const struct {
-        double value;
-        int scale;
-        std::int64_t wire;
-        std::uint8_t status;
-    } rows[] = {
-        {std::ldexp(1.0, 32), 28, std::int64_t{1} << 60, 0},
-        {-std::ldexp(1.0, 32), 28, -(std::int64_t{1} << 60), 0},
-        {std::ldexp(1.0, 33), 28, 0, NVB_STATUS_AVRO},
-        {-std::ldexp(1.0, 33), 28, 0, NVB_STATUS_AVRO},
-        {0.5, 0, 1, 0},
-        {-0.5, 0, -1, 0},
-        {0.49, 0, 0, 0},
-        {2.4, 0, 2, 0},
-        {-2.6, 0, -3, 0},
-        {1.0 / 16, 4, 1, 0},
-        {1.0 / 64, 4, 0, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.value << " at 2^" << row.scale);
+    for (const nlohmann::json& row : data()["fixedPoint"]) {
+        SCOPED_TRACE(row.dump());
+        const int scale = row["scale"];
         std::uint8_t status = 0;
-        const std::int64_t wire = nvb::scaleToWire(row.value, row.scale, status);
-        EXPECT_EQ(status, row.status);
-        if (row.status != 0) continue;
-        EXPECT_EQ(wire, row.wire);
-        EXPECT_EQ(nvb::scaleFromWire(wire, row.scale), std::ldexp(static_cast<double>(row.wire), -row.scale));
+        const std::int64_t wire = nvb::scaleToWire(row["value"], scale, status);
+        EXPECT_EQ(status, nvbtest::statusNamed(row.value("status", "OK")));
+        if (status != 0) continue;
+        EXPECT_EQ(wire, row["wire"]);
+        EXPECT_EQ(nvb::scaleFromWire(wire, scale), std::ldexp(static_cast<double>(wire), -scale));
     }
 }
 
@@ -103,13 +83,11 @@ TEST(Rec35Prediction, ArrayElementsKeepTheirOwnHistoryAndANewOneGoesWhole) {
     Rec35Writer writer(3);
     for (const auto& values : records) {
         nvbtest::Rec35Native native(codec, 4);
-        auto& msecs = static_cast<rec35_sub306_t*>(native.get())->msecs;
-        msecs.count = static_cast<std::int64_t>(values.size());
-        std::copy(values.begin(), values.end(), static_cast<std::uint32_t*>(msecs.elements));
+        nvbtest::setRec35(codec, native.get(), {{"msecs", values}});
         ASSERT_EQ(writer.native(306, native.get()), 0);
     }
     // The reader's side is the every-subtype suite's, whose arrays grow and shrink.
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish(), true));
+    const auto dats = nvbtest::readRec35Log(writer.finish(), true).dats;
     ASSERT_EQ(dats.size(), wire.size());
     for (std::size_t i = 0; i < wire.size(); ++i) {
         EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 ? 1u : 2u);
@@ -127,7 +105,7 @@ TEST(Rec35Prediction, LinearAndHoldFieldsOfARecordSendTheirResiduals) {
     for (const auto& [time, mean, antenna] : {std::tuple{10u, 10, 1u}, {20u, 20, 1u}, {40u, 40, 3u}}) {
         ASSERT_EQ(writer.fft(fft(time, mean, antenna)), 0);
     }
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+    const auto dats = nvbtest::readRec35Log(writer.finish()).dats;
     ASSERT_EQ(dats.size(), 4u);
     const nvbtest::Fft residuals[] = {fft(10, 10, 1), fft(10, 10, 0), fft(10, 20, 2)};
     for (std::size_t i = 0; i < 3; ++i) {
@@ -150,17 +128,16 @@ TEST(Rec35Prediction, DeltasWaitForAReferenceAndSubsubtypesAbove2ReadAsDeltas) {
     nvbtest::Fft zero = fft;  // residuals of the linear and hold fields all 0
     zero.gps_msecs = zero.antenna_num = 0;
     zero.mean_val = 0;
-    zero.bins.clear();
+    zero.FreqData.clear();
     const Bytes zeroResiduals = nvbtest::fftPayload(zero);
     put(2, zeroResiduals);
     put(5, zeroResiduals);
     const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
-    EXPECT_EQ(nvbtest::processStatuses(reads),
+    EXPECT_EQ(reads.statuses,
               (std::vector<std::uint8_t>{NVB_STATUS_NEED_REFERENCE, NVB_STATUS_NEED_REFERENCE, 0, 0, 0}));
-    const auto ffts = nvbtest::deliveredFfts(reads);
-    ASSERT_EQ(ffts.size(), 3u);
-    EXPECT_EQ(ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
-    EXPECT_EQ(ffts[2].gps_msecs, fft.gps_msecs);
+    ASSERT_EQ(reads.ffts.size(), 3u);
+    EXPECT_EQ(reads.ffts[1].gps_msecs, fft.gps_msecs) << "a zero residual repeats the reference";
+    EXPECT_EQ(reads.ffts[2].gps_msecs, fft.gps_msecs);
 }
 
 // Subtype 301 is meas[].week_number[][]: every element's inner arrays take the largest
@@ -177,7 +154,7 @@ TEST(Rec35BadInput, APayloadWhoseArraysMultiplyOutPastAnyWritableRecordIsRefused
     nvb::writeRec35Fragments(*encoder.get(), 301, 0, Bytes(codec.schema.begin(), codec.schema.end()), status);
     nvb::writeRec35Fragments(*encoder.get(), 301, 1, payload.bytes, status);
     nvbtest::MessageLog quiet;
-    EXPECT_EQ(nvbtest::processStatuses(nvbtest::readRec35Log(encoder.finish(), true)),
+    EXPECT_EQ(nvbtest::readRec35Log(encoder.finish(), true).statuses,
               std::vector<std::uint8_t>{NVB_STATUS_REC35_CONTENT});
 }
 
@@ -194,7 +171,7 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
     std::mt19937_64 random(c.subtype);
     constexpr int kRecords = 12;
     Rec35Writer writer(3);
-    std::vector<std::string> written;
+    std::vector<nlohmann::json> written;
     for (int i = 0; i < kRecords; ++i) {
         nvbtest::Rec35Native native(c, 3);
         nvbtest::fillRec35(c, native.get(), nvbtest::Rec35Values::Random, random);
@@ -209,16 +186,14 @@ TEST_P(Rec35EverySubtype, ARunOfRecordsReadsBackFieldForFieldPastARefusedOne) {
             }
         }
         ASSERT_EQ(writer.native(c.subtype, native.get()), 0) << i;
-        written.push_back(nvbtest::rec35WireJson(c, native.get(), true));
+        written.push_back(nvbtest::rec35Json(c, native.get()));
     }
     const auto reads = nvbtest::readRec35Log(writer.finish(), true);
-    for (const auto& read : reads) EXPECT_EQ(read.processStatus, 0);
-    const auto read = nvbtest::deliveredValues(reads);
-    ASSERT_EQ(read.size(), written.size());
-    for (std::size_t i = 0; i < read.size(); ++i) EXPECT_EQ(read[i], written[i]) << "record " << i;
-    const auto dats = nvbtest::deliveredDats(reads);
-    for (std::size_t i = 0; i < dats.size(); ++i) {
-        EXPECT_EQ(nvbtest::datSubsubtype(dats[i]), i == 0 || c.predict == nullptr ? 1u : 2u) << i;
+    for (const auto& read : reads.all) EXPECT_EQ(read.processStatus, 0);
+    ASSERT_EQ(reads.values.size(), written.size());
+    for (std::size_t i = 0; i < written.size(); ++i) EXPECT_EQ(reads.values[i], written[i]) << "record " << i;
+    for (std::size_t i = 0; i < reads.dats.size(); ++i) {
+        EXPECT_EQ(nvbtest::datSubsubtype(reads.dats[i]), i == 0 || c.predict == nullptr ? 1u : 2u) << i;
     }
 }
 

@@ -65,10 +65,10 @@ TEST_P(Rec35LogRoundTrip, ALogOfRecords35ReadsBackTheSameAndCopiesWhole) {
     const auto method = static_cast<std::uint8_t>(GetParam());
     const Bytes log = input.write(method);
     const auto reads = nvbtest::readRec35Log(log);
-    for (const auto& read : reads) EXPECT_EQ(read.processStatus, 0);
-    EXPECT_EQ(nvbtest::deliveredFfts(reads), input.ffts);
+    for (const auto& read : reads.all) EXPECT_EQ(read.processStatus, 0);
+    EXPECT_EQ(reads.ffts, input.ffts);
 
-    const std::vector<Bytes> dats = nvbtest::deliveredDats(reads);
+    const std::vector<Bytes>& dats = reads.dats;
     const Seen expected = {{0, 0}, {24, 0}, {24, 1}, {24, 2}, {24, 2},       {24, 2}, {24, 2},
                            {1, 0}, {24, 1}, {24, 2}, {24, 2}, {12345678, 4}, {0, 0}};
     EXPECT_EQ(recordsOf(dats), expected);
@@ -77,7 +77,7 @@ TEST_P(Rec35LogRoundTrip, ALogOfRecords35ReadsBackTheSameAndCopiesWhole) {
     Seen kept;
     std::copy_if(expected.begin(), expected.end(), std::back_inserter(kept),
                  [](const auto& r) { return r.second != 0; });
-    EXPECT_EQ(recordsOf(nvbtest::deliveredDats(nvbtest::readRec35Log(log, true))), kept);
+    EXPECT_EQ(recordsOf(nvbtest::readRec35Log(log, true).dats), kept);
     EXPECT_EQ(nvbtest::datPayload(dats.front()), input.raw);
     EXPECT_EQ(nvbtest::datPayload(dats.back()), input.longRaw);
     EXPECT_EQ(dats.back()[1] | (dats.back()[2] << 8), 0xFFFF) << "a long DAT form tells 65535";
@@ -86,19 +86,19 @@ TEST_P(Rec35LogRoundTrip, ALogOfRecords35ReadsBackTheSameAndCopiesWhole) {
     // Written back in copy mode, every record comes again byte for byte.
     Rec35Writer copy(method, NVB_REC35_PASSTHROUGH | NVB_REC35_COPY);
     for (const Bytes& dat : dats) EXPECT_EQ(copy.dat(dat), 0);
-    EXPECT_EQ(nvbtest::deliveredDats(nvbtest::readRec35Log(copy.finish())), dats);
+    EXPECT_EQ(nvbtest::readRec35Log(copy.finish()).dats, dats);
 }
 
 INSTANTIATE_TEST_SUITE_P(BareMethods, Rec35LogRoundTrip, ::testing::Values(3, 5, 6, 7));
 
 // One entry of the file: the schema text, the payload, and the values when they are
 // to be checked (a delta record's are residuals: it must decode whole, that is all).
-nlohmann::json jsonEntry(const Bytes& schema, const Bytes& payload, const std::string& values) {
+nlohmann::json jsonEntry(const Bytes& schema, const Bytes& payload, const nlohmann::json& values = nullptr) {
     static const char kDigits[] = "0123456789abcdef";
     std::string hex;
     for (const std::uint8_t byte : payload) hex += {kDigits[byte >> 4], kDigits[byte & 15]};
     nlohmann::json entry = {{"schema", std::string(schema.begin(), schema.end() - 1)}, {"payload", hex}};
-    if (!values.empty()) entry["values"] = nlohmann::json::parse(values);
+    if (!values.is_null()) entry["values"] = values;
     return entry;
 }
 
@@ -115,12 +115,12 @@ void appendEverySubtype(std::vector<nlohmann::json>& entries) {
         nvbtest::fillRec35(codec, delta.get(), nvbtest::Rec35Values::Random, random);
         ASSERT_EQ(writer.native(codec.subtype, reference.get()), 0);
         ASSERT_EQ(writer.native(codec.subtype, delta.get()), 0);
-        const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+        const auto dats = nvbtest::readRec35Log(writer.finish()).dats;
         ASSERT_EQ(dats.size(), 3u);
         const Bytes schema = nvbtest::datPayload(dats[0]);
         entries.push_back(
-            jsonEntry(schema, nvbtest::datPayload(dats[1]), nvbtest::rec35WireJson(codec, reference.get())));
-        entries.push_back(jsonEntry(schema, nvbtest::datPayload(dats[2]), ""));
+            jsonEntry(schema, nvbtest::datPayload(dats[1]), nvbtest::rec35Json(codec, reference.get(), true)));
+        entries.push_back(jsonEntry(schema, nvbtest::datPayload(dats[2])));
     }
 }
 
@@ -135,10 +135,10 @@ TEST(Rec35Interop, TheLibrarysSchemaAndPayloadsAreLeftForAnotherAvroReader) {
     Rec35Writer writer(7, NVB_REC35_PASSTHROUGH);
     writer.dat(nvbtest::rec35Dat(24, 0, nvbtest::fftSchema(1)));
     for (const Fft& fft : nvbtest::fftSequence(2, 3)) ASSERT_EQ(writer.fft(fft), 0);
-    const auto dats = nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish()));
+    const auto dats = nvbtest::readRec35Log(writer.finish()).dats;
     ASSERT_EQ(dats.size(), 3u);
     for (std::size_t i = 1; i < dats.size(); ++i) {
-        entries.push_back(jsonEntry(nvbtest::datPayload(dats[0]), nvbtest::datPayload(dats[i]), ""));
+        entries.push_back(jsonEntry(nvbtest::datPayload(dats[0]), nvbtest::datPayload(dats[i])));
     }
     std::ofstream out(path);
     out << nlohmann::json(entries).dump(1) << "\n";

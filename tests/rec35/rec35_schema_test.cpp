@@ -78,13 +78,13 @@ TEST(Rec35Versions, StreamSchemasOlderNewerOrEqualAreReadThroughTheRightReader) 
             for (std::size_t i = 1; i < ffts.size(); ++i) expected += perRecord;
         }
         EXPECT_EQ(messages.text(), expected);
-        EXPECT_EQ(nvbtest::processStatuses(reads), std::vector<std::uint8_t>(ffts.size(), status));
+        EXPECT_EQ(reads.statuses, std::vector<std::uint8_t>(ffts.size(), status));
         if (status != 0) continue;
         std::vector<Fft> expectedFfts = ffts;
         if (version == 1) {
             for (Fft& fft : expectedFfts) fft.antenna_num = 0;
         }
-        EXPECT_EQ(nvbtest::deliveredFfts(reads), expectedFfts);
+        EXPECT_EQ(reads.ffts, expectedFfts);
         const rec35_slot_t* slot = handle->rec35Assembly.slots[nvbtest::kFftSlot];
         EXPECT_EQ(slot->reader->resolved, c["resolved"] ? 1 : 0);
         EXPECT_EQ(slot->file_version, version);
@@ -102,7 +102,7 @@ TEST(Rec35Versions, ASecondSchemaMidwayRebuildsTheReaderForTheRecordsBehindIt) {
     writer.dat(nvbtest::rec35Dat(24, 1, nvbtest::fftPayload(ffts[3], 1)));
     std::vector<Fft> expected = ffts;
     expected[2].antenna_num = expected[3].antenna_num = 0;
-    EXPECT_EQ(nvbtest::deliveredFfts(nvbtest::readRec35Log(writer.finish(), true)), expected);
+    EXPECT_EQ(nvbtest::readRec35Log(writer.finish(), true).ffts, expected);
 }
 
 TEST(Rec35Versions, ADataRecordBeforeItsSchemaIsNotDecoded) {
@@ -111,9 +111,9 @@ TEST(Rec35Versions, ADataRecordBeforeItsSchemaIsNotDecoded) {
     nvb::writeRec35Fragments(*encoder.get(), 24, 1, nvbtest::fftPayload(nvbtest::fftSequence(1, 4)[0]), status);
     nvbtest::MessageLog messages;
     const auto reads = nvbtest::readRec35Log(encoder.finish());
-    ASSERT_EQ(reads.size(), 1u);
-    EXPECT_EQ(reads[0].processStatus, NVB_STATUS_AVRO);
-    EXPECT_EQ(reads[0].type, NVB_NO_RECORD_TYPE);
+    ASSERT_EQ(reads.all.size(), 1u);
+    EXPECT_EQ(reads.all[0].processStatus, NVB_STATUS_AVRO);
+    EXPECT_EQ(reads.all[0].type, NVB_NO_RECORD_TYPE);
     EXPECT_EQ(messages.text(),
               "Writer schema is not loaded. Cannot decode record.\n"
               "readRec35BufferContent error: 19 subtype=24 subsubtype=1\n");
@@ -125,7 +125,7 @@ TEST(Rec35Versions, APassthroughSchemaNewerThanTheLibrarysIsRefusedWithEveryReco
     EXPECT_EQ(writer.dat(nvbtest::rec35Dat(24, 0, nvbtest::fftSchema(3))), NVB_STATUS_SCHEMA);
     EXPECT_EQ(writer.fft(fft), NVB_STATUS_SCHEMA);
     EXPECT_EQ(writer.dat(nvbtest::rec35Dat(24, 1, nvbtest::fftPayload(fft, 3))), NVB_STATUS_SCHEMA);
-    EXPECT_TRUE(nvbtest::deliveredDats(nvbtest::readRec35Log(writer.finish())).empty());
+    EXPECT_TRUE(nvbtest::readRec35Log(writer.finish()).dats.empty());
 }
 
 TEST(Rec35Versions, TheWriterRefusesASecondVersionOnceItHasAResolver) {
@@ -190,11 +190,10 @@ TEST(Rec35BadInput, BadSchemaTextsAndPayloadsGiveStatus19) {
         nvb::writeRec35Fragments(*encoder.get(), 24, 1, nvbtest::fftPayload(fft), status);
         nvbtest::MessageLog quiet;
         const auto reads = nvbtest::readRec35Log(encoder.finish(), true);
-        const auto statuses = nvbtest::processStatuses(reads);
-        ASSERT_FALSE(statuses.empty());
-        EXPECT_EQ(statuses.front(), NVB_STATUS_AVRO);
-        EXPECT_EQ(statuses.back(), 0);
-        EXPECT_EQ(nvbtest::deliveredFfts(reads), std::vector<Fft>{fft});
+        ASSERT_FALSE(reads.statuses.empty());
+        EXPECT_EQ(reads.statuses.front(), NVB_STATUS_AVRO);
+        EXPECT_EQ(reads.statuses.back(), 0);
+        EXPECT_EQ(reads.ffts, std::vector<Fft>{fft});
     }
 }
 
@@ -216,7 +215,7 @@ std::vector<Fft> readWithFailureAt(std::int64_t at, const std::vector<Fft>& ffts
     Rec35Writer writer(3);
     for (const Fft& fft : ffts) writer.fft(fft);
     writer.dat(nvbtest::rec35Dat(0, 0, Bytes(9000, 4)));
-    const std::vector<Fft> read = nvbtest::deliveredFfts(nvbtest::readRec35Log(writer.finish()));
+    const std::vector<Fft> read = nvbtest::readRec35Log(writer.finish()).ffts;
     nvb::setIoReallocate(nullptr);
     return read;
 }

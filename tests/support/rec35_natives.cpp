@@ -4,8 +4,9 @@
 
 #include <nvbdll/status.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -127,68 +128,114 @@ const Rec35Field* firstOf(std::span<const Rec35Field> fields, bool arrays, std::
     return nullptr;
 }
 
-std::string number(double value, bool single) {
-    char text[40];
-    std::snprintf(text, sizeof text, single ? "%.9g" : "%.17g", value);
-    return text;
+// A field as JSON: records as objects, arrays as lists, scaled fields in native units or
+// in wire units (whole numbers on the field's grid, and a fraction off it).
+nlohmann::json jsonOf(const Rec35Field& field, const void* base, bool wire) {
+    switch (field.kind) {
+        case Kind::Unsigned:
+            return at<std::uint32_t>(base, field.offset);
+        case Kind::Signed:
+            return at<std::int32_t>(base, field.offset);
+        case Kind::Scaled: {
+            const double value = std::ldexp(at<double>(base, field.offset), wire ? field.scale : 0);
+            // On the grid a wire value is a whole number, for another reader to match exactly.
+            if (wire && value == std::trunc(value)) return static_cast<std::int64_t>(value);
+            return value;
+        }
+        case Kind::Double:
+            return at<double>(base, field.offset);
+        case Kind::Float:
+            return at<float>(base, field.offset);
+        case Kind::Record: {
+            nlohmann::json record = nlohmann::json::object();
+            for (const Rec35Field& member : field.members) {
+                record[member.name] = jsonOf(member, shifted(base, field.offset), wire);
+            }
+            return record;
+        }
+        case Kind::Bytes:
+        case Kind::Array: {
+            const auto& array = at<rec35_array_t>(base, field.offset);
+            nlohmann::json list = nlohmann::json::array();
+            for (std::int64_t i = 0; i < array.count; ++i) {
+                const void* element = elementAt(array, field, i);
+                list.push_back(field.kind == Kind::Bytes ? nlohmann::json(*static_cast<const std::uint8_t*>(element))
+                                                         : jsonOf(field.members[0], element, wire));
+            }
+            return list;
+        }
+    }
+    return nullptr;
 }
 
-// The JSON of the wire form: records as objects, arrays as lists, scaled fields as their
-// wire units (whole numbers on the field's grid, and a fraction off it).
-struct JsonWriter {
-    std::string out;
-
-    void walk(const Rec35Field& field, const void* base) {
-        switch (field.kind) {
-            case Kind::Unsigned:
-                out += std::to_string(at<std::uint32_t>(base, field.offset));
-                break;
-            case Kind::Signed:
-                out += std::to_string(at<std::int32_t>(base, field.offset));
-                break;
-            case Kind::Scaled:
-                out += number(std::ldexp(at<double>(base, field.offset), field.scale), false);
-                break;
-            case Kind::Double:
-                out += number(at<double>(base, field.offset), false);
-                break;
-            case Kind::Float:
-                out += number(at<float>(base, field.offset), true);
-                break;
-            case Kind::Bytes: {
-                const auto& array = at<rec35_array_t>(base, field.offset);
-                out += "[";
-                for (std::int64_t i = 0; i < array.count; ++i) {
-                    out += (i > 0 ? ", " : "") + std::to_string(static_cast<const std::uint8_t*>(array.elements)[i]);
-                }
-                out += "]";
-                break;
+// Sets a field from JSON in native units; an array takes as many elements as the list holds.
+void setFrom(const nlohmann::json& value, const Rec35Field& field, void* base) {
+    switch (field.kind) {
+        case Kind::Unsigned:
+            at<std::uint32_t>(base, field.offset) = value;
+            break;
+        case Kind::Signed:
+            at<std::int32_t>(base, field.offset) = value;
+            break;
+        case Kind::Scaled:
+        case Kind::Double:
+            at<double>(base, field.offset) = value;
+            break;
+        case Kind::Float:
+            at<float>(base, field.offset) = value;
+            break;
+        case Kind::Record:
+            for (const Rec35Field& member : field.members) {
+                if (value.contains(member.name)) setFrom(value[member.name], member, shifted(base, field.offset));
             }
-            case Kind::Record:
-                record(field.members, shifted(base, field.offset));
-                break;
-            case Kind::Array: {
-                const auto& array = at<rec35_array_t>(base, field.offset);
-                out += "[";
-                for (std::int64_t i = 0; i < array.count; ++i) {
-                    if (i > 0) out += ", ";
-                    walk(field.members[0], elementAt(array, field, i));
+            break;
+        case Kind::Bytes:
+        case Kind::Array: {
+            auto& array = at<rec35_array_t>(base, field.offset);
+            array.count = static_cast<std::int64_t>(value.size());
+            for (std::int64_t i = 0; i < array.count; ++i) {
+                void* element = elementAt(array, field, i);
+                if (field.kind == Kind::Bytes) {
+                    *static_cast<std::uint8_t*>(element) = value[i];
+                } else {
+                    setFrom(value[i], field.members[0], element);
                 }
-                out += "]";
-                break;
             }
+            break;
         }
     }
+}
 
-    void record(std::span<const Rec35Field> fields, const void* base) {
-        out += "{";
-        for (std::size_t i = 0; i < fields.size(); ++i) {
-            out += std::string(i > 0 ? ", " : "") + "\"" + fields[i].name + "\": ";
-            walk(fields[i], base);
+// The values along a path of names ("sv__meas__range") through objects and lists, every
+// element's in one list where a step is a list; null where a name is missing anywhere.
+nlohmann::json along(const nlohmann::json& value, std::string_view path) {
+    if (path.empty()) return value;
+    if (value.is_array()) {
+        nlohmann::json all = nlohmann::json::array();
+        for (const nlohmann::json& element : value) {
+            const nlohmann::json inner = along(element, path);
+            if (inner.is_null()) return nullptr;
+            if (inner.is_array()) {
+                all.insert(all.end(), inner.begin(), inner.end());
+            } else {
+                all.push_back(inner);
+            }
         }
-        out += "}";
+        return all;
     }
-};
+    const std::size_t end = path.find("__");
+    const std::string name(path.substr(0, end));
+    if (!value.contains(name)) return nullptr;
+    return along(value[name], end == std::string_view::npos ? "" : path.substr(end + 2));
+}
+
+// An array field of a native record by its name.
+rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name) {
+    for (const Rec35Field& field : codec.fields) {
+        if (name == field.name) return at<rec35_array_t>(native, field.offset);
+    }
+    std::abort();
+}
 
 }  // namespace
 
@@ -223,13 +270,6 @@ void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std:
     for (std::int64_t i = 0; i < svs; ++i) static_cast<std::uint32_t*>(perSatellite.elements)[i] = i == 0 ? signals : 0;
 }
 
-rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name) {
-    for (const Rec35Field& field : codec.fields) {
-        if (name == field.name) return at<rec35_array_t>(native, field.offset);
-    }
-    std::abort();
-}
-
 std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {
     std::size_t offset = 0;
     if (firstOf(codec.fields, true, offset) != nullptr) {
@@ -244,11 +284,18 @@ std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native) {
     return 0;
 }
 
-std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native, bool withVersion) {
-    JsonWriter writer;
-    if (withVersion) writer.out = "version " + std::to_string(*static_cast<const std::int64_t*>(native)) + " ";
-    writer.record(codec.fields, native);
-    return writer.out;
+nlohmann::json rec35Json(const nvb::Rec35Codec& codec, const void* native, bool wire) {
+    nlohmann::json out = nlohmann::json::object();
+    if (!wire) out["version"] = *static_cast<const std::int64_t*>(native);
+    for (const Rec35Field& field : codec.fields) out[field.name] = jsonOf(field, native, wire);
+    return out;
+}
+
+void setRec35(const nvb::Rec35Codec& codec, void* native, const nlohmann::json& values) {
+    for (const Rec35Field& field : codec.fields) {
+        const nlohmann::json value = along(values, field.name);
+        if (!value.is_null()) setFrom(value, field, native);
+    }
 }
 
 }  // namespace nvbtest

@@ -3,11 +3,10 @@
 
 #include "rec35/rec35_slot.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <random>
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace nvbtest {
 
@@ -36,18 +35,20 @@ enum class Rec35Values { Random, Smooth };
 void fillRec35(const nvb::Rec35Codec& codec, void* native, Rec35Values how, std::mt19937_64& random,
                std::uint32_t step = 0);
 
-// An array field of a native record by its name.
-rec35_array_t& rec35Column(const nvb::Rec35Codec& codec, void* native, std::string_view name);
-
 // Spoils a filled record so that the encoder must refuse it: an outer count above its
 // capacity (status 20), else a scaled value beyond 2^60 on the wire (status 19). Returns
 // the status to expect, 0 when the subtype has neither an array nor a scaled field.
 std::uint8_t spoilRec35(const nvb::Rec35Codec& codec, void* native);
 
-// The wire form of a native record as JSON, as another Avro reader decodes a reference
-// record: every long as its wire integer, bytes as a list of numbers. Two records are
-// equal field for field where their texts are, with the schema version heading them.
-std::string rec35WireJson(const nvb::Rec35Codec& codec, const void* native, bool withVersion = false);
+// A native record as JSON, version first; or its wire form, as another Avro reader decodes
+// a reference record: no version, every scaled field as its wire integer. Bytes are lists
+// of numbers. Two records are equal field for field where their JSON is.
+nlohmann::json rec35Json(const nvb::Rec35Codec& codec, const void* native, bool wire = false);
+
+// Sets the fields that `values` names, in native units and the shape of rec35Json; in a
+// record of parallel arrays a column ("sv__meas__range") takes every value along its
+// path. Arrays need the capacity.
+void setRec35(const nvb::Rec35Codec& codec, void* native, const nlohmann::json& values);
 
 }  // namespace nvbtest
 

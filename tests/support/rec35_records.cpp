@@ -4,6 +4,8 @@
 #include "rec35/rec35_codecs.h"
 #include "support/rec35_natives.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -82,18 +84,18 @@ AvroBytes& AvroBytes::longArray(const std::vector<std::int64_t>& values) {
     return longValue(0);
 }
 
-std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs) {
+std::vector<Fft> fftSequence(int count, std::size_t bins) {
     std::vector<Fft> out;
     for (int k = 0; k < count; ++k) {
         Fft fft;
-        fft.gps_msecs = 345600000u + static_cast<std::uint32_t>(k) * stepMs;
+        fft.gps_msecs = 345600000u + static_cast<std::uint32_t>(k) * 1000;
         fft.center_freq = 1575.42e6;
         fft.bin_size = 2441.40625f;
         fft.peak_freq = 1575.42e6 + 1000.0 * std::sin(k * 0.1);
         fft.peak_snr = 30.0f + static_cast<float>(k % 7);
         fft.mean_val = -60 + k % 3;
         for (std::size_t i = 0; i < bins; ++i) {
-            fft.bins.push_back(static_cast<std::int32_t>(1000 * std::cos(0.05 * static_cast<double>(i + k)) - 200));
+            fft.FreqData.push_back(static_cast<std::int32_t>(1000 * std::cos(0.05 * static_cast<double>(i + k)) - 200));
         }
         fft.antenna_num = k % 2;
         out.push_back(fft);
@@ -123,45 +125,25 @@ Bytes fftPayload(const Fft& fft, int version) {
     AvroBytes out;
     out.longValue(fft.gps_msecs).doubleValue(fft.center_freq).floatValue(fft.bin_size);
     out.doubleValue(fft.peak_freq).floatValue(fft.peak_snr).longValue(fft.mean_val);
-    out.longArray(std::vector<std::int64_t>(fft.bins.begin(), fft.bins.end()));
+    out.longArray(std::vector<std::int64_t>(fft.FreqData.begin(), fft.FreqData.end()));
     if (version >= 2) out.longValue(fft.antenna_num);
     if (version >= 3) out.doubleValue(1.5);
     return out.bytes;
 }
 
-namespace {
-
-Fft fftOf(const rec35_sub24_t& record) {
-    const auto* bins = static_cast<const std::int32_t*>(record.FreqData.elements);
-    return Fft{record.gps_msecs,
-               record.center_freq,
-               record.bin_size,
-               record.peak_freq,
-               record.peak_snr,
-               record.mean_val,
-               std::vector<std::int32_t>(bins, bins + record.FreqData.count),
-               record.antenna_num};
-}
-
-}  // namespace
+// A spectrum is the JSON of its native record.
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Fft, gps_msecs, center_freq, bin_size, peak_freq, peak_snr, mean_val, FreqData,
+                                   antenna_num)
 
 Rec35Writer::Rec35Writer(std::uint8_t method, std::uint8_t mode) : encoder(method) {
     encoder->rec35Mode = mode;
 }
 
 std::uint8_t Rec35Writer::fft(const Fft& fft) {
-    const Rec35Native native24(*nvb::rec35CodecAt(kFftSlot), static_cast<std::int64_t>(fft.bins.size()));
-    auto& r = *static_cast<rec35_sub24_t*>(native24.get());
-    r.gps_msecs = fft.gps_msecs;
-    r.center_freq = fft.center_freq;
-    r.bin_size = fft.bin_size;
-    r.peak_freq = fft.peak_freq;
-    r.peak_snr = fft.peak_snr;
-    r.mean_val = fft.mean_val;
-    r.FreqData.count = static_cast<std::int64_t>(fft.bins.size());
-    std::copy(fft.bins.begin(), fft.bins.end(), static_cast<std::int32_t*>(r.FreqData.elements));
-    r.antenna_num = fft.antenna_num;
-    return native(24, &r);
+    const nvb::Rec35Codec& codec = *nvb::rec35CodecAt(kFftSlot);
+    const Rec35Native native24(codec, static_cast<std::int64_t>(fft.FreqData.size()));
+    setRec35(codec, native24.get(), fft);
+    return native(24, native24.get());
 }
 
 std::uint8_t Rec35Writer::native(std::uint32_t subtype, void* record) {
@@ -181,20 +163,22 @@ std::uint8_t Rec35Writer::dat(const Bytes& dat) {
 
 namespace {
 
-void processRead(nvb_expand_t* state, Rec35Read& read) {
+void processRead(nvb_expand_t* state, Rec35Read& read, Rec35Reads& out) {
     if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
+    if (read.type != 0) out.statuses.push_back(read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
     // Retrieval packs the system numbers of a record 27 in place.
-    if (read.type == 27) read.epoch = std::make_shared<Rec27>(*state->records.rec27);
+    if (read.type == 27) out.epochs.push_back(std::make_shared<Rec27>(*state->records.rec27));
     read.dat.assign(length, 0);
     nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(read.type), read.dat.data());
+    out.dats.push_back(read.dat);
     const rec35_content_t* content = state->records.rec35;
     const auto slot = nvb::rec35SlotOf(content->subtype);
     if (read.type != 35 || content->subsubtype == 0 || !slot || content->records[*slot] == nullptr) return;
     const void* native = content->records[*slot];
-    read.values = rec35WireJson(*nvb::rec35CodecAt(*slot), native, true);
-    if (content->subtype == 24) read.fft = fftOf(*static_cast<const rec35_sub24_t*>(native));
+    out.values.push_back(rec35Json(*nvb::rec35CodecAt(*slot), native));
+    if (content->subtype == 24) out.ffts.push_back(out.values.back().get<Fft>());
 }
 
 std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count) {
@@ -205,7 +189,7 @@ std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count
 
 }  // namespace
 
-std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
+Rec35Reads readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
     nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
     nvb_expand_t* reader = state != nullptr ? state : own;
     if (own != nullptr) {
@@ -213,7 +197,7 @@ std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_e
         own->convertRec35Sub2 = own->convertRec35Sub9 = own->convertRec35Sub19 = own->mapSystem7To10 = 0;
     }
     reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
-    std::vector<Rec35Read> reads;
+    Rec35Reads reads;
     for (const std::uint8_t byte : log) {
         std::uint8_t more = 0;
         bool haveByte = true;
@@ -221,44 +205,12 @@ std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas, nvb_e
             Rec35Read read;
             read.result = nvbdll_getNVBRecordByByte(reader, byte, &read.status, haveByte ? 1 : 0, &more);
             haveByte = false;
-            processRead(reader, read);
-            if (read.result != 0 || read.status != 0) reads.push_back(read);
+            processRead(reader, read, reads);
+            if (read.result != 0 || read.status != 0) reads.all.push_back(read);
         } while (more == 1);
     }
     nvbdll_FreeNVBStateHandle(own);
     return reads;
-}
-
-std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads) {
-    std::vector<std::uint8_t> out;
-    for (const Rec35Read& read : reads) {
-        if (read.result > 0 && read.type != 0) out.push_back(read.processStatus);
-    }
-    return out;
-}
-
-std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads) {
-    std::vector<Bytes> out;
-    for (const Rec35Read& read : reads) {
-        if (read.delivered()) out.push_back(read.dat);
-    }
-    return out;
-}
-
-std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads) {
-    std::vector<Fft> out;
-    for (const Rec35Read& read : reads) {
-        if (read.fft) out.push_back(*read.fft);
-    }
-    return out;
-}
-
-std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads) {
-    std::vector<std::string> out;
-    for (const Rec35Read& read : reads) {
-        if (!read.values.empty()) out.push_back(read.values);
-    }
-    return out;
 }
 
 std::uint64_t datSubtype(const Bytes& dat) {

@@ -5,10 +5,11 @@
 
 #include "support/host.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,14 +38,14 @@ struct Fft {
     double peak_freq = 0;
     float peak_snr = 0;
     std::int32_t mean_val = 0;
-    std::vector<std::int32_t> bins;
+    std::vector<std::int32_t> FreqData;
     std::uint32_t antenna_num = 0;
 
     bool operator==(const Fft&) const = default;
 };
 
-// A realistic run of spectra: time stepping by `stepMs`, slowly moving values.
-std::vector<Fft> fftSequence(int count, std::size_t bins, std::uint32_t stepMs = 1000);
+// A realistic run of spectra: one a second, slowly moving values.
+std::vector<Fft> fftSequence(int count, std::size_t bins);
 
 // Subtype 24 schema texts, with terminating zero: version 2 is the library's field list;
 // version 1 lacks antenna_num; version 3 adds a double "gain" at the end. `typeOfMean`
@@ -73,21 +74,24 @@ struct Rec35Read {
     std::uint8_t status = 0;
     std::uint16_t type = 0;
     std::uint8_t processStatus = 0;
-    Bytes dat;                     // DAT form when delivered
-    std::optional<Fft> fft;        // the native record of a delivered subtype 24 data record
-    std::string values;            // that of any delivered Avro data record, by rec35WireJson
-    std::shared_ptr<Rec27> epoch;  // a delivered record 27 as it stood before its DAT form was retrieved
-    bool delivered() const { return !dat.empty(); }
+    Bytes dat;  // DAT form when delivered
+};
+
+// What a host is delivered of a record 35 log, in order: every getter result, the statuses
+// of the decoding step for every record not swallowed as a schema record, the DAT forms,
+// the spectra, the values of every Avro data record (by rec35Json), and every record 27
+// as it stood before its DAT form was retrieved.
+struct Rec35Reads {
+    std::vector<Rec35Read> all;
+    std::vector<std::uint8_t> statuses;
+    std::vector<Bytes> dats;
+    std::vector<Fft> ffts;
+    std::vector<nlohmann::json> values;
+    std::vector<std::shared_ptr<Rec27>> epochs;
 };
 
 // Reads a log by byte, following `more`; schema records are delivered unless swallowed.
-std::vector<Rec35Read> readRec35Log(const Bytes& log, bool swallowSchemas = false, nvb_expand_t* state = nullptr);
-// The statuses of the decoding step, for every record not swallowed as a schema record.
-std::vector<std::uint8_t> processStatuses(const std::vector<Rec35Read>& reads);
-// The DAT forms delivered, and the spectra.
-std::vector<Bytes> deliveredDats(const std::vector<Rec35Read>& reads);
-std::vector<Fft> deliveredFfts(const std::vector<Rec35Read>& reads);
-std::vector<std::string> deliveredValues(const std::vector<Rec35Read>& reads);
+Rec35Reads readRec35Log(const Bytes& log, bool swallowSchemas = false, nvb_expand_t* state = nullptr);
 
 // The parts of a record 35 DAT form.
 std::uint64_t datSubtype(const Bytes& dat);
