@@ -34,6 +34,15 @@ void copyGeneric(const nvb_expand_t& state, std::uint8_t* out, std::size_t count
     std::memcpy(out + 4, state.records.generic->data, count);
 }
 
+void writeClockFields(const ClockSystemBlock& clock, DatWriter& out) {
+    const std::size_t terms = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
+    datWrite(out, clock.blockLength);
+    datWrite(out, clock.referenceSystem);
+    datWrite(out, clock.count);
+    datPut(out, clock.rt_clktype, terms);
+    datPut(out, clock.systemClockOffset, terms * sizeof(double));
+}
+
 // Retrieval writes a record 29 without its clock block, although its DAT length counts
 // it, and with auxExtra, which the parser does not read. The whole form a host keeps
 // every record in is what the parser reads instead: the clock block, and no auxExtra,
@@ -59,15 +68,7 @@ void writeRec29Fields(const Rec29& rec, DatWriter& out, Rec29Form form) {
         datWrite(out, rec.auxStatus);
         if (form == Rec29Form::Retrieval && (rec.auxStatus & 0x01) != 0) datWrite(out, rec.auxExtra);
     }
-    if (form == Rec29Form::Whole && (rec.posFlags & 0x10) != 0) {
-        const ClockSystemBlock& clock = rec.clock;
-        const std::size_t terms = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
-        datWrite(out, clock.blockLength);
-        datWrite(out, clock.referenceSystem);
-        datWrite(out, clock.count);
-        datPut(out, clock.rt_clktype, terms);
-        datPut(out, clock.systemClockOffset, terms * sizeof(double));
-    }
+    if (form == Rec29Form::Whole && (rec.posFlags & 0x10) != 0) writeClockFields(rec.clock, out);
     datWrite(out, rec.svListLen);
     datPut(out, rec.sv, 3u * std::min<std::size_t>(rec.numSVs, NVB_MAX_SV));
 }
@@ -88,15 +89,7 @@ void writeDatFields(Rec27& rec, DatWriter& out) {
     datWrite(out, rec.epochFlags);
     if ((rec.epochFlags & 0x02) != 0) datWrite(out, rec.clkDrift);
     if ((rec.epochFlags & 0x10) != 0) datWrite(out, rec.raimFault);
-    if ((rec.epochFlags & 0x20) != 0) {
-        const ClockSystemBlock& clock = rec.clock;
-        const std::size_t count = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
-        datWrite(out, clock.blockLength);
-        datWrite(out, clock.referenceSystem);
-        datWrite(out, clock.count);
-        datPut(out, clock.rt_clktype, count);
-        datPut(out, clock.systemClockOffset, 8 * count);
-    }
+    if ((rec.epochFlags & 0x20) != 0) writeClockFields(rec.clock, out);
     for (int i = 0; i < svCount; ++i) {
         Rec27Sv& sv = rec.sv[i];
         // The packed system byte repeats the low two bits of the system on top, and is
