@@ -34,6 +34,45 @@ void copyGeneric(const nvb_expand_t& state, std::uint8_t* out, std::size_t count
     std::memcpy(out + 4, state.records.generic->data, count);
 }
 
+void writeClockFields(const ClockSystemBlock& clock, DatWriter& out) {
+    const std::size_t terms = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
+    datWrite(out, clock.blockLength);
+    datWrite(out, clock.referenceSystem);
+    datWrite(out, clock.count);
+    datPut(out, clock.rt_clktype, terms);
+    datPut(out, clock.systemClockOffset, terms * sizeof(double));
+}
+
+// Retrieval writes a record 29 without its clock block, although its DAT length counts
+// it, and with auxExtra, which the parser does not read. The whole form a host keeps
+// every record in is what the parser reads instead: the clock block, and no auxExtra,
+// which no wire form carries.
+enum class Rec29Form : std::uint8_t { Retrieval, Whole };
+
+void writeRec29Fields(const Rec29& rec, DatWriter& out, Rec29Form form) {
+    constexpr std::size_t kFirstTwoBlocks = 108;
+    datPut(out, &rec, kFirstTwoBlocks);
+    if (rec.fixType >= 3 && rec.fixType <= 6) {
+        datWrite(out, rec.block3Len);
+        datWrite(out, rec.corrInfo);
+        datWrite(out, rec.corrAge);
+        datWrite(out, rec.corrFlags);
+        if ((rec.corrFlags & 0x01) != 0) datWrite(out, rec.corrExtra);
+        if ((rec.corrFlags & 0x02) != 0) datPut(out, rec.corrVector, 3 * sizeof(float));
+        if ((rec.corrFlags & 0x04) != 0) datWrite(out, rec.corrCount);
+    }
+    if ((rec.posFlags & 0x02) != 0) {
+        datWrite(out, rec.block4Len);
+        datWrite(out, rec.auxValueA);
+        datWrite(out, rec.auxValueB);
+        datWrite(out, rec.auxStatus);
+        if (form == Rec29Form::Retrieval && (rec.auxStatus & 0x01) != 0) datWrite(out, rec.auxExtra);
+    }
+    if (form == Rec29Form::Whole && (rec.posFlags & 0x10) != 0) writeClockFields(rec.clock, out);
+    datWrite(out, rec.svListLen);
+    datPut(out, rec.sv, 3u * std::min<std::size_t>(rec.numSVs, NVB_MAX_SV));
+}
+
 }  // namespace
 
 void writeDatFields(Rec27& rec, DatWriter& out) {
@@ -50,15 +89,7 @@ void writeDatFields(Rec27& rec, DatWriter& out) {
     datWrite(out, rec.epochFlags);
     if ((rec.epochFlags & 0x02) != 0) datWrite(out, rec.clkDrift);
     if ((rec.epochFlags & 0x10) != 0) datWrite(out, rec.raimFault);
-    if ((rec.epochFlags & 0x20) != 0) {
-        const ClockSystemBlock& clock = rec.clock;
-        const std::size_t count = std::min<std::size_t>(clock.count, NVB_MAX_CLOCK_TERMS);
-        datWrite(out, clock.blockLength);
-        datWrite(out, clock.referenceSystem);
-        datWrite(out, clock.count);
-        datPut(out, clock.rt_clktype, count);
-        datPut(out, clock.systemClockOffset, 8 * count);
-    }
+    if ((rec.epochFlags & 0x20) != 0) writeClockFields(rec.clock, out);
     for (int i = 0; i < svCount; ++i) {
         Rec27Sv& sv = rec.sv[i];
         // The packed system byte repeats the low two bits of the system on top, and is
@@ -98,30 +129,7 @@ void writeDatFields(const Rec17& rec, DatWriter& out) {
     }
 }
 
-// The clock block of a record 29 is not part of this form, although its DAT length
-// counts it.
-void writeDatFields(const Rec29& rec, DatWriter& out) {
-    constexpr std::size_t kFirstTwoBlocks = 108;
-    datPut(out, &rec, kFirstTwoBlocks);
-    if (rec.fixType >= 3 && rec.fixType <= 6) {
-        datWrite(out, rec.block3Len);
-        datWrite(out, rec.corrInfo);
-        datWrite(out, rec.corrAge);
-        datWrite(out, rec.corrFlags);
-        if ((rec.corrFlags & 0x01) != 0) datWrite(out, rec.corrExtra);
-        if ((rec.corrFlags & 0x02) != 0) datPut(out, rec.corrVector, 3 * sizeof(float));
-        if ((rec.corrFlags & 0x04) != 0) datWrite(out, rec.corrCount);
-    }
-    if ((rec.posFlags & 0x02) != 0) {
-        datWrite(out, rec.block4Len);
-        datWrite(out, rec.auxValueA);
-        datWrite(out, rec.auxValueB);
-        datWrite(out, rec.auxStatus);
-        if ((rec.auxStatus & 0x01) != 0) datWrite(out, rec.auxExtra);
-    }
-    datWrite(out, rec.svListLen);
-    datPut(out, rec.sv, 3u * std::min<std::size_t>(rec.numSVs, NVB_MAX_SV));
-}
+void writeDatFields(const Rec29& rec, DatWriter& out) { writeRec29Fields(rec, out, Rec29Form::Retrieval); }
 
 
 std::uint16_t writeDatForm(Rec27& rec, std::uint8_t* out, std::size_t capacity) {
@@ -168,6 +176,11 @@ std::uint16_t wholeDatForm(nvb_expand_t& state, std::int16_t recordType, std::ui
     const nvb_record_table_t& records = state.records;
     const bool wide = (recordType == 98 || recordType == 99) && length > 0xFF;
     if (out == nullptr || records.datHeader == nullptr || recordType != records.datHeader[3]) return 0;
+    if (recordType == 29 && records.rec29 != nullptr && capacity >= 4) {
+        DatWriter fields{out + 4, capacity - 4};
+        writeRec29Fields(*records.rec29, fields, Rec29Form::Whole);
+        return closeDatForm(out, fields, 29);
+    }
     if (recordType != 34 && !wide) {
         const std::uint16_t retrieved = retrieveLengthOf(records.datHeader);
         if (capacity < retrieved) return 0;

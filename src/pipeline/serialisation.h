@@ -32,7 +32,8 @@ std::uint16_t writeDatForm(const Rec17& rec, std::uint8_t* out, std::size_t capa
 // The DAT form of the record just decoded, whole, for a host that keeps every record:
 // as retrieval writes it, except that a record 34 (which retrieval takes from the generic
 // area) and a 98 or 99 longer than 255 bytes (which retrieval cuts to the low byte of its
-// length) come from their structures at `length`, what the decoding step reported.
+// length) come from their structures at `length`, what the decoding step reported, and a
+// record 29 is written as the parser reads it: with its clock block, without auxExtra.
 // Returns the length written, 0 when it does not fit `capacity` or the type is not the
 // one decoded.
 std::uint16_t wholeDatForm(nvb_expand_t& state, std::int16_t recordType, std::uint16_t length, std::uint8_t* out,

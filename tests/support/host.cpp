@@ -39,9 +39,10 @@ void processAnnounced(nvb_expand_t* state, ReadEvent& event) {
         // Filled with a pattern, so that a byte retrieval leaves as the host's buffer held
         // it shows.
         event.dat.assign(event.datLength + 64u, 0xA5);
-        nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type), static_cast<std::uint16_t>(event.datLength),
-                          event.dat.data(), event.dat.size());
-        event.dat.resize(event.datLength);
+        const std::uint16_t written = nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type),
+                                                        static_cast<std::uint16_t>(event.datLength), event.dat.data(),
+                                                        event.dat.size());
+        event.dat.resize(written != 0 ? written : event.datLength);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "common/byte_sum.h"
 #include "external/su/epoch_image.h"
 #include "pipeline/serialisation.h"
+#include "records/measurement_records.h"
 #include "support/host.h"
 
 #include <algorithm>
@@ -107,11 +108,12 @@ private:
     bool event(double perThousand) { return options_.events && chance(perThousand / 1000.0); }
 
     SatelliteModel makeSatellite(std::size_t index) {
-        static const std::uint8_t systems[] = {0, 0, 0, 2, 2, 3, 3, 7, 7, 1, 4, 9};
+        static const std::vector<std::uint8_t> sky = {0, 0, 0, 2, 2, 3, 3, 7, 7, 1, 4, 9};
+        const std::vector<std::uint8_t>& systems = options_.systems.empty() ? sky : options_.systems;
         SatelliteModel sat;
-        sat.system = systems[index % std::size(systems)];
+        sat.system = systems[index % systems.size()];
         sat.svId = static_cast<std::uint8_t>(sat.system == 1 ? 120 + index % 39 : 1 + index % 37);
-        sat.antenna = index % 17 == 5 ? 1 : 0;
+        sat.antenna = options_.riseAndSet && index % 17 == 5 ? 1 : 0;
         sat.channel = sat.system == 2 ? static_cast<std::uint8_t>(static_cast<std::int8_t>(integer(-7, 6)))
                                       : static_cast<std::uint8_t>(1 + index % 120);
         const bool geostationary = sat.system == 1 || (sat.system == 7 && (index / 12) % 2 == 0);
@@ -348,22 +350,10 @@ private:
     bool raim_ = false;
 };
 
-double onGrid(double value, int fractionBits) { return std::round(std::ldexp(value, fractionBits)) / std::ldexp(1.0, fractionBits); }
-
-struct LogSatellite {
-    std::uint8_t system;
-    std::uint8_t svId;
-    double baseRange;  // m
-    double rate;       // m/s
-    double phaseOffset;
-};
-
-double wavelength(int band) { return kSpeedOfLight / (band == 0 ? 1575.42e6 : 1227.6e6); }
-
 template <typename Record>
-Bytes datOf(Record& rec) {
+Bytes datOf(Record&& record) {
     Bytes dat(1 << 16);
-    dat.resize(nvb::writeDatForm(rec, dat.data(), dat.size()));
+    dat.resize(nvb::writeDatForm(record, dat.data(), dat.size()));
     return dat;
 }
 
@@ -587,118 +577,43 @@ Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>&
 std::vector<Bytes> makeEpochSequence(const EpochSequenceOptions& options) { return EpochGenerator(options).run(); }
 
 std::vector<Bytes> mixedDatLog(const LogShape& shape) {
-    std::mt19937 random(shape.seed);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<LogSatellite> satellites;
-    for (const std::uint8_t system : shape.systems) {
-        for (int i = 0; i < shape.satellites; ++i) {
-            satellites.push_back(LogSatellite{system, static_cast<std::uint8_t>(1 + i * 2 + system),
-                                           20.0e6 + 5.0e6 * unit(random), -800.0 + 1600.0 * unit(random),
-                                           1.0e6 * unit(random)});
-        }
-    }
+    const auto count = static_cast<std::size_t>(shape.epochs);
+    EpochSequenceOptions sky{.seed = shape.seed, .epochs = count, .intervalMs = shape.intervalMs,
+                             .startTimeMs = shape.firstTimeMs};
+    sky.satellites = static_cast<std::size_t>(shape.satellites) * shape.systems.size();
+    sky.maxSignals = static_cast<std::size_t>(shape.signals);
+    sky.doppler = sky.longFlags = sky.clockBlock = sky.events = sky.riseAndSet = false;
+    sky.systems = shape.systems;
+    const std::vector<Bytes> epochs = makeEpochSequence(sky);
+    // Fixes through every optional block: corrections, auxiliary values and status, clock.
+    const std::vector<Rec29Wire> fixes = solutionSequence({.count = count, .seed = shape.seed});
+    const std::vector<Rec11Wire> olderFixes = positionSequence({.count = count / 10 + 1, .seed = shape.seed});
+    // Eight satellites keep a record 17 short of the long type.
+    const std::vector<Rec17Wire> olderEpochs =
+        measurementSequence({.count = count / 10 + 1, .seed = shape.seed}, 0.7, 8);
+    // Each record as the library's reader delivers it; epochs with wire doppler only, no
+    // system maps, every satellite kept.
+    constexpr nvb::Rec27ReadOptions kWholeEpoch{1, false, false, true};
+    Handle reader;
+    const auto read = [&reader](auto wire, std::uint32_t time) {
+        wire.time = time;
+        const ReadEvent event = processFrame(reader.get(), build(wire));
+        if (!event.delivered()) throw std::logic_error("a record the reader does not deliver");
+        return event.dat;
+    };
     std::vector<Bytes> log;
-    auto rec27 = std::make_unique<Rec27>();
-    for (int k = 0; k < shape.epochs; ++k) {
+    for (std::size_t k = 0; k < count; ++k) {
+        const nvb::ByteView record = nvb::ByteView(epochs[k]).subspan(4);
+        if (nvb::readRec27(record, *reader.get(), reader->previousEpochs, kWholeEpoch) == 0)
+            throw std::logic_error("an epoch the reader does not read");
+        Rec27& epoch = *reader->records.rec27;
+        log.push_back(datOf(epoch));
         const std::uint32_t time = shape.firstTimeMs + static_cast<std::uint32_t>(k) * shape.intervalMs;
-        const double seconds = k * shape.intervalMs / 1000.0;
-        *rec27 = Rec27{};
-        rec27->epochHeaderLen = 21;
-        rec27->weekNum = 2345;
-        rec27->receiveTime = time;
-        rec27->clkOffset = static_cast<float>(onGrid(0.02 * std::sin(seconds / 50.0), 19));
-        rec27->epochFlags = 0x02;
-        rec27->clkDrift = static_cast<float>(onGrid(0.001 * std::cos(seconds / 70.0), 22));
-        for (const LogSatellite& sat : satellites) {
-            if (rec27->nSv == NVB_MAX_SV) break;
-            Rec27Sv& sv = rec27->sv[rec27->nSv++];
-            sv.svBlockLen = 10;
-            sv.svId = sat.svId;
-            sv.rt_sattype = sat.system;
-            sv.channel = static_cast<std::uint8_t>(sat.system == 2 ? (sat.svId % 14) : rec27->nSv);
-            sv.elevation = static_cast<std::int16_t>(10 + (sat.svId * 7 + k / 60) % 80);
-            sv.azimuth = static_cast<std::uint16_t>(2 * ((sat.svId * 23 + k / 30) % 180));
-            sv.nMeas = static_cast<std::uint8_t>(shape.signals);
-            const double range = sat.baseRange + sat.rate * seconds;
-            for (int s = 0; s < shape.signals; ++s) {
-                Rec27Meas& meas = sv.meas[s];
-                meas.measBlockLen = 27;
-                meas.blockType = static_cast<std::uint8_t>(s);
-                meas.trackType = static_cast<std::uint8_t>(s == 0 ? 0 : 2);
-                meas.snr = static_cast<std::uint16_t>(350 + (sat.svId * 13 + k) % 150);
-                // A later signal's range is stored as a difference from the first.
-                const double signalRange = s == 0 ? onGrid(range, 7) : sv.meas[0].range + onGrid(1.5 + 0.1 * s, 8);
-                meas.range = signalRange;
-                meas.phase = onGrid(-range / wavelength(s) + sat.phaseOffset, 15);
-                meas.slipCount = static_cast<std::uint8_t>(k / 200);
-                meas.measFlags1 = 0x03;
-            }
-        }
-        log.push_back(datOf(*rec27));
-
-        if (shape.positions) {
-            Rec29 pos{};
-            pos.block1Len = 15;
-            pos.week = 2345;
-            pos.time = time;
-            pos.positionValid = 1;
-            pos.numSVs = static_cast<std::uint8_t>(std::min<std::size_t>(satellites.size(), 40));
-            pos.numSVsUsed = pos.numSVs;
-            pos.fixMode = 3;
-            pos.fixType = 1;
-            pos.block2Len = 93;
-            pos.latPos = 52.3 + 1e-6 * std::sin(seconds);
-            pos.lonPos = 4.9 + 1e-6 * std::cos(seconds);
-            pos.hgtPos = 12.0 + 0.01 * std::sin(seconds / 3);
-            pos.hdop = 0.8125f;
-            pos.vdop = 1.25f;
-            pos.tdop = 0.75f;
-            pos.sigmaN = 0.5f;
-            pos.sigmaE = 0.5f;
-            pos.sigmaU = 1.0f;
-            pos.rms = 0.25f;
-            pos.unitVariance = 1.0f;
-            pos.svListLen = static_cast<std::uint8_t>(1 + 3 * pos.numSVs);
-            for (int i = 0; i < pos.numSVs; ++i) {
-                pos.sv[i] = Rec29SvEntry{satellites[static_cast<std::size_t>(i)].svId,
-                                         satellites[static_cast<std::size_t>(i)].system, 0x02};
-            }
-            log.push_back(datOf(pos));
-        }
-
+        if (shape.positions) log.push_back(read(fixes[k], time));
         if (shape.olderRecords && k % 10 == 0) {
-            Rec11 old{};
-            old.latitude = 52.3 / 180.0;
-            old.longitude = 4.9 / 180.0;
-            old.height = 12.0;
-            old.pdop = 1.5;
-            old.time = time;
-            old.fixStatus = 2;
-            old.nSv = 6;
-            for (int i = 0; i < old.nSv; ++i) {
-                old.lists[i] = static_cast<std::uint8_t>(i);
-                old.lists[old.nSv + i] = static_cast<std::uint8_t>(3 + i);
-            }
-            log.push_back(structDat(11, 0, &old, 4 + 2u * old.nSv + 78));
-
-            auto rec17 = std::make_unique<Rec17>();
-            rec17->receiveTime = time;
-            rec17->clkOffset = onGrid(0.02, 19);
-            rec17->nSv = 6;
-            for (int i = 0; i < rec17->nSv; ++i) {
-                Rec17Sv& sv = rec17->sv[i];
-                sv.svId = static_cast<std::uint8_t>(1 + i * 4);
-                sv.svFlags = 0x10;
-                sv.svFlags3 = 3;
-                sv.elevation = static_cast<std::uint16_t>(20 + i);
-                sv.azimuth = static_cast<std::uint16_t>(40 + 2 * i);
-                sv.snr = 45.0;
-                sv.range = onGrid(21.0e6 + 100.0 * i + 30.0 * seconds, 7);
-                sv.phase = onGrid(-sv.range / wavelength(0), 15);
-            }
-            log.push_back(datOf(*rec17));
+            log.push_back(read(olderFixes[k / 10], time));
+            log.push_back(read(olderEpochs[k / 10], time));
         }
-
         if (shape.opaqueRecords && k % 7 == 3) {
             Bytes body(20 + k % 60);
             for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<std::uint8_t>(i * k);

@@ -63,8 +63,11 @@ struct EpochSequenceOptions {
     bool clockBlock = true;
     // Slips, steering jumps, reordering, doppler gaps, satellites rising and setting.
     bool events = true;
-    // Off: the same satellites stay in view throughout, each with maxSignals signals.
+    // Off: the same satellites stay in view throughout, all on the first antenna, each with
+    // maxSignals signals.
     bool riseAndSet = true;
+    // The systems of the satellites, in turn; when empty, a sky of seven systems.
+    std::vector<std::uint8_t> systems;
 };
 
 // The plain record 27 frames of such a log, each written by writeEpochImage and carrying
@@ -87,6 +90,10 @@ void readPlainEpoch(const Bytes& frame, epoch_image_t& image);
 // The plain record 27 `frame` with `edit` applied to its image and the lengths settled.
 Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>& edit);
 
+// The epochs' sky is that of the epoch sequences, steady and on the first antenna: the
+// `satellites` of each of `systems` with `signals` each, without doppler, long flags, clock
+// block or events. A position is a fix that barely moves, from its epoch's satellites; the
+// older records are those of the position and measurement sequences, timed with their epoch.
 struct LogShape {
     int epochs = 300;
     std::uint32_t intervalMs = 1000;
@@ -100,8 +107,8 @@ struct LogShape {
     std::uint32_t seed = 1;
 };
 
-// The DAT records of a receiver log: measurement epochs whose ranges and phases move with
-// the satellites, positions, older records and opaque ones, in log order.
+// The DAT records of a receiver log, each as the library's reader delivers it (every
+// satellite of an epoch kept): epochs, positions, older records and opaque ones, in log order.
 std::vector<Bytes> mixedDatLog(const LogShape& shape);
 
 }  // namespace nvbtest
