@@ -1,17 +1,14 @@
 # Compares the dynamic symbols that libnvbdll.so defines with the list of functions
 # implemented so far; any other exported name fails. Nothing in it may raise or carry a
 # C++ exception either: it imports no throwing allocation, throw helper or personality.
-execute_process(COMMAND nm -D --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+execute_process(COMMAND nm -D --defined-only --format=just-symbols ${LIBRARY} OUTPUT_VARIABLE symbols
+                RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")
 endif()
-string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
-set(exported)
-foreach(line IN LISTS lines)
-  string(REGEX REPLACE "^[0-9a-fA-F]* *[A-Za-z] +" "" name "${line}")
-  string(REGEX REPLACE "@.*$" "" name "${name}")
-  list(APPEND exported ${name})
-endforeach()
+# A versioned name reads name@version.
+string(REGEX REPLACE "@[^\n]*" "" symbols "${symbols}")
+string(REGEX MATCHALL "[^\n]+" exported "${symbols}")
 list(SORT exported)
 file(STRINGS ${EXPECTED} expected REGEX "^nvbdll_")
 list(SORT expected)

@@ -12,11 +12,6 @@
 
 namespace {
 
-TEST(Lifecycle, FreeingANullHandleDoesNothing) {
-    EXPECT_EQ(nvbdll_FreeNVBStateHandle(nullptr), nullptr);
-    nvbdll_freeExpandState(nullptr);
-}
-
 TEST(Lifecycle, NewHandleHasTheDefaults) {
     nvbdll_initNVBLib();
     nvb_expand_t* state = nvbdll_GetNVBStateHandle();
@@ -63,13 +58,14 @@ TEST(Lifecycle, ResetLeavesHeaderAndBlockBuffersAlone) {
     nvbdll_FreeNVBStateHandle(state);
 }
 
-TEST(Lifecycle, HostBuiltStateIsFreedByTheHostFreeFunction) {
+TEST(Lifecycle, FreeingANullHandleDoesNothingAndAHostBuiltStateGoesByTheHostFreeFunction) {
+    EXPECT_EQ(nvbdll_FreeNVBStateHandle(nullptr), nullptr);
+    nvbdll_freeExpandState(nullptr);
     // A host that builds its own state allocates the 19 structures with new.
     auto* state = new nvb_expand_t();
     state->records.datHeader = static_cast<std::uint8_t*>(::operator new(4));
     state->records.rec27 = new Rec27();
     nvbdll_freeExpandState(state);  // reaches only those slots and the state: ASan would see a leak or mismatch
-    SUCCEED();
 }
 
 TEST(Lifecycle, LibraryCanBeInitialisedAgainWhileAStateIsReading) {

@@ -20,21 +20,16 @@ struct Outcome {
     std::vector<Bytes> read;
 };
 
-// Records 27 and 29 in every epoch, 11 and 17 every tenth: all four compact families.
-const std::vector<Bytes>& datLog() {
-    static const std::vector<Bytes> log =
-        nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 200, .opaqueRecords = false});
-    return log;
-}
-
 // One writer and one reader, each with a state of its own.
 Outcome writeAndRead(std::uint8_t method) {
+    // Records 27 and 29 in every epoch, 11 and 17 every tenth: all four compact families.
+    static const std::vector<Bytes> datLog =
+        nvbtest::mixedDatLog(nvbtest::LogShape{.epochs = 200, .opaqueRecords = false});
     Outcome run;
     nvbtest::Encoder encoder(method);
-    for (const Bytes& dat : datLog()) encoder.put(dat);
+    for (const Bytes& dat : datLog) encoder.put(dat);
     run.log = encoder.finish();
-    nvbtest::Handle handle;
-    run.read = nvbtest::deliveredDat(nvbtest::readStream(handle.get(), run.log, nvbtest::Getter::NvbFile));
+    run.read = nvbtest::readLog(run.log);
     return run;
 }
 

@@ -6,6 +6,7 @@
 #include "host/dat_form.h"
 #include "host/host_encoder.h"
 #include "records/dat_parser.h"
+#include "support/host.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -56,24 +57,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     nvb_expand_t* reader = nvbdll_GetNVBStateHandle();
-    for (std::size_t i = 0; i < output.size(); ++i) {
-        std::uint8_t status = 0;
-        std::uint8_t more = 0;
-        std::int32_t result = nvbdll_getNVBRecordByByte(reader, output[i], &status, 1, &more);
-        for (int guard = 0; guard < 100000; ++guard) {
-            if (result > 0 && (status == 0 || status == NVB_STATUS_RESYNCHRONISED)) {
-                std::uint16_t type = 0;
-                std::uint8_t processStatus = 0;
-                const std::uint32_t length = nvbdll_processNVBRecord(reader, 0, &type, &processStatus);
-                if (length > 0 && processStatus == 0) {
-                    auto dat = std::make_unique<std::uint8_t[]>(length);
-                    nvbdll_retrieveDATRecord(reader, static_cast<std::int16_t>(type), dat.get());
-                }
-            }
-            if (more != 1) break;
-            result = nvbdll_getNVBRecordByByte(reader, 0, &status, 0, &more);
-        }
-    }
+    nvbtest::feedByByte(reader, output, nvbtest::Getter::NvbByByte,
+                        [reader](std::int32_t result, std::uint8_t status) {
+                            nvbtest::retrieveAnnounced(reader, result, status);
+                        });
     nvbdll_FreeNVBStateHandle(reader);
     return 0;
 }

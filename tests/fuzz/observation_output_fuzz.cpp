@@ -17,7 +17,9 @@ constexpr std::uint8_t kEpochTypes[] = {27, 36, 37, 38, 39};
 constexpr std::uint16_t kVersions[] = {211, 212, 302, 303};
 
 struct Session {
-    Session() : state(nvbdll_GetNVBStateHandle()) {
+    Session() {
+        nvbdll_initNVBLib();
+        state = nvbdll_GetNVBStateHandle();
         for (std::uint8_t mode = 1; mode <= 3; ++mode) {
             for (std::size_t v = 0; v < 4; ++v) {
                 if (!nvb::startObservationOutput(controls[mode][v], mode, kVersions[v], writer)) std::abort();
@@ -32,26 +34,16 @@ struct Session {
         }
         nvbdll_FreeNVBStateHandle(state);
     }
-    nvb_expand_t* state;
+    nvb_expand_t* state = nullptr;
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(1 << 19);
     rinex_writer_t writer{buffer.data(), static_cast<std::uint32_t>(buffer.size()), 0, 0};
     rinex_control_t controls[4][4] = {};
 };
 
-Session& session() {
-    static const bool ready = [] {
-        nvbdll_initNVBLib();
-        return true;
-    }();
-    (void)ready;
-    static Session s;
-    return s;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Session& s = session();
+    static Session s;
     if (size < 2) return 0;
     // The first byte picks the type, the mode, the version and the interval; the state and
     // the controls carry their histories from one input to the next.

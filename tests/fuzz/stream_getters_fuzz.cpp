@@ -8,13 +8,13 @@
 #include "stream/block_codecs.h"
 #include "stream/block_reader.h"
 #include "stream/framing.h"
+#include "support/host.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -40,41 +40,20 @@ void handle(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
     check(std::find(std::begin(kReadingStatuses), std::end(kReadingStatuses), status) != std::end(kReadingStatuses),
           "a status the interface does not know");
     check(result >= -1 && result <= 255 && (result != -1 || status != 0), "a result outside the interface");
-    if (result <= 0 || (status != 0 && status != NVB_STATUS_RESYNCHRONISED)) return;
-    std::uint16_t type = 0;
-    std::uint8_t processStatus = 0;
-    const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
-    if (length == 0 || processStatus != 0) return;
-    auto dat = std::make_unique<std::uint8_t[]>(length);
-    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.get());
+    nvbtest::retrieveAnnounced(state, result, status);
 }
 
 using Event = std::pair<std::int32_t, std::uint8_t>;
 
 // The results and statuses of the by-byte getters that tell anything.
-std::vector<Event> feedBytes(nvb_expand_t* state, const std::uint8_t* data, std::size_t size, std::uint8_t getter,
+std::vector<Event> feedBytes(nvb_expand_t* state, const std::uint8_t* data, std::size_t size, nvbtest::Getter getter,
                              bool takeQuiet) {
     std::vector<Event> events;
     const auto note = [&](std::int32_t result, std::uint8_t status) {
         handle(state, result, status);
         if (result != 0 || status != 0) events.emplace_back(result, status);
     };
-    for (std::size_t i = 0; i < size; ++i) {
-        if (takeQuiet) {
-            i += nvb::takeQuietBlockBytes(*state, data + i, size - i);
-            if (i == size) break;
-        }
-        std::uint8_t status = 0;
-        std::uint8_t more = 0;
-        std::int32_t result = getter == 1 ? nvbdll_getNVBRecordByByte(state, data[i], &status, 1, &more)
-                                          : nvbdll_getNVARecordByByte(state, data[i], &status);
-        note(result, status);
-        for (int follow = 0; more == 1; ++follow) {
-            check(follow <= 5120, "more does not run out");
-            result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
-            note(result, status);
-        }
-    }
+    nvbtest::feedByByte(state, {data, size}, getter, note, takeQuiet);
     return events;
 }
 
@@ -101,12 +80,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::fclose(file);
         }
     } else {
-        const std::vector<Event> events = feedBytes(state, data + 1, size - 1, getter, false);
+        const auto byByte = getter == 1 ? nvbtest::Getter::NvbByByte : nvbtest::Getter::NvaByByte;
+        const std::vector<Event> events = feedBytes(state, data + 1, size - 1, byByte, false);
         // A host that hands over a block's quiet bytes in one piece meets the same results
         // and statuses as one that feeds every byte.
         if (getter == 1) {
             nvb_expand_t* quiet = nvbdll_GetNVBStateHandle();
-            check(feedBytes(quiet, data + 1, size - 1, getter, true) == events && quiet->inputFill == state->inputFill,
+            check(feedBytes(quiet, data + 1, size - 1, byByte, true) == events && quiet->inputFill == state->inputFill,
                   "quiet bytes taken in one piece read otherwise");
             nvbdll_FreeNVBStateHandle(quiet);
         }

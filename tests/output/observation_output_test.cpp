@@ -8,12 +8,14 @@
 #include "output/observation_tables.h"
 #include "output/rinex_text.h"
 #include "support/epochs.h"
+#include "support/wire.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -30,11 +32,6 @@ struct ImageEpoch {
     epoch_image_t image{};
     nvb_frame_t frame{};
 
-    Rec27Sv& satellite(std::uint8_t svId, std::uint8_t system, std::uint8_t channel = 0) {
-        Rec27Sv& sv = addSatellite(*rec, svId, system);
-        sv.channel = channel;
-        return sv;
-    }
     const epoch_image_t& build() {
         EXPECT_NE(nvb::writeRec27(*rec, frame, 1, true), 0);
         EXPECT_EQ(nvb::parseEpochImage(image, frame.data, frame.length).status, 0);
@@ -48,6 +45,14 @@ Rec27Meas& signal(Rec27Sv& sv, std::uint8_t band, std::uint8_t track, double ran
     meas.snr = snr;
     meas.slipCount = slipCount;
     return meas;
+}
+
+// An epoch `offsetMs` after the start: one L1 C/A signal of each GPS satellite, with that satellite's slip count.
+ImageEpoch gpsEpoch(double offsetMs, std::initializer_list<std::pair<std::uint8_t, std::uint8_t>> satellites) {
+    ImageEpoch epoch;
+    epoch.rec->receiveTime = kStartMs + offsetMs;
+    for (const auto& [sv, slips] : satellites) signal(addSatellite(*epoch.rec, sv, 0), 0, 0, 2.1e7, 1.0, 450, slips);
+    return epoch;
 }
 
 // A started control writing into a buffer; each epoch's text comes back as a string.
@@ -83,21 +88,11 @@ std::string linesAfterHeader(const std::string& text, std::size_t count) {
     return text.substr(from, to - from - 1);
 }
 
-// A group of observation_lines.txt, its lines joined by newlines.
+// A group of observation_lines.json, its lines joined by newlines.
 std::string golden(const std::string& name) {
-    std::ifstream file(NVBDLL_TEST_DATA_DIR "/output/observation_lines.txt");
-    std::string line, text;
-    bool inGroup = false;
-    while (std::getline(file, line)) {
-        if (line.starts_with("== ")) {
-            if (inGroup) break;
-            inGroup = line == "== " + name;
-        } else if (inGroup) {
-            if (line.ends_with('|')) line.pop_back();
-            text += (text.empty() ? "" : "\n") + line;
-        }
-    }
-    EXPECT_TRUE(inGroup) << name;
+    static const nlohmann::json groups = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/output/observation_lines.json");
+    std::string text;
+    for (const auto& line : groups.at(name)) text.append(text.empty() ? "" : "\n").append(line.get<std::string>());
     return text;
 }
 
@@ -115,17 +110,13 @@ TEST(RinexValueColumn, KeepsThreeDecimalsByHandAndWideValuesByPrintf) {
 }
 
 TEST(RinexStrengthDigit, FollowsTheThresholdTablesBelow300AndSixthsOfTheStrengthFromIt) {
-    struct Case {
-        std::uint16_t strength;
-        std::uint8_t system;
-        std::uint16_t version;
-        std::uint8_t digit;
-    };
-    const Case cases[] = {{300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
-                          {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
-                          {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
-    for (const Case& c : cases) {
-        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, c.strength, c.system, c.version), c.digit) << c.strength;
+    // Strength, system, version and the digit.
+    const std::tuple<std::uint16_t, std::uint8_t, std::uint16_t, std::uint8_t> cases[] = {
+        {300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
+        {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
+        {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
+    for (const auto& [strength, system, version, digit] : cases) {
+        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, strength, system, version), digit) << strength;
     }
 }
 
@@ -150,7 +141,7 @@ TEST(RinexEpochLines, CarryTheClockAndContinueAfterTwelveSatellitesInEachVersion
         ImageEpoch epoch;
         epoch.rec->receiveTime = kStartMs + 1500;
         epoch.rec->clkOffset = -0.5f;
-        for (std::uint8_t sv = 1; sv <= 13; ++sv) signal(epoch.satellite(sv, 0), 0, 0, 2.0e7 + sv, 100.5, 453);
+        for (std::uint8_t sv = 1; sv <= 13; ++sv) signal(addSatellite(*epoch.rec, sv, 0), 0, 0, 2.0e7 + sv, 100.5, 453);
         return epoch;
     };
     Output v2(nvb::kOutputRinex, 212);
@@ -166,12 +157,12 @@ TEST(RinexEpochLines, CarryTheClockAndContinueAfterTwelveSatellitesInEachVersion
 
 TEST(RinexObservationLines, BreakAfterFiveValuesBelow300AndLeaveOutSystemsTheVersionLacks) {
     ImageEpoch epoch;
-    Rec27Sv& gps = epoch.satellite(5, 0);
+    Rec27Sv& gps = addSatellite(*epoch.rec, 5, 0);
     signal(gps, 0, 0, 2.1e7, 10.0, 450);
     signal(gps, 0, 1, 2.1e7 + 1, 11.0, 440);
     signal(gps, 1, 5, 2.1e7 + 2, 12.0, 430);
     signal(gps, 2, 8, 2.1e7 + 3, 13.0, 420);
-    signal(epoch.satellite(193, 4), 0, 0, 3.7e7, 1.0, 400);
+    signal(addSatellite(*epoch.rec, 193, 4), 0, 0, 3.7e7, 1.0, 400);
     Output out(nvb::kOutputRinex, 211);
     const std::string text = out.epoch(epoch);
     EXPECT_NE(text.find(golden("v211 five values a line: types") + "\n"), std::string::npos);
@@ -180,14 +171,10 @@ TEST(RinexObservationLines, BreakAfterFiveValuesBelow300AndLeaveOutSystemsTheVer
 
 TEST(RinexObservationLines, AChangedSignalSetWritesAnEventLineAndNewTypes) {
     Output out(nvb::kOutputRinex, 302);
-    ImageEpoch first;
-    signal(first.satellite(5, 0), 0, 0, 2.1e7, 10.0, 450);
+    ImageEpoch first = gpsEpoch(0, {{5, 0}});
     out.epoch(first);
-    ImageEpoch second;
-    second.rec->receiveTime = kStartMs + 1000;
-    Rec27Sv& sv = second.satellite(5, 0);
-    signal(sv, 0, 0, 2.1e7, 10.0, 450);
-    signal(sv, 1, 5, 2.1e7, 10.0, 450);
+    ImageEpoch second = gpsEpoch(1000, {{5, 0}});
+    signal(second.rec->sv[0], 1, 5, 2.1e7, 1.0, 450);
     const std::string expected = golden("v302 changed signal set");
     EXPECT_EQ(out.epoch(second).substr(0, expected.size()), expected);
 }
@@ -197,8 +184,8 @@ TEST(CompactRinex, DifferencesTheEpochLineValuesAndFlagsAndRestartsAReturningSat
     const auto epochAt = [](int second, bool withSecond, double drift) {
         ImageEpoch epoch;
         epoch.rec->receiveTime = kStartMs + 1000.0 * second;
-        signal(epoch.satellite(5, 0), 0, 0, 2.1e7 + drift * second * second, 10.0 + second, 450);
-        if (withSecond) signal(epoch.satellite(7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
+        signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 2.1e7 + drift * second * second, 10.0 + second, 450);
+        if (withSecond) signal(addSatellite(*epoch.rec, 7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
         return epoch;
     };
     // Second differences of the range; the phase runs at a constant rate; the slip flag of
@@ -216,19 +203,11 @@ TEST(BinexRecord, GoldenBytesWithItsChecksumAndNothingForAnEmptyEpoch) {
     ImageEpoch epoch;
     epoch.rec->receiveTime = kStartMs + 1500;
     epoch.rec->clkOffset = 0.25f;
-    signal(epoch.satellite(5, 0), 0, 0, 21000000.5, -10.25, 453, 2, 0x07);
+    signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 21000000.5, -10.25, 453, 2, 0x07);
     const std::string record = out.epoch(epoch);
     const std::uint16_t plainLength = epoch.frame.length;
     EXPECT_EQ(out.lastLength, plainLength) << "mode 2 delivers the plain record too";
-    // Sync, record, length 28, subrecord; minutes and milliseconds; one satellite, clock
-    // 250 us; G05 with one signal: L1 C/A, a new arc (slip bit), flags (wide forms, phase in
-    // 0.1 mm, slip count, Doppler); 453 / 4 with 1 over in the range field's top bits,
-    // 21000000500 mm; phase 41.4 mm short of the range; Doppler 0; slip count 2; the XOR
-    // of every byte behind the sync byte.
-    const std::vector<std::uint8_t> expected = {
-        0xE2, 0x7F, 0x1C, 0x05, 0x01, 0x68, 0xC4, 0xE0, 0x05, 0xDC, 0x80, 0x00, 0x00, 0xFA, 0x05, 0x10,
-        0xA0, 0x6C, 0x71, 0x44, 0xE3, 0xB2, 0x93, 0xF4, 0xFF, 0xFE, 0x62, 0x00, 0x00, 0x00, 0x02, 0x33};
-    EXPECT_EQ(std::vector<std::uint8_t>(record.begin(), record.end()), expected);
+    EXPECT_EQ(nvbtest::Bytes(record.begin(), record.end()), nvbtest::fieldBytes(golden("binex G05 one signal")));
 
     ImageEpoch empty;
     EXPECT_EQ(out.epoch(empty), "");
@@ -239,54 +218,43 @@ TEST(EpochDecimation, CarriesTheSlipOfADroppedEpochAndLeavesAMovedSatellitesMark
     rinex_control_t control{};
     control.interval = 2000;
     const auto track = [&](std::initializer_list<std::pair<std::uint8_t, std::uint8_t>> sats, double ms) {
-        ImageEpoch epoch;
-        epoch.rec->receiveTime = ms;
-        for (const auto& [sv, slips] : sats) signal(epoch.satellite(sv, 0), 0, 0, 2.1e7, 1.0, 450, slips);
+        ImageEpoch epoch = gpsEpoch(ms, sats);
         std::uint8_t marks[116][6] = {};
-        nvb::trackEpochSlips(epoch.build(), control, static_cast<std::uint32_t>(ms) % 2000 == 0, marks);
+        nvb::trackEpochSlips(epoch.build(), control, static_cast<std::uint32_t>(kStartMs + ms) % 2000 == 0, marks);
         return std::pair<int, int>{marks[0][0], marks[1][0]};
     };
-    EXPECT_EQ(track({{3, 0}, {9, 0}}, kStartMs), std::make_pair(1, 1)) << "new satellites";
-    EXPECT_EQ(track({{3, 1}, {9, 0}}, kStartMs + 1000), std::make_pair(0, 0)) << "dropped: the slip waits";
-    EXPECT_EQ(track({{3, 1}, {9, 0}}, kStartMs + 2000), std::make_pair(1, 0)) << "kept: the slip of 3 shows";
-    track({{3, 2}, {9, 0}}, kStartMs + 3000);
+    EXPECT_EQ(track({{3, 0}, {9, 0}}, 0), std::make_pair(1, 1)) << "new satellites";
+    EXPECT_EQ(track({{3, 1}, {9, 0}}, 1000), std::make_pair(0, 0)) << "dropped: the slip waits";
+    EXPECT_EQ(track({{3, 1}, {9, 0}}, 2000), std::make_pair(1, 0)) << "kept: the slip of 3 shows";
+    track({{3, 2}, {9, 0}}, 3000);
     // 3 moves to row 1: its carried mark stays in row 0, where 9 now reports it.
-    EXPECT_EQ(track({{9, 0}, {3, 2}}, kStartMs + 4000), std::make_pair(1, 0));
+    EXPECT_EQ(track({{9, 0}, {3, 2}}, 4000), std::make_pair(1, 0));
 }
 
 TEST(EpochDecimation, MarksTheCarriedSlipInAPlainRecordAndMakesItsChecksumAnew) {
     Output out(nvb::kOutputBinex, 303);
     out.control.mode = nvb::kOutputPlain;
     out.control.interval = 2000;
-    ImageEpoch first;
-    signal(first.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450);
+    ImageEpoch first = gpsEpoch(0, {{3, 0}});
     out.epoch(first);
-    ImageEpoch dropped;
-    dropped.rec->receiveTime = kStartMs + 1000;
-    signal(dropped.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450, 1);
+    ImageEpoch dropped = gpsEpoch(1000, {{3, 1}});
     EXPECT_EQ(out.epoch(dropped), "");
     EXPECT_EQ(out.lastLength, 0);
-    ImageEpoch kept;
-    kept.rec->receiveTime = kStartMs + 2000;
-    signal(kept.satellite(3, 0), 0, 0, 2.1e7, 1.0, 450, 1);
+    ImageEpoch kept = gpsEpoch(2000, {{3, 1}});
     out.epoch(kept);
     ASSERT_NE(out.lastLength, 0);
-    epoch_image_t image{};
-    ASSERT_EQ(nvb::parseEpochImage(image, kept.frame.data, out.lastLength).status, 0);
-    EXPECT_EQ(image.sats[0].signals[0].measFlags1 & 0x08, 0x08);
-    const std::uint16_t length = out.lastLength;
-    EXPECT_EQ(nvb::readU16BigEndian(kept.frame.data + length - 3), nvb::byteSum(kept.frame.data, length - 3u));
+    ASSERT_EQ(nvb::parseEpochImage(kept.image, kept.frame.data, out.lastLength).status, 0);
+    EXPECT_EQ(kept.image.sats[0].signals[0].measFlags1 & 0x08, 0x08);
+    EXPECT_EQ(nvb::readU16BigEndian(kept.frame.data + out.lastLength - 3),
+              nvb::byteSum(kept.frame.data, out.lastLength - 3u));
 }
 
 TEST(ObservationWriter, RefusesAnEpochThatCannotFitWholeAndWritesNothingOfIt) {
     Output out(nvb::kOutputRinex, 303, 4096);
-    ImageEpoch epoch;
-    signal(epoch.satellite(5, 0), 0, 0, 2.1e7, 10.0, 450);
+    ImageEpoch epoch = gpsEpoch(0, {{5, 0}});
     EXPECT_EQ(out.epoch(epoch), "");
-    const std::uint32_t refused = out.writer().refused;
-    const std::uint8_t headerOpen = out.control.headerOpen;
-    EXPECT_EQ(refused, 1u);
-    EXPECT_EQ(headerOpen, 1) << "nothing of the epoch happened";
+    EXPECT_EQ(nvbtest::copyOf(out.writer().refused), 1u);
+    EXPECT_EQ(nvbtest::copyOf(out.control.headerOpen), 1) << "nothing of the epoch happened";
 }
 
 }  // namespace

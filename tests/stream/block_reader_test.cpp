@@ -16,6 +16,7 @@ namespace {
 using namespace nvbtest::blocks;
 using nvbtest::Getter;
 using nvbtest::readStream;
+using Frames = std::vector<Bytes>;
 
 // A block whose length field says `length` (by default its body's).
 Bytes block(std::uint8_t type, const Bytes& body, std::int64_t length = -1) {
@@ -43,12 +44,6 @@ Bytes copyBlock(const std::vector<Bytes>& frames) {
     const Bytes all = concatAll(frames);
     body.insert(body.end(), all.begin(), all.end());
     return block(nvb::kCopyType, body);
-}
-
-std::vector<Bytes> joined(std::initializer_list<std::vector<Bytes>> parts) {
-    std::vector<Bytes> all;
-    for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
 }
 
 // A written stream taken apart: its header block, then each block with the frames a
@@ -195,10 +190,10 @@ TEST_P(DamagedBlock, CostsOnlyWhatItsLengthReachesAndReadingGoesOn) {
     // found by the search leaves it running: that block is lost, and so is the one whose
     // start the search has passed.
     const bool searchRuns = c.swallows && c.nextMethod == 3;
-    const auto expected = c.nextMethod == 7 ? first.expected[0]
-                          : searchRuns
-                              ? joined({first.expected[0], next.expected[3]})
-                              : joined({first.expected[0], next.expected[1], next.expected[2], next.expected[3]});
+    const auto expected =
+        c.nextMethod == 7 ? first.expected[0]
+        : searchRuns      ? concatAll<Frames>({first.expected[0], next.expected[3]})
+                     : concatAll<Frames>({first.expected[0], next.expected[1], next.expected[2], next.expected[3]});
     const std::size_t at = first.expected[0].size();
     for (const Getter getter : {Getter::NvbByByte, Getter::NvbFile}) {
         nvbtest::Handle handle;
@@ -250,7 +245,7 @@ TEST(VerifiedBlocks, AFlippedByteInAZstdBodyGivesAStatusNeverAWrongRecord) {
     for (std::size_t p = 4; p < 24; ++p) positions.push_back(p);
     for (std::size_t p = 24; p < target.size() - 8; p += target.size() / 97) positions.push_back(p);
     for (std::size_t p = target.size() - 8; p < target.size(); ++p) positions.push_back(p);
-    const auto whole = joined({written.expected[0], written.expected[1]});
+    const auto whole = concatAll<Frames>({written.expected[0], written.expected[1]});
     for (const std::size_t position : positions) {
         for (const std::uint8_t flip : {0x01, 0x80}) {
             Bytes bad = target;

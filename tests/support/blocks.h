@@ -71,9 +71,11 @@ inline Bytes bareRecord(const Bytes& frame) {
     return bare;
 }
 
-inline Bytes concatAll(const std::vector<Bytes>& parts) {
-    Bytes all;
-    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+// The parts one after the other: the bytes of frames, or the frames of several lists.
+template <class Part = Bytes>
+Part concatAll(const std::vector<Part>& parts) {
+    Part all;
+    for (const Part& part : parts) all.insert(all.end(), part.begin(), part.end());
     return all;
 }
 

@@ -4,6 +4,7 @@
 #include "external/su/epoch_compressor.h"
 #include "external/su/predicted_epoch.h"
 #include "pipeline/serialisation.h"
+#include "stream/block_reader.h"
 #include "stream/huffman.h"
 
 #include <algorithm>
@@ -73,22 +74,41 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
     if (getter == Getter::NvbFile) return readFromFile(state, stream, true);
     if (getter == Getter::NvaFile) return readFromFile(state, stream, false);
     std::vector<ReadEvent> events;
-    for (const std::uint8_t byte : stream) {
-        ReadEvent event;
-        std::uint8_t more = 0;
-        if (getter == Getter::NvbByByte) {
-            event.result = nvbdll_getNVBRecordByByte(state, byte, &event.status, 1, &more);
-        } else {
-            event.result = nvbdll_getNVARecordByByte(state, byte, &event.status);
+    feedByByte(state, stream, getter, [&](std::int32_t result, std::uint8_t status) {
+        keep(state, ReadEvent{.result = result, .status = status}, events);
+    });
+    return events;
+}
+
+void feedByByte(nvb_expand_t* state, std::span<const std::uint8_t> bytes, Getter getter,
+                const std::function<void(std::int32_t, std::uint8_t)>& take, bool takeQuiet) {
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (takeQuiet) {
+            i += nvb::takeQuietBlockBytes(*state, bytes.data() + i, bytes.size() - i);
+            if (i == bytes.size()) break;
         }
-        keep(state, std::move(event), events);
-        while (more == 1) {
-            ReadEvent next;
-            next.result = nvbdll_getNVBRecordByByte(state, 0, &next.status, 0, &more);
-            keep(state, std::move(next), events);
+        std::uint8_t status = 0;
+        std::uint8_t more = 0;
+        const std::int32_t result = getter == Getter::NvbByByte
+                                        ? nvbdll_getNVBRecordByByte(state, bytes[i], &status, 1, &more)
+                                        : nvbdll_getNVARecordByByte(state, bytes[i], &status);
+        take(result, status);
+        for (int follow = 0; more == 1; ++follow) {
+            if (follow > 5120) throw std::runtime_error("more does not run out");
+            const std::int32_t next = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
+            take(next, status);
         }
     }
-    return events;
+}
+
+void retrieveAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t status) {
+    if (result <= 0 || (status != 0 && status != NVB_STATUS_RESYNCHRONISED)) return;
+    std::uint16_t type = 0;
+    std::uint8_t processStatus = 0;
+    const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
+    if (length == 0 || processStatus != 0) return;
+    auto dat = std::make_unique<std::uint8_t[]>(length);
+    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.get());
 }
 
 std::vector<Bytes> framesOf(const std::vector<ReadEvent>& events) {

@@ -11,7 +11,9 @@
 #include "support/wire.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,15 @@ enum class Getter { NvbFile, NvaFile, NvbByByte, NvaByByte };
 // Feeds `stream` through one getter, following `more`, and processes every record that
 // the getter announces, as a host following the calling order does.
 std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Getter getter);
+
+// Feeds bytes to a by-byte getter, following `more`, and hands each call's result and
+// status to `take`; with `takeQuiet` a block's quiet bytes go over in one piece.
+void feedByByte(nvb_expand_t* state, std::span<const std::uint8_t> bytes, Getter getter,
+                const std::function<void(std::int32_t, std::uint8_t)>& take, bool takeQuiet = false);
+
+// Processes a record a getter announced and retrieves its DAT form into a buffer of exactly
+// the length the dispatch reported, as a host does.
+void retrieveAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t status);
 // The frames announced, and the DAT forms delivered, in order.
 std::vector<Bytes> framesOf(const std::vector<ReadEvent>& events);
 std::vector<Bytes> deliveredDat(const std::vector<ReadEvent>& events);

@@ -137,10 +137,6 @@ def milli(value):
     return int(math.copysign(math.floor(abs(value) * 1000 + 0.5), value))
 
 
-def thousandths(field):
-    return round(float(field) * 1000) if field.strip() else None
-
-
 def value_text(value):
     text = f"{abs(value) // 1000}.{abs(value) % 1000:03d}"
     return (("-" + text) if value < 0 else text).rjust(14)
@@ -188,7 +184,7 @@ class ObservationFile:
         return self.types.get(sat[0], []) if self.version >= 3 else self.types[""]
 
     def cells(self, sat, text):
-        return {name: (thousandths(text[16 * k:16 * k + 14]), text[16 * k + 14:16 * k + 15].strip(),
+        return {name: (round(float(text[16 * k:16 * k + 14]) * 1000), text[16 * k + 14:16 * k + 15].strip(),
                        text[16 * k + 15:16 * k + 16].strip())
                 for k, name in enumerate(self.types_of(sat)) if text[16 * k:16 * k + 14].strip()}
 
@@ -282,7 +278,7 @@ def frames_of(data):
     return spans
 
 
-# Logs and DAT files the cases of one run share: made once, read by many, written by none.
+# Logs and the DAT form of each log read: made once a run, read by many, written by none.
 SHARED, SHARED_DIRECTORY = {}, tempfile.TemporaryDirectory(prefix="nvb-shared-")
 
 
@@ -294,8 +290,9 @@ def shared(key, make):
     return SHARED[key]
 
 
-def succeed(*args, code=0, stdin=None):
-    result = subprocess.run([NVB, *map(str, args)], input=stdin, capture_output=True, timeout=900)
+def succeed(*args, code=0, stdin=None, stdout=subprocess.PIPE, **options):
+    result = subprocess.run([NVB, *map(str, args)], input=stdin, stdout=stdout, stderr=subprocess.PIPE, timeout=900,
+                            **options)
     assert result.returncode == code, f"nvb {' '.join(map(str, args))}: {result.stderr.decode()}"
     return result
 
@@ -357,11 +354,10 @@ class Workspace(unittest.TestCase):
             resource.setrlimit(resource.RLIMIT_FSIZE, (case.limit, case.limit))
 
         with open(case.stdout or os.devnull, "wb") as sink:
-            result = subprocess.run([NVB, *map(str, args)], input=case.stdin(self) if case.stdin else None,
-                                    stdout=sink if case.stdout else subprocess.PIPE, stderr=subprocess.PIPE,
-                                    timeout=900, preexec_fn=limited if case.limit else None)
+            result = succeed(*args, code=case.code, stdin=case.stdin(self) if case.stdin else None,
+                             stdout=sink if case.stdout else subprocess.PIPE,
+                             preexec_fn=limited if case.limit else None)
         stderr = result.stderr.decode()
-        self.assertEqual(result.returncode, case.code, f"nvb {' '.join(map(str, args))}: {stderr}")
         if case.code:
             self.assertNotEqual(stderr, "")
         if case.says is not None:
@@ -370,10 +366,6 @@ class Workspace(unittest.TestCase):
             self.assertIn(case.prints, result.stdout.decode())
         if case.check:
             case.check(self, result)
-
-    def dat_of(self, log):
-        succeed("-q", "todat", log, "-o", log + ".dat")
-        return read(log + ".dat")
 
     def info(self, log, code=0):
         return json.loads(succeed("info", "--json", log, code=code).stdout)
@@ -463,7 +455,7 @@ CASES = [
 
 # todat and fromdat
 def same_records_and_observations(w, result):
-    w.assertEqual(w.dat_of(w.path("back.nvb")), read(dat_of(simulated(60))))
+    w.assertEqual(read(dat_of(w.path("back.nvb"))), read(dat_of(simulated(60))))
     # Every system keeps antenna 0 through the DAT form, so the observation file is whole.
     rinex = [without_program_line(succeed("rinex", path, "-o", "-", "--marker", "SITE").stdout.decode())
              for path in (simulated(60), w.path("back.nvb"))]
@@ -500,11 +492,11 @@ CASES += [
          stdin=lambda w: read(simulated(20)), check=pipes_both_ways),
     Case("DatForm", "a plain byte stream of the same frames reads the same", ("info", "--json", plain_frames),
          check=both(info_holds(None, {"stream": "byte stream of plain frames (NVA)"}),
-                    lambda w, r: w.assertEqual(w.dat_of(w.path("plain.nva")),
+                    lambda w, r: w.assertEqual(read(dat_of(w.path("plain.nva"))),
                                                read(dat_of(simulated(30, "--method", 1)))))),
     Case("DatForm", "a dat file cut inside a record writes what came before", ("fromdat", cut_dat, "-o", "@cut.nvb"),
          code=1, says=names_byte("cut.dat", dat_length, "the input ends inside a record of type"),
-         check=lambda w, r: w.assertEqual(dat_records(w.dat_of(w.path("cut.nvb"))),
+         check=lambda w, r: w.assertEqual(dat_records(read(dat_of(w.path("cut.nvb")))),
                                           dat_records(read(dat_of(simulated(10))))[:1])),
 ]
 
@@ -517,7 +509,7 @@ def doppler_in_every_method(w, result):
         kept, dropped = w.path(f"keep{method}.nvb"), w.path(f"drop{method}.nvb")
         succeed("-q", "fromdat", dat_of(simulated(40)), "-o", kept, "--method", method)
         succeed("-q", "fromdat", dat_of(simulated(40)), "-o", dropped, "--method", method, "--drop-doppler")
-        w.assertEqual(w.dat_of(kept), reference, f"method {method}")
+        w.assertEqual(read(dat_of(kept)), reference, f"method {method}")
         rebuilt = dopplers(dropped)
         w.assertEqual(rebuilt.keys(), source.keys())
         w.assertGreater(sum(source[key] != rebuilt[key] for key in source), len(source) * 9 // 10, f"method {method}")
@@ -530,30 +522,26 @@ def doppler_in_every_method(w, result):
 
 def doppler_as_carried(w, result):
     kept, dropped = simulated(40), w.path("dropped.nvb")
-    w.assertEqual(w.dat_of(w.path("kept.drop")), read(w.path("dropped.nvb.dat")))
-    for log in (kept, dropped):
-        succeed("-q", "recompress", log, "-o", w.path("again.nvb"), "-m", 5)
-        w.assertEqual(w.dat_of(w.path("again.nvb")), read(dat_of(log)) if log == kept else read(dropped + ".dat"))
-        w.assertEqual(w.info(w.path("again.nvb"))["carriedAs"].keys(), w.info(log)["carriedAs"].keys(), log)
+    succeed("-q", "fromdat", dat_of(kept), "-o", dropped, "--drop-doppler")
+    w.assertEqual(read(dat_of(w.path("kept.drop"))), read(dat_of(dropped)))
+    for again, log in ((w.path("again-kept.nvb"), kept), (w.path("again-dropped.nvb"), dropped)):
+        succeed("-q", "recompress", log, "-o", again, "-m", 5)
+        w.assertEqual(read(dat_of(again)), read(dat_of(log)))
+        w.assertEqual(w.info(again)["carriedAs"].keys(), w.info(log)["carriedAs"].keys(), log)
     succeed("-q", "thin", kept, "-o", w.path("thin.nvb"), "--interval", 10)
     thinned, source = dopplers(w.path("thin.nvb")), dopplers(kept)
     w.assertEqual({key: source[key] for key in thinned}, thinned)
-
-
-def without_doppler(w):
-    succeed("-q", "fromdat", dat_of(simulated(40)), "-o", w.path("dropped.nvb"), "--drop-doppler")
-    w.dat_of(w.path("dropped.nvb"))
 
 
 def best_and_explicit(w, result):
     reference = read(dat_of(simulated(300)))
     w.assertLess(os.path.getsize(w.path("best.nvb")), os.path.getsize(simulated(300)))
     w.assertEqual(w.info(w.path("best.nvb"))["blockLevel"], 5)
-    w.assertEqual(w.dat_of(w.path("best.nvb")), reference)
+    w.assertEqual(read(dat_of(w.path("best.nvb"))), reference)
     for method, level in ((3, 9), (6, 5), (7, 19)):
         written = w.path(f"explicit{method}.nvb")
         succeed("-q", "recompress", simulated(300), "-o", written, "--method", method, "--explicit-level", level)
-        w.assertEqual(w.dat_of(written), reference, f"method {method}")
+        w.assertEqual(read(dat_of(written)), reference, f"method {method}")
 
 
 def slip_marks(epoch):
@@ -584,8 +572,7 @@ CASES += [
     Case("Doppler", "every method gives the records back and drop doppler rebuilds their dopplers",
          ("-q", "fromdat", DAT(40), "-o", "@drop.nvb", "--drop-doppler"), check=doppler_in_every_method),
     Case("Doppler", "recompress and thin write doppler as their input carried it",
-         ("-q", "recompress", LOG(40), "-o", "@kept.drop", "-m", 7, "--drop-doppler"), before=without_doppler,
-         check=doppler_as_carried),
+         ("-q", "recompress", LOG(40), "-o", "@kept.drop", "-m", 7, "--drop-doppler"), check=doppler_as_carried),
     Case("Recompress", "best and explicit levels read back the same records",
          ("-q", "fromdat", DAT(300), "-o", "@best.nvb", "--best"), check=best_and_explicit),
     # The slip tables of plain epochs hold GPS, SBAS, GLONASS and Galileo signals.
@@ -598,20 +585,19 @@ CASES += [
 # Records 35 of a newer receiver among epochs and positions
 
 
-def make_record35_log(path):
-    plain = dat_records(read(dat_of(simulated(60))))
-    extra = [dat_of_row(row) for row in RECORD35["records"]]
-    records = []
-    for k, record in enumerate(plain):
-        records.append(record)
-        if k % 12 == 0 and extra:
-            records.append(extra.pop(0))
-    Path(path + ".dat").write_bytes(b"".join(records))
-    succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7)
+def among_epochs(seconds, rows, first, spacing, code=0):
+    """A shared log of a simulated one's records with those of the rows among them, the first
+    at `first` and the next each `spacing` records further; its DAT records stand beside it."""
+    def make(path):
+        records = dat_records(read(dat_of(simulated(seconds))))
+        for k, row in reversed(list(enumerate(rows))):
+            records.insert(first + k * spacing, dat_of_row(row))
+        Path(path + ".dat").write_bytes(b"".join(records))
+        succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7, code=code)
+    return lambda w: shared(("among", seconds, first, spacing), make)
 
 
-def R35(w):
-    return shared(("record35",), make_record35_log)
+R35 = among_epochs(60, RECORD35["records"], 1, 12)
 
 
 def records35(data):
@@ -620,7 +606,7 @@ def records35(data):
 
 def every_record35_kept(w, result):
     w.assertEqual(w.info(w.path("thin.nvb"))["record35"], RECORD35["info"])
-    w.assertEqual(records35(w.dat_of(w.path("thin.nvb"))), records35(read(dat_of(R35(w)))))
+    w.assertEqual(records35(read(dat_of(w.path("thin.nvb")))), records35(read(dat_of(R35(w)))))
 
 
 CASES += [
@@ -678,8 +664,8 @@ def damaged_block(method, where, hit):
         data, (start, end) = spans(w)
         whole = dat_records(read(dat_of(simulated(1300, "--method", method))))
         got = dat_records(read(w.path("damaged.dat")))
-        before = len(dat_records(w.dat_of(w.write("before.nvb", data[:start]))))
-        up_to = len(dat_records(w.dat_of(w.write("up_to.nvb", data[:end]))))
+        before = len(dat_records(read(dat_of(w.write("before.nvb", data[:start])))))
+        up_to = len(dat_records(read(dat_of(w.write("up_to.nvb", data[:end])))))
         first_time = epoch_time(whole[0])
         resumed = next(i for i in range(up_to, len(whole)) if whole[i][3] == 27
                        and (epoch_time(whole[i]) - first_time) % 600000 == 0)
@@ -834,27 +820,15 @@ CASES += [
 
 # One log of every record type between epochs; that each comes back in every method is the
 # library's to check, what the tool says of them and how it shows them is checked here.
-def every_type_records():
-    """The records in, and those a log gives back."""
-    epochs = dat_records(read(dat_of(simulated(30))))
-    return (epochs[:10] + [dat_of_row(row) for row in EVERY_TYPE["records"]] + epochs[10:],
-            epochs[:10] + [dat_of_row(row) for row in KEPT_TYPES] + epochs[10:])
-
-
-def make_every_type_log(path):
-    Path(path + ".dat").write_bytes(b"".join(every_type_records()[0]))
-    succeed("-q", "fromdat", path + ".dat", "-o", path, "--method", 7, code=1)
-
-
-def EVERY(w):
-    return shared(("every",), make_every_type_log)
+EVERY = among_epochs(30, EVERY_TYPE["records"], 10, 0, code=1)
 
 
 def every_type_back(w, result):
-    expected = every_type_records()[1]
-    for row in (row for row in EVERY_TYPE["records"] if "notReadBack" in row):
+    lost = [row for row in EVERY_TYPE["records"] if "notReadBack" in row]
+    for row in lost:
         w.assertIn(row["notReadBack"], result.stderr.decode())
-    w.assertEqual(dat_records(w.dat_of(w.path("every.nvb"))), expected)
+    expected = [r for r in dat_records(read(EVERY(w) + ".dat")) if r not in map(dat_of_row, lost)]
+    w.assertEqual(dat_records(read(dat_of(w.path("every.nvb")))), expected)
     info = w.info(w.path("every.nvb"))
     w.assertEqual((info["records"], info["statuses"]), (Counter(str(record[3]) for record in expected), []))
 
@@ -984,15 +958,11 @@ CASES += [
 ]
 
 
-def case_test(case):
-    return lambda self: self.run_case(case)
-
-
 for case_ in CASES:
     group = globals().setdefault(case_.group, type(case_.group, (Workspace,), {}))
     name = "test_" + re.sub(r"[^a-z0-9]+", "_", case_.name.lower()).strip("_")
     assert not hasattr(group, name), f"two cases named {case_.name}"
-    setattr(group, name, case_test(case_))
+    setattr(group, name, lambda self, case=case_: self.run_case(case))
 
 
 class SeveralInputs(Workspace):
@@ -1004,7 +974,7 @@ class SeveralInputs(Workspace):
             self.assertIn(f"{broken}: is too short", result.stderr.decode())
             for log in logs:
                 name = os.path.basename(log)[:-4] + ".dat"
-                self.assertEqual(read(self.path(f"out{jobs}/{name}")), self.dat_of(log))
+                self.assertEqual(read(self.path(f"out{jobs}/{name}")), read(dat_of(log)))
         succeed("rinex", logs[0], self.path("site1.rnx"), "-o", self.path("out1"), code=2)  # two site1.rnx
         succeed("todat", *logs, "-o", logs[0], code=2)
 

@@ -60,22 +60,6 @@ double wavelengthOf(const Rec27Sv& sv, const Rec27Meas& meas) {
     return nvb::bandWavelength(sv.rt_sattype, meas.blockType, static_cast<std::int8_t>(sv.channel));
 }
 
-// The clock step a reader sees between two epochs, in milliseconds.
-int clockStep(const Rec27& before, const Rec27& after) {
-    const double change = after.clkOffset - before.clkOffset;
-    return change > 0.5 ? 1 : (change < -0.5 ? -1 : 0);
-}
-
-// Phase change over an epoch as a reader takes it to rebuild Doppler: a clock step's whole
-// milliseconds of carrier put back, over the true interval.
-double phaseRate(const Rec27& before, const Rec27& after, const Rec27Sv& sv, const Rec27Meas& was,
-                 const Rec27Meas& is) {
-    const int step = clockStep(before, after);
-    const double carrier = nvb::carrierFreqHz(sv.rt_sattype, is.blockType, static_cast<std::int8_t>(sv.channel));
-    const double cycles = is.phase - was.phase + step * carrier * 0.001;
-    return cycles / ((after.receiveTime - before.receiveTime - step) / 1000.0);
-}
-
 using SignalKey = std::tuple<int, int, int>;  // system, satellite, band
 
 // One hour of the four systems, epoch by epoch against the one before:
@@ -106,12 +90,14 @@ TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
         const Rec27& epoch = *walk.current;
         ASSERT_LE(std::fabs(epoch.clkOffset), 0.5001);
         EXPECT_NEAR(walk.position.clkOffset, epoch.clkOffset, 1e-5);
-        const int step = walk.hasPrevious() ? clockStep(*walk.previous, epoch) : 0;
+        // The clock step a reader sees between two epochs, in milliseconds.
+        const double change = walk.hasPrevious() ? epoch.clkOffset - walk.previous->clkOffset : 0.0;
+        const int step = change > 0.5 ? 1 : (change < -0.5 ? -1 : 0);
         ASSERT_EQ(step, walk.hasPrevious() ? walk.simulator.truth().steeringMs : 0);
         if (step != 0) {
             ++steps;
             // Besides the step, the clock drifts by a few microseconds a second.
-            EXPECT_NEAR(epoch.clkOffset - walk.previous->clkOffset, step, 0.003);
+            EXPECT_NEAR(change, step, 0.003);
         }
         for (int i = 0; i < epoch.nSv; ++i) {
             const Rec27Sv& sv = epoch.sv[i];
@@ -126,9 +112,14 @@ TEST(SimulatedObservables, RangePhaseDopplerAndClockAgreeAsAReceiversDo) {
                 ASSERT_EQ(meas.measFlags1 & 0xF7, 0x07);
                 ASSERT_EQ(slipped, walk.simulator.truth().satellites[i].signals[j].slipped);
                 ASSERT_EQ(meas.slipCount, static_cast<std::uint8_t>(was->meas[j].slipCount + (slipped ? 1 : 0)));
-                // What the Doppler does not explain of the phase step is the slip.
-                const double meanDoppler = 0.5 * (meas.doppler + was->meas[j].doppler);
-                const double extra = phaseRate(*walk.previous, epoch, sv, was->meas[j], meas) - meanDoppler;
+                // What the Doppler does not explain of the phase step is the slip. A reader takes
+                // the phase rate with a clock step's whole milliseconds of carrier put back, over
+                // the true interval.
+                const double carrier =
+                    nvb::carrierFreqHz(sv.rt_sattype, meas.blockType, static_cast<std::int8_t>(sv.channel));
+                const double cycles = meas.phase - was->meas[j].phase + step * carrier * 0.001;
+                const double rate = cycles / ((epoch.receiveTime - walk.previous->receiveTime - step) / 1000.0);
+                const double extra = rate - 0.5 * (meas.doppler + was->meas[j].doppler);
                 ASSERT_NEAR(extra, slipped ? std::round(extra) : 0.0, 0.25)
                     << "system " << int(sv.rt_sattype) << " sv " << int(sv.svId) << " epoch " << walk.epochs;
                 EXPECT_TRUE(!slipped || std::round(extra) != 0.0) << extra;
