@@ -260,14 +260,7 @@ class CompactCodec : public ::testing::Test {};
 
 using Codecs = ::testing::Types<Positions, Solutions, Records17, Epochs<false>, Epochs<true>>;
 
-struct CodecNames {
-    template <typename Codec>
-    static std::string GetName(int) {
-        return Codec::kName;
-    }
-};
-
-TYPED_TEST_SUITE(CompactCodec, Codecs, CodecNames);
+TYPED_TEST_SUITE(CompactCodec, Codecs, nvbtest::RowGroupNames);
 
 TYPED_TEST(CompactCodec, LongSequenceComesBackByteForByteWithReferencesExactlyWhereDue) {
     using Codec = TypeParam;

@@ -58,6 +58,14 @@ inline std::vector<PinnedRow> pinnedRows(const std::string& file, const std::str
     return rows;
 }
 
+// Names each instance of a typed suite by its traits' kName, the group its rows go under.
+struct RowGroupNames {
+    template <typename Traits>
+    static std::string GetName(int) {
+        return Traits::kName;
+    }
+};
+
 // The record a row names in its first field (one of `named`, else hex), with the edits of its
 // second: `-` or comma-separated AT=HEX (set the byte), AT^HEX (flip its bits), AT+HEX and
 // AT-HEX (add, subtract), AT<HEX (insert a byte before it). AT counts from the end when

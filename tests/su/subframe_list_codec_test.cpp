@@ -122,14 +122,7 @@ class DictionaryCodec : public ::testing::Test {};
 
 using Codecs = ::testing::Types<Subframes, Lists>;
 
-struct CodecNames {
-    template <typename Codec>
-    static std::string GetName(int) {
-        return Codec::kName;
-    }
-};
-
-TYPED_TEST_SUITE(DictionaryCodec, Codecs, CodecNames);
+TYPED_TEST_SUITE(DictionaryCodec, Codecs, nvbtest::RowGroupNames);
 
 // The damaged records are the codec's rows in the data file, tried on the single step before
 // the record half-way; the dispatch, which never saw them, must still agree after it.
