@@ -172,17 +172,13 @@ TEST(RinexObservationLines, AChangedSignalSetWritesAnEventLineAndNewTypes) {
 
 TEST(CompactRinex, DifferencesTheEpochLineValuesAndFlagsAndRestartsAReturningSatellite) {
     Output out(nvb::kOutputCompactRinex, 303);
-    const auto epochAt = [](int second, bool withSecond, double drift) {
-        ImageEpoch epoch;
-        epoch.rec->receiveTime = kStartMs + 1000.0 * second;
-        signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 2.1e7 + drift * second * second, 10.0 + second, 450);
-        if (withSecond) signal(addSatellite(*epoch.rec, 7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
-        return epoch;
-    };
     // Second differences of the range; the phase runs at a constant rate; the slip flag of
     // G07 clears ("&"); G07 leaves (the line shrinks by "&&&") and comes back with "3&".
     for (int second = 0; second < 5; ++second) {
-        ImageEpoch epoch = epochAt(second, second != 2, 0.5);
+        ImageEpoch epoch;
+        epoch.rec->receiveTime = kStartMs + 1000.0 * second;
+        signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 2.1e7 + 0.5 * second * second, 10.0 + second, 450);
+        if (second != 2) signal(addSatellite(*epoch.rec, 7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
         const std::string text = out.epoch(epoch);
         EXPECT_EQ(second == 0 ? text.substr(text.find('\n', text.find("END OF HEADER")) + 1) : text,
                   golden("crx second " + std::to_string(second)) + "\n");
