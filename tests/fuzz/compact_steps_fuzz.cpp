@@ -6,7 +6,9 @@
 #include <nvbdll/nvbdll.h>
 
 #include "pipeline/serialisation.h"
+#include "support/host.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,15 +18,6 @@
 #include <vector>
 
 namespace {
-
-void standFrame(nvb_expand_t* state, const std::uint8_t* data, std::size_t size, std::uint8_t type) {
-    std::memset(&state->frame, 0, sizeof state->frame);
-    const std::size_t length = size < sizeof state->frame.data ? size : sizeof state->frame.data;
-    std::memcpy(state->frame.data, data, length);
-    if (length > 2) state->frame.data[2] = type;
-    state->frame.length = static_cast<std::uint16_t>(length);
-    state->currentType = type;
-}
 
 constexpr std::uint8_t kCompactTypes[] = {36, 37, 38, 39, 54, 55, 56, 57, 66, 67, 68, 69, 74, 75, 76, 77};
 constexpr std::uint8_t kPlainTypes[] = {31, 32, 33, 34, 40, 98, 99};
@@ -37,10 +30,8 @@ constexpr std::size_t kHistoriesEnd = offsetof(nvb_expand_t, trackingSlots);
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static nvb_expand_t* state = [] {
-        nvbdll_initNVBLib();
-        return nvbdll_GetNVBStateHandle();
-    }();
+    static const nvbtest::Handle handle;
+    nvb_expand_t* state = handle.get();
     if (size < 2) return 0;
     // The first byte picks the type and the way in, the rest is the record; the state
     // carries its history from one input to the next, as a reader's does. Bits 4 and 5
@@ -52,7 +43,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint8_t type = table   ? kTableTypes[(throughDispatch ? data[0] : data[0] >> 1) & 3]
                               : plain ? kPlainTypes[(data[0] & 0x0F) % sizeof kPlainTypes]
                                       : kCompactTypes[data[0] % sizeof kCompactTypes];
-    standFrame(state, data + 1, size - 1, type);
+    nvbtest::Bytes frame(data + 1, data + 1 + std::min(size - 1, sizeof state->frame.data));
+    if (frame.size() > 2) frame[2] = type;
+    nvbtest::standFrame(state, frame);
+    state->currentType = type;
     static std::vector<std::uint8_t> before(kHistoriesEnd - kHistoriesBegin);
     const auto* histories = reinterpret_cast<const std::uint8_t*>(state) + kHistoriesBegin;
     std::memcpy(before.data(), histories, before.size());

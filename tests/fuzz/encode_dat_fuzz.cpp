@@ -30,9 +30,8 @@ std::size_t datLength(const std::uint8_t* dat, std::size_t available) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool initialised = (nvbdll_initNVBLib(), true);
-    (void)initialised;
     if (size < 2) return 0;
+    const nvbtest::Handle reader;
     std::vector<std::uint8_t> output;
     {
         nvbtool::HostEncoder encoder(data[0] % 8, 0, [&output](std::span<const std::uint8_t> unit) {
@@ -56,11 +55,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         encoder.finish();
     }
 
-    nvb_expand_t* reader = nvbdll_GetNVBStateHandle();
-    nvbtest::feedByByte(reader, output, nvbtest::Getter::NvbByByte,
-                        [reader](std::int32_t result, std::uint8_t status) {
-                            nvbtest::retrieveAnnounced(reader, result, status);
+    nvbtest::feedByByte(reader.get(), output, nvbtest::Getter::NvbByByte,
+                        [&reader](std::int32_t result, std::uint8_t status) {
+                            nvbtest::retrieveAnnounced(reader.get(), result, status);
                         });
-    nvbdll_FreeNVBStateHandle(reader);
     return 0;
 }

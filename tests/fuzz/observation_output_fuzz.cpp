@@ -3,12 +3,13 @@
 // epochs only, never past its capacity.
 #include "output/observation_output.h"
 #include "pipeline/expansion.h"
+#include "support/host.h"
 
 #include <nvbdll/nvbdll.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 namespace {
@@ -18,8 +19,6 @@ constexpr std::uint16_t kVersions[] = {211, 212, 302, 303};
 
 struct Session {
     Session() {
-        nvbdll_initNVBLib();
-        state = nvbdll_GetNVBStateHandle();
         for (std::uint8_t mode = 1; mode <= 3; ++mode) {
             for (std::size_t v = 0; v < 4; ++v) {
                 if (!nvb::startObservationOutput(controls[mode][v], mode, kVersions[v], writer)) std::abort();
@@ -32,9 +31,8 @@ struct Session {
                 if (control.history != nullptr) nvb::endObservationOutput(control);
             }
         }
-        nvbdll_FreeNVBStateHandle(state);
     }
-    nvb_expand_t* state = nullptr;
+    nvbtest::Handle handle;
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(1 << 19);
     rinex_writer_t writer{buffer.data(), static_cast<std::uint32_t>(buffer.size()), 0, 0};
     rinex_control_t controls[4][4] = {};
@@ -50,12 +48,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint8_t type = kEpochTypes[(data[0] & 7) % sizeof kEpochTypes];
     rinex_control_t& control = s.controls[1 + (data[0] >> 3) % 3][(data[0] >> 5) & 3];
     control.interval = (data[0] & 0x80) != 0 ? 2000 : 0;
-    nvb_expand_t* state = s.state;
-    std::memset(&state->frame, 0, sizeof state->frame);
-    const std::size_t length = std::min(size - 1, sizeof state->frame.data);
-    std::memcpy(state->frame.data, data + 1, length);
-    if (length > 2) state->frame.data[2] = type;
-    state->frame.length = static_cast<std::uint16_t>(length);
+    nvb_expand_t* state = s.handle.get();
+    nvbtest::Bytes frame(data + 1, data + 1 + std::min(size - 1, sizeof state->frame.data));
+    if (frame.size() > 2) frame[2] = type;
+    nvbtest::standFrame(state, frame);
     state->currentType = type;
     state->blockLevel = 1;
     std::uint16_t recordType = 0;

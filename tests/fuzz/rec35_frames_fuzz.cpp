@@ -13,11 +13,11 @@
 #include "common/byte_sum.h"
 #include "host/host_encoder.h"
 #include "stream/block_writer.h"
+#include "support/host.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <span>
 #include <vector>
@@ -25,6 +25,8 @@
 namespace {
 
 constexpr std::array<std::uint8_t, 4> kBareMethods = {3, 5, 6, 7};
+constexpr std::array<nvbtest::Getter, 4> kGetters = {nvbtest::Getter::NvaFile, nvbtest::Getter::NvbFile,
+                                                     nvbtest::Getter::NvbByByte, nvbtest::Getter::NvaByByte};
 constexpr std::size_t kLongestBody = 4095 - 7;
 
 // The frame in the encoder's frame buffer, checksum and end byte included.
@@ -63,55 +65,17 @@ std::vector<std::uint8_t> writeStream(const std::uint8_t* data, std::size_t size
     return output;
 }
 
-void processAnnounced(nvb_expand_t* state, std::int32_t result, std::uint8_t status, std::vector<std::uint8_t>& dat) {
-    if (result <= 0 || (status != 0 && status != 18)) return;
-    std::uint16_t type = 0;
-    std::uint8_t processStatus = 0;
-    const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &type, &processStatus);
-    if (length == 0 || processStatus != 0) return;
-    dat.assign(std::max<std::size_t>(length, 4), 0);
-    nvbdll_retrieveDATRecord(state, static_cast<std::int16_t>(type), dat.data());
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool initialised = (nvbdll_initNVBLib(), true);
-    (void)initialised;
     if (size < 2) return 0;
+    const nvbtest::Handle state;
     const std::vector<std::uint8_t> stream = writeStream(data + 2, size - 2, kBareMethods[data[1] % 4]);
-    const std::uint8_t getter = data[0] % 4;
-    nvb_expand_t* state = nvbdll_GetNVBStateHandle();
+    const nvbtest::Getter getter = kGetters[data[0] % 4];
     state->rec35Assembly.schema_swallow = (data[0] & 0x80) != 0 ? 1 : 0;
     // Every conversion into plain records, all signals included.
     if ((data[0] & 0x40) != 0) state->convertRec35Sub16 = state->convertAllObservables = 1;
-    std::vector<std::uint8_t> dat;
-    if (getter <= 1) {
-        std::FILE* file = fmemopen(const_cast<std::uint8_t*>(stream.data()), stream.size(), "rb");
-        if (file != nullptr) {
-            for (std::size_t calls = 0; calls < stream.size() + 16; ++calls) {
-                std::uint8_t status = 0;
-                const std::int32_t result =
-                    getter == 0 ? nvbdll_getNVARecord(state, file, &status) : nvbdll_getNVBRecord(state, file, &status);
-                if (status == 1) break;
-                processAnnounced(state, result, status, dat);
-            }
-            std::fclose(file);
-        }
-    } else {
-        for (const std::uint8_t byte : stream) {
-            std::uint8_t status = 0;
-            std::uint8_t more = 0;
-            std::int32_t result = getter == 3 ? nvbdll_getNVARecordByByte(state, byte, &status)
-                                              : nvbdll_getNVBRecordByByte(state, byte, &status, 1, &more);
-            processAnnounced(state, result, status, dat);
-            for (int guard = 0; more == 1 && guard < 100000; ++guard) {
-                result = nvbdll_getNVBRecordByByte(state, 0, &status, 0, &more);
-                processAnnounced(state, result, status, dat);
-            }
-        }
-    }
-    if (getter == 2) nvbdll_resetNVBExpandState(state);
-    nvbdll_FreeNVBStateHandle(state);
+    (void)nvbtest::readStream(state.get(), stream, getter);
+    if (getter == nvbtest::Getter::NvbByByte) nvbdll_resetNVBExpandState(state.get());
     return 0;
 }

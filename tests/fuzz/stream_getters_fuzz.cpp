@@ -60,13 +60,12 @@ std::vector<Event> feedBytes(nvb_expand_t* state, const std::uint8_t* data, std:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool initialised = (nvbdll_initNVBLib(), true);
-    (void)initialised;
     if (size == 0) return 0;
     // The first byte picks the getter (NVB file, NVB by byte, NVA by byte; from 0xF0 the
     // NVA file), the rest is the stream.
     const std::uint8_t getter = data[0] >= 0xF0 ? 3 : data[0] % 3;
-    nvb_expand_t* state = nvbdll_GetNVBStateHandle();
+    const nvbtest::Handle held;
+    nvb_expand_t* state = held.get();
     if (getter == 0 || getter == 3) {
         std::FILE* file = fmemopen(const_cast<std::uint8_t*>(data + 1), size - 1, "rb");
         if (file != nullptr) {
@@ -85,12 +84,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         // A host that hands over a block's quiet bytes in one piece meets the same results
         // and statuses as one that feeds every byte.
         if (getter == 1) {
-            nvb_expand_t* quiet = nvbdll_GetNVBStateHandle();
-            check(feedBytes(quiet, data + 1, size - 1, byByte, true) == events && quiet->inputFill == state->inputFill,
+            const nvbtest::Handle quiet;
+            check(feedBytes(quiet.get(), data + 1, size - 1, byByte, true) == events &&
+                      quiet->inputFill == state->inputFill,
                   "quiet bytes taken in one piece read otherwise");
-            nvbdll_FreeNVBStateHandle(quiet);
         }
     }
-    nvbdll_FreeNVBStateHandle(state);
     return 0;
 }

@@ -15,7 +15,6 @@
 
 #include <chrono>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -88,35 +87,32 @@ std::string linesAfterHeader(const std::string& text, std::size_t count) {
     return text.substr(from, to - from - 1);
 }
 
-// A group of observation_lines.json, its lines joined by newlines.
-std::string golden(const std::string& name) {
+// A group of observation_lines.json.
+const nlohmann::json& pinned(const std::string& name) {
     static const nlohmann::json groups = nvbtest::readJson(NVBDLL_TEST_DATA_DIR "/output/observation_lines.json");
+    return groups.at(name);
+}
+
+// A group of lines, joined by newlines.
+std::string golden(const std::string& name) {
     std::string text;
-    for (const auto& line : groups.at(name)) text.append(text.empty() ? "" : "\n").append(line.get<std::string>());
+    for (const auto& line : pinned(name)) text.append(text.empty() ? "" : "\n").append(line.get<std::string>());
     return text;
 }
 
 TEST(RinexValueColumn, KeepsThreeDecimalsByHandAndWideValuesByPrintf) {
-    const std::pair<double, const char*> cases[] = {
-        {0.0, "         0.000"},          {1.0625, "         1.063"},  {-21299827.1171875, "-21299827.117"},
-        {0.9996, "         1.000"},       {-0.0004, "         0.000"},  {2147483647.0, "2147483647.000"},
-        {3000000000.25, "3000000000.250"}, {-12.5, "       -12.500"},
-    };
-    for (const auto& [value, expected] : cases) {
+    for (const auto& row : pinned("value column")) {
         char text[15];
-        nvb::rinexFormatValue(value, text);
-        EXPECT_STREQ(text, std::string(expected).insert(0, 14 - std::string(expected).size(), ' ').c_str()) << value;
+        nvb::rinexFormatValue(row[0].get<double>(), text);
+        EXPECT_EQ(text, row[1].get<std::string>()) << row[0];
     }
 }
 
 TEST(RinexStrengthDigit, FollowsTheThresholdTablesBelow300AndSixthsOfTheStrengthFromIt) {
-    // Strength, system, version and the digit.
-    const std::tuple<std::uint16_t, std::uint8_t, std::uint16_t, std::uint8_t> cases[] = {
-        {300, 0, 211, 1}, {309, 0, 211, 1}, {310, 0, 211, 2}, {479, 0, 212, 8}, {480, 0, 212, 9},
-        {100, 2, 211, 1}, {120, 2, 211, 2}, {339, 2, 211, 8}, {340, 2, 211, 9}, {0, 0, 303, 1},
-        {119, 0, 303, 1}, {120, 0, 302, 2}, {453, 2, 303, 7}, {600, 0, 303, 9}};
-    for (const auto& [strength, system, version, digit] : cases) {
-        EXPECT_EQ(nvb::rinexSignalStrengthDigit(0, strength, system, version), digit) << strength;
+    for (const auto& row : pinned("strength digit")) {
+        const int digit = nvb::rinexSignalStrengthDigit(0, row[0].get<std::uint16_t>(), row[1].get<std::uint8_t>(),
+                                                        row[2].get<std::uint16_t>());
+        EXPECT_EQ(digit, row[3].get<int>()) << row;
     }
 }
 
@@ -137,19 +133,14 @@ TEST(RinexCalendar, CountsEveryFourthYearAsLeapAndStartsIn1985) {
 }
 
 TEST(RinexEpochLines, CarryTheClockAndContinueAfterTwelveSatellitesInEachVersion) {
-    const auto thirteen = [] {
-        ImageEpoch epoch;
-        epoch.rec->receiveTime = kStartMs + 1500;
-        epoch.rec->clkOffset = -0.5f;
-        for (std::uint8_t sv = 1; sv <= 13; ++sv) signal(addSatellite(*epoch.rec, sv, 0), 0, 0, 2.0e7 + sv, 100.5, 453);
-        return epoch;
-    };
+    ImageEpoch thirteen;
+    thirteen.rec->receiveTime = kStartMs + 1500;
+    thirteen.rec->clkOffset = -0.5f;
+    for (std::uint8_t sv = 1; sv <= 13; ++sv) signal(addSatellite(*thirteen.rec, sv, 0), 0, 0, 2.0e7 + sv, 100.5, 453);
     Output v2(nvb::kOutputRinex, 212);
-    ImageEpoch first = thirteen();
-    EXPECT_EQ(linesAfterHeader(v2.epoch(first), 3), golden("v212 thirteen satellites"));
+    EXPECT_EQ(linesAfterHeader(v2.epoch(thirteen), 3), golden("v212 thirteen satellites"));
     Output v3(nvb::kOutputRinex, 303);
-    ImageEpoch again = thirteen();
-    const std::string text3 = v3.epoch(again);
+    const std::string text3 = v3.epoch(thirteen);
     EXPECT_EQ(linesAfterHeader(text3, 2), golden("v303 thirteen satellites"));
     EXPECT_NE(text3.find(golden("v303 thirteen satellites: types") + "\n"), std::string::npos);
     EXPECT_NE(text3.find(golden("v303 thirteen satellites: first epoch") + "\n"), std::string::npos);
@@ -181,17 +172,13 @@ TEST(RinexObservationLines, AChangedSignalSetWritesAnEventLineAndNewTypes) {
 
 TEST(CompactRinex, DifferencesTheEpochLineValuesAndFlagsAndRestartsAReturningSatellite) {
     Output out(nvb::kOutputCompactRinex, 303);
-    const auto epochAt = [](int second, bool withSecond, double drift) {
-        ImageEpoch epoch;
-        epoch.rec->receiveTime = kStartMs + 1000.0 * second;
-        signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 2.1e7 + drift * second * second, 10.0 + second, 450);
-        if (withSecond) signal(addSatellite(*epoch.rec, 7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
-        return epoch;
-    };
     // Second differences of the range; the phase runs at a constant rate; the slip flag of
     // G07 clears ("&"); G07 leaves (the line shrinks by "&&&") and comes back with "3&".
     for (int second = 0; second < 5; ++second) {
-        ImageEpoch epoch = epochAt(second, second != 2, 0.5);
+        ImageEpoch epoch;
+        epoch.rec->receiveTime = kStartMs + 1000.0 * second;
+        signal(addSatellite(*epoch.rec, 5, 0), 0, 0, 2.1e7 + 0.5 * second * second, 10.0 + second, 450);
+        if (second != 2) signal(addSatellite(*epoch.rec, 7, 0), 0, 0, 2.2e7, 20.0, 400, 0, second == 0 ? 0x0B : 0x03);
         const std::string text = out.epoch(epoch);
         EXPECT_EQ(second == 0 ? text.substr(text.find('\n', text.find("END OF HEADER")) + 1) : text,
                   golden("crx second " + std::to_string(second)) + "\n");

@@ -75,7 +75,10 @@ std::vector<ReadEvent> readStream(nvb_expand_t* state, const Bytes& stream, Gett
     if (getter == Getter::NvaFile) return readFromFile(state, stream, false);
     std::vector<ReadEvent> events;
     feedByByte(state, stream, getter, [&](std::int32_t result, std::uint8_t status) {
-        keep(state, ReadEvent{.result = result, .status = status}, events);
+        ReadEvent event;
+        event.result = result;
+        event.status = status;
+        keep(state, std::move(event), events);
     });
     return events;
 }

@@ -67,7 +67,7 @@ struct EpochSequenceOptions {
     // maxSignals signals.
     bool riseAndSet = true;
     // The systems of the satellites, in turn; when empty, a sky of seven systems.
-    std::vector<std::uint8_t> systems;
+    std::vector<std::uint8_t> systems{};
 };
 
 // The plain record 27 frames of such a log, each written by writeEpochImage and carrying
