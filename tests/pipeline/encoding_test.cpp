@@ -19,14 +19,6 @@ Bytes padded(Bytes dat, std::size_t size) {
     return dat;
 }
 
-// The DAT form a host writes of a structure.
-template <class Record>
-Bytes datForm(Record& rec) {
-    Bytes dat(1 << 16);
-    dat.resize(nvb::writeDatForm(rec, dat.data(), dat.size()));
-    return dat;
-}
-
 // A record 17 of `count` GPS satellites, the first `dual` with their second frequency.
 Bytes record17(int count, int dual) {
     auto rec = std::make_unique<Rec17>();
@@ -41,7 +33,7 @@ Bytes record17(int count, int dual) {
         sv.range = 21.0e6 + 1000.0 * i;
         sv.phase = -1.1e8 - 5000.0 * i;
     }
-    return datForm(*rec);
+    return nvbtest::datOf(*rec);
 }
 
 // A host hands over as many bytes as the header announces; here they don't say what the
@@ -78,7 +70,7 @@ TEST(Encode, RecordsTheWriterCantTakeAreRefusedWholeAndTheRestReadsBack) {
         {"shorter than its own header", Bytes{0x74, 3, 0, 14}, 1, 0, false, false},
         {"cut off inside an epoch", padded(Bytes{0x74, 40, 0, 27, 21, 0x29, 0x09}, 40), 1, 0, true, false},
         {"117 satellites", tooManySatellites, 1, 0, false, false},
-        {"a clock term beyond seven bytes", datForm(*hugeClockTerm), 7, 15, false, false},
+        {"a clock term beyond seven bytes", nvbtest::datOf(*hugeClockTerm), 7, 15, false, false},
         {"a record 17 longer than its length byte can tell", longest17, 0, 15, false, false},
         {"the same in stored blocks", longest17, 1, 15, false, false},
         {"the same in zstd blocks", longest17, 7, 15, false, false},

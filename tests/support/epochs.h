@@ -23,24 +23,15 @@ inline std::unique_ptr<Rec27> newEpoch(double timeMs, float clockMs = 0.0f) {
 
 inline Rec27Sv& addSatellite(Rec27& epoch, std::uint8_t svId, std::uint8_t system, std::uint8_t svFlags = 0) {
     Rec27Sv& sv = epoch.sv[epoch.nSv++];
-    sv = Rec27Sv{};
-    sv.svBlockLen = 10;
-    sv.svId = svId;
-    sv.rt_sattype = system;
-    sv.svFlags = svFlags;
+    sv = Rec27Sv{.svBlockLen = 10, .svId = svId, .rt_sattype = system, .svFlags = svFlags};
     return sv;
 }
 
 inline Rec27Meas& addSignal(Rec27Sv& sv, std::uint8_t band, std::uint8_t track, double range, double phase,
                             std::uint8_t flags1 = 0x03) {
     Rec27Meas& meas = sv.meas[sv.nMeas++];
-    meas = Rec27Meas{};
-    meas.measBlockLen = 27;
-    meas.blockType = band;
-    meas.trackType = track;
-    meas.range = range;
-    meas.phase = phase;
-    meas.measFlags1 = flags1;
+    meas = Rec27Meas{
+        .measBlockLen = 27, .blockType = band, .trackType = track, .range = range, .phase = phase, .measFlags1 = flags1};
     return meas;
 }
 

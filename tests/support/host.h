@@ -8,6 +8,7 @@
 #include <nvbdll/nvbdll.h>
 
 #include "host/host_encoder.h"
+#include "pipeline/serialisation.h"
 #include "support/wire.h"
 
 #include <cstdint>
@@ -104,6 +105,13 @@ private:
 
 // A DAT record of a type whose DAT length is in byte 1 alone (14, 16, 22, 23, 24).
 Bytes shortDat(std::uint8_t type, std::uint8_t byte2, const Bytes& body);
+// The DAT form a host writes of a structure of its own (records 27, 29 and 17).
+template <typename Record>
+Bytes datOf(Record&& record) {
+    Bytes dat(1 << 16);
+    dat.resize(nvb::writeDatForm(record, dat.data(), dat.size()));
+    return dat;
+}
 // The DAT form of a structure: the header, then its first datLength - 4 bytes. Record 12
 // takes the high length byte in byte 2, every other type `byte2` (a subtype or 0).
 Bytes structDat(std::uint8_t type, std::uint8_t byte2, const void* rec, std::size_t datLength);

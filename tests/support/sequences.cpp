@@ -350,13 +350,6 @@ private:
     bool raim_ = false;
 };
 
-template <typename Record>
-Bytes datOf(Record&& record) {
-    Bytes dat(1 << 16);
-    dat.resize(nvb::writeDatForm(record, dat.data(), dat.size()));
-    return dat;
-}
-
 }  // namespace
 
 std::vector<Rec29Wire> solutionSequence(const SequenceShape& shape) {

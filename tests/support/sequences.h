@@ -92,8 +92,8 @@ Bytes editedEpoch(const Bytes& frame, const std::function<void(epoch_image_t&)>&
 
 // The epochs' sky is that of the epoch sequences, steady and on the first antenna: the
 // `satellites` of each of `systems` with `signals` each, without doppler, long flags, clock
-// block or events. A position is a fix that barely moves, from its epoch's satellites; the
-// older records are those of the position and measurement sequences, timed with their epoch.
+// block or events. Positions are the solutions' fixes through every optional block, and the
+// older records those of the position and measurement sequences, each timed with its epoch.
 struct LogShape {
     int epochs = 300;
     std::uint32_t intervalMs = 1000;
