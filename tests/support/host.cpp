@@ -32,16 +32,16 @@ Handle::~Handle() {
 namespace {
 
 void processAnnounced(nvb_expand_t* state, ReadEvent& event) {
-    if (event.result <= 0 || (event.status != 0 && event.status != 18)) return;
+    if (event.result <= 0 || (event.status != 0 && event.status != NVB_STATUS_RESYNCHRONISED)) return;
     if (event.isRecord()) event.frame.assign(state->frame.data, state->frame.data + state->frame.length);
     event.datLength = nvbdll_processNVBRecord(state, 0, &event.type, &event.processStatus);
     if (event.delivered()) {
         // Filled with a pattern, so that a byte retrieval leaves as the host's buffer held
         // it shows.
         event.dat.assign(event.datLength + 64u, 0xA5);
-        const std::uint16_t written = nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type),
-                                                        static_cast<std::uint16_t>(event.datLength), event.dat.data(),
-                                                        event.dat.size());
+        const std::uint16_t written =
+            nvb::wholeDatForm(*state, static_cast<std::int16_t>(event.type),
+                              static_cast<std::uint16_t>(event.datLength), event.dat.data(), event.dat.size());
         event.dat.resize(written != 0 ? written : event.datLength);
     }
 }
@@ -157,7 +157,8 @@ Processed process(nvb_expand_t* state, const Bytes& frame) {
 }
 
 ReadEvent processFrame(nvb_expand_t* state, const Bytes& frame) {
-    const Bytes stood(frame.begin(), frame.begin() + static_cast<long>(std::min(frame.size(), sizeof state->frame.data)));
+    const Bytes stood(frame.begin(),
+                      frame.begin() + static_cast<long>(std::min(frame.size(), sizeof state->frame.data)));
     standFrame(state, stood);
     ReadEvent event;
     event.result = static_cast<std::int32_t>(stood.size());

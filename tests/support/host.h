@@ -46,9 +46,11 @@ struct ReadEvent {
     std::uint16_t type = 0;       // type reported by nvbdll_processNVBRecord
     std::uint32_t datLength = 0;  // its result
     std::uint8_t processStatus = 0;
-    Bytes dat;  // DAT form when delivered, whole (records 34, 98, 99 too)
+    Bytes dat;  // DAT form when delivered, whole (records 29, 34, 98, 99 too)
 
-    bool isRecord() const { return result > 0 && result != 255 && (status == 0 || status == 18); }
+    bool isRecord() const {
+        return result > 0 && result != 255 && (status == 0 || status == NVB_STATUS_RESYNCHRONISED);
+    }
     bool delivered() const { return datLength > 0 && processStatus == 0; }
 };
 

@@ -6,7 +6,6 @@
 #include "rec35/rec35_envelope.h"
 #include "support/rec35_natives.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cmath>
@@ -175,7 +174,7 @@ std::uint8_t Rec35Writer::dat(const Bytes& dat) {
 namespace {
 
 void processRead(nvb_expand_t* state, Rec35Read& read, Rec35Reads& out) {
-    if (read.result <= 0 || (read.status != 0 && read.status != 18)) return;
+    if (read.result <= 0 || (read.status != 0 && read.status != NVB_STATUS_RESYNCHRONISED)) return;
     const std::uint32_t length = nvbdll_processNVBRecord(state, 0, &read.type, &read.processStatus);
     if (read.type != 0) out.statuses.push_back(read.processStatus);
     if (length == 0 || read.processStatus != 0) return;
@@ -201,26 +200,21 @@ std::uint64_t littleEndianAt(const Bytes& dat, std::size_t at, std::size_t count
 }  // namespace
 
 Rec35Reads readRec35Log(const Bytes& log, bool swallowSchemas, nvb_expand_t* state) {
-    nvb_expand_t* own = state == nullptr ? nvbdll_GetNVBStateHandle() : nullptr;
-    nvb_expand_t* reader = state != nullptr ? state : own;
-    if (own != nullptr) {
+    const Handle own;
+    nvb_expand_t* reader = state != nullptr ? state : own.get();
+    if (state == nullptr) {
         // The records as written: nothing becomes a plain record or is renumbered.
         own->convertRec35Sub2 = own->convertRec35Sub9 = own->convertRec35Sub19 = own->mapSystem7To10 = 0;
     }
     reader->rec35Assembly.schema_swallow = swallowSchemas ? 1 : 0;
     Rec35Reads reads;
-    for (const std::uint8_t byte : log) {
-        std::uint8_t more = 0;
-        bool haveByte = true;
-        do {
-            Rec35Read read;
-            read.result = nvbdll_getNVBRecordByByte(reader, byte, &read.status, haveByte ? 1 : 0, &more);
-            haveByte = false;
-            processRead(reader, read, reads);
-            if (read.result != 0 || read.status != 0) reads.all.push_back(read);
-        } while (more == 1);
-    }
-    nvbdll_FreeNVBStateHandle(own);
+    feedByByte(reader, log, Getter::NvbByByte, [&](std::int32_t result, std::uint8_t status) {
+        Rec35Read read;
+        read.result = result;
+        read.status = status;
+        processRead(reader, read, reads);
+        if (result != 0 || status != 0) reads.all.push_back(read);
+    });
     return reads;
 }
 
